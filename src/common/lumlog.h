@@ -1,0 +1,36 @@
+// The platform's logging library. A line in syslog reads
+//
+//     [ERROR] diag(1234) - remote:87 - packet is too small (3 bytes), ignoring
+//
+// level name, component, process id, source file, line, text. Each component has a threshold, at first 3
+// (error); the file that the environment variable LUMLOG_RC names changes it with lines KEY.level, '#'
+// starting a comment:
+//
+//     LUMLOG_DIAG.debug
+#pragma once
+
+// Levels are syslog's priorities; only 2, 3, 6 and 7 can be logged at.
+constexpr int LUMLOG_ERROR = 3;
+
+// The components whose messages this program logs.
+enum lumlog_facility {
+    LUMLOG_LUMLOG = 3,
+    LUMLOG_HWINFO = 6,
+    LUMLOG_DIAG = 17,
+    LUMLOG_FACILITIES = 21,
+};
+
+// Formats like printf and hands the line to syslog when the component's threshold lets the level pass. The
+// first call of the process reads the rc file. A level or facility that does not exist is itself reported.
+[[gnu::format(printf, 5, 6)]] void lumlog(int level, int facility, const char *file, int line,
+                                          const char *format, ...);
+
+// Sets every threshold to level and notes the process id; lumlog calls it on its first use.
+void lumlog_init(int level);
+
+// The next usable line of the rc file, split at its dots: 0 with key and value set, pointing into a buffer
+// that lives until the next call; -1 when there is no file or no line left, the file being closed then.
+int get_next_rcline(char **key, char **value);
+
+// Logs an error of the daemon. Each source file names itself in a constant log_source.
+#define log_error(...) lumlog(LUMLOG_ERROR, LUMLOG_DIAG, log_source, __LINE__, __VA_ARGS__)

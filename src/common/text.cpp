@@ -1,0 +1,56 @@
+#include "common/text.h"
+
+#include <charconv>
+#include <cstring>
+#include <new>
+
+std::string_view payload_text(const void *payload, int length)
+{
+    if (payload == nullptr || length <= 0) {
+        return {};
+    }
+    const std::string_view text(static_cast<const char *>(payload), static_cast<size_t>(length));
+    return text.substr(0, text.find('\0'));
+}
+
+bool parse_u32(std::string_view text, uint32_t &value)
+{
+    if (text.empty()) {
+        value = 0;
+        return true;
+    }
+    int base = 10;
+    if (text.starts_with("0x") || text.starts_with("0X")) {
+        base = 16;
+        text.remove_prefix(2);
+    } else if (text.starts_with('0')) {
+        base = 8;
+    }
+    uint32_t number = 0;
+    const char *const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number, base);
+    if (result.ec != std::errc() || result.ptr != end) {
+        return false;
+    }
+    value = number;
+    return true;
+}
+
+std::unique_ptr<char[]> copy_text(const char *text)
+{
+    const size_t size = strlen(text) + 1;
+    std::unique_ptr<char[]> copy(new (std::nothrow) char[size]);
+    if (copy) {
+        memcpy(copy.get(), text, size);
+    }
+    return copy;
+}
+
+std::unique_ptr<uint8_t[]> copy_bytes(const void *bytes, size_t length)
+{
+    std::unique_ptr<uint8_t[]> copy(new (std::nothrow) uint8_t[length]);
+    if (copy) {
+        memcpy(copy.get(), bytes, length);
+    }
+    return copy;
+}

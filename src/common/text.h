@@ -1,0 +1,19 @@
+// Text received from outside: MQTT payloads are not NUL-terminated and may hold anything.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+// The payload as text: up to its first NUL, or whole. A null payload is the empty text.
+std::string_view payload_text(const void *payload, int length);
+
+// Reads the whole text as an unsigned number, decimal, 0x-prefixed hexadecimal or 0-prefixed octal; the empty
+// text is 0. False, with value untouched, for a sign, a blank, anything left over or a number above
+// 4294967295.
+bool parse_u32(std::string_view text, uint32_t &value);
+
+// A copy that its owner frees, null when there is no memory.
+std::unique_ptr<char[]> copy_text(const char *text);
+std::unique_ptr<uint8_t[]> copy_bytes(const void *bytes, size_t length);

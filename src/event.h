@@ -1,0 +1,27 @@
+// The event loop: one epoll instance, one callback at a time, everything on one thread.
+#pragma once
+
+#include <cstdint>
+
+// fd: the descriptor that fired; events: what epoll_wait reported; arg: as given to event_add.
+// A callback treats any event but EPOLLIN as fatal, and a timer's callback first reads its 8-byte expiry
+// count.
+using event_callback = void (*)(int fd, uint32_t events, void *arg);
+
+// Creates the epoll instance. 0, or -1 (also when called twice).
+int event_init();
+
+// Watches fd, which stays the caller's, for the given epoll events. 0, or -1 with nothing registered.
+int event_add(int fd, uint32_t events, event_callback callback, void *arg);
+
+// Forgets fd without closing it; callbacks may remove any descriptor, their own included. 0, or -1.
+int event_remove(int fd);
+
+// Runs callbacks until terminate() is called (0), or until polling fails (-1).
+int event_loop();
+
+// Signal handler that main installs for SIGTERM: notes the signal and calls terminate().
+void sigterm_handler(int signum);
+
+// Whether SIGTERM has come: the one case in which the process exits with status 0.
+bool is_sigterm_received();
