@@ -1,0 +1,72 @@
+#include "log_capture.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+namespace
+{
+
+std::vector<log_line> lines;
+
+void keep_line(int priority, const char *format, va_list arguments)
+{
+    char *text = nullptr;
+    if (vasprintf(&text, format, arguments) < 0) {
+        abort();
+    }
+    lines.push_back({priority, text});
+    free(text);
+}
+
+} // namespace
+
+// The linker sends every call of syslog here; with fortified headers calls go to __syslog_chk instead.
+extern "C" {
+[[gnu::format(printf, 2, 3)]] void __wrap_syslog(int priority, const char *format, ...);
+[[gnu::format(printf, 3, 4)]] void __wrap___syslog_chk(int priority, int flag, const char *format, ...);
+
+void __wrap_syslog(int priority, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    keep_line(priority, format, arguments);
+    va_end(arguments);
+}
+
+void __wrap___syslog_chk(int priority, int, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    keep_line(priority, format, arguments);
+    va_end(arguments);
+}
+}
+
+const std::vector<log_line> &logged_lines()
+{
+    return lines;
+}
+
+void clear_log()
+{
+    lines.clear();
+}
+
+std::vector<std::string> logged_messages()
+{
+    std::vector<std::string> messages;
+    for (const log_line &line : lines) {
+        // "[ERROR] diag(1234) - broker:87 - text"
+        size_t start = 0;
+        for (int separators = 0; separators < 2; separators++) {
+            start = line.text.find(" - ", start);
+            if (start == std::string::npos) {
+                abort();
+            }
+            start += 3;
+        }
+        messages.push_back(line.text.substr(start));
+    }
+    return messages;
+}
