@@ -30,8 +30,7 @@ int find_port_in_local_topic(const char *topic, int *port_out);
 //     get_eos_version      first line of /REVISION
 //     get_priapp_version   first line of /REVISION_PRIAPP
 //     get_eboot_version    bootrev="NAME:VERSION TAIL" in /proc/cmdline; of the tail, what follows its first
-//     '-'
-//                          is set against the right edge of the version field
+//                          dash is set against the right edge of the version field
 int get_eos_version(char *name, size_t name_size, char *version, size_t version_size);
 int get_priapp_version(char *name, size_t name_size, char *version, size_t version_size);
 int get_eboot_version(char *name, size_t name_size, char *version, size_t version_size);

@@ -32,5 +32,7 @@ void lumlog_init(int level);
 // that lives until the next call; -1 when there is no file or no line left, the file being closed then.
 int get_next_rcline(char **key, char **value);
 
-// Logs an error of the daemon. Each source file names itself in a constant log_source.
-#define log_error(...) lumlog(LUMLOG_ERROR, LUMLOG_DIAG, log_source, __LINE__, __VA_ARGS__)
+// Logs an error of the daemon, or of another component of this program. Each source file names itself in a
+// constant log_source.
+#define log_error(...) log_component_error(LUMLOG_DIAG, __VA_ARGS__)
+#define log_component_error(facility, ...) lumlog(LUMLOG_ERROR, facility, log_source, __LINE__, __VA_ARGS__)

@@ -60,7 +60,8 @@ int hwinfo_get_card_addr();
 int hwinfo_get_card_offline();
 
 // Reads the card's description from the files that the VEXA_* variables name and selects its port map. Until
-// it has succeeded the port map queries fail and the getters give zeros.
+// then the port map queries fail and the getters give zeros; after a failure they give what was read before
+// it.
 int hwinfo_init();
 
 int hwinfo_get_hw_card_type(uint32_t *type_out);

@@ -9,7 +9,7 @@ namespace
 
 std::vector<log_line> lines;
 
-void keep_line(int priority, const char *format, va_list arguments)
+[[gnu::format(printf, 2, 0)]] void keep_line(int priority, const char *format, va_list arguments)
 {
     char *text = nullptr;
     if (vasprintf(&text, format, arguments) < 0) {

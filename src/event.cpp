@@ -1,0 +1,131 @@
+#include "event.h"
+
+#include "common/lumlog.h"
+#include "utils.h"
+
+#include <sys/epoll.h>
+#include <utlist.h>
+
+#include <cerrno>
+#include <csignal>
+#include <memory>
+#include <new>
+
+namespace
+{
+
+constexpr const char *log_source = "event";
+
+struct event {
+    int fd;
+    event_callback callback;
+    void *arg;
+    event *next;
+};
+
+int event_loop_fd = -1;
+event *events_list;
+volatile sig_atomic_t sigterm_received;
+
+} // namespace
+
+int event_init()
+{
+    if (event_loop_fd != -1) {
+        log_error("event loop is already initialized");
+        return -1;
+    }
+    event_loop_fd = epoll_create1(EPOLL_CLOEXEC);
+    if (event_loop_fd == -1) {
+        log_error("couldn't create epoll instance (errno %d)", errno);
+        return -1;
+    }
+    return 0;
+}
+
+int event_add(int fd, uint32_t events, event_callback callback, void *arg)
+{
+    if (callback == nullptr) {
+        log_error("NULL pointer received as argument");
+        return -1;
+    }
+    if (event_loop_fd == -1) {
+        log_error("event loop is not initialized");
+        return -1;
+    }
+    std::unique_ptr<event> added(new (std::nothrow) event{fd, callback, arg, nullptr});
+    if (!added) {
+        log_error("couldn't allocate new event");
+        return -1;
+    }
+    epoll_event registration{};
+    registration.events = events;
+    registration.data.ptr = added.get();
+    if (epoll_ctl(event_loop_fd, EPOLL_CTL_ADD, fd, &registration) == -1) {
+        log_error("couldn't add new event (errno %d)", errno);
+        return -1;
+    }
+    event *const record = added.release();
+    LL_PREPEND(events_list, record);
+    return 0;
+}
+
+int event_remove(int fd)
+{
+    if (event_loop_fd == -1) {
+        log_error("event loop is not initialized");
+        return -1;
+    }
+    event *record = nullptr;
+    LL_SEARCH_SCALAR(events_list, record, fd, fd);
+    if (record == nullptr) {
+        log_error("no event registered for file descriptor %d", fd);
+        return -1;
+    }
+    LL_DELETE(events_list, record);
+    delete record;
+    // The kernel has already forgotten a descriptor that was closed (ENOENT).
+    if (epoll_ctl(event_loop_fd, EPOLL_CTL_DEL, fd, nullptr) == -1 && errno != ENOENT) {
+        log_error("couldn't remove event (errno %d)", errno);
+        return -1;
+    }
+    return 0;
+}
+
+int event_loop()
+{
+    if (event_loop_fd == -1) {
+        log_error("event loop is not initialized");
+        return -1;
+    }
+    while (!is_terminated()) {
+        // One event at a time: a callback may free any record, also of a descriptor that is ready too.
+        epoll_event fired{};
+        const int count = epoll_wait(event_loop_fd, &fired, 1, -1);
+        if (count == -1) {
+            if (errno == EINTR) {
+                continue;
+            }
+            log_error("error while polling events (errno %d)", errno);
+            return -1;
+        }
+        if (count == 0) {
+            log_error("epoll_wait unexpectedly timed out");
+            continue;
+        }
+        const event *const record = static_cast<const event *>(fired.data.ptr);
+        record->callback(record->fd, fired.events, record->arg);
+    }
+    return 0;
+}
+
+void sigterm_handler(int)
+{
+    sigterm_received = 1;
+    terminate();
+}
+
+bool is_sigterm_received()
+{
+    return sigterm_received == 1;
+}
