@@ -39,13 +39,16 @@ inline constexpr std::array<uint32_t, SUMMARY_INFO_COUNT> summary_info_offsets =
 
 // The summary data byte by byte. In a mask bit n stands for front port n, bit 0 for A.
 enum summary_offset : size_t {
-    SUMMARY_NODE_NUM = 0,         // 1..255, 0 when the node was started without a number
-    SUMMARY_LINK_DOWN = 1,        // mask: link down
-    SUMMARY_GROUND = 2,           // mask: ground fault
-    SUMMARY_RED = 3,              // masks of the port status; a port is in one of them at most
-    SUMMARY_YELLOW = 4,           //
-    SUMMARY_GREEN = 5,            //
-    SUMMARY_MEDIA = 6,            // four masks in the order of the media codes: eth, dsl, smf, mmf
+    SUMMARY_NODE_NUM = 0,  // 1..255, 0 when the node was started without a number
+    SUMMARY_LINK_DOWN = 1, // mask: link down
+    SUMMARY_GROUND = 2,    // mask: ground fault
+    SUMMARY_RED = 3,       // masks of the port status; a port is in one of them at most
+    SUMMARY_YELLOW = 4,
+    SUMMARY_GREEN = 5,
+    SUMMARY_MEDIA_ETH = 6, // masks of the media, in the order of the media codes; likewise
+    SUMMARY_MEDIA_DSL = 7,
+    SUMMARY_MEDIA_SMF = 8,
+    SUMMARY_MEDIA_MMF = 9,
     SUMMARY_FIRE_PORTS = 10,      // mask: ports of type "fire"
     SUMMARY_SPUR_PORTS = 11,      // mask: ports of type "firespur"
     SUMMARY_MISWIRED = 12,        // mask: miswired
@@ -69,7 +72,12 @@ enum summary_offset : size_t {
     SUMMARY_PRIAPP_VERSION = 171,
     SUMMARY_SIZE = 211,
 };
-constexpr size_t SUMMARY_MEDIA_MASKS = 4;
+// The three bytes of a port in SUMMARY_MISWIRED_PEERS; they mean something only while its miswired bit is
+// set.
+constexpr size_t SUMMARY_MISWIRED_PEER_NODE = 0;
+constexpr size_t SUMMARY_MISWIRED_PEER_PORT = 1;
+constexpr size_t SUMMARY_MISWIRED_LOCAL_PORT = 2;
+constexpr size_t SUMMARY_MISWIRED_PEER_SIZE = 3;
 constexpr size_t SUMMARY_JOB_NAME_SIZE = 8;
 constexpr size_t SUMMARY_JOB_REVISION_SIZE = 3;
 constexpr size_t SUMMARY_DOWNLOAD_STATUS_SIZE = 2;

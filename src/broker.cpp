@@ -1,0 +1,586 @@
+#include "broker.h"
+
+#include "common/lumlog.h"
+#include "common/text.h"
+#include "common/unique_fd.h"
+#include "event.h"
+#include "utils.h"
+
+#include <mosquitto.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+#include <utlist.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <new>
+
+namespace
+{
+
+constexpr const char *log_source = "broker";
+
+constexpr const char *CLIENT_ID = "diag";
+constexpr const char *BROKER_ADDRESS = "127.0.0.1";
+constexpr int BROKER_PORT = 1885;
+constexpr int KEEPALIVE_S = 10;
+constexpr int QOS = 1;
+constexpr timespec CONNECT_RETRY_DELAY = {.tv_sec = 0, .tv_nsec = 50'000'000};
+constexpr int CONNECT_POLL_MS = 50;
+constexpr int CONNECT_LIMIT_S = 5;
+constexpr int DISCONNECT_POLL_MS = 20;
+constexpr int DISCONNECT_LIMIT_S = 1;
+constexpr itimerspec MAINTENANCE_PERIOD = {.it_interval = {.tv_sec = 0, .tv_nsec = 500'000'000},
+                                           .it_value = {.tv_sec = 0, .tv_nsec = 500'000'000}};
+constexpr time_t RETRY_AFTER_S = 1;
+constexpr unsigned MAX_RETRIES = 3;
+
+// A publication that the broker has not acknowledged yet.
+struct publication {
+    int mid; // of the last sending
+    std::unique_ptr<char[]> topic;
+    std::unique_ptr<uint8_t[]> payload; // null when the length is 0
+    size_t length;
+    bool retain;
+    timespec sent; // monotonic time of the last sending
+    unsigned retries;
+    publication *prev;
+    publication *next;
+};
+
+struct subscription {
+    int mid; // of the last SUBSCRIBE
+    std::unique_ptr<char[]> filter;
+    broker_callback callback;
+    void *arg;
+    bool acknowledged;
+    bool removed;  // while messages are dispatched: to be released after the walk
+    timespec sent; // monotonic time of the last SUBSCRIBE
+    unsigned retries;
+    subscription *next;
+};
+
+mosquitto *mosq;
+bool connected;
+bool dispatching;
+// Newest first. Doubly linked because acknowledgements come oldest first.
+publication *pending_publish;
+subscription *subscriptions; // newest first
+
+bool get_time(timespec &now)
+{
+    if (clock_gettime(CLOCK_MONOTONIC, &now) == -1) {
+        log_error("couldn't get time (errno %d)", errno);
+        return false;
+    }
+    return true;
+}
+
+bool is_due_for_retry(const timespec &now, const timespec &sent)
+{
+    return timespec_diff(&now, &sent).tv_sec >= RETRY_AFTER_S;
+}
+
+bool is_done_or_interrupted(int result)
+{
+    return result == MOSQ_ERR_SUCCESS || (result == MOSQ_ERR_ERRNO && errno == EINTR);
+}
+
+int send_publication(publication &record)
+{
+    return mosquitto_publish(mosq, &record.mid, record.topic.get(), static_cast<int>(record.length),
+                             record.payload.get(), QOS, record.retain);
+}
+
+int publish(const char *topic, const void *payload, size_t length, bool retain)
+{
+    std::unique_ptr<publication> record(new (std::nothrow) publication{});
+    if (!record) {
+        log_error("couldn't allocate publication structure");
+        return -1;
+    }
+    record->topic = copy_text(topic);
+    if (!record->topic) {
+        log_error("couldn't duplicate topic string");
+        return -1;
+    }
+    if (length > 0) {
+        if (payload == nullptr) {
+            log_error("invalid message length");
+            return -1;
+        }
+        record->payload = copy_bytes(payload, length);
+        if (!record->payload) {
+            log_error("couldn't allocate message copy");
+            return -1;
+        }
+    }
+    record->length = length;
+    record->retain = retain;
+    if (!get_time(record->sent)) {
+        return -1;
+    }
+    const int result = send_publication(*record);
+    if (result != MOSQ_ERR_SUCCESS) {
+        log_error("couldn't publish message on topic %s (%s)", topic, mosquitto_strerror(result));
+        return -1;
+    }
+    publication *const added = record.release();
+    DL_PREPEND(pending_publish, added);
+    return 0;
+}
+
+// Searches from the oldest record on, which is the one that the broker acknowledges next: a burst of a
+// thousand publications is acknowledged without walking past the others each time.
+publication *find_publication(int mid)
+{
+    publication *record = pending_publish == nullptr ? nullptr : pending_publish->prev; // the tail
+    while (record != nullptr && record->mid != mid) {
+        record = record == pending_publish ? nullptr : record->prev;
+    }
+    return record;
+}
+
+void publish_cb(mosquitto *, void *, int mid)
+{
+    publication *const record = find_publication(mid);
+    if (record != nullptr) {
+        DL_DELETE(pending_publish, record);
+        delete record;
+    }
+}
+
+// False when the maintenance tick has to end here.
+bool retry_publications()
+{
+    timespec now;
+    if (!get_time(now)) {
+        log_error("error while checking pending publish operations");
+        return false;
+    }
+    publication *record;
+    DL_FOREACH (pending_publish, record) {
+        if (!is_due_for_retry(now, record->sent)) {
+            continue;
+        }
+        if (record->retries >= MAX_RETRIES) {
+            log_error("publish on topic %s still failed after maximum number of retries, exiting",
+                      record->topic.get());
+            terminate();
+            break;
+        }
+        const int result = send_publication(*record);
+        if (result != MOSQ_ERR_SUCCESS) {
+            log_error("couldn't retry publish on topic %s (%s)", record->topic.get(),
+                      mosquitto_strerror(result));
+            log_error("error while checking pending publish operations");
+            return false;
+        }
+        record->retries++;
+        record->sent = now;
+    }
+    return true;
+}
+
+bool send_subscription(subscription &record)
+{
+    const int result = mosquitto_subscribe(mosq, &record.mid, record.filter.get(), QOS);
+    if (result != MOSQ_ERR_SUCCESS) {
+        log_error("couldn't subscribe to topic %s (%s)", record.filter.get(), mosquitto_strerror(result));
+        return false;
+    }
+    return true;
+}
+
+void subscribe_cb(mosquitto *, void *, int mid, int qos_count, const int *granted_qos)
+{
+    subscription *record;
+    LL_SEARCH_SCALAR(subscriptions, record, mid, mid);
+    if (record == nullptr) {
+        return;
+    }
+    record->acknowledged = true;
+    for (int i = 0; i < qos_count; i++) {
+        if (granted_qos[i] != QOS) {
+            log_error("granted QoS is wrong (%d, should be %d)", granted_qos[i], QOS);
+            terminate();
+            return;
+        }
+    }
+}
+
+// False when the maintenance tick has to end here.
+bool retry_subscriptions()
+{
+    timespec now;
+    if (!get_time(now)) {
+        log_error("error while checking pending subscriptions");
+        return false;
+    }
+    subscription *record;
+    LL_FOREACH (subscriptions, record) {
+        if (record->acknowledged || !is_due_for_retry(now, record->sent)) {
+            continue;
+        }
+        if (record->retries >= MAX_RETRIES) {
+            log_error("subscription on topic %s still failed after maximum number of retries, exiting",
+                      record->filter.get());
+            terminate();
+            break;
+        }
+        if (!send_subscription(*record)) {
+            log_error("error while checking pending subscriptions");
+            return false;
+        }
+        record->retries++;
+        record->sent = now;
+    }
+    return true;
+}
+
+// A callback may subscribe, which puts records in front of the walk, and unsubscribe, which only marks
+// records until the walk is over.
+void message_cb(mosquitto *, void *, const mosquitto_message *message)
+{
+    dispatching = true;
+    subscription *record;
+    LL_FOREACH (subscriptions, record) {
+        if (record->removed) {
+            continue;
+        }
+        bool matches = false;
+        if (mosquitto_topic_matches_sub(record->filter.get(), message->topic, &matches) != MOSQ_ERR_SUCCESS) {
+            log_error("couldn't check if topic %s matches %s", message->topic, record->filter.get());
+            terminate();
+            break;
+        }
+        if (matches) {
+            record->callback(message->topic, message->payload, message->payloadlen, record->arg);
+        }
+        if (is_terminated()) {
+            break;
+        }
+    }
+    dispatching = false;
+
+    subscription *next;
+    LL_FOREACH_SAFE (subscriptions, record, next) {
+        if (record->removed) {
+            LL_DELETE(subscriptions, record);
+            delete record;
+        }
+    }
+}
+
+void socket_cb(int, uint32_t events, void *)
+{
+    if (events != EPOLLIN) {
+        log_error("unexpected event(s) on file descriptor");
+        terminate();
+        return;
+    }
+    int result = mosquitto_loop_read(mosq, 1);
+    if (!is_done_or_interrupted(result)) {
+        log_error("couldn't carry out read operations (%s)", mosquitto_strerror(result));
+        terminate();
+        return;
+    }
+    // What callbacks published stays in the library's queue until its next write. One write now carries it to
+    // the broker at once; what a full socket leaves waits for the maintenance tick.
+    result = mosquitto_loop_write(mosq, 1);
+    if (!is_done_or_interrupted(result)) {
+        log_error("couldn't carry out write operations (%s)", mosquitto_strerror(result));
+        terminate();
+    }
+}
+
+// A broker that doesn't read fills the socket; the library then reports success with its output still
+// pending.
+bool is_socket_writable()
+{
+    pollfd socket = {.fd = mosquitto_socket(mosq), .events = POLLOUT, .revents = 0};
+    return poll(&socket, 1, 0) == 1;
+}
+
+bool maintain(int fd, uint32_t events)
+{
+    if (events != EPOLLIN) {
+        log_error("unexpected event(s) on file descriptor");
+        return false;
+    }
+    uint64_t expiries;
+    if (read(fd, &expiries, sizeof expiries) != sizeof expiries) {
+        log_error("couldn't clear maintenance timer (errno %d)", errno);
+        return false;
+    }
+    int result = mosquitto_loop_misc(mosq);
+    if (result != MOSQ_ERR_SUCCESS) {
+        log_error("error while performing maintenance (%s)", mosquitto_strerror(result));
+        return false;
+    }
+    while (mosquitto_want_write(mosq) && is_socket_writable()) {
+        result = mosquitto_loop_write(mosq, 1);
+        if (!is_done_or_interrupted(result)) {
+            log_error("couldn't carry out write operations (%s)", mosquitto_strerror(result));
+            return false;
+        }
+    }
+    return retry_publications() && retry_subscriptions();
+}
+
+void maintenance_cb(int fd, uint32_t events, void *)
+{
+    if (!maintain(fd, events)) {
+        close(fd);
+        terminate();
+    }
+}
+
+bool add_maintenance_timer()
+{
+    unique_fd timer(timerfd_create(CLOCK_MONOTONIC, 0));
+    if (!timer.is_open()) {
+        log_error("couldn't create maintenance timer (errno %d)", errno);
+        return false;
+    }
+    if (timerfd_settime(timer.get(), 0, &MAINTENANCE_PERIOD, nullptr) == -1) {
+        log_error("couldn't arm maintenance timer (errno %d)", errno);
+        return false;
+    }
+    if (event_add(timer.get(), EPOLLIN, maintenance_cb, nullptr) == -1) {
+        log_error("couldn't add mosquitto maintenance event");
+        return false;
+    }
+    timer.release(); // open until the process ends or a tick fails
+    return true;
+}
+
+bool add_events()
+{
+    const int socket = mosquitto_socket(mosq);
+    if (socket == -1) {
+        log_error("couldn't get mosquitto socket file descriptor");
+        return false;
+    }
+    if (event_add(socket, EPOLLIN, socket_cb, nullptr) == -1) {
+        log_error("couldn't add mosquitto socket handling events");
+        return false;
+    }
+    if (!add_maintenance_timer()) {
+        event_remove(socket);
+        return false;
+    }
+    return true;
+}
+
+void connect_cb(mosquitto *, void *, int code)
+{
+    if (code != 0) {
+        log_error("broker connection refused (code %d)", code);
+        terminate();
+    } else if (!add_events()) {
+        log_error("couldn't add mosquitto events to event loop");
+        terminate();
+    } else {
+        connected = true;
+    }
+}
+
+void disconnect_cb(mosquitto *, void *, int code)
+{
+    if (code != 0) {
+        log_error("unexpected disconnect from broker (code %d)", code);
+        terminate();
+    } else {
+        connected = false;
+    }
+}
+
+// Runs the library until the session is connected, or is not, as wanted. While it waits for the connection, a
+// request to terminate ends the wait like a success.
+int wait_for_connected(bool wanted, int poll_ms, int limit_s)
+{
+    timespec start;
+    if (!get_time(start)) {
+        return -1;
+    }
+    while (connected != wanted) {
+        if (wanted && is_terminated()) {
+            return 0;
+        }
+        const int result = mosquitto_loop(mosq, poll_ms, 1);
+        if (!is_done_or_interrupted(result)) {
+            log_error("error while running the mosquitto loop (%s)", mosquitto_strerror(result));
+            return -1;
+        }
+        timespec now;
+        if (!get_time(now)) {
+            return -1;
+        }
+        const timespec limit = {.tv_sec = limit_s, .tv_nsec = 0};
+        const timespec elapsed = timespec_diff(&now, &start);
+        if (timespec_cmp(&elapsed, &limit) > 0) {
+            log_error("mosquitto client status change timed out");
+            return -1;
+        }
+    }
+    return 0;
+}
+
+void destroy_client()
+{
+    mosquitto_destroy(mosq);
+    mosquitto_lib_cleanup();
+    mosq = nullptr;
+}
+
+bool is_missing(const void *pointer)
+{
+    if (pointer == nullptr) {
+        log_error("NULL pointer received as argument");
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+int broker_connect()
+{
+    if (mosq != nullptr) {
+        log_error("already connected to the broker");
+        return -1;
+    }
+    mosquitto_lib_init();
+    mosq = mosquitto_new(CLIENT_ID, true, nullptr);
+    if (mosq == nullptr) {
+        log_error("couldn't create mosquitto instance (errno %d)", errno);
+        mosquitto_lib_cleanup();
+        return -1;
+    }
+    mosquitto_connect_callback_set(mosq, connect_cb);
+    mosquitto_disconnect_callback_set(mosq, disconnect_cb);
+    mosquitto_publish_callback_set(mosq, publish_cb);
+    mosquitto_subscribe_callback_set(mosq, subscribe_cb);
+    mosquitto_message_callback_set(mosq, message_cb);
+    // An acknowledgement followed by a publication would otherwise wait some 40 ms for the broker's delayed
+    // acknowledgement of the first segment.
+    mosquitto_int_option(mosq, MOSQ_OPT_TCP_NODELAY, 1);
+
+    while (!is_terminated()) {
+        const int result = mosquitto_connect(mosq, BROKER_ADDRESS, BROKER_PORT, KEEPALIVE_S);
+        if (result == MOSQ_ERR_SUCCESS) {
+            break;
+        }
+        if (result != MOSQ_ERR_ERRNO || errno != ECONNREFUSED) {
+            log_error("couldn't request mosquitto connection (%s)", mosquitto_strerror(result));
+            destroy_client();
+            return -1;
+        }
+        nanosleep(&CONNECT_RETRY_DELAY, nullptr);
+    }
+    if (wait_for_connected(true, CONNECT_POLL_MS, CONNECT_LIMIT_S) == -1) {
+        log_error("couldn't connect mosquitto instance");
+        destroy_client();
+        return -1;
+    }
+    return 0;
+}
+
+int broker_disconnect()
+{
+    const int result = mosquitto_disconnect(mosq);
+    if (result != MOSQ_ERR_SUCCESS) {
+        log_error("couldn't request mosquitto disconnect (%s)", mosquitto_strerror(result));
+        return -1;
+    }
+    if (wait_for_connected(false, DISCONNECT_POLL_MS, DISCONNECT_LIMIT_S) == -1) {
+        log_error("couldn't disconnect mosquitto instance");
+        return -1;
+    }
+    destroy_client();
+    return 0;
+}
+
+int broker_publish(const char *topic, const void *payload, size_t length)
+{
+    if (is_missing(topic) || is_missing(payload)) {
+        return -1;
+    }
+    return publish(topic, payload, length, true);
+}
+
+int broker_publish_unretained(const char *topic, const void *payload, size_t length)
+{
+    if (is_missing(topic) || is_missing(payload)) {
+        return -1;
+    }
+    return publish(topic, payload, length, false);
+}
+
+int broker_unpublish(const char *topic)
+{
+    if (is_missing(topic)) {
+        return -1;
+    }
+    return publish(topic, nullptr, 0, true);
+}
+
+int broker_subscribe(const char *filter, broker_callback callback, void *arg)
+{
+    if (filter == nullptr || callback == nullptr) {
+        log_error("NULL pointer received as argument");
+        return -1;
+    }
+    std::unique_ptr<subscription> record(new (std::nothrow) subscription{});
+    if (!record) {
+        log_error("couldn't allocation subscription structure");
+        return -1;
+    }
+    record->filter = copy_text(filter);
+    if (!record->filter) {
+        log_error("couldn't duplicate topic string");
+        return -1;
+    }
+    record->callback = callback;
+    record->arg = arg;
+    if (!get_time(record->sent)) {
+        return -1;
+    }
+    if (!send_subscription(*record)) {
+        return -1;
+    }
+    subscription *const added = record.release();
+    LL_PREPEND(subscriptions, added);
+    return 0;
+}
+
+int broker_unsubscribe(const char *filter)
+{
+    if (is_missing(filter)) {
+        return -1;
+    }
+    subscription *record;
+    subscription *next;
+    LL_FOREACH_SAFE (subscriptions, record, next) {
+        if (strcmp(record->filter.get(), filter) != 0) {
+            continue;
+        }
+        if (dispatching) {
+            record->removed = true;
+        } else {
+            LL_DELETE(subscriptions, record);
+            delete record;
+        }
+    }
+    const int result = mosquitto_unsubscribe(mosq, nullptr, filter);
+    if (result != MOSQ_ERR_SUCCESS) {
+        log_error("couldn't unsubscribe from topic %s (%s)", filter, mosquitto_strerror(result));
+        return -1;
+    }
+    return 0;
+}

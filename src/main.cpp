@@ -1,0 +1,181 @@
+// Network diagnostics daemon of a panel card: start-up and shutdown in order.
+#include "broker.h"
+#include "common/lumlog.h"
+#include "common/netif.h"
+#include "event.h"
+#include "hwinfo/hwinfo.h"
+#include "remote.h"
+#include "summary.h"
+#include "utils.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace
+{
+
+constexpr const char *log_source = "main";
+
+constexpr int FIRE_WAIT_MS = 2000;
+constexpr long MAX_NODE_NUMBER = 255;
+
+bool install_signal_handlers()
+{
+    struct sigaction action {
+    };
+    sigemptyset(&action.sa_mask);
+    action.sa_handler = sigterm_handler;
+    if (sigaction(SIGTERM, &action, nullptr) == -1) {
+        log_error("couldn't set SIGTERM handler (errno %d)", errno);
+        return false;
+    }
+    // Writing to a broker that has gone is an error like any other, never the end by a signal.
+    signal(SIGPIPE, SIG_IGN);
+    return true;
+}
+
+bool parse_options(int argc, char **argv, uint8_t &node_number)
+{
+    int option;
+    while ((option = getopt(argc, argv, "n:")) != -1) {
+        if (option != 'n') {
+            log_error("unknown option -%c", option);
+            continue;
+        }
+        char *end;
+        errno = 0;
+        const long number = strtol(optarg, &end, 0);
+        if (errno != 0 || number < 1 || number > MAX_NODE_NUMBER || *end != '\0') {
+            log_error("invalid node number (%ld)", number);
+            return false;
+        }
+        node_number = static_cast<uint8_t>(number);
+    }
+    return true;
+}
+
+bool wait_for_fire_network()
+{
+    while (netif_wait_for_up(FIRE_INTERFACE, FIRE_WAIT_MS) != 0) {
+        if (is_terminated()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The local MAC address as text, null after logging why.
+const char *get_local_mac_text()
+{
+    uint8_t mac[MAC_SIZE];
+    if (hwinfo_get_local_mac_addr(mac) == -1) {
+        log_error("couldn't get local MAC address");
+        return nullptr;
+    }
+    const char *const text = mac_addr_to_str(mac);
+    if (text == nullptr) {
+        log_error("couldn't convert local MAC address");
+    }
+    return text;
+}
+
+bool publish_text(const char *topic, const char *text)
+{
+    if (broker_publish(topic, text, strlen(text)) == -1) {
+        log_error("couldn't publish %s to %s", text, topic);
+        return false;
+    }
+    return true;
+}
+
+bool publish_local_node()
+{
+    const char *const mac = get_local_mac_text();
+    return mac != nullptr && publish_text("pub/diag/local_node", mac);
+}
+
+bool publish_card_addr()
+{
+    const char *const mac = get_local_mac_text();
+    if (mac == nullptr) {
+        return false;
+    }
+    const int card_addr = hwinfo_get_card_addr();
+    if (card_addr == -1) {
+        log_error("couldn't get local card address");
+        return false;
+    }
+    char topic[64];
+    snprintf(topic, sizeof topic, "pub/diag/%s/card_addr", mac);
+    char payload[4];
+    if (snprintf(payload, sizeof payload, "%d", card_addr) >= static_cast<int>(sizeof payload)) {
+        log_error("couldn't format local card address");
+        return false;
+    }
+    return publish_text(topic, payload);
+}
+
+bool init_modules(uint8_t node_number)
+{
+    if (remote_init() == -1) {
+        log_error("couldn't initialize fire communications module");
+        return false;
+    }
+    if (summary_init(node_number) == -1) {
+        log_error("couldn't initialize node summary module");
+        return false;
+    }
+    return true;
+}
+
+// Every step of the start-up in order, up to the running event loop; false when one has failed.
+bool start(int argc, char **argv, uint8_t &node_number)
+{
+    if (!install_signal_handlers() || !parse_options(argc, argv, node_number)) {
+        return false;
+    }
+    srand(node_number);
+    if (event_init() == -1) {
+        log_error("couldn't initialize event loop");
+        return false;
+    }
+    if (!wait_for_fire_network()) {
+        return false;
+    }
+    if (broker_connect() == -1) {
+        log_error("couldn't connect to the broker");
+        return false;
+    }
+    // The client library has seeded the generator from the clock meanwhile. A node's first delays and
+    // challenges follow from its number.
+    srand(node_number);
+    if (!publish_local_node()) {
+        log_error("couldn't publish local node information");
+        return false;
+    }
+    if (!publish_card_addr()) {
+        log_error("couldn't publish card address");
+        return false;
+    }
+    return init_modules(node_number);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    uint8_t node_number = 0;
+    if (start(argc, argv, node_number)) {
+        event_loop();
+    }
+    // Whatever ended the run; each logs its own failure.
+    remote_send_goodbye();
+    broker_disconnect();
+    return is_sigterm_received() ? EXIT_SUCCESS : EXIT_FAILURE;
+}
