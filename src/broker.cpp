@@ -58,7 +58,7 @@ struct subscription {
     broker_callback callback;
     void *arg;
     bool acknowledged;
-    bool removed;  // while messages are dispatched: to be released after the walk
+    bool removed;  // to be released, which waits for the end of a running dispatch
     timespec sent; // monotonic time of the last SUBSCRIBE
     unsigned retries;
     subscription *next;
@@ -242,6 +242,19 @@ bool retry_subscriptions()
     return true;
 }
 
+void release_removed_subscriptions()
+{
+    for (subscription **link = &subscriptions; *link != nullptr;) {
+        subscription *const record = *link;
+        if (record->removed) {
+            *link = record->next;
+            delete record;
+        } else {
+            link = &record->next;
+        }
+    }
+}
+
 // A callback may subscribe, which puts records in front of the walk, and unsubscribe, which only marks
 // records until the walk is over.
 void message_cb(mosquitto *, void *, const mosquitto_message *message)
@@ -266,14 +279,7 @@ void message_cb(mosquitto *, void *, const mosquitto_message *message)
         }
     }
     dispatching = false;
-
-    subscription *next;
-    LL_FOREACH_SAFE (subscriptions, record, next) {
-        if (record->removed) {
-            LL_DELETE(subscriptions, record);
-            delete record;
-        }
-    }
+    release_removed_subscriptions();
 }
 
 void socket_cb(int, uint32_t events, void *)
@@ -565,17 +571,11 @@ int broker_unsubscribe(const char *filter)
         return -1;
     }
     subscription *record;
-    subscription *next;
-    LL_FOREACH_SAFE (subscriptions, record, next) {
-        if (strcmp(record->filter.get(), filter) != 0) {
-            continue;
-        }
-        if (dispatching) {
-            record->removed = true;
-        } else {
-            LL_DELETE(subscriptions, record);
-            delete record;
-        }
+    LL_FOREACH (subscriptions, record) {
+        record->removed = record->removed || strcmp(record->filter.get(), filter) == 0;
+    }
+    if (!dispatching) {
+        release_removed_subscriptions();
     }
     const int result = mosquitto_unsubscribe(mosq, nullptr, filter);
     if (result != MOSQ_ERR_SUCCESS) {
