@@ -5,6 +5,7 @@
 #include "event.h"
 #include "hwinfo/hwinfo.h"
 #include "remote.h"
+#include "stats.h"
 #include "summary.h"
 #include "utils.h"
 
@@ -123,6 +124,10 @@ bool publish_card_addr()
 
 bool init_modules(uint8_t node_number)
 {
+    if (stats_init() == -1) {
+        log_error("couldn't initialize port statistics module");
+        return false;
+    }
     if (remote_init() == -1) {
         log_error("couldn't initialize fire communications module");
         return false;

@@ -7,6 +7,7 @@
 #include "common/unique_fd.h"
 #include "event.h"
 #include "hwinfo/hwinfo.h"
+#include "stats.h"
 #include "summary.h"
 #include "utils.h"
 
@@ -57,6 +58,21 @@ int process_summary(const packet &received)
     return summary_process(received.source_mac, received.payload.data(), received.payload.size());
 }
 
+int process_reset_stats(const packet &received)
+{
+    const auto port = static_cast<int8_t>(received.payload[0]);
+    if (stats_reset_port(port) == -1) {
+        log_error("couldn't reset port %s's statistics", port_name(port).text);
+        return -1;
+    }
+    return 0;
+}
+
+int process_reset_all_stats(const packet &)
+{
+    return stats_reset_all();
+}
+
 int process_goodbye(const packet &received)
 {
     if (summary_clear(received.source_mac) == -1) {
@@ -78,9 +94,10 @@ constexpr packet_handling HANDLING[PACKET_TYPES] = {
     {PACKET_TOPIC_DATA, 0, 0, "received invalid topic data, ignoring", nullptr,
      "couldn't process topic data"},
     {PACKET_CLIENT_KEEPALIVE, 4, NO_TEXT, "received invalid client keepalive, ignoring", nullptr, nullptr},
-    {PACKET_RESET_STATS, 1, NO_TEXT, "received invalid reset-stats request, ignoring", nullptr,
+    {PACKET_RESET_STATS, 1, NO_TEXT, "received invalid reset-stats request, ignoring", process_reset_stats,
      "couldn't process reset-stats request"},
-    {PACKET_RESET_ALL_STATS, 0, NO_TEXT, nullptr, nullptr, "couldn't process reset-all-stats request"},
+    {PACKET_RESET_ALL_STATS, 0, NO_TEXT, nullptr, process_reset_all_stats,
+     "couldn't process reset-all-stats request"},
     {PACKET_ACTIVATE, 5, NO_TEXT, "received invalid activate or remote download request, ignoring", nullptr,
      "couldn't process activate request"},
     {PACKET_REMOTE_DOWNLOAD, 5, NO_TEXT, "received invalid activate or remote download request, ignoring",
