@@ -83,9 +83,15 @@ std::string port_topic(const card_port &port, const char *leaf)
     return "local/diag/port/" + port.name + '/' + leaf;
 }
 
-std::string own_topic(const char *leaf) { return "pub/diag/" + mac_text + '/' + leaf; }
+std::string own_topic(const char *leaf)
+{
+    return "pub/diag/" + mac_text + '/' + leaf;
+}
 
-void byte_fact(const std::string &topic, uint8_t value) { fact(topic, std::span(&value, 1)); }
+void byte_fact(const std::string &topic, uint8_t value)
+{
+    fact(topic, std::span(&value, 1));
+}
 
 void publish_settings(const card_port &port)
 {
@@ -216,7 +222,10 @@ struct answer {
     std::string text;
 };
 
-answer error(std::string text) { return {false, std::move(text)}; }
+answer error(std::string text)
+{
+    return {false, std::move(text)};
+}
 
 bool parse_number(std::string_view text, uint32_t &value)
 {
@@ -421,8 +430,8 @@ void control_accept(int listener)
         rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
     }
     answer reply = run_command(command);
-    reply.text.insert(0, reply.good ? "+" : "-");
-    send(client.get(), reply.text.data(), reply.text.size(), MSG_NOSIGNAL);
+    std::string packet_out = (reply.good ? '+' : '-') + reply.text;
+    send(client.get(), packet_out.data(), packet_out.size(), MSG_NOSIGNAL);
 }
 
 int control(const char *path, char **arguments)
@@ -455,7 +464,8 @@ bool add_port(std::string_view text)
     card_port port;
     size_t equals = text.find('=');
     port.name = text.substr(0, equals);
-    if (equals == std::string_view::npos || hwinfo_lumport_str_to_enum(port.name.c_str(), &port.number) == -1) {
+    if (equals == std::string_view::npos ||
+        hwinfo_lumport_str_to_enum(port.name.c_str(), &port.number) == -1) {
         return false;
     }
     text.remove_prefix(equals + 1);

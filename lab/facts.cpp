@@ -38,7 +38,10 @@ void connect_cb(mosquitto *, void *, int result)
     }
 }
 
-void disconnect_cb(mosquitto *, void *, int) { connected = false; }
+void disconnect_cb(mosquitto *, void *, int)
+{
+    connected = false;
+}
 
 void message_cb(mosquitto *, void *, const mosquitto_message *message)
 {
@@ -65,9 +68,15 @@ bool facts_open()
     return true;
 }
 
-int facts_fd() { return mosquitto_socket(session); }
+int facts_fd()
+{
+    return mosquitto_socket(session);
+}
 
-bool facts_want_write() { return mosquitto_want_write(session); }
+bool facts_want_write()
+{
+    return mosquitto_want_write(session);
+}
 
 void facts_step()
 {
@@ -81,9 +90,15 @@ void facts_step()
     mosquitto_loop_misc(session);
 }
 
-bool facts_connected() { return connected; }
+bool facts_connected()
+{
+    return connected;
+}
 
-unsigned facts_daemon_starts() { return daemon_starts; }
+unsigned facts_daemon_starts()
+{
+    return daemon_starts;
+}
 
 void fact_again(const std::string &topic, std::span<const uint8_t> value)
 {
@@ -95,8 +110,8 @@ void fact_again(const std::string &topic, std::span<const uint8_t> value)
 void fact(const std::string &topic, std::span<const uint8_t> value)
 {
     auto kept = values.find(topic);
-    if (kept == values.end() || !std::equal(value.begin(), value.end(), kept->second.begin(),
-                                            kept->second.end())) {
+    if (kept == values.end() ||
+        !std::equal(value.begin(), value.end(), kept->second.begin(), kept->second.end())) {
         fact_again(topic, value);
     }
 }

@@ -23,10 +23,10 @@ constexpr size_t MESSAGE_MAX = 65536;
 // "Mar  1 12:00:00 ", put before each message by the sender's C library; the log has a finer time.
 constexpr size_t SENDER_TIME_SIZE = 16;
 
-constexpr const char *FACILITIES[] = {"kern",     "user",   "mail",   "daemon", "auth",   "syslog",
-                                      "lpr",      "news",   "uucp",   "cron",   "authpriv", "ftp",
-                                      "ntp",      "audit",  "alert",  "clock",  "local0", "local1",
-                                      "local2",   "local3", "local4", "local5", "local6", "local7"};
+constexpr const char *FACILITIES[] = {"kern",   "user",   "mail",   "daemon", "auth",     "syslog",
+                                      "lpr",    "news",   "uucp",   "cron",   "authpriv", "ftp",
+                                      "ntp",    "audit",  "alert",  "clock",  "local0",   "local1",
+                                      "local2", "local3", "local4", "local5", "local6",   "local7"};
 constexpr const char *SEVERITIES[] = {"emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"};
 
 int device_fd = -1;

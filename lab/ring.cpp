@@ -104,8 +104,10 @@ void ring_tick()
     if (own_failure) {
         send_state(STATE_SIGNAL_FAIL);
     }
-    std::erase_if(failed_nodes,
-                  [](const auto &node) { return now() - node.second >= SILENCE_SECONDS; });
+    std::erase_if(failed_nodes, [](const auto &node) { return now() - node.second >= SILENCE_SECONDS; });
 }
 
-bool ring_is_intact() { return !own_failure && failed_nodes.empty(); }
+bool ring_is_intact()
+{
+    return !own_failure && failed_nodes.empty();
+}
