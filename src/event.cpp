@@ -84,7 +84,7 @@ int event_remove(int fd)
     }
     LL_DELETE(events_list, record);
     delete record;
-    // The kernel has already forgotten a descriptor that was closed (ENOENT).
+    // ENOENT: the descriptor was closed meanwhile, and its number now belongs to another file.
     if (epoll_ctl(event_loop_fd, EPOLL_CTL_DEL, fd, nullptr) == -1 && errno != ENOENT) {
         log_error("couldn't remove event (errno %d)", errno);
         return -1;

@@ -53,9 +53,9 @@ void clear_log()
     lines.clear();
 }
 
-std::vector<std::string> logged_messages()
+log_messages logged_messages()
 {
-    std::vector<std::string> messages;
+    log_messages messages;
     for (const log_line &line : lines) {
         // "[ERROR] diag(1234) - broker:87 - text"
         size_t start = 0;

@@ -13,6 +13,8 @@ struct log_line {
 const std::vector<log_line> &logged_lines();
 void clear_log();
 
+using log_messages = std::vector<std::string>;
+
 // The same lines, only what follows "[LEVEL] component(pid) - file:line - ", for comparison with the messages
 // that a step must log, in order.
-std::vector<std::string> logged_messages();
+log_messages logged_messages();
