@@ -52,16 +52,16 @@ TEST(lumlog, line_names_level_component_process_and_place)
     lumlog(LOG_INFO, LUMLOG_DIAG, "x", 1, "shown");
     lumlog(LOG_DEBUG, LUMLOG_LUMLOG, "x", 2, "shown");
 
-    const std::string pid = "(" + std::to_string(getpid()) + ")";
+    const std::string pid = std::to_string(getpid());
     const struct {
         int priority;
         std::string text;
     } expected[] = {
         {LOG_LOCAL7 | LOG_ERR,
-         "[ERROR] diag" + pid + " - remote:87 - packet is too small (3 bytes), ignoring"},
-        {LOG_LOCAL4 | LOG_CRIT, "[CRITICAL] hwinfo" + pid + " - hwinfo/hwinfo.c:5 - 50% off"},
-        {LOG_LOCAL7 | LOG_INFO, "[INFO] diag" + pid + " - x:1 - shown"},
-        {LOG_LOCAL4 | LOG_DEBUG, "[DEBUG] lumlog" + pid + " - x:2 - shown"},
+         "[ERROR] diag(" + pid + ") - remote:87 - packet is too small (3 bytes), ignoring"},
+        {LOG_LOCAL4 | LOG_CRIT, "[CRITICAL] hwinfo(" + pid + ") - hwinfo/hwinfo.c:5 - 50% off"},
+        {LOG_LOCAL7 | LOG_INFO, "[INFO] diag(" + pid + ") - x:1 - shown"},
+        {LOG_LOCAL4 | LOG_DEBUG, "[DEBUG] lumlog(" + pid + ") - x:2 - shown"},
     };
     ASSERT_EQ(logged_lines().size(), std::size(expected));
     for (size_t i = 0; i < std::size(expected); i++) {
