@@ -107,7 +107,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         rc_case{"of_one_component_only", "LUMLOG_DIAG.debug\n", 7, 3},
         rc_case{"in_any_case", "lumlog_diag.CRIT", 2, 3},
-        rc_case{"where_a_comment_follows", "LUMLOG_DIAG.debug # note\nLUMLOG_HWINFO#.debug\n", 7, 3},
+        rc_case{"where_a_comment_follows", "LUMLOG_DIAG.debug # note\n", 7, 3},
         rc_case{"past_comments_and_empty_lines", "# anything\n\nLUMLOG_DIAG.info\n", 6, 3},
         rc_case{"from_a_prefix_of_the_value", "LUMLOG_DIAG.warning\nLUMLOG_HWINFO.debugger\n", 4, 7},
         rc_case{"not_from_an_abbreviation", "LUMLOG_DIAG.deb\nLUMLOG_HWINFO.none\n", 3, 3},
@@ -122,6 +122,21 @@ INSTANTIATE_TEST_SUITE_P(
                 0, 6},
         rc_case{"past_junk", std::string("\0.\0\n\xff\xfe.x\n.\n...\nLUMLOG\nLUMLOG_DIAG.alert", 39), 1, 3}),
     [](const auto &test) { return std::string(test.param.name); });
+
+TEST(lumlog, rc_line_is_cut_at_its_comment_and_split_at_dots_alone)
+{
+    const temp_file rc("A.b # c.d\n#x.y\nkey#.value\n\n\n k ..v w.x\nlast.\nE.f\n");
+    setenv("LUMLOG_RC", rc.path(), 1);
+    char *key = nullptr;
+    char *value = nullptr;
+    for (const auto &[expected_key, expected_value] :
+         {std::pair("A", "b "), {" k ", "v w"}, {"last", "\n"}, {"E", "f\n"}}) {
+        ASSERT_EQ(get_next_rcline(&key, &value), 0);
+        EXPECT_STREQ(key, expected_key);
+        EXPECT_STREQ(value, expected_value);
+    }
+    EXPECT_EQ(get_next_rcline(&key, &value), -1);
+}
 
 TEST(lumlog, rc_file_is_read_at_the_first_message_and_never_again)
 {
