@@ -1,0 +1,737 @@
+#include "model.h"
+
+#include "common/text.h"
+#include "summary.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+
+namespace
+{
+
+using bytes = std::span<const uint8_t>;
+using changes = std::vector<std::string>;
+
+constexpr std::string_view DIAG_PREFIX = "pub/diag/";
+constexpr size_t MAC_TEXT_SIZE = MAC_STR_SIZE - 1;
+constexpr const char *PORT_LIST_NAMES[PORT_LISTS] = {"link-down list", "ground list", "miswired list"};
+constexpr const char *PORT_LIST_TOPICS[PORT_LISTS] = {
+    "pub/diag/net/fire/link_down", "pub/diag/net/fire/grnd_list", "pub/diag/net/fire/miswired"};
+constexpr const char *COLOUR_NAMES[] = {"green", "yellow", "red"}; // by port_status
+constexpr std::string_view PERIOD_PREFIX = "period";
+constexpr std::string_view DAY_PREFIX = "day";
+
+std::string quoted(const std::string &text)
+{
+    return "'" + text + "'";
+}
+
+std::string counted(size_t size)
+{
+    return std::to_string(size) + (size == 1 ? " byte" : " bytes");
+}
+
+// Outside text as it can be shown in any terminal.
+std::string printable(std::string_view text)
+{
+    std::string shown;
+    for (const char c : text) {
+        if (c >= ' ' && c <= '~') {
+            shown += c;
+        } else {
+            char escape[8];
+            snprintf(escape, sizeof escape, "\\x%02X", static_cast<unsigned>(static_cast<uint8_t>(c)));
+            shown += escape;
+        }
+    }
+    return shown;
+}
+
+std::string_view as_text(bytes payload)
+{
+    return {reinterpret_cast<const char *>(payload.data()), payload.size()};
+}
+
+std::string_view trimmed(std::string_view text)
+{
+    const size_t first = text.find_first_not_of(' ');
+    if (first == std::string_view::npos) {
+        return {};
+    }
+    return text.substr(first, text.find_last_not_of(' ') - first + 1);
+}
+
+// Takes two hexadecimal digits off the front.
+bool take_hex_byte(std::string_view &text, uint8_t &value)
+{
+    if (text.size() < 2) {
+        return false;
+    }
+    const auto result = std::from_chars(text.data(), text.data() + 2, value, 16);
+    if (result.ec != std::errc() || result.ptr != text.data() + 2) {
+        return false;
+    }
+    text.remove_prefix(2);
+    return true;
+}
+
+// With separator 0 the bytes follow one another directly.
+std::optional<mac_address> parse_mac(std::string_view text, char separator)
+{
+    mac_address mac{};
+    for (size_t i = 0; i < mac.size(); i++) {
+        if (i > 0 && separator != 0) {
+            if (!text.starts_with(separator)) {
+                return {};
+            }
+            text.remove_prefix(1);
+        }
+        if (!take_hex_byte(text, mac[i])) {
+            return {};
+        }
+    }
+    if (!text.empty()) {
+        return {};
+    }
+    return mac;
+}
+
+// The one form that topics use.
+std::optional<mac_address> parse_topic_mac(std::string_view text)
+{
+    const std::optional<mac_address> mac = parse_mac(text, '-');
+    if (mac && mac_text(*mac) != text) {
+        return {};
+    }
+    return mac;
+}
+
+std::optional<int> parse_topic_port(std::string_view text)
+{
+    for (int port = LUM_PORT_A; port <= LUM_PORT_CPU; port++) {
+        if (text == hwinfo_lumport_enum_to_str_bigcap(port)) {
+            return port;
+        }
+    }
+    return {};
+}
+
+// {"A":"green","C":"red"}: each front port once at most. name_of gives the word of a code, codes counting
+// from 0 to count - 1; ports that are left out get none.
+std::optional<port_codes> parse_port_codes(bytes payload, const char *(*name_of)(int), int count, int none)
+{
+    port_codes codes;
+    codes.fill(none);
+    std::string_view text = as_text(payload);
+    if (!text.starts_with('{') || !text.ends_with('}') || text.size() < 2) {
+        return {};
+    }
+    text = text.substr(1, text.size() - 2);
+    while (!text.empty()) {
+        const std::string_view entry = text.substr(0, text.find(','));
+        text.remove_prefix(entry.size());
+        if (text == ",") {
+            return {};
+        }
+        text.remove_prefix(std::min<size_t>(text.size(), 1));
+        // "A":"word"
+        constexpr size_t WORD = 5;
+        if (entry.size() <= WORD || entry[0] != '"' || entry.substr(2, 3) != "\":\"" || entry.back() != '"') {
+            return {};
+        }
+        const std::optional<int> port = parse_topic_port(entry.substr(1, 1));
+        const std::string_view word = entry.substr(WORD, entry.size() - WORD - 1);
+        int code = 0;
+        while (code < count && word != name_of(code)) {
+            code++;
+        }
+        if (!port || code == count || codes[static_cast<size_t>(*port)] != none) {
+            return {};
+        }
+        codes[static_cast<size_t>(*port)] = code;
+    }
+    return codes;
+}
+
+const char *colour_name(int status)
+{
+    return COLOUR_NAMES[status];
+}
+
+std::optional<port_codes> parse_colours(bytes payload)
+{
+    return parse_port_codes(payload, colour_name, PORT_STATUS_NONE, PORT_STATUS_NONE);
+}
+
+std::optional<port_codes> parse_media(bytes payload)
+{
+    return parse_port_codes(payload, hwinfo_lumtype_enum_to_str, LUM_TYPE_NONE, LUM_TYPE_NONE);
+}
+
+std::optional<std::vector<software_version>> parse_versions(bytes payload)
+{
+    if (payload.size() != VERSIONS_TEXT_SIZE) {
+        return {};
+    }
+    std::vector<software_version> versions;
+    for (std::string_view text = as_text(payload); !text.empty();) {
+        constexpr size_t COLON = VERSIONS_TEXT_NAME_SIZE;
+        constexpr size_t SEMICOLON = COLON + 1 + VERSIONS_TEXT_VERSION_SIZE;
+        if (text[COLON] != ':' || text[SEMICOLON] != ';') {
+            return {};
+        }
+        versions.push_back({printable(trimmed(text.substr(0, COLON))),
+                            printable(trimmed(text.substr(COLON + 1, VERSIONS_TEXT_VERSION_SIZE)))});
+        text.remove_prefix(SEMICOLON + 1);
+    }
+    return versions;
+}
+
+// The decoders of the topics that hold one value: empty for a malformed payload.
+
+std::optional<std::string> valid_if(bool is_valid, bytes payload)
+{
+    return is_valid ? std::optional(std::string(as_text(payload))) : std::nullopt;
+}
+
+std::optional<std::string> decode_port_summary(bytes payload)
+{
+    return valid_if(parse_colours(payload).has_value(), payload);
+}
+
+std::optional<std::string> decode_port_media(bytes payload)
+{
+    return valid_if(parse_media(payload).has_value(), payload);
+}
+
+template <size_t SIZE>
+std::optional<std::string> decode_text(bytes payload)
+{
+    if (payload.size() > SIZE) {
+        return {};
+    }
+    return printable(payload_text(payload.data(), static_cast<int>(payload.size())));
+}
+
+std::optional<std::string> decode_download_status(bytes payload)
+{
+    if (payload.size() != SUMMARY_DOWNLOAD_STATUS_SIZE) {
+        return {};
+    }
+    char text[8];
+    snprintf(text, sizeof text, "%02X %02X", unsigned{payload[0]}, unsigned{payload[1]});
+    return text;
+}
+
+template <uint32_t MAX>
+std::optional<std::string> decode_number(bytes payload)
+{
+    uint32_t value = 0;
+    if (!parse_u32(as_text(payload), value) || value > MAX) {
+        return {};
+    }
+    return std::to_string(value);
+}
+
+std::optional<std::string> decode_flag(bytes payload)
+{
+    if (payload.size() != 1) {
+        return {};
+    }
+    return payload[0] == '1' ? "on" : "off";
+}
+
+std::optional<std::string> decode_versions(bytes payload)
+{
+    const auto versions = parse_versions(payload);
+    if (!versions) {
+        return {};
+    }
+    std::string text;
+    for (const software_version &item : *versions) {
+        text += (text.empty() ? "" : ", ") + item.name + " " + item.version;
+    }
+    return text;
+}
+
+struct node_topic_row {
+    const char *name;
+    const char *label;
+    std::optional<std::string> (*decode)(bytes);
+};
+
+constexpr uint32_t ANY_U32 = UINT32_MAX;
+constexpr uint32_t REPEATER_MAX = 255;
+constexpr uint32_t CARD_ADDR_MAX = 127;
+
+// By node_topic.
+constexpr std::array<node_topic_row, NODE_TOPICS> node_topics = {{
+    {"port_summary", "port colours", decode_port_summary},
+    {"port_media", "port media", decode_port_media},
+    {"job_rev", "job revision", decode_text<SUMMARY_JOB_REVISION_SIZE>},
+    {"job_name", "job name", decode_text<SUMMARY_JOB_NAME_SIZE>},
+    {"download_status", "download status", decode_download_status},
+    {"CF_free_space", "free space in CF", decode_number<ANY_U32>},
+    {"M301", "M301", decode_flag},
+    {"M702", "M702", decode_flag},
+    {"comm_loss", "comm loss", decode_flag},
+    {"download_pending", "download pending", decode_flag},
+    {"repeater", "repeater", decode_number<REPEATER_MAX>},
+    {"software_versions", "versions", decode_versions},
+    {"card_addr", "card address", decode_number<CARD_ADDR_MAX>},
+}};
+
+node &node_of(network &net, const mac_address &mac)
+{
+    node &found = net.nodes[mac];
+    found.mac = mac;
+    return found;
+}
+
+std::string node_label(const network &net, const mac_address &mac)
+{
+    std::string label = "node " + mac_text(mac);
+    const auto found = net.nodes.find(mac);
+    if (found != net.nodes.end() && found->second.number) {
+        label += " (" + std::to_string(*found->second.number) + ")";
+    }
+    return label;
+}
+
+template <typename T>
+void set_fact(fact<T> &target, bytes payload, std::optional<T> value)
+{
+    target.is_published = !payload.empty();
+    target.size = payload.size();
+    target.value = payload.empty() ? std::nullopt : std::move(value);
+}
+
+template <typename T>
+bool is_malformed(const fact<T> &value)
+{
+    return value.is_published && !value.value;
+}
+
+// The changes from one set of ports to the next. A set that is told for the first time comes in one line.
+void describe_port_codes(const std::string &who, const char *what, const port_codes &before,
+                         const port_codes &after, bool is_first, const char *(*name_of)(int), int none,
+                         changes &out)
+{
+    std::string all;
+    for (size_t port = 0; port < after.size(); port++) {
+        const std::string name = port_text(static_cast<int>(port));
+        if (is_first && after[port] != none) {
+            all += (all.empty() ? "" : ", ") + name + " " + name_of(after[port]);
+        }
+        if (is_first || after[port] == before[port]) {
+            continue;
+        }
+        std::string line = who + " port " + name + " " + what;
+        line += after[port] == none ? "none" : name_of(after[port]);
+        if (before[port] != none) {
+            line += std::string(" (was ") + name_of(before[port]) + ")";
+        }
+        out.push_back(line);
+    }
+    if (!all.empty()) {
+        out.push_back(who + " ports " + what + all);
+    }
+}
+
+void describe_node_topic(const network &net, const node &before, const node &after, int topic, bool is_first,
+                         changes &out)
+{
+    const std::string who = node_label(net, after.mac);
+    const fact<std::string> &was = before.facts[static_cast<size_t>(topic)];
+    const fact<std::string> &is = after.facts[static_cast<size_t>(topic)];
+    const node_topic_row &row = node_topics[static_cast<size_t>(topic)];
+    port_codes none{};
+    if (is_malformed(is)) {
+        out.push_back(who + " malformed " + row.name + " (" + counted(is.size) + ")");
+    } else if (topic == TOPIC_PORT_SUMMARY) {
+        none.fill(PORT_STATUS_NONE);
+        describe_port_codes(who, "", before.colours.value_or(none), after.colours.value_or(none), is_first,
+                            colour_name, PORT_STATUS_NONE, out);
+    } else if (topic == TOPIC_PORT_MEDIA) {
+        none.fill(LUM_TYPE_NONE);
+        describe_port_codes(who, "media ", before.media.value_or(none), after.media.value_or(none), is_first,
+                            hwinfo_lumtype_enum_to_str, LUM_TYPE_NONE, out);
+    } else if (!is_first && is.value != was.value) {
+        out.push_back(who + " " + row.label + " " + (is.value ? quoted(*is.value) : "none") +
+                      (was.value ? " (was " + quoted(*was.value) + ")" : ""));
+    }
+}
+
+// What a node said of itself before it left is void; versions and card address are still published.
+void forget_departed(node &departed)
+{
+    departed.number.reset();
+    departed.ports.clear();
+    departed.is_heard.fill(false);
+}
+
+void apply_node_topic(network &net, const mac_address &mac, int topic, bytes payload, bool is_retained,
+                      const moment &now, changes &out)
+{
+    node &current = node_of(net, mac);
+    const node before = current;
+    const bool is_local = net.is_local(mac);
+    if (is_retained || is_local) {
+        current.is_heard.fill(true);
+    }
+    const bool is_first = !current.is_heard[static_cast<size_t>(topic)];
+    current.is_heard[static_cast<size_t>(topic)] = true;
+
+    fact<std::string> &value = current.facts[static_cast<size_t>(topic)];
+    set_fact(value, payload, node_topics[static_cast<size_t>(topic)].decode(payload));
+    if (topic == TOPIC_PORT_SUMMARY) {
+        current.colours = parse_colours(payload);
+    } else if (topic == TOPIC_PORT_MEDIA) {
+        current.media = parse_media(payload);
+    } else if (topic == TOPIC_SOFTWARE_VERSIONS) {
+        current.versions = parse_versions(payload).value_or(std::vector<software_version>{});
+    }
+    const auto withdrawn_end = current.facts.begin() + NODE_TOPICS_WITHDRAWN;
+    current.is_present =
+        std::any_of(current.facts.begin(), withdrawn_end, [](const auto &f) { return f.is_published; });
+
+    const fact<std::string> &was = before.facts[static_cast<size_t>(topic)];
+    if (!is_retained &&
+        (value.is_published != was.is_published || value.value != was.value || value.size != was.size)) {
+        current.last_change = now;
+    }
+    if (!is_local && current.is_present != before.is_present) {
+        out.push_back(node_label(net, mac) + (current.is_present ? " appeared" : " left"));
+    }
+    if (!is_local && before.is_present && !current.is_present) {
+        forget_departed(current);
+        return;
+    }
+    // A leaving node's topics go one by one, port_summary first: that is one event, told at the end.
+    if (!is_local && payload.empty() && !current.facts[TOPIC_PORT_SUMMARY].is_published) {
+        return;
+    }
+    describe_node_topic(net, before, current, topic, is_first, out);
+}
+
+// "period0" to "period95", "day0" to "day6".
+std::optional<std::string> parse_slot(std::string_view text, std::string_view prefix, unsigned count)
+{
+    for (unsigned slot = 0; slot < count; slot++) {
+        const std::string name = std::string(prefix) + std::to_string(slot);
+        if (text == name) {
+            return name;
+        }
+    }
+    return {};
+}
+
+template <size_t SIZE>
+std::optional<std::array<uint8_t, SIZE>> parse_record(bytes payload)
+{
+    std::array<uint8_t, SIZE> record;
+    if (payload.size() != SIZE) {
+        return {};
+    }
+    std::copy(payload.begin(), payload.end(), record.begin());
+    return record;
+}
+
+// name: what follows pub/diag/<MAC>/<PORT>/.
+void apply_port_topic(network &net, const mac_address &mac, int port, std::string_view name, bytes payload,
+                      bool is_retained, const moment &now, changes &out)
+{
+    const std::string who = node_label(net, mac) + " port " + port_text(port);
+    port_records &records = node_of(net, mac).ports[port];
+    const auto report_malformed = [&](const auto &value) {
+        if (is_malformed(value)) {
+            out.push_back(who + " malformed " + std::string(name) + " (" + counted(value.size) + ")");
+        }
+    };
+    if (name == "stats") {
+        set_fact(records.stats, payload, parse_record<STATS_BLOCK_SIZE>(payload));
+        report_malformed(records.stats);
+        return;
+    }
+    if (!name.starts_with("pm/")) {
+        return;
+    }
+    const std::string_view slot = name.substr(3);
+    if (slot == "last_period") {
+        const bool had_period = records.last_period.is_published;
+        set_fact(records.last_period, payload, parse_slot(as_text(payload), PERIOD_PREFIX, PM_PERIODS));
+        report_malformed(records.last_period);
+        records.period_start.reset();
+        records.period_start_time.reset();
+        if (records.last_period.value && !is_retained) {
+            records.period_start = records.stats.value;
+            records.period_start_time = now;
+            out.push_back(who + " closed " + *records.last_period.value);
+        }
+        if (had_period && payload.empty()) {
+            out.push_back(who + " performance records cleared");
+        }
+    } else if (slot == "last_day") {
+        set_fact(records.last_day, payload, parse_slot(as_text(payload), DAY_PREFIX, PM_DAYS));
+        report_malformed(records.last_day);
+    } else if (parse_slot(slot, PERIOD_PREFIX, PM_PERIODS) || parse_slot(slot, DAY_PREFIX, PM_DAYS)) {
+        fact<pm_record> &record = records.pm[std::string(slot)];
+        set_fact(record, payload, parse_record<PM_RECORD_SIZE>(payload));
+        report_malformed(record);
+    }
+}
+
+void apply_local_node(network &net, bytes payload, changes &out)
+{
+    set_fact(net.local, payload, parse_topic_mac(as_text(payload)));
+    if (net.local.value) {
+        node_of(net, *net.local.value);
+        out.push_back("local node is " + mac_text(*net.local.value));
+    } else if (net.local.is_published) {
+        out.push_back("malformed local_node (" + counted(payload.size()) + ")");
+    } else {
+        out.push_back("local node withdrawn");
+    }
+}
+
+void apply_ring_status(network &net, bytes payload, changes &out)
+{
+    const std::optional<bool> before = net.ring_degraded.value;
+    const bool is_valid = payload.size() == 1 && payload[0] <= 1;
+    set_fact(net.ring_degraded, payload, is_valid ? std::optional(payload[0] == 1) : std::nullopt);
+    if (is_malformed(net.ring_degraded)) {
+        out.push_back("malformed network_style7 (" + counted(payload.size()) + ")");
+    } else if (net.ring_degraded.value != before) {
+        out.push_back(std::string("network ring status ") + (!is_valid                  ? "withdrawn"
+                                                             : *net.ring_degraded.value ? "degraded"
+                                                                                        : "normal"));
+    }
+}
+
+std::optional<std::vector<listed_ports>> parse_port_list(bytes payload)
+{
+    std::vector<listed_ports> list;
+    if (payload.size() == 1 && payload[0] == 0) {
+        return list;
+    }
+    if (payload.size() % PORT_LIST_RECORD_SIZE != 0 ||
+        payload.size() > PORT_LIST_MAX * PORT_LIST_RECORD_SIZE) {
+        return {};
+    }
+    for (; !payload.empty(); payload = payload.subspan(PORT_LIST_RECORD_SIZE)) {
+        listed_ports record{};
+        std::copy_n(payload.begin() + PORT_LIST_MAC, MAC_SIZE, record.mac.begin());
+        record.number = payload[PORT_LIST_NODE_NUM];
+        record.ports = payload[PORT_LIST_PORTS];
+        list.push_back(record);
+    }
+    return list;
+}
+
+uint8_t ports_in(const std::vector<listed_ports> &list, const mac_address &mac)
+{
+    const auto found =
+        std::find_if(list.begin(), list.end(), [&](const listed_ports &l) { return l.mac == mac; });
+    return found == list.end() ? uint8_t{0} : found->ports;
+}
+
+// One line for each port that is in list and not in other.
+void describe_list_difference(const network &net, int which, const std::vector<listed_ports> &list,
+                              const std::vector<listed_ports> &other, const char *verb, changes &out)
+{
+    for (const listed_ports &record : list) {
+        const unsigned ports = record.ports & ~unsigned{ports_in(other, record.mac)};
+        for (int port = 0; port < LUM_FRONT_PORTS; port++) {
+            if ((ports & (1U << port)) != 0) {
+                out.push_back(std::string(PORT_LIST_NAMES[which]) + " " + verb + " " +
+                              node_label(net, record.mac) + " port " + port_text(port));
+            }
+        }
+    }
+}
+
+void apply_port_list(network &net, int which, bytes payload, changes &out)
+{
+    fact<std::vector<listed_ports>> &list = net.lists[static_cast<size_t>(which)];
+    const std::vector<listed_ports> before = list.value.value_or(std::vector<listed_ports>{});
+    set_fact(list, payload, parse_port_list(payload));
+    if (is_malformed(list)) {
+        out.push_back(std::string("malformed ") + PORT_LIST_NAMES[which] + " (" + counted(payload.size()) +
+                      ")");
+        return;
+    }
+    const std::vector<listed_ports> after = list.value.value_or(std::vector<listed_ports>{});
+    for (const listed_ports &record : after) {
+        node_of(net, record.mac).number = record.number;
+    }
+    describe_list_difference(net, which, after, before, "gained", out);
+    describe_list_difference(net, which, before, after, "lost", out);
+}
+
+std::optional<std::vector<miswired_link>> parse_miswired_links(bytes payload)
+{
+    if (payload.size() % MISWIRED_LINK_SIZE != 0 ||
+        payload.size() > MISWIRED_LINKS_MAX * MISWIRED_LINK_SIZE) {
+        return {};
+    }
+    std::vector<miswired_link> links;
+    for (; !payload.empty(); payload = payload.subspan(MISWIRED_LINK_SIZE)) {
+        links.push_back({payload[MISWIRED_LINK_NODE_NUM], payload[MISWIRED_LINK_PORT],
+                         payload[MISWIRED_LINK_PEER_NODE_NUM], payload[MISWIRED_LINK_PEER_PORT]});
+    }
+    return links;
+}
+
+void describe_link_difference(const std::vector<miswired_link> &links,
+                              const std::vector<miswired_link> &other, const char *verb, changes &out)
+{
+    for (const miswired_link &link : links) {
+        if (std::find(other.begin(), other.end(), link) == other.end()) {
+            out.push_back(std::string("miswired links ") + verb + " " + miswired_link_text(link));
+        }
+    }
+}
+
+void apply_miswired_links(network &net, bytes payload, changes &out)
+{
+    const auto before = net.miswired_links.value.value_or(std::vector<miswired_link>{});
+    set_fact(net.miswired_links, payload, parse_miswired_links(payload));
+    if (is_malformed(net.miswired_links)) {
+        out.push_back("malformed miswired links (" + counted(payload.size()) + ")");
+        return;
+    }
+    const auto after = net.miswired_links.value.value_or(std::vector<miswired_link>{});
+    describe_link_difference(after, before, "gained", out);
+    describe_link_difference(before, after, "lost", out);
+}
+
+void apply_topic_of_node(network &net, std::string_view topic, bytes payload, bool is_retained,
+                         const moment &now, changes &out)
+{
+    const size_t slash = topic.find('/');
+    const std::optional<mac_address> mac = parse_topic_mac(topic.substr(0, slash));
+    if (!mac || slash == std::string_view::npos) {
+        return;
+    }
+    const std::string_view name = topic.substr(slash + 1);
+    for (int i = 0; i < NODE_TOPICS; i++) {
+        if (name == node_topics[static_cast<size_t>(i)].name) {
+            apply_node_topic(net, *mac, i, payload, is_retained, now, out);
+            return;
+        }
+    }
+    const size_t port_end = name.find('/');
+    const std::optional<int> port = parse_topic_port(name.substr(0, port_end));
+    if (port && port_end != std::string_view::npos) {
+        apply_port_topic(net, *mac, *port, name.substr(port_end + 1), payload, is_retained, now, out);
+    }
+}
+
+} // namespace
+
+std::string mac_text(const mac_address &mac)
+{
+    return mac_addr_to_str(mac.data());
+}
+
+const char *port_list_name(int list)
+{
+    return PORT_LIST_NAMES[list];
+}
+
+std::string port_text(int port)
+{
+    const char *const name = hwinfo_lumport_enum_to_str_bigcap(port);
+    return name != nullptr ? name : std::to_string(port);
+}
+
+std::string miswired_link_text(const miswired_link &link)
+{
+    return std::to_string(link.number) + "/" + port_text(link.port) + " to " +
+           std::to_string(link.peer_number) + "/" + port_text(link.peer_port);
+}
+
+std::vector<std::string> network_apply(network &net, std::string_view topic, std::span<const uint8_t> payload,
+                                       bool is_retained, const moment &now)
+{
+    changes out;
+    const auto list = std::find(std::begin(PORT_LIST_TOPICS), std::end(PORT_LIST_TOPICS), topic);
+    if (list != std::end(PORT_LIST_TOPICS)) {
+        apply_port_list(net, static_cast<int>(list - std::begin(PORT_LIST_TOPICS)), payload, out);
+    } else if (topic == "pub/diag/net/fire/miswired_links") {
+        apply_miswired_links(net, payload, out);
+    } else if (topic == "local/diag/network_style7") {
+        apply_ring_status(net, payload, out);
+    } else if (topic == "pub/diag/local_node") {
+        apply_local_node(net, payload, out);
+    } else if (topic == "pub/diag/command/request" || topic == "pub/diag/command/response") {
+        out.push_back(std::string("command ") + std::string(topic.substr(topic.rfind('/') + 1)) + " " +
+                      printable(as_text(payload)));
+    } else if (topic.starts_with(DIAG_PREFIX)) {
+        apply_topic_of_node(net, topic.substr(DIAG_PREFIX.size()), payload, is_retained, now, out);
+    }
+    if (is_retained) {
+        out.clear();
+    }
+    return out;
+}
+
+uint64_t field_value(std::span<const uint8_t> record, size_t offset, size_t width)
+{
+    uint64_t value = 0;
+    for (const uint8_t byte : record.subspan(offset, width)) {
+        value = value << 8 | byte;
+    }
+    return value;
+}
+
+std::optional<uint64_t> running_period_value(const port_records &records, const pm_field &field)
+{
+    if (!records.stats.value || field.source == nullptr) {
+        return {};
+    }
+    const stats_field &source = *field.source;
+    const uint64_t value = field_value(*records.stats.value, source.offset, source.width);
+    if (field.treatment == pm_treatment::PASSED || !records.last_period.is_published) {
+        return value;
+    }
+    if (!records.period_start) {
+        return {};
+    }
+    const uint64_t start = field_value(*records.period_start, source.offset, source.width);
+    return source.width == sizeof(uint32_t) ? static_cast<uint32_t>(value - start) : value - start;
+}
+
+std::optional<node_reference> parse_node_reference(std::string_view text)
+{
+    node_reference reference;
+    uint32_t number = 0;
+    if (text == "local") {
+        reference.is_local = true;
+        return reference;
+    }
+    for (const char separator : {'-', ':', '\0'}) {
+        reference.mac = parse_mac(text, separator);
+        if (reference.mac) {
+            return reference;
+        }
+    }
+    if (!text.empty() && parse_u32(text, number) && number >= 1 && number <= UINT8_MAX) {
+        reference.number = static_cast<uint8_t>(number);
+        return reference;
+    }
+    return {};
+}
+
+std::vector<const node *> find_nodes(const network &net, const node_reference &reference)
+{
+    std::vector<const node *> found;
+    for (const auto &[mac, candidate] : net.nodes) {
+        if ((reference.is_local && net.is_local(mac)) || reference.mac == mac ||
+            (reference.number && candidate.number == reference.number)) {
+            found.push_back(&candidate);
+        }
+    }
+    return found;
+}

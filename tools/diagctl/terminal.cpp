@@ -1,0 +1,138 @@
+#include "terminal.h"
+
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <string_view>
+
+namespace
+{
+
+constexpr std::string_view ENTER = "\x1b[?1049h\x1b[?25l\x1b[?7l"; // alternate screen, no cursor, no wrapping
+constexpr std::string_view LEAVE = "\x1b[0m\x1b[?7h\x1b[?25h\x1b[?1049l";
+constexpr std::string_view HOME = "\x1b[H";
+constexpr std::string_view CLEAR = "\x1b[2J";
+constexpr std::string_view CLEAR_LINE_END = "\x1b[0m\x1b[K";
+constexpr std::string_view CLEAR_SCREEN_END = "\x1b[J";
+// By text_style.
+constexpr std::string_view STYLES[] = {"\x1b[0m",    "\x1b[0;2m",  "\x1b[0;1m", "\x1b[0;7m",
+                                       "\x1b[0;31m", "\x1b[0;33m", "\x1b[0;32m"};
+
+struct key_code {
+    std::string_view code;
+    key meaning;
+};
+constexpr key_code KEYS[] = {
+    {"q", key::QUIT},    {"Q", key::QUIT},      {"\x1b[A", key::UP}, {"\x1b[B", key::DOWN},
+    {"\x1bOA", key::UP}, {"\x1bOB", key::DOWN}, {"k", key::UP},      {"j", key::DOWN},
+};
+
+struct {
+    termios saved{};
+    bool is_saved = false;
+    std::string shown; // the last frame, not drawn again while nothing changes
+} terminal;
+
+bool write_all(std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
+        if (written == -1 && errno != EINTR) {
+            return false;
+        }
+        text.remove_prefix(written > 0 ? static_cast<size_t>(written) : 0);
+    }
+    return true;
+}
+
+} // namespace
+
+bool terminal_is_screen()
+{
+    const char *const name = getenv("TERM");
+    return isatty(STDOUT_FILENO) == 1 && name != nullptr && *name != '\0' && std::string_view(name) != "dumb";
+}
+
+void terminal_enter()
+{
+    terminal.is_saved = tcgetattr(STDIN_FILENO, &terminal.saved) == 0;
+    if (terminal.is_saved) {
+        termios raw = terminal.saved;
+        raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+        raw.c_cc[VMIN] = 1;
+        raw.c_cc[VTIME] = 0;
+        tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+    }
+    write_all(ENTER);
+    terminal_redraw();
+}
+
+void terminal_leave()
+{
+    write_all(LEAVE);
+    if (terminal.is_saved) {
+        tcsetattr(STDIN_FILENO, TCSANOW, &terminal.saved);
+    }
+}
+
+void terminal_size(size_t &width, size_t &height)
+{
+    winsize size{};
+    const bool is_known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 && size.ws_row > 0;
+    width = is_known ? size.ws_col : 80;
+    height = is_known ? size.ws_row : 24;
+}
+
+bool terminal_draw(const std::vector<screen_line> &lines)
+{
+    static const bool has_colours = getenv("NO_COLOR") == nullptr;
+    std::string frame(HOME);
+    for (size_t i = 0; i < lines.size(); i++) {
+        frame += i == 0 ? "" : "\r\n";
+        for (const styled_text &part : lines[i]) {
+            const bool is_colour = part.style >= text_style::RED;
+            frame += STYLES[static_cast<size_t>(is_colour && !has_colours ? text_style::PLAIN : part.style)];
+            frame += part.text;
+        }
+        frame += CLEAR_LINE_END;
+    }
+    frame += CLEAR_SCREEN_END;
+    if (frame == terminal.shown) {
+        return true;
+    }
+    const bool is_drawn = write_all(terminal.shown.empty() ? std::string(CLEAR) + frame : frame);
+    terminal.shown = std::move(frame);
+    return is_drawn;
+}
+
+void terminal_redraw()
+{
+    terminal.shown.clear();
+}
+
+bool terminal_read_keys(std::vector<key> &keys)
+{
+    char buffer[64];
+    const ssize_t length = read(STDIN_FILENO, buffer, sizeof buffer);
+    if (length <= 0) {
+        return length == -1 && (errno == EINTR || errno == EAGAIN);
+    }
+    std::string_view typed(buffer, static_cast<size_t>(length));
+    while (!typed.empty()) {
+        key meaning = key::OTHER;
+        size_t size = 1;
+        for (const key_code &candidate : KEYS) {
+            if (typed.starts_with(candidate.code)) {
+                meaning = candidate.meaning;
+                size = candidate.code.size();
+                break;
+            }
+        }
+        keys.push_back(meaning);
+        typed.remove_prefix(size);
+    }
+    return true;
+}

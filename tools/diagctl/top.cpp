@@ -1,0 +1,223 @@
+#include "top.h"
+
+#include "common/unique_fd.h"
+#include "terminal.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+namespace
+{
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr milliseconds MIN_REFRESH(100);  // a busy network is drawn ten times a second
+constexpr milliseconds MAX_REFRESH(1000); // the clock and the ages go on in a quiet one
+constexpr size_t MAX_EVENTS = 1000;
+
+enum class ending {
+    NONE,
+    QUIT,
+    NO_BROKER,
+    FAILED,
+};
+
+struct {
+    network net;
+    std::deque<event> events;
+    const stats_target *target = nullptr;
+    std::string broker;
+    bool is_screen = false;
+    bool is_changed = true;
+    bool is_input_open = true;
+    size_t first_node = 0;
+    steady_clock::time_point drawn;
+    ending end = ending::NONE;
+} top;
+
+moment current_moment()
+{
+    return {steady_clock::now(), std::chrono::system_clock::now()};
+}
+
+void take_message(std::string_view topic, std::span<const uint8_t> payload, bool is_retained)
+{
+    const moment now = current_moment();
+    for (std::string &text : network_apply(top.net, topic, payload, is_retained, now)) {
+        const event happened = {now, std::move(text)};
+        if (!top.is_screen && printf("%s\n", event_line(happened).c_str()) < 0) {
+            top.end = ending::FAILED;
+        }
+        top.events.push_back(happened);
+    }
+    while (top.events.size() > MAX_EVENTS) {
+        top.events.pop_front();
+    }
+    top.is_changed = true;
+}
+
+// Stops the process as the terminal's user asked to, with the terminal as it was before.
+void suspend()
+{
+    terminal_leave();
+    raise(SIGSTOP);
+    terminal_enter();
+    top.is_changed = true;
+}
+
+void take_signal(int signal_fd)
+{
+    signalfd_siginfo info{};
+    if (read(signal_fd, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) {
+        return;
+    }
+    switch (info.ssi_signo) {
+    case SIGWINCH:
+        terminal_redraw();
+        top.is_changed = true;
+        break;
+    case SIGTSTP:
+        if (top.is_screen) {
+            suspend();
+        } else {
+            raise(SIGSTOP);
+        }
+        break;
+    default:
+        top.end = ending::QUIT;
+        break;
+    }
+}
+
+void take_keys()
+{
+    std::vector<key> keys;
+    top.is_input_open = terminal_read_keys(keys);
+    for (const key pressed : keys) {
+        if (pressed == key::QUIT) {
+            top.end = ending::QUIT;
+        } else if (pressed == key::DOWN && top.first_node < top.net.nodes.size()) {
+            top.first_node++;
+        } else if (pressed == key::UP && top.first_node > 0) {
+            top.first_node--;
+        }
+    }
+    top.is_changed = true;
+}
+
+void draw()
+{
+    screen screen = {top.broker, top.net, top.events, top.target, top.first_node, 0, 0};
+    terminal_size(screen.width, screen.height);
+    if (!terminal_draw(view_render(screen, current_moment()))) {
+        top.end = ending::FAILED;
+    }
+    top.drawn = steady_clock::now();
+    top.is_changed = false;
+}
+
+// Draws when it is time to; returns how long to wait for anything else.
+milliseconds refresh()
+{
+    if (!top.is_screen) {
+        if (fflush(stdout) != 0) {
+            top.end = ending::FAILED;
+        }
+        return MAX_REFRESH;
+    }
+    const milliseconds due = top.is_changed ? MIN_REFRESH : MAX_REFRESH;
+    const auto since = std::chrono::duration_cast<milliseconds>(steady_clock::now() - top.drawn);
+    if (since >= due) {
+        draw();
+        return MAX_REFRESH;
+    }
+    return due - since;
+}
+
+std::string watch_network(int signal_fd)
+{
+    std::string error;
+    while (top.end == ending::NONE) {
+        const milliseconds wait = refresh();
+        pollfd fds[] = {
+            {session_socket(), session_events(), 0},
+            {signal_fd, POLLIN, 0},
+            {top.is_screen && top.is_input_open ? STDIN_FILENO : -1, POLLIN, 0},
+        };
+        if (top.end != ending::NONE || poll(fds, std::size(fds), static_cast<int>(wait.count())) == -1) {
+            continue;
+        }
+        if (fds[1].revents != 0) {
+            take_signal(signal_fd);
+        }
+        if (fds[2].revents != 0) {
+            take_keys();
+        }
+        if (!session_serve(fds[0].revents, error)) {
+            top.end = ending::NO_BROKER;
+        }
+    }
+    return error;
+}
+
+// Signals come as input to poll from here on; before, Ctrl-C ends a connection attempt in the usual way.
+unique_fd take_over_signals()
+{
+    signal(SIGPIPE, SIG_IGN);
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH, SIGTSTP}) {
+        sigaddset(&signals, number);
+    }
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    return unique_fd(signalfd(-1, &signals, SFD_CLOEXEC));
+}
+
+} // namespace
+
+int run_top(const broker_address &address, const std::optional<stats_target> &target)
+{
+    top.broker = address.host + ":" + std::to_string(address.port);
+    top.target = target ? &*target : nullptr;
+    top.is_screen = terminal_is_screen();
+
+    std::string error;
+    if (!session_open(address, {"pub/diag/#", "local/diag/network_style7"}, take_message, error)) {
+        fprintf(stderr,
+                "diagctl: no broker at %s: %s\n"
+                "Is it running there? Name another with --host and --port, or DIAG_HOST and DIAG_PORT.\n",
+                top.broker.c_str(), error.c_str());
+        return STATUS_NO_BROKER;
+    }
+    const unique_fd signal_fd = take_over_signals();
+    if (!signal_fd.is_open()) {
+        fprintf(stderr, "diagctl: couldn't watch for signals: %s\n", strerror(errno));
+        session_close();
+        return STATUS_FAILURE;
+    }
+
+    if (top.is_screen) {
+        terminal_enter();
+    }
+    error = watch_network(signal_fd.get());
+    if (top.is_screen) {
+        terminal_leave();
+    }
+    fflush(stdout);
+    session_close();
+
+    switch (top.end) {
+    case ending::NO_BROKER:
+        fprintf(stderr, "diagctl: lost the broker at %s: %s\n", top.broker.c_str(), error.c_str());
+        return STATUS_NO_BROKER;
+    case ending::FAILED:
+        return STATUS_FAILURE;
+    default:
+        return STATUS_SUCCESS;
+    }
+}
