@@ -45,9 +45,7 @@ void add_broker_options(CLI::App &command, broker_address &address)
         ->capture_default_str();
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+int run(int argc, char **argv)
 {
     CLI::App app("Looks at a fire-alarm panel network through a card's broker.", "diagctl");
     app.require_subcommand(1);
@@ -69,4 +67,16 @@ int main(int argc, char **argv)
         return app.exit(error) == 0 ? STATUS_SUCCESS : STATUS_USAGE;
     }
     return run_top(address, stats.empty() ? std::nullopt : parse_stats_target(stats));
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &error) {
+        fprintf(stderr, "diagctl: %s\n", error.what());
+        return STATUS_FAILURE;
+    }
 }

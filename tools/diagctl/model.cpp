@@ -14,7 +14,6 @@ using bytes = std::span<const uint8_t>;
 using changes = std::vector<std::string>;
 
 constexpr std::string_view DIAG_PREFIX = "pub/diag/";
-constexpr size_t MAC_TEXT_SIZE = MAC_STR_SIZE - 1;
 constexpr const char *PORT_LIST_NAMES[PORT_LISTS] = {"link-down list", "ground list", "miswired list"};
 constexpr const char *PORT_LIST_TOPICS[PORT_LISTS] = {
     "pub/diag/net/fire/link_down", "pub/diag/net/fire/grnd_list", "pub/diag/net/fire/miswired"};
@@ -37,7 +36,7 @@ std::string printable(std::string_view text)
 {
     std::string shown;
     for (const char c : text) {
-        if (c >= ' ' && c <= '~') {
+        if (c >= ' ' && c <= '~' && c != '\\') {
             shown += c;
         } else {
             char escape[8];
@@ -327,7 +326,8 @@ void describe_port_codes(const std::string &who, const char *what, const port_co
         if (is_first || after[port] == before[port]) {
             continue;
         }
-        std::string line = who + " port " + name + " " + what;
+        std::string line = who;
+        line.append(" port ").append(name).append(" ").append(what);
         line += after[port] == none ? "none" : name_of(after[port]);
         if (before[port] != none) {
             line += std::string(" (was ") + name_of(before[port]) + ")";
@@ -339,11 +339,17 @@ void describe_port_codes(const std::string &who, const char *what, const port_co
     }
 }
 
-void describe_node_topic(const network &net, const node &before, const node &after, int topic, bool is_first,
-                         changes &out)
+// What a topic said before a message.
+struct topic_before {
+    fact<std::string> value;
+    std::optional<port_codes> colours;
+    std::optional<port_codes> media;
+};
+
+void describe_node_topic(const network &net, const topic_before &before, const node &after, int topic,
+                         bool is_first, changes &out)
 {
     const std::string who = node_label(net, after.mac);
-    const fact<std::string> &was = before.facts[static_cast<size_t>(topic)];
     const fact<std::string> &is = after.facts[static_cast<size_t>(topic)];
     const node_topic_row &row = node_topics[static_cast<size_t>(topic)];
     port_codes none{};
@@ -357,9 +363,9 @@ void describe_node_topic(const network &net, const node &before, const node &aft
         none.fill(LUM_TYPE_NONE);
         describe_port_codes(who, "media ", before.media.value_or(none), after.media.value_or(none), is_first,
                             hwinfo_lumtype_enum_to_str, LUM_TYPE_NONE, out);
-    } else if (!is_first && is.value != was.value) {
+    } else if (!is_first && is.value != before.value.value) {
         out.push_back(who + " " + row.label + " " + (is.value ? quoted(*is.value) : "none") +
-                      (was.value ? " (was " + quoted(*was.value) + ")" : ""));
+                      (before.value.value ? " (was " + quoted(*before.value.value) + ")" : ""));
     }
 }
 
@@ -368,51 +374,56 @@ void forget_departed(node &departed)
 {
     departed.number.reset();
     departed.ports.clear();
-    departed.is_heard.fill(false);
+}
+
+void decode_node_topic(node &target, int topic, bytes payload)
+{
+    set_fact(target.facts[static_cast<size_t>(topic)], payload,
+             node_topics[static_cast<size_t>(topic)].decode(payload));
+    if (topic == TOPIC_PORT_SUMMARY) {
+        target.colours = parse_colours(payload);
+    } else if (topic == TOPIC_PORT_MEDIA) {
+        target.media = parse_media(payload);
+    } else if (topic == TOPIC_SOFTWARE_VERSIONS) {
+        target.versions = parse_versions(payload).value_or(std::vector<software_version>{});
+    }
+    target.is_present = std::any_of(target.facts.begin(), target.facts.begin() + NODE_TOPICS_WITHDRAWN,
+                                    [](const auto &value) { return value.is_published; });
 }
 
 void apply_node_topic(network &net, const mac_address &mac, int topic, bytes payload, bool is_retained,
                       const moment &now, changes &out)
 {
     node &current = node_of(net, mac);
-    const node before = current;
+    const fact<std::string> &value = current.facts[static_cast<size_t>(topic)];
+    const topic_before before = {value, current.colours, current.media};
+    const bool was_present = current.is_present;
+    decode_node_topic(current, topic, payload);
+
     const bool is_local = net.is_local(mac);
-    if (is_retained || is_local) {
-        current.is_heard.fill(true);
+    const bool has_appeared = !is_local && !was_present && current.is_present;
+    if (is_retained || is_local || has_appeared) {
+        current.is_heard.fill(!has_appeared || is_retained);
     }
     const bool is_first = !current.is_heard[static_cast<size_t>(topic)];
     current.is_heard[static_cast<size_t>(topic)] = true;
-
-    fact<std::string> &value = current.facts[static_cast<size_t>(topic)];
-    set_fact(value, payload, node_topics[static_cast<size_t>(topic)].decode(payload));
-    if (topic == TOPIC_PORT_SUMMARY) {
-        current.colours = parse_colours(payload);
-    } else if (topic == TOPIC_PORT_MEDIA) {
-        current.media = parse_media(payload);
-    } else if (topic == TOPIC_SOFTWARE_VERSIONS) {
-        current.versions = parse_versions(payload).value_or(std::vector<software_version>{});
-    }
-    const auto withdrawn_end = current.facts.begin() + NODE_TOPICS_WITHDRAWN;
-    current.is_present =
-        std::any_of(current.facts.begin(), withdrawn_end, [](const auto &f) { return f.is_published; });
-
-    const fact<std::string> &was = before.facts[static_cast<size_t>(topic)];
-    if (!is_retained &&
-        (value.is_published != was.is_published || value.value != was.value || value.size != was.size)) {
+    if (!is_retained && (value.is_published != before.value.is_published || value.size != before.value.size ||
+                         value.value != before.value.value)) {
         current.last_change = now;
     }
-    if (!is_local && current.is_present != before.is_present) {
-        out.push_back(node_label(net, mac) + (current.is_present ? " appeared" : " left"));
+
+    if (has_appeared) {
+        out.push_back(node_label(net, mac) + " appeared");
     }
-    if (!is_local && before.is_present && !current.is_present) {
+    if (!is_local && was_present && !current.is_present) {
+        out.push_back(node_label(net, mac) + " left");
         forget_departed(current);
-        return;
     }
     // A leaving node's topics go one by one, port_summary first: that is one event, told at the end.
-    if (!is_local && payload.empty() && !current.facts[TOPIC_PORT_SUMMARY].is_published) {
-        return;
+    const bool is_leaving = payload.empty() && !current.facts[TOPIC_PORT_SUMMARY].is_published;
+    if (is_local || (current.is_present && !is_leaving)) {
+        describe_node_topic(net, before, current, topic, is_first, out);
     }
-    describe_node_topic(net, before, current, topic, is_first, out);
 }
 
 // "period0" to "period95", "day0" to "day6".

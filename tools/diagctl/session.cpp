@@ -43,7 +43,8 @@ void subscribe_cb(mosquitto *, void *, int, int count, const int *granted)
     }
 }
 
-void message_cb(mosquitto *, void *, const mosquitto_message *message)
+// An exception must not pass through the library: it ends the program here.
+void message_cb(mosquitto *, void *, const mosquitto_message *message) noexcept
 {
     session.handler(
         message->topic,

@@ -15,8 +15,8 @@ constexpr std::string_view ENTER = "\x1b[?1049h\x1b[?25l\x1b[?7l"; // alternate 
 constexpr std::string_view LEAVE = "\x1b[0m\x1b[?7h\x1b[?25h\x1b[?1049l";
 constexpr std::string_view HOME = "\x1b[H";
 constexpr std::string_view CLEAR = "\x1b[2J";
-constexpr std::string_view CLEAR_LINE_END = "\x1b[0m\x1b[K";
-constexpr std::string_view CLEAR_SCREEN_END = "\x1b[J";
+// Before the text: behind the last column it would take the last character with it.
+constexpr std::string_view CLEAR_LINE = "\x1b[0m\x1b[2K";
 // By text_style.
 constexpr std::string_view STYLES[] = {"\x1b[0m",    "\x1b[0;2m",  "\x1b[0;1m", "\x1b[0;7m",
                                        "\x1b[0;31m", "\x1b[0;33m", "\x1b[0;32m"};
@@ -92,14 +92,13 @@ bool terminal_draw(const std::vector<screen_line> &lines)
     std::string frame(HOME);
     for (size_t i = 0; i < lines.size(); i++) {
         frame += i == 0 ? "" : "\r\n";
+        frame += CLEAR_LINE;
         for (const styled_text &part : lines[i]) {
             const bool is_colour = part.style >= text_style::RED;
             frame += STYLES[static_cast<size_t>(is_colour && !has_colours ? text_style::PLAIN : part.style)];
             frame += part.text;
         }
-        frame += CLEAR_LINE_END;
     }
-    frame += CLEAR_SCREEN_END;
     if (frame == terminal.shown) {
         return true;
     }

@@ -13,7 +13,7 @@ void terminal_leave();
 // The size in characters, 80 by 24 where the terminal does not tell.
 void terminal_size(size_t &width, size_t &height);
 
-// Shows the lines from the top of the screen and clears the rest of it. False when the terminal is gone.
+// Shows the lines from the top of the screen, as many as it has. False when the terminal is gone.
 bool terminal_draw(const std::vector<screen_line> &lines);
 
 // Forgets what is shown, so that the next drawing paints all of it.

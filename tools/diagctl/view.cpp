@@ -413,17 +413,17 @@ std::string period_text(const port_records &records, const pm_record *last_perio
     if (!records.last_period.value) {
         return "last_period " + fact_text(records.last_period, "", "");
     }
-    std::string text = "last is " + *records.last_period.value;
+    std::string text = "last " + *records.last_period.value;
     const auto slot = records.pm.find(*records.last_period.value);
     if (last_period != nullptr) {
-        text += ", closed " + pm_time_text(*last_period);
+        text += " " + pm_time_text(*last_period);
     } else {
-        text += ", its record is " + (slot == records.pm.end() || !slot->second.is_published
-                                          ? "missing"
-                                          : fact_text(slot->second, "", ""));
+        text += "'s record is " + (slot == records.pm.end() || !slot->second.is_published
+                                       ? "missing"
+                                       : fact_text(slot->second, "", ""));
     }
     if (!records.period_start) {
-        text += "; the running one began before this view";
+        text += ", running began unseen";
     }
     return text;
 }
@@ -462,13 +462,13 @@ std::vector<screen_line> stats_lines(const screen &screen)
     }
     const pm_record *const last_period = last_period_record(records);
     std::vector<screen_line> lines = {
-        title_line(title + " (" + period_text(records, last_period) + ")", screen.width)};
+        title_line(title + " since reset (" + period_text(records, last_period) + ")", screen.width)};
 
     const std::vector<screen_line> heads = {
         {{text_style::BOLD, "FIELD"}},
-        {{text_style::BOLD, "SINCE RESET"}},
+        {{text_style::BOLD, "TOTAL"}},
         {{text_style::BOLD, "RUNNING"}},
-        {{text_style::BOLD, "LAST PERIOD"}},
+        {{text_style::BOLD, "LAST"}},
     };
     std::vector<std::vector<screen_line>> rows = stats_rows(records, last_period);
     // Two halves side by side where they fit.
@@ -504,6 +504,19 @@ std::vector<screen_line> event_lines(const screen &screen, size_t count)
     return lines;
 }
 
+// With a last line that tells how many are left out.
+void cut_lines(std::vector<screen_line> &lines, size_t count)
+{
+    if (lines.size() <= count) {
+        return;
+    }
+    const size_t left_out = lines.size() - count + 1;
+    lines.resize(count);
+    if (count > 0) {
+        lines.back() = {{text_style::DIM, "... " + to_string(left_out) + " more lines"}};
+    }
+}
+
 } // namespace
 
 std::vector<screen_line> view_render(const screen &screen, const moment &now)
@@ -524,13 +537,13 @@ std::vector<screen_line> view_render(const screen &screen, const moment &now)
     const size_t room = screen.height > fixed ? screen.height - fixed : 0;
     const size_t node_rows =
         std::min(nodes.size(), std::max(MIN_NODE_ROWS, room > stats.size() ? room - stats.size() : 0));
-    stats.resize(std::min(stats.size(), room > node_rows ? room - node_rows : 0));
+    cut_lines(stats, room > node_rows ? room - node_rows : 0);
     add(node_lines(screen, nodes, node_rows, now));
     add(lists);
     add(stats);
     add(event_lines(screen, screen.height > lines.size() ? screen.height - lines.size() : 0));
 
-    lines.resize(std::min(lines.size(), screen.height));
+    lines.resize(screen.height);
     for (screen_line &line : lines) {
         clip(line, screen.width);
     }

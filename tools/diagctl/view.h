@@ -45,7 +45,7 @@ struct screen {
     size_t height;
 };
 
-// At most screen.height lines, none wider than screen.width.
+// screen.height lines, none wider than screen.width.
 std::vector<screen_line> view_render(const screen &screen, const moment &now);
 
 // "2024-05-01 10:15:03 node ... appeared", in local time.
