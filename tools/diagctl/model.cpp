@@ -312,30 +312,36 @@ bool is_malformed(const fact<T> &value)
     return value.is_published && !value.value;
 }
 
-// The changes from one set of ports to the next. A set that is told for the first time comes in one line.
+// One line for each port that has changed. what goes before the port's word.
 void describe_port_codes(const std::string &who, const char *what, const port_codes &before,
-                         const port_codes &after, bool is_first, const char *(*name_of)(int), int none,
-                         changes &out)
+                         const port_codes &after, const char *(*name_of)(int), int none, changes &out)
 {
-    std::string all;
     for (size_t port = 0; port < after.size(); port++) {
-        const std::string name = port_text(static_cast<int>(port));
-        if (is_first && after[port] != none) {
-            all += (all.empty() ? "" : ", ") + name + " " + name_of(after[port]);
-        }
-        if (is_first || after[port] == before[port]) {
+        if (after[port] == before[port]) {
             continue;
         }
         std::string line = who;
-        line.append(" port ").append(name).append(" ").append(what);
+        line.append(" port ").append(port_text(static_cast<int>(port))).append(" ").append(what);
         line += after[port] == none ? "none" : name_of(after[port]);
         if (before[port] != none) {
-            line += std::string(" (was ") + name_of(before[port]) + ")";
+            line.append(" (was ").append(name_of(before[port])).append(")");
         }
         out.push_back(line);
     }
+}
+
+// The colours with which a node appears, in one line.
+void describe_first_colours(const std::string &who, const port_codes &colours, changes &out)
+{
+    std::string all;
+    for (size_t port = 0; port < colours.size(); port++) {
+        if (colours[port] != PORT_STATUS_NONE) {
+            all.append(all.empty() ? "" : ", ").append(port_text(static_cast<int>(port)));
+            all.append(" ").append(colour_name(colours[port]));
+        }
+    }
     if (!all.empty()) {
-        out.push_back(who + " ports " + what + all);
+        out.push_back(who + " ports " + all);
     }
 }
 
@@ -355,15 +361,19 @@ void describe_node_topic(const network &net, const topic_before &before, const n
     port_codes none{};
     if (is_malformed(is)) {
         out.push_back(who + " malformed " + row.name + " (" + counted(is.size) + ")");
+    } else if (is_first) {
+        if (topic == TOPIC_PORT_SUMMARY && after.colours) {
+            describe_first_colours(who, *after.colours, out);
+        }
     } else if (topic == TOPIC_PORT_SUMMARY) {
         none.fill(PORT_STATUS_NONE);
-        describe_port_codes(who, "", before.colours.value_or(none), after.colours.value_or(none), is_first,
-                            colour_name, PORT_STATUS_NONE, out);
+        describe_port_codes(who, "", before.colours.value_or(none), after.colours.value_or(none), colour_name,
+                            PORT_STATUS_NONE, out);
     } else if (topic == TOPIC_PORT_MEDIA) {
         none.fill(LUM_TYPE_NONE);
-        describe_port_codes(who, "media ", before.media.value_or(none), after.media.value_or(none), is_first,
+        describe_port_codes(who, "media ", before.media.value_or(none), after.media.value_or(none),
                             hwinfo_lumtype_enum_to_str, LUM_TYPE_NONE, out);
-    } else if (!is_first && is.value != before.value.value) {
+    } else if (is.value != before.value.value) {
         out.push_back(who + " " + row.label + " " + (is.value ? quoted(*is.value) : "none") +
                       (before.value.value ? " (was " + quoted(*before.value.value) + ")" : ""));
     }
