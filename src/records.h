@@ -1,5 +1,5 @@
-// Binary and text records published for clients, declared once for the daemon that writes them and the tools
-// that read them. Integers are big-endian.
+// Binary and text records in topics, declared once for the daemon and the tools: what clients read, its
+// integers big-endian, and what the card's own processes write, in host byte order.
 #pragma once
 
 #include "common/netif.h"

@@ -49,7 +49,7 @@ struct packet_handling {
     size_t text_offset; // of the NUL-terminated topic or filter in the payload; NO_TEXT for types without one
     const char *invalid;
     int (*process)(const packet &received); // null for a type that this node does not serve yet
-    const char *failure;
+    const char *failure;                    // null for a type whose handling cannot fail
 };
 constexpr size_t NO_TEXT = SIZE_MAX;
 
@@ -105,59 +105,63 @@ constexpr packet_handling HANDLING[PACKET_TYPES] = {
     {PACKET_GOODBYE, 0, NO_TEXT, nullptr, process_goodbye, "couldn't process goodbye message"},
 };
 
+// Rows stand in the order of the types.
+static_assert([] {
+    for (size_t i = 0; i < PACKET_TYPES; i++) {
+        if (HANDLING[i].type != i + 1) {
+            return false;
+        }
+    }
+    return true;
+}());
+
 const packet_handling &handling_of(uint8_t type)
 {
     return HANDLING[type - 1];
 }
 
 // Writes the header of a packet; the payload follows it directly.
-void write_header(uint8_t *packet, packet_type type, size_t payload_length)
+void write_header(uint8_t *header, packet_type type, size_t payload_length)
 {
-    packet[PACKET_OFFSET_VERSION] = PACKET_VERSION;
-    packet[PACKET_OFFSET_TYPE] = type;
-    memcpy(packet + PACKET_OFFSET_SOURCE_MAC, local_mac_addr, MAC_SIZE);
-    store_be(packet + PACKET_OFFSET_LENGTH, static_cast<uint16_t>(payload_length));
+    header[PACKET_OFFSET_VERSION] = PACKET_VERSION;
+    header[PACKET_OFFSET_TYPE] = type;
+    memcpy(header + PACKET_OFFSET_SOURCE_MAC, local_mac_addr, MAC_SIZE);
+    store_be(header + PACKET_OFFSET_LENGTH, static_cast<uint16_t>(payload_length));
 }
 
 //
 // Receiving
 //
 
-// Reads one datagram, its true size also where it is larger than the buffer. 0 with size_out and sender_out
-// set, 0 with size_out -1 when the datagram has vanished since the loop saw it (the kernel drops those with a
-// wrong checksum only when they are read), or -1.
-int read_datagram(uint8_t (&buffer)[MAX_PACKET_SIZE], ssize_t &size_out, sockaddr_in &sender_out)
+enum class reading { DATAGRAM, NOTHING, FAILURE };
+
+// Reads one datagram and its true size, also where it is larger than the buffer. A datagram may have vanished
+// since the loop saw it: the kernel drops those with a wrong checksum only when they are read.
+reading read_datagram(uint8_t (&buffer)[MAX_PACKET_SIZE], size_t &size_out, sockaddr_in &sender_out)
 {
     for (;;) {
         socklen_t sender_length = sizeof sender_out;
-        size_out = recvfrom(socket_fd, buffer, sizeof buffer, MSG_TRUNC | MSG_DONTWAIT,
-                            reinterpret_cast<sockaddr *>(&sender_out), &sender_length);
-        if (size_out != -1 || errno == EAGAIN) {
-            return 0;
+        const ssize_t size = recvfrom(socket_fd, buffer, sizeof buffer, MSG_TRUNC | MSG_DONTWAIT,
+                                      reinterpret_cast<sockaddr *>(&sender_out), &sender_length);
+        if (size != -1) {
+            size_out = static_cast<size_t>(size);
+            return reading::DATAGRAM;
+        }
+        if (errno == EAGAIN) {
+            return reading::NOTHING;
         }
         if (errno != EINTR) {
             log_error("couldn't receive packet (errno %d)", errno);
-            return -1;
+            return reading::FAILURE;
         }
         if (is_terminated()) {
-            return -1;
+            return reading::FAILURE;
         }
     }
 }
 
-int receive_packet()
+int process_packet(packet &received, const sockaddr_in &sender)
 {
-    uint8_t buffer[MAX_PACKET_SIZE];
-    ssize_t size;
-    sockaddr_in sender;
-    if (read_datagram(buffer, size, sender) == -1) {
-        log_error("couldn't receive new packet");
-        return -1;
-    }
-    packet received;
-    if (size == -1 || !packet_parse(buffer, static_cast<size_t>(size), received)) {
-        return 0;
-    }
     char reply_address[INET_ADDRSTRLEN];
     inet_ntop(AF_INET, &sender.sin_addr, reply_address, sizeof reply_address);
     received.reply_address = reply_address;
@@ -169,6 +173,24 @@ int receive_packet()
         return -1;
     }
     return 0;
+}
+
+int receive_packet()
+{
+    uint8_t buffer[MAX_PACKET_SIZE];
+    size_t size;
+    sockaddr_in sender;
+    switch (read_datagram(buffer, size, sender)) {
+    case reading::NOTHING:
+        return 0;
+    case reading::FAILURE:
+        log_error("couldn't receive new packet");
+        return -1;
+    case reading::DATAGRAM:
+        break;
+    }
+    packet received;
+    return packet_parse(buffer, size, received) ? process_packet(received, sender) : 0;
 }
 
 void close_socket()
@@ -249,7 +271,7 @@ int open_socket()
 // neither sends requests nor serves subscriptions.
 void ignore_message_cb(const char *, const void *, int, void *) {}
 
-int add_events()
+int start_receiving()
 {
     if (event_add(socket_fd, EPOLLIN, receive_cb, nullptr) == -1) {
         log_error("couldn't add socket receive event");
@@ -319,7 +341,7 @@ int remote_init()
         log_error("couldn't open socket");
         return -1;
     }
-    if (add_events() == -1) {
+    if (start_receiving() == -1) {
         event_remove(socket_fd);
         close_socket();
         return -1;
@@ -362,10 +384,10 @@ int remote_send_summary(const uint8_t *data, size_t length)
         log_error("summary data is too big");
         return -1;
     }
-    uint8_t packet[MAX_PACKET_SIZE];
-    write_header(packet, PACKET_SUMMARY, length);
-    memcpy(packet + HEADER_SIZE, data, length);
-    if (send_packet(MULTICAST_GROUP, packet, HEADER_SIZE + length) == -1) {
+    uint8_t buffer[MAX_PACKET_SIZE];
+    write_header(buffer, PACKET_SUMMARY, length);
+    memcpy(buffer + HEADER_SIZE, data, length);
+    if (send_packet(MULTICAST_GROUP, buffer, HEADER_SIZE + length) == -1) {
         log_error("couldn't send node summary");
         return -1;
     }
@@ -374,9 +396,9 @@ int remote_send_summary(const uint8_t *data, size_t length)
 
 int remote_send_goodbye()
 {
-    uint8_t packet[HEADER_SIZE];
-    write_header(packet, PACKET_GOODBYE, 0);
-    if (send_packet(MULTICAST_GROUP, packet, sizeof packet) == -1) {
+    uint8_t buffer[HEADER_SIZE];
+    write_header(buffer, PACKET_GOODBYE, 0);
+    if (send_packet(MULTICAST_GROUP, buffer, sizeof buffer) == -1) {
         log_error("couldn't send goodbye message");
         return -1;
     }

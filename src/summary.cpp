@@ -3,12 +3,14 @@
 #include "broker.h"
 #include "common/bytes.h"
 #include "common/lumlog.h"
+#include "common/netif.h"
 #include "common/text.h"
 #include "common/unique_fd.h"
 #include "event.h"
 #include "hwinfo/hwinfo.h"
 #include "records.h"
 #include "remote.h"
+#include "utils.h"
 
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
@@ -28,13 +30,14 @@
 namespace
 {
 
+// Operators search for the messages of this file as they are, "subsribe" and "coudln't" included.
 constexpr const char *log_source = "summary.c";
 
-constexpr time_t SEND_PERIOD = 3;
-constexpr time_t PURGE_AGE = 35;
-constexpr time_t RECENT_CHANGE_WINDOW = 3;
-constexpr uint32_t PERIODIC_SEND_EVERY = 5;
-constexpr uint32_t FULL_SEND_EVERY = 20;
+constexpr time_t SEND_PERIOD = 3;           // seconds
+constexpr time_t PURGE_AGE = 35;            // seconds
+constexpr time_t RECENT_CHANGE_WINDOW = 3;  // seconds
+constexpr uint32_t PERIODIC_SEND_EVERY = 5; // ticks of the send timer
+constexpr uint32_t FULL_SEND_EVERY = 20;    // likewise
 
 constexpr const char *LINK_DOWN_TOPIC = "pub/diag/net/fire/link_down";
 constexpr const char *GROUND_TOPIC = "pub/diag/net/fire/grnd_list";
@@ -90,16 +93,23 @@ size_t miswired_peer_offset(int port)
     return SUMMARY_MISWIRED_PEERS + static_cast<size_t>(port) * SUMMARY_MISWIRED_PEER_SIZE;
 }
 
+bool get_time(timespec &now)
+{
+    if (clock_gettime(CLOCK_MONOTONIC, &now) == -1) {
+        log_error("couldn't get time (errno %d)", errno);
+        return false;
+    }
+    return true;
+}
+
 // Notes that a section of the local summary has changed. Without the time the change goes out with the next
 // periodic summary.
 void stamp_change(summary_info type)
 {
     timespec now;
-    if (clock_gettime(CLOCK_MONOTONIC, &now) == -1) {
-        log_error("couldn't get time (errno %d)", errno);
-        return;
+    if (get_time(now)) {
+        info_updates[type] = now;
     }
-    info_updates[type] = now;
 }
 
 //
@@ -183,7 +193,7 @@ size_t format_miswired_links()
     return length;
 }
 
-int publish_miswired()
+int publish_miswired_lists()
 {
     if (publish_port_list(SUMMARY_MISWIRED, MISWIRED_TOPIC) == -1) {
         return -1;
@@ -195,7 +205,16 @@ int publish_miswired()
     return 0;
 }
 
-// Style 7 is the survival of a cut: a node with fire ports needs all its rings reported and closed.
+int publish_miswired()
+{
+    if (publish_miswired_lists() == -1) {
+        log_error("couldn't publish miswired ports and links");
+        return -1;
+    }
+    return 0;
+}
+
+// Style 7 is the survival of a cut: a node with fire ports has to be on a ring, and none of its rings open.
 bool is_degraded_style7(const uint8_t *data)
 {
     return data[SUMMARY_FIRE_PORTS] != 0 && (data[SUMMARY_RINGS] == 0 || data[SUMMARY_DEGRADED_RINGS] != 0);
@@ -213,6 +232,7 @@ int publish_network_style7()
     }
     if (broker_publish(NETWORK_STYLE7_TOPIC, &degraded, sizeof degraded) == -1) {
         log_error("couldn't publish 0x%02X to %s", degraded, NETWORK_STYLE7_TOPIC);
+        log_error("couldn't publish global style 7 status");
         return -1;
     }
     return 0;
@@ -259,6 +279,7 @@ bool format_ports(const summary &node, std::span<const mask_name> masks, char (&
     return true;
 }
 
+// Logs a failure, other than publish_node_bytes below, whose callers name what they publish.
 int publish_text(const summary &node, const char *name, const char *text)
 {
     const node_topic topic(node, name);
@@ -372,7 +393,6 @@ int update_ports_static(summary &node, const uint8_t *section)
     }
     if (store_bytes(node, seen, SUMMARY_FIRE_PORTS, at(SUMMARY_FIRE_PORTS), 2) &&
         publish_network_style7() == -1) {
-        log_error("couldn't publish global style 7 status");
         return -1;
     }
     return 0;
@@ -383,7 +403,6 @@ int update_miswired(summary &node, const uint8_t *section)
     const bool seen = mark_seen(node, SUMMARY_INFO_MISWIRED);
     if (store_listed(node, seen, SUMMARY_MISWIRED, section, summary_info_lengths[SUMMARY_INFO_MISWIRED]) &&
         publish_miswired() == -1) {
-        log_error("couldn't publish miswired ports and links");
         return -1;
     }
     return 0;
@@ -394,7 +413,6 @@ int update_rings(summary &node, const uint8_t *section)
     const bool seen = mark_seen(node, SUMMARY_INFO_RINGS);
     if (store_bytes(node, seen, SUMMARY_RINGS, section, summary_info_lengths[SUMMARY_INFO_RINGS]) &&
         publish_network_style7() == -1) {
-        log_error("couldn't publish global style 7 status");
         return -1;
     }
     return 0;
@@ -544,8 +562,7 @@ int apply_payload(summary &node, std::span<const uint8_t> payload)
         }
     }
     timespec now;
-    if (clock_gettime(CLOCK_MONOTONIC, &now) == -1) {
-        log_error("couldn't get time (errno %d)", errno);
+    if (!get_time(now)) {
         return -1;
     }
     node.last_heard = now;
@@ -582,11 +599,9 @@ int unpublish_node(const summary &node)
         return -1;
     }
     if (node.data[SUMMARY_MISWIRED] != 0 && publish_miswired() == -1) {
-        log_error("couldn't publish miswired ports and links");
         return -1;
     }
     if (is_degraded_style7(node.data) && publish_network_style7() == -1) {
-        log_error("couldn't publish global style 7 status");
         return -1;
     }
     for (const char *name : TOPICS) {
@@ -622,6 +637,28 @@ bool is_ready()
     return local_summary != nullptr;
 }
 
+// Whether the ring protection sees this front port connected to the wrong port.
+bool is_miswired(int port, const uint8_t *status)
+{
+    constexpr uint8_t RING_PORT_FLAG = 1U << 0;
+    const bool is_up = (load_host<uint32_t>(status + ERPS_STATUS_STATE) & ~ERPS_STATE_UP_MASK) == 0;
+    const uint8_t flags = status[ERPS_STATUS_FLAGS];
+    const uint32_t peer_port = load_host<uint32_t>(status + ERPS_STATUS_PEER_PORT);
+    const bool same_parity = (static_cast<uint32_t>(port) & 1) == (peer_port & 1);
+    return is_up &&
+           (flags != status[ERPS_STATUS_PEER_FLAGS] || ((flags & RING_PORT_FLAG) != 0 && same_parity));
+}
+
+void store_miswired(int port, const uint8_t *status)
+{
+    uint8_t *const peer = local_summary->data + miswired_peer_offset(port);
+    peer[SUMMARY_MISWIRED_PEER_NODE] =
+        static_cast<uint8_t>(load_host<uint32_t>(status + ERPS_STATUS_PEER_NODE));
+    peer[SUMMARY_MISWIRED_PEER_PORT] =
+        static_cast<uint8_t>(load_host<uint32_t>(status + ERPS_STATUS_PEER_PORT));
+    peer[SUMMARY_MISWIRED_LOCAL_PORT] = static_cast<uint8_t>(port);
+}
+
 void miswired_cb(const char *topic, const void *payload, int length, void *)
 {
     int port;
@@ -633,37 +670,24 @@ void miswired_cb(const char *topic, const void *payload, int length, void *)
                   static_cast<size_t>(length), ERPS_STATUS_SIZE);
         return;
     }
-    const uint8_t bit = port_bit(port);
-    if (bit == 0) {
+    if (port_bit(port) == 0) {
         return;
     }
     uint8_t *const section = local_summary->data + SUMMARY_MISWIRED;
     uint8_t before[summary_info_lengths[SUMMARY_INFO_MISWIRED]];
     memcpy(before, section, sizeof before);
 
-    bool miswired = false;
-    if (length != 0) {
-        const uint8_t *const status = static_cast<const uint8_t *>(payload);
-        const bool is_up = (load_host<uint32_t>(status + ERPS_STATUS_STATE) & ~ERPS_STATE_UP_MASK) == 0;
-        const uint8_t flags = status[ERPS_STATUS_FLAGS];
-        const uint32_t peer_port = load_host<uint32_t>(status + ERPS_STATUS_PEER_PORT);
-        const bool same_parity = (static_cast<uint32_t>(port) & 1) == (peer_port & 1);
-        miswired = is_up && (flags != status[ERPS_STATUS_PEER_FLAGS] || ((flags & 1) != 0 && same_parity));
-        if (miswired) {
-            uint8_t *const peer = local_summary->data + miswired_peer_offset(port);
-            peer[SUMMARY_MISWIRED_PEER_NODE] =
-                static_cast<uint8_t>(load_host<uint32_t>(status + ERPS_STATUS_PEER_NODE));
-            peer[SUMMARY_MISWIRED_PEER_PORT] = static_cast<uint8_t>(peer_port);
-            peer[SUMMARY_MISWIRED_LOCAL_PORT] = static_cast<uint8_t>(port);
-        }
+    const uint8_t *const status = static_cast<const uint8_t *>(payload);
+    const bool miswired = length != 0 && is_miswired(port, status);
+    if (miswired) {
+        store_miswired(port, status);
     }
-    set_bits(local_summary->data[SUMMARY_MISWIRED], bit, miswired);
+    set_bits(local_summary->data[SUMMARY_MISWIRED], port_bit(port), miswired);
     if (memcmp(section, before, sizeof before) == 0) {
         return;
     }
     stamp_change(SUMMARY_INFO_MISWIRED);
     if (publish_miswired() == -1) {
-        log_error("couldn't publish miswired ports and links");
         terminate();
     }
 }
@@ -689,7 +713,6 @@ void style7_cb(const char *topic, const void *payload, int length, void *)
 
     stamp_change(SUMMARY_INFO_RINGS);
     if (publish_network_style7() == -1) {
-        log_error("couldn't publish global style 7 status");
         terminate();
     }
 }
@@ -793,6 +816,35 @@ void repeater_cb(const char *, const void *payload, int length, void *)
 }
 
 //
+// This node's ports, from the port statistics
+//
+
+bool check_initialized()
+{
+    if (!is_ready()) {
+        log_error("local summary is not initialized");
+        return false;
+    }
+    return true;
+}
+
+// A change of a port's bit in a mask that a network-wide list shows.
+int update_listed_mask(int port, bool on, size_t mask_offset, const char *topic)
+{
+    if (!check_initialized()) {
+        return -1;
+    }
+    uint8_t &mask = local_summary->data[mask_offset];
+    const uint8_t bit = port_bit(port);
+    if (bit == 0 || ((mask & bit) != 0) == on) {
+        return 0;
+    }
+    set_bits(mask, bit, on);
+    stamp_change(SUMMARY_INFO_PORTS_DYNAMIC);
+    return publish_port_list(mask_offset, topic);
+}
+
+//
 // Timers
 //
 
@@ -827,8 +879,7 @@ bool send_tick(int fd, uint32_t events)
         return false;
     }
     timespec now;
-    if (clock_gettime(CLOCK_MONOTONIC, &now) == -1) {
-        log_error("couldn't get time (errno %d)", errno);
+    if (!get_time(now)) {
         return false;
     }
     const unsigned types = sections_to_send(now);
@@ -862,8 +913,7 @@ bool purge_tick(int fd, uint32_t events)
         return false;
     }
     timespec now;
-    if (clock_gettime(CLOCK_MONOTONIC, &now) == -1) {
-        log_error("couldn't get time (errno %d)", errno);
+    if (!get_time(now)) {
         return false;
     }
     timespec next_check = {.tv_sec = PURGE_AGE, .tv_nsec = 0};
@@ -926,7 +976,7 @@ bool add_timer(const char *name, const itimerspec &expiry, event_callback callba
 
 int add_timers()
 {
-    // Nodes that start together send their first summaries spread over three ticks.
+    // Nodes that start together send their first summaries spread over three seconds.
     const itimerspec send = {.it_interval = {.tv_sec = SEND_PERIOD, .tv_nsec = 0},
                              .it_value = {.tv_sec = rand() % 3 + 1, .tv_nsec = 0}};
     const itimerspec purge = {.it_interval = {}, .it_value = {.tv_sec = PURGE_AGE, .tv_nsec = 0}};
@@ -1047,31 +1097,6 @@ int start_local_summary(uint8_t node_number)
     return 0;
 }
 
-bool is_initialized()
-{
-    if (!is_ready()) {
-        log_error("local summary is not initialized");
-        return false;
-    }
-    return true;
-}
-
-// A change of a port's bit in a mask that a network-wide list shows.
-int update_listed_mask(int port, bool on, size_t mask_offset, const char *topic)
-{
-    if (!is_initialized()) {
-        return -1;
-    }
-    uint8_t &mask = local_summary->data[mask_offset];
-    const uint8_t bit = port_bit(port);
-    if (bit == 0 || ((mask & bit) != 0) == on) {
-        return 0;
-    }
-    set_bits(mask, bit, on);
-    stamp_change(SUMMARY_INFO_PORTS_DYNAMIC);
-    return publish_port_list(mask_offset, topic);
-}
-
 } // namespace
 
 summary_walk summary_next_section(std::span<const uint8_t> &payload, summary_section &section)
@@ -1141,7 +1166,7 @@ int summary_update_status(int port, int status)
 {
     static constexpr size_t MASKS[] = {SUMMARY_GREEN, SUMMARY_YELLOW, SUMMARY_RED}; // by status
     static_assert(PORT_STATUS_GREEN == 0 && PORT_STATUS_YELLOW == 1 && PORT_STATUS_RED == 2);
-    if (!is_initialized()) {
+    if (!check_initialized()) {
         return -1;
     }
     const uint8_t bit = port_bit(port);
@@ -1164,7 +1189,7 @@ int summary_update_status(int port, int status)
 
 int summary_update_media(int port, int media)
 {
-    if (!is_initialized()) {
+    if (!check_initialized()) {
         return -1;
     }
     const uint8_t bit = port_bit(port);
@@ -1186,7 +1211,7 @@ int summary_update_media(int port, int media)
 
 int summary_update_type(int port, int type)
 {
-    if (!is_initialized()) {
+    if (!check_initialized()) {
         return -1;
     }
     uint8_t *const data = local_summary->data;
@@ -1199,7 +1224,6 @@ int summary_update_type(int port, int type)
         return -1;
     }
     if (is_degraded_style7(data) != was_degraded && publish_network_style7() == -1) {
-        log_error("couldn't publish global style 7 status");
         return -1;
     }
     return 0;

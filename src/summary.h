@@ -3,9 +3,6 @@
 // lists. Functions return 0, or -1 after logging why, unless said otherwise.
 #pragma once
 
-#include "common/netif.h"
-#include "utils.h"
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -83,8 +80,16 @@ constexpr size_t SUMMARY_JOB_REVISION_SIZE = 3;
 constexpr size_t SUMMARY_DOWNLOAD_STATUS_SIZE = 2;
 constexpr size_t SUMMARY_VERSION_NAME_SIZE = 10;
 constexpr size_t SUMMARY_VERSION_SIZE = 40;
-static_assert(summary_info_offsets[SUMMARY_INFO_VERSIONS] + summary_info_lengths[SUMMARY_INFO_VERSIONS] ==
-              SUMMARY_SIZE);
+static_assert(summary_info_offsets[SUMMARY_INFO_NODE_NUM] == SUMMARY_NODE_NUM);
+static_assert(summary_info_offsets[SUMMARY_INFO_PORTS_DYNAMIC] == SUMMARY_LINK_DOWN);
+static_assert(summary_info_offsets[SUMMARY_INFO_PORTS_STATIC] == SUMMARY_MEDIA_ETH);
+static_assert(summary_info_offsets[SUMMARY_INFO_MISWIRED] == SUMMARY_MISWIRED);
+static_assert(summary_info_offsets[SUMMARY_INFO_RINGS] == SUMMARY_RINGS);
+static_assert(summary_info_offsets[SUMMARY_INFO_JOB] == SUMMARY_JOB_NAME);
+static_assert(summary_info_offsets[SUMMARY_INFO_DOWNLOAD] == SUMMARY_DOWNLOAD_STATUS);
+static_assert(summary_info_offsets[SUMMARY_INFO_REPEATER] == SUMMARY_REPEATER);
+static_assert(summary_info_offsets[SUMMARY_INFO_VERSIONS] == SUMMARY_EBOOT_NAME);
+static_assert(SUMMARY_EBOOT_NAME + summary_info_lengths[SUMMARY_INFO_VERSIONS] == SUMMARY_SIZE);
 
 // On the wire a summary is a sequence of sections
 //
@@ -137,8 +142,9 @@ enum summary_port_type {
 // none.
 int summary_init(uint8_t node_number);
 
-// Changes of this node's ports, from the port statistics. The CPU port has no place in the summary: its
-// changes succeed and alter nothing.
+// Changes of this node's ports, from the port statistics. port: hwinfo's numbers; down and grounded: 0 or 1;
+// status: port_status; media: hwinfo's numbers up to LUM_TYPE_NONE; type: summary_port_type. The CPU port has
+// no place in the summary: no byte changes for it.
 int summary_update_link(int port, int down);
 int summary_update_ground(int port, int grounded);
 int summary_update_status(int port, int status);
