@@ -3,9 +3,9 @@
 
 #include <cstdint>
 
-// fd: the descriptor that fired; events: what epoll_wait reported; arg: as given to event_add.
-// A callback treats any event but EPOLLIN as fatal, and a timer's callback first reads its 8-byte expiry count
-// or sets the timer anew.
+// fd: the descriptor that fired; events: what epoll_wait reported; arg: as given to event_add. A callback
+// treats any event but EPOLLIN as fatal, and a timer's callback first reads its 8-byte expiry count or sets
+// the timer anew.
 using event_callback = void (*)(int fd, uint32_t events, void *arg);
 
 // Creates the epoll instance. 0, or -1 (also when called twice).

@@ -54,7 +54,8 @@ struct packet {
 };
 
 // Checks a datagram of true size size, of which buffer holds the first MAX_PACKET_SIZE bytes at most, and
-// fills packet_out, whose reply address is null. False, after logging what is wrong, when it is to be dropped.
+// fills packet_out, whose reply address is null. False, after logging what is wrong, when it is to be
+// dropped.
 bool packet_parse(const uint8_t *buffer, size_t size, packet &packet_out);
 
 // Opens the multicast socket on the fire interface and makes the module's MQTT subscriptions; called at
