@@ -66,10 +66,10 @@ struct subscription {
 
 mosquitto *mosq;
 bool connected;
-bool dispatching;
-// Newest first. Doubly linked because acknowledgements come oldest first.
+bool dispatching; // message_cb walks the subscriptions: none may be released
+// Newest first, both. Acknowledgements of publications come oldest first, so that list is linked both ways.
 publication *pending_publish;
-subscription *subscriptions; // newest first
+subscription *subscriptions;
 
 bool get_time(timespec &now)
 {
@@ -346,9 +346,10 @@ void maintenance_cb(int fd, uint32_t events, void *)
     }
 }
 
-bool add_maintenance_timer()
+// Creates, arms and registers the maintenance timer; the caller closes it when a step fails.
+bool add_maintenance_timer(unique_fd &timer)
 {
-    unique_fd timer(timerfd_create(CLOCK_MONOTONIC, 0));
+    timer.reset(timerfd_create(CLOCK_MONOTONIC, 0));
     if (!timer.is_open()) {
         log_error("couldn't create maintenance timer (errno %d)", errno);
         return false;
@@ -361,7 +362,6 @@ bool add_maintenance_timer()
         log_error("couldn't add mosquitto maintenance event");
         return false;
     }
-    timer.release(); // open until the process ends or a tick fails
     return true;
 }
 
@@ -376,10 +376,12 @@ bool add_events()
         log_error("couldn't add mosquitto socket handling events");
         return false;
     }
-    if (!add_maintenance_timer()) {
+    unique_fd timer;
+    if (!add_maintenance_timer(timer)) {
         event_remove(socket);
         return false;
     }
+    timer.release(); // open until the process ends or a tick fails
     return true;
 }
 
@@ -410,6 +412,7 @@ void disconnect_cb(mosquitto *, void *, int code)
 // request to terminate ends the wait like a success.
 int wait_for_connected(bool wanted, int poll_ms, int limit_s)
 {
+    const timespec limit = {.tv_sec = limit_s, .tv_nsec = 0};
     timespec start;
     if (!get_time(start)) {
         return -1;
@@ -427,7 +430,6 @@ int wait_for_connected(bool wanted, int poll_ms, int limit_s)
         if (!get_time(now)) {
             return -1;
         }
-        const timespec limit = {.tv_sec = limit_s, .tv_nsec = 0};
         const timespec elapsed = timespec_diff(&now, &start);
         if (timespec_cmp(&elapsed, &limit) > 0) {
             log_error("mosquitto client status change timed out");
@@ -444,13 +446,13 @@ void destroy_client()
     mosq = nullptr;
 }
 
-bool is_missing(const void *pointer)
+// Logs a missing argument.
+bool check_argument(bool is_given)
 {
-    if (pointer == nullptr) {
+    if (!is_given) {
         log_error("NULL pointer received as argument");
-        return true;
     }
-    return false;
+    return is_given;
 }
 
 } // namespace
@@ -514,7 +516,7 @@ int broker_disconnect()
 
 int broker_publish(const char *topic, const void *payload, size_t length)
 {
-    if (is_missing(topic) || is_missing(payload)) {
+    if (!check_argument(topic != nullptr && payload != nullptr)) {
         return -1;
     }
     return publish(topic, payload, length, true);
@@ -522,7 +524,7 @@ int broker_publish(const char *topic, const void *payload, size_t length)
 
 int broker_publish_unretained(const char *topic, const void *payload, size_t length)
 {
-    if (is_missing(topic) || is_missing(payload)) {
+    if (!check_argument(topic != nullptr && payload != nullptr)) {
         return -1;
     }
     return publish(topic, payload, length, false);
@@ -530,7 +532,7 @@ int broker_publish_unretained(const char *topic, const void *payload, size_t len
 
 int broker_unpublish(const char *topic)
 {
-    if (is_missing(topic)) {
+    if (!check_argument(topic != nullptr)) {
         return -1;
     }
     return publish(topic, nullptr, 0, true);
@@ -538,8 +540,7 @@ int broker_unpublish(const char *topic)
 
 int broker_subscribe(const char *filter, broker_callback callback, void *arg)
 {
-    if (filter == nullptr || callback == nullptr) {
-        log_error("NULL pointer received as argument");
+    if (!check_argument(filter != nullptr && callback != nullptr)) {
         return -1;
     }
     std::unique_ptr<subscription> record(new (std::nothrow) subscription{});
@@ -567,7 +568,7 @@ int broker_subscribe(const char *filter, broker_callback callback, void *arg)
 
 int broker_unsubscribe(const char *filter)
 {
-    if (is_missing(filter)) {
+    if (!check_argument(filter != nullptr)) {
         return -1;
     }
     subscription *record;

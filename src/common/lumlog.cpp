@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace
 {
@@ -34,6 +35,13 @@ constexpr std::array<facility_row, LUMLOG_FACILITIES> facilities = {{
     {"LUMLOG_DOWNLOAD", "download", LOG_LOCAL6}, {"LUMLOG_STORAGE", "storage", LOG_LOCAL6},
     {"LUMLOG_TEST", "test", LOG_LOCAL6},
 }};
+
+constexpr bool has_key(int facility, std::string_view key)
+{
+    return facilities[static_cast<size_t>(facility)].rc_key == key;
+}
+static_assert(has_key(LUMLOG_LUMLOG, "LUMLOG_LUMLOG") && has_key(LUMLOG_HWINFO, "LUMLOG_HWINFO") &&
+              has_key(LUMLOG_DIAG, "LUMLOG_DIAG"));
 
 struct level_row {
     const char *name;

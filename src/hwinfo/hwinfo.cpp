@@ -31,11 +31,11 @@ constexpr int DIPSWITCH_OFFLINE_SHIFT = 7;
 constexpr uint8_t OLD_MEDIA_CARD_MASK = 0x07;
 constexpr uint8_t NEW_MEDIA_CARD_MASK = 0x0F;
 
-enum card_flavor : uint32_t {
+enum flavor_code : uint32_t {
     FLAVOR_NIC_1 = 1,
     FLAVOR_NIC_2 = 2,
     FLAVOR_NIC_BOX = 3,
-    FLAVOR_UNSUPPORTED = 11,
+    FLAVOR_11 = 11,
 };
 
 constexpr int MEDIA_CARDS = 2;
@@ -209,7 +209,7 @@ int init_flavor()
     case FLAVOR_NIC_1:
     case FLAVOR_NIC_2:
     case FLAVOR_NIC_BOX:
-    case FLAVOR_UNSUPPORTED:
+    case FLAVOR_11:
         card_flavor = value;
         return 0;
     default:
