@@ -160,12 +160,8 @@ reading read_datagram(uint8_t (&buffer)[MAX_PACKET_SIZE], size_t &size_out, sock
     }
 }
 
-int process_packet(packet &received, const sockaddr_in &sender)
+int process_packet(const packet &received)
 {
-    char reply_address[INET_ADDRSTRLEN];
-    inet_ntop(AF_INET, &sender.sin_addr, reply_address, sizeof reply_address);
-    received.reply_address = reply_address;
-
     const packet_handling &handling = handling_of(received.type);
     if (handling.process != nullptr && handling.process(received) == -1) {
         log_error("%s", handling.failure);
@@ -190,7 +186,11 @@ int receive_packet()
         break;
     }
     packet received;
-    return packet_parse(buffer, size, received) ? process_packet(received, sender) : 0;
+    if (!packet_parse(buffer, size, received)) {
+        return 0;
+    }
+    inet_ntop(AF_INET, &sender.sin_addr, received.reply_address, sizeof received.reply_address);
+    return process_packet(received);
 }
 
 void close_socket()
@@ -327,7 +327,7 @@ bool packet_parse(const uint8_t *buffer, size_t size, packet &packet_out)
     packet_out = {.type = type,
                   .source_mac = buffer + PACKET_OFFSET_SOURCE_MAC,
                   .payload = payload,
-                  .reply_address = nullptr};
+                  .reply_address = {}};
     return true;
 }
 

@@ -45,17 +45,18 @@ enum packet_type : uint8_t {
 };
 constexpr size_t PACKET_TYPES = 12;
 
+constexpr size_t IP_STR_SIZE = 16;
+
 // A received packet that has passed its checks.
 struct packet {
     uint8_t type;
     const uint8_t *source_mac;
     std::span<const uint8_t> payload;
-    const char *reply_address; // dotted text
+    char reply_address[IP_STR_SIZE]; // dotted text
 };
 
 // Checks a datagram of true size size, of which buffer holds the first MAX_PACKET_SIZE bytes at most, and
-// fills packet_out, whose reply address is null. False, after logging what is wrong, when it is to be
-// dropped.
+// fills packet_out with an empty reply address. False, after logging what is wrong, when it is to be dropped.
 bool packet_parse(const uint8_t *buffer, size_t size, packet &packet_out);
 
 // Opens the multicast socket on the fire interface and makes the module's MQTT subscriptions; called at
