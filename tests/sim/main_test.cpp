@@ -197,11 +197,6 @@ struct options_case {
     lines log;
 };
 
-void PrintTo(const options_case &row, std::ostream *stream)
-{
-    *stream << row.name;
-}
-
 class main_options : public main_program, public testing::WithParamInterface<options_case>
 {
 };
@@ -297,11 +292,6 @@ struct failure_case {
     failure what;
     lines log;
 };
-
-void PrintTo(const failure_case &row, std::ostream *stream)
-{
-    *stream << row.what.call;
-}
 
 failure_case in(const stage &at, const failure &what, const lines &log)
 {

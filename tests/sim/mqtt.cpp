@@ -78,6 +78,7 @@ struct broker_state {
     std::string client_settings;
     std::vector<std::string> filters;
     std::map<std::string, std::string> retained;
+    std::vector<int> unanswered; // identifiers of publications
     messages published;
     std::vector<std::string> requests;
 };
@@ -194,6 +195,8 @@ void accept(mosquitto &client, const packet &received)
         broker.published.push_back(content);
         if (broker.behaviour.answers_publish) {
             client.input.push_back({.kind = packet_kind::PUBACK, .mid = received.mid});
+        } else {
+            broker.unanswered.push_back(received.mid);
         }
         accept_message(content);
         break;
@@ -372,6 +375,12 @@ namespace sim
 broker_behaviour &broker()
 {
     return state().behaviour;
+}
+
+void answer_publication(size_t nth)
+{
+    state().client->input.push_back({.kind = packet_kind::PUBACK, .mid = state().unanswered.at(nth)});
+    run();
 }
 
 void publish(const std::string &topic, const std::string &payload, bool retain)

@@ -32,6 +32,9 @@ struct broker_behaviour {
 };
 broker_behaviour &broker();
 
+// Acknowledges the publication that was the nth to be left unanswered, from 0; the daemon runs.
+void answer_publication(size_t nth);
+
 // A message from another client; the daemon runs.
 void publish(const std::string &topic, const std::string &payload, bool retain = true);
 

@@ -97,6 +97,7 @@ struct platform_state {
     unsigned calls_at_this_time = 0;
 
     std::list<scripted_call> script;
+    bool expects_leak = false;
     std::map<int, struct sigaction> handlers;
     std::optional<int> pending_signal;
 
@@ -409,6 +410,11 @@ lines take_log()
 void fail(const failure &failure)
 {
     state().script.push_back({.what = failure, .action = nullptr});
+}
+
+void expect_leak()
+{
+    state().expects_leak = true;
 }
 
 void before(const char *call, const std::string &detail, std::function<void()> action)
@@ -1009,9 +1015,18 @@ void *wrapped_new(size_t size, const std::nothrow_t &) noexcept asm(ALLOCATION_N
 void *wrapped_new_array(size_t size, const std::nothrow_t &) noexcept
     asm(ALLOCATION_NAME_TEXT("__wrap__Zna"));
 
+extern "C" [[gnu::weak]] void __lsan_ignore_object(const void *object);
+
 void *wrapped_new(size_t size, const std::nothrow_t &tag) noexcept
 {
-    return failing("new") ? nullptr : real_new(size, tag);
+    if (failing("new")) {
+        return nullptr;
+    }
+    void *const object = real_new(size, tag);
+    if (std::exchange(state().expects_leak, false) && __lsan_ignore_object != nullptr) {
+        __lsan_ignore_object(object);
+    }
+    return object;
 }
 
 void *wrapped_new_array(size_t size, const std::nothrow_t &tag) noexcept

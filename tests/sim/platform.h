@@ -98,6 +98,9 @@ public:
 };
 void fail(const failure &failure);
 
+// The daemon never frees the next allocation that may fail, and means to.
+void expect_leak();
+
 // Runs the action at the start of the next call of the function, optionally only one about detail. The
 // action runs on the daemon's turn.
 void before(const char *call, const std::string &detail, std::function<void()> action);

@@ -1,0 +1,919 @@
+// Node summaries: what is received, what the node's own facts do to its summary, when it is sent, and when
+// silent nodes are forgotten.
+#include "packets.h"
+#include "summary.h"
+
+#include <mosquitto.h>
+#include <sys/epoll.h>
+
+#include <algorithm>
+
+using namespace sim;
+
+namespace
+{
+
+const std::string LINK_DOWN = "pub/diag/net/fire/link_down";
+const std::string GROUND = "pub/diag/net/fire/grnd_list";
+const std::string MISWIRED = "pub/diag/net/fire/miswired";
+const std::string MISWIRED_LINKS = "pub/diag/net/fire/miswired_links";
+const std::string STYLE7 = "local/diag/network_style7";
+const std::string DEGRADED = bytes("01");
+const std::string NOT_DEGRADED = bytes("00");
+const std::string NO_PORTS = bytes("00"); // an empty port list
+const std::string LOCAL = bytes("00 1A 2B 3C 4D 5E");
+
+std::string peer_topic(const std::string &name, const std::string &mac_text = PEER_MAC_TEXT)
+{
+    return "pub/diag/" + mac_text + "/" + name;
+}
+
+std::string local_topic(const std::string &name)
+{
+    return peer_topic(name, LOCAL_MAC_TEXT);
+}
+
+std::string padded(std::string text, size_t size)
+{
+    text.resize(size, ' ');
+    return text;
+}
+
+// Summary data with everything zero but the versions.
+std::string blank_data()
+{
+    std::string data(61, '\0');
+    for (const char *name : {"boot", "system", "application"}) {
+        data += padded(name, 10) + padded(name + std::string(" 1"), 40);
+    }
+    return data;
+}
+
+void put(std::string &data, size_t offset, const std::string &text)
+{
+    data.replace(offset, text.size(), text);
+}
+
+const std::string BLANK_VERSIONS = padded("system", 10) + ":" + padded("system 1", 40) + ";" +
+                                   padded("boot", 10) + ":" + padded("boot 1", 40) +
+                                   ";applicatio:" + padded("application 1", 40) + ";";
+
+const messages BLANK_PUBLICATIONS = {
+    {peer_topic("port_summary"), "{}"},
+    {peer_topic("port_media"), "{}"},
+    {STYLE7, NOT_DEGRADED}, // with the port types
+    {STYLE7, NOT_DEGRADED}, // with the rings
+    {peer_topic("job_rev"), ""},
+    {peer_topic("job_name"), ""},
+    {peer_topic("download_status"), bytes("00 00")},
+    {peer_topic("M301"), "0"},
+    {peer_topic("M702"), "0"},
+    {peer_topic("comm_loss"), "0"},
+    {peer_topic("download_pending"), "0"},
+    {peer_topic("CF_free_space"), "0"},
+    {peer_topic("repeater"), "0"},
+    {peer_topic("software_versions"), BLANK_VERSIONS},
+};
+
+// The MAC address 02-00-00-00-xx-xx of one of many nodes.
+std::string nth_mac(size_t n)
+{
+    return bytes("02 00 00 00") + big_endian_16(n);
+}
+
+class node_summary : public node
+{
+protected:
+    void SetUp() override { start_node(7); }
+};
+
+//
+// Summaries of other nodes
+//
+
+TEST_F(node_summary, walk_passes_over_what_it_does_not_know)
+{
+    const std::string repeater = section(7, bytes("05"));
+    const struct {
+        std::string payload;
+        std::vector<const char *> values; // of the repeater, as published
+        lines log;
+    } rows[] = {
+        {"", {}, {}},
+        {bytes("07 00 01"), {}, {}},
+        {repeater, {"5"}, {}},
+        {repeater + bytes("00 00 01"), {"5"}, {}},
+        {repeater + section(7, bytes("05")) + section(7, bytes("06")), {"5", "6"}, {}},
+        {bytes("10 FF FF") + repeater, {"5"}, {}},
+        {bytes("09 00 00 FF 00 00") + repeater, {"5"}, {}},
+        {section(3, std::string(24, 'x')) + repeater,
+         {"5"},
+         {"summary.c: invalid length for type 0x03 (24, should be 25)"}},
+        {repeater + bytes("00 01 00") + std::string(50, '\x07'),
+         {"5"},
+         {"summary.c: not enough data for given length"}},
+        {bytes("07 00 02 05"), {}, {"summary.c: not enough data for given length"}},
+    };
+    size_t number = 0;
+    for (const auto &row : rows) {
+        const std::string mac = nth_mac(++number);
+        receive_summary(row.payload, mac);
+        EXPECT_EQ(take_log(), row.log) << number;
+        messages expected;
+        for (const char *value : row.values) {
+            std::string text = hex(mac);
+            std::ranges::replace(text, ' ', '-');
+            expected.push_back({peer_topic("repeater", text), value});
+        }
+        EXPECT_EQ(take_published(), expected) << number;
+    }
+}
+
+TEST_F(node_summary, each_change_publishes_what_depends_on_it_and_nothing_else)
+{
+    std::string data = blank_data();
+    receive_summary(sections_of(data));
+    EXPECT_EQ(take_published(), BLANK_PUBLICATIONS);
+    receive_summary(sections_of(data));
+    EXPECT_EQ(take_published(), messages());
+
+    const auto list = [](const char *mask) { return PEER_MAC + bytes(mask); };
+    const struct {
+        size_t offset;
+        const char *bytes;
+        messages published;
+    } rows[] = {
+        {0, "09", {}},
+        {1, "05", {{LINK_DOWN, list("09 05")}}},
+        {2, "80", {{GROUND, list("09 80")}}},
+        {4, "02", {{peer_topic("port_summary"), R"({"B":"yellow"})"}}},
+        {3,
+         "81 03 FF",
+         {{peer_topic("port_summary"),
+           R"({"A":"red","B":"yellow","C":"green","D":"green","E":"green","F":"green","G":"green","H":"red"})"}}},
+        {6, "01 03 07 0F", {{peer_topic("port_media"), R"({"A":"eth","B":"dsl","C":"smf","D":"mmf"})"}}},
+        {10, "03", {{STYLE7, DEGRADED}}}, // fire ports without rings
+        {11, "04", {{STYLE7, DEGRADED}}},
+        {37, "01", {{STYLE7, NOT_DEGRADED}}},
+        {38, "01", {{STYLE7, DEGRADED}}},
+        {12, "02", {{MISWIRED, list("09 02")}, {MISWIRED_LINKS, bytes("09 00 00 00")}}},
+        {16, "03 04 01", {{MISWIRED, list("09 02")}, {MISWIRED_LINKS, bytes("09 01 03 04")}}},
+        {47, "41 42 43", {{peer_topic("job_rev"), "ABC"}}},
+        {39, "4A 4F 42 00 31 32 33 34", {{peer_topic("job_name"), "JOB"}}},
+        {43, "39", {}}, // behind the name's end
+        {42, "30", {{peer_topic("job_name"), "JOB09234"}}},
+        {39, "00", {{peer_topic("job_name"), ""}}},
+        {50, "01 FF", {{peer_topic("download_status"), bytes("01 FF")}}},
+        {56,
+         "01 02 01 03",
+         {{peer_topic("M301"), "1"},
+          {peer_topic("M702"), "0"},
+          {peer_topic("comm_loss"), "1"},
+          {peer_topic("download_pending"), "0"}}},
+        {52, "10 27 00 00", {{peer_topic("CF_free_space"), "10000"}}},
+        {52, "FF C9 9A 3B", {{peer_topic("CF_free_space"), "999999999"}}},
+        {52, "FF FF FF FF", {{peer_topic("CF_free_space"), "429496729"}}},
+        {60, "FF", {{peer_topic("repeater"), "255"}}},
+        {1, "00 00", {{LINK_DOWN, NO_PORTS}, {GROUND, NO_PORTS}}},
+        {12, "00", {{MISWIRED, NO_PORTS}, {MISWIRED_LINKS, ""}}},
+    };
+    for (const auto &row : rows) {
+        put(data, row.offset, bytes(row.bytes));
+        receive_summary(sections_of(data));
+        EXPECT_EQ(take_published(), row.published) << row.offset << ' ' << row.bytes;
+    }
+    put(data, 171, "2");
+    receive_summary(sections_of(data));
+    EXPECT_EQ(take_published().at(0).payload.substr(115, 5), "2ppli");
+    EXPECT_FALSE(retained().contains(MISWIRED_LINKS));
+}
+
+TEST_F(node_summary, first_summary_publishes_lists_only_for_a_node_to_list)
+{
+    std::string data = blank_data();
+    put(data, 1, bytes("01 02"));
+    put(data, 12, bytes("01"));
+    receive_summary(sections_of(data));
+    EXPECT_EQ(retained().at(LINK_DOWN), PEER_MAC + bytes("00 01"));
+    EXPECT_EQ(retained().at(GROUND), PEER_MAC + bytes("00 02"));
+    EXPECT_EQ(retained().at(MISWIRED), PEER_MAC + bytes("00 01"));
+}
+
+TEST_F(node_summary, port_list_ends_at_250_nodes_newest_first_and_local_last)
+{
+    summary_update_link(1, 1);
+    std::string list = LOCAL + bytes("07 02");
+    for (size_t n = 1; n <= 249; n++) {
+        receive_summary(section(0, bytes("08")) + section(1, bytes("01 00 00 00 00")), nth_mac(n));
+        list = nth_mac(n) + bytes("08 01") + list;
+        ASSERT_EQ(retained().at(LINK_DOWN), list);
+    }
+    receive_summary(section(1, bytes("80 00 00 00 00")), nth_mac(250));
+    EXPECT_EQ(retained().at(LINK_DOWN), nth_mac(250) + bytes("00 80") + list.substr(0, 249 * 8));
+}
+
+TEST_F(node_summary, miswired_link_is_listed_once_from_the_end_met_first)
+{
+    const auto miswire = [](const char *number, const char *mask, const char *peers, size_t mac) {
+        receive_summary(section(0, bytes(number)) + section(3, bytes(mask) + padded(bytes(peers), 24)),
+                        nth_mac(mac));
+    };
+    miswire("01", "01", "02 03 00", 1);                               // node 1 port A to node 2 port D
+    miswire("02", "09", "02 00 00  00 00 00  00 00 00  01 00 03", 2); // node 2 port A to itself, D back
+    EXPECT_EQ(retained().at(MISWIRED_LINKS), bytes("02 00 02 00  02 03 01 00"));
+    miswire("02", "00", "", 2);
+    EXPECT_EQ(retained().at(MISWIRED_LINKS), bytes("01 00 02 03"));
+    for (size_t n = 3; n <= 9; n++) { // 56 more links
+        std::string peers;
+        for (int port = 0; port < 8; port++) {
+            peers += bytes("FF 00") + static_cast<char>(port);
+        }
+        receive_summary(section(0, std::string(1, static_cast<char>(n))) + section(3, bytes("FF") + peers),
+                        nth_mac(n));
+    }
+    EXPECT_EQ(retained().at(MISWIRED_LINKS).size(), 200U);
+    EXPECT_EQ(retained().at(MISWIRED_LINKS).substr(192), bytes("03 00 FF 00  03 01 FF 00"));
+}
+
+TEST_F(node_summary, own_mac_updates_the_local_record_which_never_goes)
+{
+    receive_summary(section(0, bytes("2A")) + section(1, bytes("01 00 00 00 00")), LOCAL);
+    EXPECT_EQ(retained().at(LINK_DOWN), LOCAL + bytes("2A 01"));
+    receive_goodbye(LOCAL);
+    advance(200s);
+    EXPECT_EQ(retained().at(LINK_DOWN), LOCAL + bytes("2A 01"));
+    take_published();
+    receive_goodbye(nth_mac(99)); // of a node never heard
+    EXPECT_EQ(take_published(), messages());
+}
+
+const lines LEAVING = {"port_summary",    "port_media",       "job_rev", "job_name",
+                       "download_status", "CF_free_space",    "M301",    "M702",
+                       "comm_loss",       "download_pending", "repeater"};
+
+messages withdrawn()
+{
+    messages all;
+    for (const std::string &name : LEAVING) {
+        all.push_back({peer_topic(name), ""});
+    }
+    return all;
+}
+
+TEST_F(node_summary, goodbye_withdraws_what_the_node_left_except_its_versions)
+{
+    std::string data = blank_data();
+    put(data, 1, bytes("01 02"));
+    put(data, 10, bytes("01"));
+    put(data, 12, bytes("04"));
+    receive_summary(sections_of(data));
+    take_published();
+    receive_goodbye();
+    const messages lists = {{LINK_DOWN, NO_PORTS},
+                            {GROUND, NO_PORTS},
+                            {MISWIRED, NO_PORTS},
+                            {MISWIRED_LINKS, ""},
+                            {STYLE7, NOT_DEGRADED}};
+    messages expected = withdrawn();
+    expected.insert(expected.begin(), lists.begin(), lists.end());
+    EXPECT_EQ(take_published(), expected);
+    EXPECT_TRUE(retained().contains(peer_topic("software_versions")));
+    receive_summary(sections_of(blank_data()));
+    receive_goodbye();
+    const messages again = take_published(); // known no more: all is published, and no list on leaving
+    EXPECT_EQ(messages(again.begin(), again.begin() + 14), BLANK_PUBLICATIONS);
+    EXPECT_EQ(messages(again.begin() + 14, again.end()), withdrawn());
+}
+
+TEST_F(node_summary, node_numbers_lead_to_all_their_macs_that_fit)
+{
+    for (size_t n = 1; n <= 3; n++) {
+        receive_summary(section(0, bytes("07")), nth_mac(n));
+    }
+    uint8_t macs[99 * 6];
+    const auto found = [&](uint8_t number, size_t capacity) {
+        const size_t count = summary_get_mac_addrs(number, macs, capacity);
+        return std::string(macs, macs + 6 * count);
+    };
+    EXPECT_EQ(found(8, sizeof macs), "");
+    EXPECT_EQ(found(7, sizeof macs), nth_mac(3) + nth_mac(2) + nth_mac(1) + LOCAL);
+    EXPECT_EQ(take_log(), lines());
+    EXPECT_EQ(found(7, 17), nth_mac(3) + nth_mac(2));
+    EXPECT_EQ(summary_get_mac_addrs(7, nullptr, 6), 0U);
+    EXPECT_EQ(take_log(), lines({"summary.c: ignoring MAC address(es) since result array is too small",
+                                 "summary.c: NULL pointer received as argument"}));
+}
+
+//
+// Failing publications
+//
+
+struct publication_case {
+    std::string topic;
+    bool is_goodbye;
+    lines log; // behind the broker's message
+};
+
+class publication : public node_summary, public testing::WithParamInterface<publication_case>
+{
+};
+
+TEST_P(publication, that_fails_is_logged_at_each_level_and_fatal)
+{
+    const publication_case &row = GetParam();
+    std::string data = blank_data();
+    put(data, 1, bytes("01 02"));
+    put(data, 10, bytes("01"));
+    put(data, 12, bytes("04"));
+    if (row.is_goodbye) {
+        expect_leak(); // the record, out of the list
+        receive_summary(sections_of(data));
+    }
+    fail(failure("mosquitto_publish", MOSQ_ERR_NOMEM, row.topic));
+    if (row.is_goodbye) {
+        receive_goodbye();
+    } else {
+        receive_summary(sections_of(data));
+    }
+    EXPECT_EQ(exit_status(), 1);
+    lines log = take_log();
+    EXPECT_EQ(log.at(0), "broker: couldn't publish message on topic " + row.topic + " (Out of memory.)");
+    log.erase(log.begin());
+    const lines outer =
+        row.is_goodbye ? lines{"summary.c: couldn't unpublish data from summary",
+                               "remote: couldn't clear summary", "remote: couldn't process goodbye message"}
+                       : lines{"summary.c: couldn't publish all information from summary",
+                               "remote: couldn't process node summary"};
+}
+
+publication_case received(const std::string &topic, int type, lines log)
+{
+    for (std::string &line : log) {
+        line = "summary.c: couldn't " + line;
+    }
+    return {topic, false, log + lines{"summary.c: couldn't update info for type 0x0" + std::to_string(type)}};
+}
+
+publication_case leaving(const std::string &topic, lines log)
+{
+    publication_case row = received(topic, 0, std::move(log));
+    row.is_goodbye = true;
+    row.log.pop_back();
+    return row;
+}
+
+publication_case received_plain(const std::string &name, int type, const std::string &purpose)
+{
+    return received(peer_topic(name), type, {"publish " + purpose});
+}
+
+const publication_case PUBLICATIONS[] = {
+    received(LINK_DOWN, 1, {"publish port list to " + LINK_DOWN}),
+    received(GROUND, 1, {"publish port list to " + GROUND}),
+    received(peer_topic("port_summary"), 1,
+             {"publish {} to " + peer_topic("port_summary"), "publish port summary"}),
+    received(peer_topic("port_media"), 2,
+             {"publish {} to " + peer_topic("port_media"), "publish port media"}),
+    received(STYLE7, 2, {"publish 0x01 to " + STYLE7, "publish global style 7 status"}),
+    received(MISWIRED, 3, {"publish port list to " + MISWIRED, "publish miswired ports and links"}),
+    received(MISWIRED_LINKS, 3,
+             {"publish miswired links to " + MISWIRED_LINKS, "publish miswired ports and links"}),
+    received_plain("job_rev", 5, "job revision"),
+    received_plain("job_name", 5, "job name"),
+    received_plain("download_status", 6, "download status"),
+    received_plain("M301", 6, "M301 status"),
+    received_plain("M702", 6, "M702 status"),
+    received_plain("comm_loss", 6, "comm loss LED status"),
+    received_plain("download_pending", 6, "download pending status"),
+    received_plain("CF_free_space", 6, "free space in CF"),
+    received_plain("repeater", 7, "repeater source"),
+    received(peer_topic("software_versions"), 8,
+             {"publish " + BLANK_VERSIONS + " to " + peer_topic("software_versions"),
+              "publish software versions"}),
+    leaving(LINK_DOWN, {"publish port list to " + LINK_DOWN}),
+    leaving(GROUND, {"publish port list to " + GROUND}),
+    leaving(MISWIRED, {"publish port list to " + MISWIRED, "publish miswired ports and links"}),
+    leaving(STYLE7, {"publish 0x00 to " + STYLE7, "publish global style 7 status"}),
+    leaving(peer_topic("port_summary"), {"unpublish topic " + peer_topic("port_summary")}),
+    leaving(peer_topic("repeater"), {"unpublish topic " + peer_topic("repeater")}),
+};
+INSTANTIATE_TEST_SUITE_P(table, publication, testing::ValuesIn(PUBLICATIONS), [](const auto &row) {
+    std::string name = row.param.topic.substr(row.param.topic.rfind('/') + 1);
+    return name + (row.param.is_goodbye ? "_on_goodbye" : "");
+});
+
+TEST_F(node_summary, clock_failure_at_the_end_of_a_summary_is_fatal)
+{
+    fail(failure("clock_gettime", EINVAL));
+    receive_summary("");
+    EXPECT_EQ(exit_status(), 1);
+    EXPECT_EQ(take_log().at(0), "summary.c: couldn't get time (errno 22)");
+}
+
+TEST_F(node_summary, missing_arguments_are_refused)
+{
+    const uint8_t byte = 0;
+    EXPECT_EQ(summary_process(nullptr, &byte, 0), -1);
+    EXPECT_EQ(summary_process(LOCAL_MAC, nullptr, 0), -1);
+    EXPECT_EQ(take_log(), lines(2, "summary.c: NULL pointer received as argument"));
+}
+
+//
+// The node's own facts. A full summary is sent each minute; of the four ticks behind it only recent changes
+// are sent.
+//
+
+class local_summary : public node_summary
+{
+protected:
+    void SetUp() override
+    {
+        node_summary::SetUp();
+        while (take_datagrams().empty()) {
+            advance(1s);
+        }
+    }
+
+    // The types of the sections that the next tick sends besides the node number, as a number: 46 for types 4
+    // and 6.
+    static int sent_next()
+    {
+        take_datagrams();
+        advance(3s);
+        int types = 0;
+        for (const datagram &sent : take_datagrams()) {
+            for (size_t at = 14; at < sent.bytes.size();
+                 at += 3U + static_cast<uint8_t>(sent.bytes[at + 1]) * 256U +
+                       static_cast<uint8_t>(sent.bytes[at + 2])) {
+                types = types * 10 + sent.bytes[at];
+            }
+        }
+        return types;
+    }
+
+    // Bytes of the summary data, from the next full summary; call it behind sent_next.
+    static std::string local_data(size_t offset, size_t size)
+    {
+        advance(57s);
+        const std::string full = take_datagrams().back().bytes;
+        EXPECT_EQ(full.size(), 248U);
+        std::string data;
+        for (size_t at = 10; at < full.size();) {
+            const size_t length = static_cast<uint8_t>(full[at + 2]);
+            data += full.substr(at + 3, length);
+            at += 3 + length;
+        }
+        return hex(data.substr(offset, size));
+    }
+};
+
+TEST_F(local_summary, starts_with_number_versions_and_nothing_else)
+{
+    EXPECT_EQ(sent_next(), 0);
+    EXPECT_EQ(local_data(0, 61), hex(bytes("07") + std::string(60, '\0')));
+    EXPECT_EQ(sent_next(), 0);
+    EXPECT_EQ(local_data(61, 150),
+              hex(padded("eboot", 10) + padded("7.8.9\"\n", 35) + "7.8.9" + padded("eos image", 10) +
+                  padded("1.2.3\n", 40) + padded("priapp", 10) + padded("4.5.6\n", 40)));
+}
+
+// Ring-protection status of a port in host byte order.
+std::string erps(uint8_t flags, uint32_t state, uint32_t peer_port, uint32_t peer_node, uint8_t peer_flags)
+{
+    std::string status(92, '\x55');
+    const auto put_host = [&](size_t offset, const auto &value) {
+        status.replace(offset, sizeof value,
+                       std::string(reinterpret_cast<const char *>(&value), sizeof value));
+    };
+    put_host(0, flags);
+    put_host(4, state);
+    put_host(76, peer_port);
+    put_host(80, peer_node);
+    put_host(88, peer_flags);
+    return status;
+}
+
+std::string ring(int32_t state)
+{
+    return {reinterpret_cast<const char *>(&state), sizeof state};
+}
+
+TEST_F(local_summary, topics_change_stamp_and_publish)
+{
+    const std::string port = "local/diag/port/";
+    const std::string ring_topic = "local/diag/ring/";
+    const auto miswired = [](const char *mask, const char *links) {
+        const std::string list = bytes(mask) == bytes("00") ? NO_PORTS : LOCAL + bytes("07") + bytes(mask);
+        return messages({{MISWIRED, list}, {MISWIRED_LINKS, bytes(links)}});
+    };
+    const messages rings = {{STYLE7, NOT_DEGRADED}};
+    const struct {
+        std::string topic;
+        std::string payload;
+        size_t offset;
+        const char *data; // from offset, afterwards
+        int stamped;      // type
+        messages published;
+        const char *log;
+    } rows[] = {
+        // Miswired: up, and flags differ or are odd with ports of the same parity.
+        {port + "B/status", erps(1, 0, 0x103, 0x209, 1), 12, "02 00 00 00 09 03 01", 3,
+         miswired("02", "07 01 09 03"), nullptr},
+        {port + "B/status", erps(1, 4, 0x103, 0x209, 1), 12, "02", 0, {}, nullptr},
+        {port + "B/status", erps(0, 4, 2, 8, 1), 12, "02 00 00 00 08 02 01", 3, miswired("02", "07 01 08 02"),
+         nullptr},
+        {port + "CPU/status", erps(0, 0, 1, 1, 1), 12, "02", 0, {}, nullptr},
+        {port + "CPU/status", "", 12, "02", 0, {}, nullptr},
+        {port + "B/status", erps(1, 0, 2, 8, 1), 12, "00 00 00 00 08 02 01", 3, miswired("00", ""), nullptr},
+        {port + "H/status", erps(3, 0, 1, 8, 3), 12, "80", 3, miswired("80", "07 07 08 01"), nullptr},
+        {port + "H/status", erps(2, 0, 1, 8, 2), 12, "00", 3, miswired("00", ""), nullptr},
+        {port + "A/status", erps(0, 5, 0, 8, 1), 12, "00", 0, {}, nullptr},
+        {port + "A/status", erps(0, 4, 0, 8, 1), 12, "01", 3, miswired("01", "07 00 08 00"), nullptr},
+        {port + "A/status",
+         std::string(91, '\0'),
+         12,
+         "01",
+         0,
+         {},
+         "published ERPS port status data has wrong length (91, should be 92)"},
+        {port + "A/status", "", 12, "00 08 00 00", 3, miswired("00", ""), nullptr},
+        {port + "a/status", "", 12, "00", 0, {}, nullptr},
+        // Rings
+        {ring_topic + "0/status", ring(2), 37, "01 00", 4, rings, nullptr},
+        {ring_topic + "7/status", ring(0), 37, "81 80", 4, rings, nullptr},
+        {ring_topic + "7/status", ring(2), 37, "81 00", 4, rings, nullptr},
+        {ring_topic + "0/status", ring(-1), 37, "80 00", 4, rings, nullptr},
+        {ring_topic + "8/status", ring(3), 37, "80 00", 4, rings, nullptr},
+        {ring_topic + "4294967295/status", ring(3), 37, "80 00", 4, rings, nullptr},
+        {ring_topic + "7/status",
+         ring(3).substr(1),
+         37,
+         "80 00",
+         0,
+         {},
+         "published ring status data has wrong length (3, should be 4 or 0)"},
+        {ring_topic + "7/status", "", 37, "00 00", 4, rings, nullptr},
+        {ring_topic + "x/status", ring(3), 37, "00 00", 0, {}, nullptr},
+        // Job
+        {local_topic("job_name"), "ABCDEFGH", 39, "41 42 43 44 45 46 47 48", 0, {}, nullptr},
+        {local_topic("job_rev"), "ABC", 47, "41 42 43", 0, {}, nullptr},
+        {local_topic("job_rev"), "", 47, "00 42 43", 0, {}, nullptr},
+        {local_topic("job_rev"),
+         "ABCD",
+         47,
+         "00 42 43",
+         0,
+         {},
+         "published job information on topic pub/diag/00-1A-2B-3C-4D-5E/job_rev is too long (4, must be at "
+         "most "
+         "3)"},
+        {local_topic("job_name"), "XY", 39, "58 59 00 00 00 00 00 00", 0, {}, nullptr},
+        {local_topic("job_name"),
+         "123456789",
+         39,
+         "58 59",
+         0,
+         {},
+         "published job information on topic pub/diag/00-1A-2B-3C-4D-5E/job_name is too long (9, must be at "
+         "most 8)"},
+        // Download
+        {local_topic("download_status"), bytes("12 34"), 50, "12 34", 6, {}, nullptr},
+        {local_topic("download_status"),
+         "1",
+         50,
+         "12 34",
+         6,
+         {},
+         "published download status has wrong length (1, should be 2)"},
+        {local_topic("download_status"), "", 50, "00 00", 6, {}, nullptr},
+        {local_topic("CF_free_space"), "0x10", 52, "10 00 00 00", 6, {}, nullptr},
+        {local_topic("CF_free_space"),
+         "12abc",
+         52,
+         "10 00 00 00",
+         6,
+         {},
+         "invalid CF free space value 12abc"},
+        {local_topic("CF_free_space"), "-1", 52, "10 00 00 00", 6, {}, "invalid CF free space value -1"},
+        {local_topic("CF_free_space"), " 1", 52, "10 00 00 00", 6, {}, "invalid CF free space value  1"},
+        {local_topic("CF_free_space"), "4294967295", 52, "FF FF FF FF", 6, {}, nullptr},
+        {local_topic("CF_free_space"),
+         "4294967296",
+         52,
+         "FF FF FF FF",
+         6,
+         {},
+         "invalid CF free space value 4294967296"},
+        {local_topic("CF_free_space"), "010", 52, "08 00 00 00", 6, {}, nullptr},
+        {local_topic("CF_free_space"), "", 52, "00 00 00 00", 0, {}, nullptr},
+        {local_topic("M301"), "1", 56, "01 00 00 00", 6, {}, nullptr},
+        {local_topic("M702"), "1", 56, "01 01 00 00", 6, {}, nullptr},
+        {local_topic("comm_loss"), "1", 56, "01 01 01 00", 6, {}, nullptr},
+        {local_topic("download_pending"), "1", 56, "01 01 01 01", 6, {}, nullptr},
+        {local_topic("M301"), "2", 56, "00 01 01 01", 6, {}, nullptr},
+        {local_topic("M702"), "", 56, "00 00 01 01", 6, {}, nullptr},
+        {local_topic("comm_loss"),
+         "11",
+         56,
+         "00 00 01 01",
+         0,
+         {},
+         "message published on pub/diag/00-1A-2B-3C-4D-5E/comm_loss has wrong length (2, should be 1 or 0)"},
+        // Repeater
+        {local_topic("repeater"), "255", 60, "FF", 7, {}, nullptr},
+        {local_topic("repeater"), "256", 60, "00", 7, {}, nullptr},
+        {local_topic("repeater"), "0x1f", 60, "1F", 7, {}, nullptr},
+        {local_topic("repeater"), "", 60, "00", 0, {}, nullptr},
+        {local_topic("repeater"), "12 ", 60, "00", 7, {}, nullptr},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.topic + " " + hex(row.payload));
+        publish(row.topic, row.payload);
+        EXPECT_EQ(take_published(), row.published);
+        lines log = take_log();
+        std::erase(log, "utils: invalid port identifier in topic local/diag/port/a/status");
+        EXPECT_EQ(log, row.log == nullptr ? lines() : lines({std::string("summary.c: ") + row.log}));
+        EXPECT_EQ(sent_next(), row.stamped);
+        EXPECT_EQ(local_data(row.offset, (strlen(row.data) + 1) / 3), row.data);
+    }
+}
+
+TEST_F(local_summary, port_events_change_stamp_and_publish)
+{
+    const auto link = [](const char *mask) {
+        return messages({{LINK_DOWN, LOCAL + bytes("07") + bytes(mask)}});
+    };
+    const auto ground = [](const char *mask) {
+        return messages({{GROUND, LOCAL + bytes("07") + bytes(mask)}});
+    };
+    const auto colours = [](const char *text) { return messages({{local_topic("port_summary"), text}}); };
+    const auto media = [](const char *text) { return messages({{local_topic("port_media"), text}}); };
+    const struct {
+        int (*update)(int port, int value);
+        int port;
+        int value;
+        int result;
+        messages published;
+        int stamped;
+        size_t offset;
+        const char *data; // from offset, afterwards
+        const char *log;
+    } rows[] = {
+        {summary_update_link, 1, 1, 0, link("02"), 1, 1, "02", nullptr},
+        {summary_update_link, 1, 1, 0, {}, 0, 1, "02", nullptr},
+        {summary_update_link, 8, 1, 0, {}, 0, 1, "02", nullptr},
+        {summary_update_link, 0, 1, 0, link("03"), 1, 1, "03", nullptr},
+        {summary_update_ground, 7, 1, 0, ground("80"), 1, 1, "03 80", nullptr},
+        {summary_update_ground, 8, 1, 0, {}, 0, 2, "80", nullptr},
+        {summary_update_ground, 7, 0, 0, {{GROUND, NO_PORTS}}, 1, 2, "00", nullptr},
+        {summary_update_status, 1, 0, 0, colours(R"({"B":"green"})"), 1, 3, "00 00 02", nullptr},
+        {summary_update_status, 1, 0, 0, colours(R"({"B":"green"})"), 1, 3, "00 00 02", nullptr},
+        {summary_update_status, 1, 1, 0, colours(R"({"B":"yellow"})"), 1, 3, "00 02 00", nullptr},
+        {summary_update_status, 0, 2, 0, colours(R"({"A":"red","B":"yellow"})"), 1, 3, "01 02 00", nullptr},
+        {summary_update_status, 1, 5, -1, {}, 0, 3, "01 00 00", "invalid port status 5"},
+        {summary_update_status, 0, -1, -1, {}, 0, 3, "00 00 00", "invalid port status -1"},
+        {summary_update_status, 8, 2, 0, colours("{}"), 1, 3, "00 00 00", nullptr},
+        {summary_update_status, 0, 3, 0, colours("{}"), 1, 3, "00 00 00", nullptr},
+        {summary_update_media, 2, 0, 0, media(R"({"C":"eth"})"), 0, 6, "04 00 00 00", nullptr},
+        {summary_update_media, 2, 3, 0, media(R"({"C":"mmf"})"), 0, 6, "00 00 00 04", nullptr},
+        {summary_update_media, 2, 5, -1, {}, 0, 6, "00 00 00 00", "invalid media type 5"},
+        {summary_update_media, 2, 1, 0, media(R"({"C":"dsl"})"), 0, 6, "00 04 00 00", nullptr},
+        {summary_update_media, 8, 2, 0, media(R"({"C":"dsl"})"), 0, 6, "00 04 00 00", nullptr},
+        {summary_update_media, 2, 4, 0, media("{}"), 0, 6, "00 00 00 00", nullptr},
+        {summary_update_type, 0, 1, 0, {}, 0, 10, "00 01", nullptr},
+        {summary_update_type, 8, 0, 0, {}, 0, 10, "00 01", nullptr},
+        {summary_update_type, 0, 0, 0, {{STYLE7, DEGRADED}}, 0, 10, "01 00", nullptr},
+        {summary_update_type, 1, 0, 0, {}, 0, 10, "03 00", nullptr},
+        {summary_update_type, 1, 3, -1, {}, 0, 10, "01 00", "invalid port type 3"},
+        {summary_update_type, 0, 2, 0, {{STYLE7, NOT_DEGRADED}}, 0, 10, "00 00", nullptr},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::Message() << &row - rows << ": " << row.port << ' ' << row.value);
+        EXPECT_EQ(row.update(row.port, row.value), row.result);
+        EXPECT_EQ(take_published(), row.published);
+        EXPECT_EQ(take_log(), row.log == nullptr ? lines() : lines({std::string("summary.c: ") + row.log}));
+        EXPECT_EQ(sent_next(), row.stamped);
+        EXPECT_EQ(local_data(row.offset, (strlen(row.data) + 1) / 3), row.data);
+    }
+}
+
+TEST_F(local_summary, failing_updates_tell_the_caller)
+{
+    const auto degrade = [](int, int) { return summary_update_type(0, 0); };
+    const struct {
+        int (*update)(int port, int value);
+        std::string topic;
+        lines log;
+    } rows[] = {
+        {summary_update_link, LINK_DOWN, {"couldn't publish port list to " + LINK_DOWN}},
+        {summary_update_ground, GROUND, {"couldn't publish port list to " + GROUND}},
+        {summary_update_status,
+         local_topic("port_summary"),
+         {R"(couldn't publish {"A":"yellow"} to )" + local_topic("port_summary"),
+          "couldn't publish local port summary"}},
+        {summary_update_media,
+         local_topic("port_media"),
+         {R"(couldn't publish {"A":"dsl"} to )" + local_topic("port_media"),
+          "couldn't publish local port media"}},
+        {degrade, STYLE7, {"couldn't publish 0x01 to " + STYLE7, "couldn't publish global style 7 status"}},
+    };
+    for (const auto &row : rows) {
+        fail(failure("mosquitto_publish", MOSQ_ERR_NOMEM, row.topic));
+        EXPECT_EQ(row.update(0, 1), -1);
+        lines expected = {"broker: couldn't publish message on topic " + row.topic + " (Out of memory.)"};
+        for (const std::string &line : row.log) {
+            expected.push_back("summary.c: " + line);
+        }
+        EXPECT_EQ(take_log(), expected);
+    }
+}
+
+TEST_F(local_summary, change_without_a_clock_goes_out_with_the_next_periodic_summary)
+{
+    fail(failure("clock_gettime", EINVAL));
+    publish(local_topic("download_status"), "ab");
+    fail(failure("clock_gettime", EINVAL));
+    publish("local/diag/ring/0/status", ring(2));
+    EXPECT_EQ(take_log(), lines(2, "summary.c: couldn't get time (errno 22)"));
+    EXPECT_EQ(take_published(), messages({{STYLE7, NOT_DEGRADED}}));
+    EXPECT_EQ(sent_next(), 0);
+}
+
+class list_callback : public local_summary, public testing::WithParamInterface<bool>
+{
+};
+
+TEST_P(list_callback, that_cannot_publish_ends_the_daemon)
+{
+    const bool is_ring = GetParam();
+    const std::string topic = is_ring ? STYLE7 : MISWIRED;
+    fail(failure("mosquitto_publish", MOSQ_ERR_NOMEM, topic));
+    publish(is_ring ? "local/diag/ring/0/status" : "local/diag/port/A/status",
+            is_ring ? ring(2) : erps(0, 0, 0, 1, 1));
+    EXPECT_EQ(exit_status(), 1);
+    EXPECT_EQ(take_log().back(), is_ring ? "summary.c: couldn't publish global style 7 status"
+                                         : "summary.c: couldn't publish miswired ports and links");
+}
+
+INSTANTIATE_TEST_SUITE_P(ring, list_callback, testing::Bool(), testing::PrintToStringParamName());
+
+class summary_module : public node
+{
+};
+
+TEST_F(summary_module, refuses_updates_before_its_start)
+{
+    for (const auto update : {summary_update_link, summary_update_ground, summary_update_status,
+                              summary_update_media, summary_update_type}) {
+        EXPECT_EQ(update(0, 0), -1);
+        EXPECT_EQ(take_log(), lines({"summary.c: local summary is not initialized"}));
+    }
+}
+
+//
+// Sending and purging
+//
+
+TEST_F(local_summary, schedule_over_two_minutes)
+{
+    std::vector<int> sent;
+    for (int tick = 1; tick <= 40; tick++) {
+        sent.push_back(sent_next());
+    }
+    std::vector<int> expected(40);
+    for (const int tick : {5, 10, 15, 25, 30, 35}) {
+        expected[static_cast<size_t>(tick - 1)] = 13467;
+    }
+    expected[19] = expected[39] = 12345678;
+    EXPECT_EQ(sent, expected);
+}
+
+TEST_F(local_summary, change_is_recent_for_3_s_inclusive)
+{
+    summary_update_link(0, 1); // at the very time of the tick before
+    EXPECT_EQ(sent_next(), 1);
+    EXPECT_EQ(sent_next(), 0);
+    advance(3s - 1ns);
+    summary_update_link(0, 0);
+    EXPECT_EQ(sent_next(), 1); // two ticks, of which the first sends it
+}
+
+TEST_F(node_summary, silent_node_goes_at_the_first_check_that_finds_it_35_s_old)
+{
+    receive_summary("", nth_mac(1));
+    advance(100ms);
+    receive_summary("", nth_mac(2));
+    advance(34900ms - 1ns);
+    EXPECT_EQ(take_published(), messages());
+    advance(1ns);
+    EXPECT_EQ(take_published().at(0).topic, peer_topic("port_summary", "02-00-00-00-00-01"));
+    EXPECT_NE(find_timer(34900ms), -1); // after the smallest age
+    advance(34900ms - 1ns);
+    EXPECT_EQ(take_published(), messages());
+    advance(1ns);
+    EXPECT_EQ(take_published().at(10).topic, peer_topic("repeater", "02-00-00-00-00-02"));
+    EXPECT_NE(find_timer(35s), -1);
+    EXPECT_EQ(take_published(), messages());
+}
+
+TEST_F(node_summary, node_heard_every_15_s_stays)
+{
+    for (int i = 0; i < 40; i++) {
+        receive_summary("");
+        advance(15s);
+    }
+    EXPECT_EQ(take_published(), messages());
+    advance(70s);
+    EXPECT_EQ(take_published(), withdrawn());
+}
+
+TEST_F(node_summary, check_at_the_moment_of_a_summary_does_not_disarm_the_timer)
+{
+    advance(35s - 1ns);
+    before("clock_gettime", "", [] {
+        const uint8_t mac[6] = {2};
+        summary_process(mac, mac, 0);
+    });
+    advance(71s);
+    EXPECT_EQ(take_published().size(), LEAVING.size());
+}
+
+struct tick_case {
+    const char *name;
+    duration first_expiry; // of the timer
+    duration period;
+    duration delay; // until the tick
+    failure what;   // "": an unexpected event instead
+    lines log;
+};
+
+class tick : public local_summary, public testing::WithParamInterface<tick_case>
+{
+};
+
+TEST_P(tick, failure_closes_its_timer_and_ends_the_daemon)
+{
+    const tick_case &row = GetParam();
+    receive_summary("");
+    const int timer = find_timer(row.first_expiry, row.period);
+    advance(row.delay - 1ns);
+    take_datagrams();
+    fail(row.what);
+    if (row.what.call.empty()) {
+        inject_events(timer, EPOLLIN | EPOLLERR);
+    }
+    advance(1ns);
+    EXPECT_EQ(exit_status(), 1);
+    EXPECT_EQ(find_timer(row.first_expiry, row.period), -1);
+    EXPECT_EQ(take_datagrams().size(), 1U); // the goodbye
+    EXPECT_EQ(take_log(), row.log);
+}
+
+const tick_case TICKS[] = {
+    {"send_event", 1s, 3s, 3s, failure("", 0), {"summary.c: unexpected event(s) on file descriptor"}},
+    {"send_read", 1s, 3s, 3s, failure("read", EIO), {"summary.c: couldn't clear send timer (errno 5)"}},
+    {"send_short_read",
+     1s,
+     3s,
+     3s,
+     failure("read", EIO).returning(7),
+     {"summary.c: couldn't clear send timer (errno 5)"}},
+    {"send_clock", 1s, 3s, 3s, failure("clock_gettime", EINVAL), {"summary.c: couldn't get time (errno 22)"}},
+    {"send",
+     1s,
+     3s,
+     15s,
+     failure("sendto", ENETDOWN),
+     {"remote: couldn't send packet (errno 100)", "remote: couldn't send node summary",
+      "summary.c: coudln't send summary to remote nodes"}},
+    {"purge_event", 35s, 0s, 34s, failure("", 0), {"summary.c: unexpected event(s) on file descriptor"}},
+    {"purge_clock",
+     35s,
+     0s,
+     34s,
+     failure("clock_gettime", EINVAL),
+     {"summary.c: couldn't get time (errno 22)"}},
+    {"purge_arming",
+     35s,
+     0s,
+     34s,
+     failure("timerfd_settime", EINVAL),
+     {"summary.c: couldn't set purge timer (errno 22)"}},
+};
+INSTANTIATE_TEST_SUITE_P(table, tick, testing::ValuesIn(TICKS),
+                         [](const auto &row) { return std::string(row.param.name); });
+
+TEST_F(node_summary, failing_withdrawal_of_a_silent_node_ends_the_daemon)
+{
+    expect_leak(); // the record, out of the list
+    receive_summary("");
+    fail(failure("mosquitto_publish", MOSQ_ERR_NOMEM, peer_topic("M301")));
+    advance(35s);
+    EXPECT_EQ(exit_status(), 1);
+    EXPECT_EQ(take_log(),
+              lines({"broker: couldn't publish message on topic " + peer_topic("M301") + " (Out of memory.)",
+                     "summary.c: couldn't unpublish topic " + peer_topic("M301"),
+                     "summary.c: couldn't unpublish data from summary"}));
+}
+
+} // namespace
