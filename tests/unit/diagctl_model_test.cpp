@@ -24,8 +24,8 @@ constexpr const char *WITHDRAWN[] = {"port_summary",    "port_media",       "job
 string versions_text(const char *version)
 {
     char text[VERSIONS_TEXT_SIZE + 1];
-    snprintf(text, sizeof text, "%-10s:%-40s;%-10s:%40s;%-10s:%-40s;", "EOS", version, "BOOT", "2.0", "APP",
-             "3.0");
+    snprintf(text, sizeof text, "%-10s:%-40s;%-10s:%40s;%-10s:%-40s;", "EOS", version, "BOOT",
+             "2.0               77", "APP", "3.0");
     return text;
 }
 
@@ -99,7 +99,7 @@ TEST_F(diagctl, a_node_appears_and_leaves_once_though_it_has_eleven_topics)
     EXPECT_EQ(
         of_node(REMOTE, "port_summary", R"({"A":"green","B":"red"})"),
         (lines{"node 02-00-00-00-00-02 (2) appeared", "node 02-00-00-00-00-02 (2) ports A green, B red"}));
-    EXPECT_EQ(of_node(REMOTE, "software_versions", versions_text("1.0")), lines{});
+    EXPECT_EQ(of_node(REMOTE, "software_versions", versions_text("1.0\n")), lines{});
     for (const char *name : {"port_media", "job_rev", "job_name"}) {
         EXPECT_EQ(of_node(REMOTE, name, name == string("port_media") ? R"({"A":"eth"})" : ""), lines{});
     }
@@ -122,7 +122,9 @@ TEST_F(diagctl, a_node_appears_and_leaves_once_though_it_has_eleven_topics)
     EXPECT_EQ(leaving, lines{"node 02-00-00-00-00-02 (2) left"});
     EXPECT_FALSE(remote().is_present);
     EXPECT_FALSE(remote().number) << "the number of a node that left may be another's now";
-    EXPECT_EQ(remote().versions.size(), 3U) << "the daemon does not withdraw the versions";
+    ASSERT_EQ(remote().versions.size(), 3U) << "the daemon does not withdraw the versions";
+    EXPECT_EQ(remote().versions[0].version, "1.0") << "a line's end is no part of it";
+    EXPECT_EQ(remote().versions[1].version, "2.0 77") << "padding within is one blank";
 
     EXPECT_EQ(of_node(REMOTE, "port_summary", R"({"A":"green"})"),
               (lines{"node 02-00-00-00-00-02 appeared", "node 02-00-00-00-00-02 ports A green"}));

@@ -52,13 +52,18 @@ std::string_view as_text(bytes payload)
     return {reinterpret_cast<const char *>(payload.data()), payload.size()};
 }
 
-std::string_view trimmed(std::string_view text)
+// The words of a version field with one blank between them: it is padded, also within, and what came from a
+// file ends with the line's end.
+std::string words(std::string_view text)
 {
-    const size_t first = text.find_first_not_of(' ');
-    if (first == std::string_view::npos) {
-        return {};
+    constexpr std::string_view BLANKS = " \n";
+    std::string joined;
+    for (size_t start = 0; (start = text.find_first_not_of(BLANKS, start)) != std::string_view::npos;) {
+        const std::string_view word = text.substr(start, text.find_first_of(BLANKS, start) - start);
+        joined.append(joined.empty() ? "" : " ").append(printable(word));
+        start += word.size();
     }
-    return text.substr(first, text.find_last_not_of(' ') - first + 1);
+    return joined;
 }
 
 // Takes two hexadecimal digits off the front.
@@ -180,8 +185,8 @@ std::optional<std::vector<software_version>> parse_versions(bytes payload)
         if (text[COLON] != ':' || text[SEMICOLON] != ';') {
             return {};
         }
-        versions.push_back({printable(trimmed(text.substr(0, COLON))),
-                            printable(trimmed(text.substr(COLON + 1, VERSIONS_TEXT_VERSION_SIZE)))});
+        versions.push_back(
+            {words(text.substr(0, COLON)), words(text.substr(COLON + 1, VERSIONS_TEXT_VERSION_SIZE))});
         text.remove_prefix(SEMICOLON + 1);
     }
     return versions;
