@@ -45,6 +45,7 @@ namespace
 
 constexpr const char *CONTROL_SOCKET = "/run/lab/card.sock";
 constexpr const char *LOG_FILE = "/run/lab/log";
+constexpr int USAGE_ERROR = 2; // exit status of a command line or a command that is refused
 constexpr size_t CONTROL_MAX = 4096;
 constexpr int RECONNECT_MS = 100;
 constexpr unsigned FREE_SPACE_PERIOD = 60;
@@ -55,6 +56,8 @@ constexpr uint32_t ERPS_SIGNAL_FAIL = 1;
 
 constexpr int32_t RING_INTACT = 2;
 constexpr int32_t RING_DEGRADED = 1;
+
+constexpr const char *FLAGS[] = {"M301", "M702", "comm_loss", "download_pending"};
 
 struct peer {
     uint32_t node = 0;
@@ -166,9 +169,10 @@ void publish_card()
     fact(own_topic("job_name"), "LAB");
     fact(own_topic("job_rev"), "1");
     fact(own_topic("download_status"), std::string_view("\0\0", 2));
-    for (const char *flag : {"M301", "M702", "comm_loss", "download_pending", "repeater"}) {
+    for (const char *flag : FLAGS) {
         fact(own_topic(flag), "0");
     }
+    fact(own_topic("repeater"), "0");
 }
 
 void publish_addresses(const char *nodes_file)
@@ -305,11 +309,14 @@ answer set_job(const words &arguments)
 answer set_flag(const words &arguments)
 {
     bool on;
-    std::string name(arguments[0]);
+    const char *const *name = std::ranges::find(FLAGS, arguments[0]);
+    if (name == std::end(FLAGS)) {
+        return error("unknown flag, one of M301, M702, comm_loss, download_pending");
+    }
     if (!parse_switch(arguments[1], on)) {
         return error("on or off");
     }
-    fact(own_topic(name.c_str()), on ? "1" : "0");
+    fact(own_topic(*name), on ? "1" : "0");
     return {};
 }
 
@@ -455,7 +462,7 @@ int control(const char *path, char **arguments)
     bool good = reply[0] == '+';
     std::string text(reply + 1, static_cast<size_t>(received - 1));
     fputs(good ? text.c_str() : (text + '\n').c_str(), good ? stdout : stderr);
-    return good ? EXIT_SUCCESS : EXIT_FAILURE;
+    return good ? EXIT_SUCCESS : USAGE_ERROR;
 }
 
 // PORT=INTERFACE[:NODE:PORT]
@@ -577,7 +584,7 @@ int main(int argc, char **argv)
         fputs("usage: card run NODES PORT=INTERFACE[:NODE:PORT]...\n"
               "       card control SOCKET WORD...\n",
               stderr);
-        return 2;
+        return USAGE_ERROR;
     }
     signal(SIGPIPE, SIG_IGN);
     return run(argv[2]);
