@@ -130,22 +130,21 @@ void publish_erps_status(const card_port &port)
     fact(port_topic(port, "status"), status);
 }
 
-// The statistics block. Its first columns have a meaning of their own, what the others count is this card's
-// choice.
+// The statistics block; what its unnamed columns count is this card's choice.
 void publish_counters(const card_port &port)
 {
     const rtnl_link_stats64 &counters = port.link.counters;
     auto low = [](uint64_t counter) { return static_cast<uint32_t>(counter); };
-    uint8_t block[66] = {};
-    store_host<uint64_t>(block + 0, counters.rx_bytes);
-    store_host<uint64_t>(block + 8, counters.rx_packets);
-    store_host<uint32_t>(block + 32, low(counters.rx_errors) + port.injected_errors);
-    store_host<uint32_t>(block + 40, low(counters.tx_packets));
-    store_host<uint32_t>(block + 44, low(counters.tx_bytes));
-    store_host<uint32_t>(block + 48, low(counters.rx_dropped));
-    store_host<uint32_t>(block + 52, low(counters.tx_dropped + counters.tx_errors));
-    store_host<uint32_t>(block + 56, port.link.carrier_changes);
-    store_host<uint16_t>(block + 64, static_cast<uint16_t>(std::max(port.link.stp_state, 0)));
+    uint8_t block[STATS_BLOCK_SIZE] = {};
+    store_host<uint64_t>(block + STATS_COUNT64_0, counters.rx_bytes);
+    store_host<uint64_t>(block + STATS_GOOD_FRAMES, counters.rx_packets);
+    store_host<uint32_t>(block + STATS_ERRORED_FRAMES, low(counters.rx_errors) + port.injected_errors);
+    store_host<uint32_t>(block + STATS_COUNT32_40, low(counters.tx_packets));
+    store_host<uint32_t>(block + STATS_COUNT32_44, low(counters.tx_bytes));
+    store_host<uint32_t>(block + STATS_COUNT32_48, low(counters.rx_dropped));
+    store_host<uint32_t>(block + STATS_COUNT32_52, low(counters.tx_dropped + counters.tx_errors));
+    store_host<uint32_t>(block + STATS_VALUE32_56, port.link.carrier_changes);
+    store_host<uint16_t>(block + STATS_VALUE16_64, static_cast<uint16_t>(std::max(port.link.stp_state, 0)));
     fact_again(port_topic(port, "stats"), block);
 }
 
@@ -396,10 +395,11 @@ bool control_address(const char *path, sockaddr_un &address)
 {
     address = {};
     address.sun_family = AF_UNIX;
-    if (strlen(path) >= sizeof address.sun_path) {
+    size_t size = strlen(path) + 1;
+    if (size > sizeof address.sun_path) {
         return false;
     }
-    strcpy(address.sun_path, path);
+    memcpy(address.sun_path, path, size);
     return true;
 }
 

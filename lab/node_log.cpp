@@ -18,7 +18,7 @@
 namespace
 {
 
-constexpr const char *DEVICE = "/dev/log";
+constexpr char DEVICE[] = "/dev/log";
 constexpr size_t MESSAGE_MAX = 65536;
 // "Mar  1 12:00:00 ", put before each message by the sender's C library; the log has a finer time.
 constexpr size_t SENDER_TIME_SIZE = 16;
@@ -68,7 +68,7 @@ int node_log_open(const char *path)
     unlink(DEVICE);
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, DEVICE);
+    memcpy(address.sun_path, DEVICE, sizeof DEVICE);
     unique_fd device(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     unique_fd file(open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
     if (!file.is_open() || !device.is_open() ||
