@@ -801,7 +801,7 @@ bool handle_tick(int fd)
 
 void pm_cb(int fd, uint32_t events, void *)
 {
-    if ((events & ~uint32_t{EPOLLIN}) != 0) {
+    if (events != EPOLLIN) {
         log_error("unexpected event(s) on file descriptor");
         terminate();
         return;
