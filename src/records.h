@@ -67,12 +67,12 @@ constexpr unsigned ERPS_STATE_UP_MASK = 1U << 2;
 //          +-------+
 //
 // Published for a port with 258 good and 2 errored frames since its last reset, 7692 ppm, whose link was down
-// once, for 3 s; value32_56 is 100 and value16_64 is 7:
+// once, for 3 s; the other counters have come to 1, 40, 44, 48 and 52, value32_56 is 100 and value16_64 is 7:
 //
-//     00 00 00 00 00 00 00 00 00 00 00 00 00 00 01 02
+//     00 00 00 00 00 00 00 01 00 00 00 00 00 00 01 02
 //     00 00 00 03 00 00 00 01 00 00 00 00 00 00 00 00
-//     00 00 00 02 00 00 1E 0C 00 00 00 00 00 00 00 00
-//     00 00 00 00 00 00 00 00 00 00 00 64 00 00 00 00
+//     00 00 00 02 00 00 1E 0C 00 00 00 28 00 00 00 2C
+//     00 00 00 30 00 00 00 34 00 00 00 64 00 00 00 00
 //     00 07
 constexpr size_t STATS_COUNT64_0 = 0;
 constexpr size_t STATS_GOOD_FRAMES = 8;

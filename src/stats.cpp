@@ -48,7 +48,7 @@ struct down_time {
     size_t count_offset;                          // of the number of intervals in the statistics block
     size_t seconds_offset;                        // of their length
     bool down = true;                             // until the first report that it is up
-    timespec since = {UNKNOWN_TIME, 0};           // monotonic: start of what is not yet in total
+    timespec since = {UNKNOWN_TIME, 0};           // monotonic, while down: start of what is not yet in total
     timespec total = {.tv_sec = 0, .tv_nsec = 0}; // accrued
 };
 
@@ -202,7 +202,6 @@ uint32_t get_error_ratio(const port_record &record)
 // The record of the running period, as it would be closed now but for its time.
 void fill_pmstats(const port_record &record, pm_record &pm)
 {
-    pm.fill(0);
     for (const pm_field &field : PM_FIELDS) {
         uint64_t value = 0;
         switch (field.treatment) {
@@ -227,7 +226,6 @@ void fill_pmstats(const port_record &record, pm_record &pm)
 // The record of a day but for its time: all stored periods, whatever their age.
 void fill_day(const port_record &record, pm_record &day)
 {
-    day.fill(0);
     for (const pm_field &field : PM_FIELDS) {
         uint64_t value = 0;
         switch (field.treatment) {
@@ -255,7 +253,7 @@ void set_closing_time(pm_record &pm)
 bool pmstats_problematic(const pm_record &pm)
 {
     for (const pm_field &field : PM_FIELDS) {
-        if (field.limit != PM_NO_LIMIT && load_host(pm.data() + field.offset, field.width) > field.limit) {
+        if (load_host(pm.data() + field.offset, field.width) > field.limit) {
             return true;
         }
     }
@@ -373,15 +371,6 @@ bool get_current_time(timespec &now)
     return true;
 }
 
-// Takes a report that the port is down: a new interval, unless it is a repetition.
-void start_down_time(port_record &record, down_time &cause, const timespec &now)
-{
-    if (!cause.down || cause.since.tv_sec == UNKNOWN_TIME) {
-        add_to_counter(record.current, cause.count_offset, 1);
-        cause.since = now;
-    }
-}
-
 // Adds what has passed of the running interval since it was last added.
 bool update_down_time(port_record &record, down_time &cause)
 {
@@ -399,6 +388,25 @@ bool update_down_time(port_record &record, down_time &cause)
     const auto seconds =
         static_cast<uint32_t>(cause.total.tv_sec + (cause.total.tv_nsec >= HALF_SECOND_NS ? 1 : 0));
     store_host(record.current.data() + cause.seconds_offset, seconds);
+    return true;
+}
+
+// Takes a report of whether the port is down in this way.
+bool report_down(port_record &record, down_time &cause, bool down)
+{
+    timespec now;
+    if (!get_current_time(now)) {
+        return false;
+    }
+    if (!down) {
+        if (!update_down_time(record, cause)) {
+            return false;
+        }
+    } else if (!cause.down || cause.since.tv_sec == UNKNOWN_TIME) { // else a repetition
+        add_to_counter(record.current, cause.count_offset, 1);
+        cause.since = now;
+    }
+    cause.down = down;
     return true;
 }
 
@@ -487,16 +495,9 @@ void port_media_cb(const char *, const void *payload, int length, void *arg)
 
 bool handle_link(port_record &record, bool down)
 {
-    timespec now;
-    if (!get_current_time(now)) {
+    if (!report_down(record, record.link, down)) {
         return false;
     }
-    if (down) {
-        start_down_time(record, record.link, now);
-    } else if (!update_down_time(record, record.link)) {
-        return false;
-    }
-    record.link.down = down;
     if (summary_update_link(record.port, down) == -1) {
         log_error("couldn't update link status in summary");
         return false;
@@ -557,31 +558,15 @@ void port_stats_cb(const char *, const void *payload, int length, void *arg)
     }
 }
 
-bool handle_erps(port_record &record, bool down)
-{
-    timespec now;
-    if (!get_current_time(now)) {
-        return false;
-    }
-    if (down) {
-        start_down_time(record, record.erps, now);
-    } else if (record.erps.down) {
-        if (!update_down_time(record, record.erps)) {
-            return false;
-        }
-        record.erps.since = {UNKNOWN_TIME, 0};
-    }
-    record.erps.down = down;
-    return true;
-}
-
 void erps_port_stats_cb(const char *, const void *payload, int length, void *arg)
 {
     if (!is_usable(length, ERPS_STATUS_SIZE, "published ERPS port status data has wrong length")) {
         return;
     }
     const auto state = load_host<uint32_t>(static_cast<const uint8_t *>(payload) + ERPS_STATUS_STATE);
-    if (!handle_erps(*static_cast<port_record *>(arg), (state & ~ERPS_STATE_UP_MASK) != 0)) {
+    port_record &record = *static_cast<port_record *>(arg);
+    // The status follows with the next statistics message, link message or tick.
+    if (!report_down(record, record.erps, (state & ~ERPS_STATE_UP_MASK) != 0)) {
         terminate();
     }
 }
