@@ -194,7 +194,12 @@ uint32_t get_error_ratio(const port_record &record)
     if (all == 0) {
         return 0;
     }
-    const float ratio = static_cast<float>(errored) * 1000000.0F / static_cast<float>(all) + 0.5F;
+    // Stored after each step: registers of more than single precision must not carry the excess on.
+    const volatile float frames = static_cast<float>(all);
+    volatile float ratio = static_cast<float>(errored);
+    ratio = ratio * 1000000.0F;
+    ratio = ratio / frames;
+    ratio = ratio + 0.5F;
     // Beyond 32 bits only when the sum has wrapped.
     return ratio < 4294967296.0F ? static_cast<uint32_t>(ratio) : UINT32_MAX;
 }
