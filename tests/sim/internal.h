@@ -12,7 +12,7 @@ constexpr duration MONOTONIC_START = 1000s;
 const failure *find_failure(const char *call, std::string_view detail = {});
 
 // The same for a system function: the value to return, with errno set.
-std::optional<long> failing(const char *call, std::string_view detail = {});
+std::optional<int> failing(const char *call, std::string_view detail = {});
 
 enum class wakeup { READY, TIMEOUT, SIGNAL };
 
@@ -24,7 +24,7 @@ int open_descriptor(const std::string &kind);
 void close_descriptor(int fd);
 
 // Of the client library's socket.
-bool is_mqtt_readable(int fd);
-bool is_mqtt_writable(int fd);
+bool is_mqtt_readable();
+bool is_mqtt_writable();
 
 } // namespace sim::internal

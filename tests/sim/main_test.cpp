@@ -341,6 +341,8 @@ TEST_P(main_step, that_fails_is_logged_and_ends_the_start_up)
     } else {
         before(row.at.begins_with, row.at.topic, arm);
     }
+    bool is_socket_forgotten = false;
+    before("EPOLL_CTL_DEL", "mqtt", [&] { is_socket_forgotten = true; });
     start_daemon({"-n", "7"});
 
     lines log = take_log();
@@ -361,6 +363,8 @@ TEST_P(main_step, that_fails_is_logged_and_ends_the_start_up)
         EXPECT_EQ(open_descriptors(), open_before) << "what the failing module opens it closes";
     }
     EXPECT_EQ(std::ranges::count(open_descriptors(), "socket"), is_on_the_network ? 1 : 0);
+    EXPECT_EQ(is_socket_forgotten, &row.at == &EVENTS && row.what.call != "mosquitto_socket" &&
+                                       row.what.call != "new" && row.what.detail != "mqtt");
 }
 
 const failure NO_MAC("ioctl", ENODEV, "eth0");

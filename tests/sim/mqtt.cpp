@@ -45,7 +45,6 @@ enum class client_state { NEW, CONNECTING, CONNECTED, DISCONNECTING };
 struct mosquitto {
     std::string id;
     bool clean = false;
-    std::string settings;
     int nodelay = 0;
     void (*on_connect)(mosquitto *, void *, int) = nullptr;
     void (*on_disconnect)(mosquitto *, void *, int) = nullptr;
@@ -140,16 +139,6 @@ bool matches(std::string_view filter, std::string_view topic)
 // The broker's side
 //
 
-void deliver(const message &content)
-{
-    mosquitto *const client = state().client;
-    const bool is_wanted = std::ranges::any_of(
-        state().filters, [&](const std::string &filter) { return matches(filter, content.topic); });
-    if (client != nullptr && client->socket != -1 && is_wanted) {
-        client->input.push_back({.kind = packet_kind::PUBLISH, .content = content});
-    }
-}
-
 void accept_message(const message &content)
 {
     if (content.retain && content.payload.empty()) {
@@ -157,7 +146,12 @@ void accept_message(const message &content)
     } else if (content.retain) {
         state().retained[content.topic] = content.payload;
     }
-    deliver(content);
+    mosquitto *const client = state().client;
+    const bool is_wanted = std::ranges::any_of(
+        state().filters, [&](const std::string &filter) { return matches(filter, content.topic); });
+    if (client != nullptr && client->socket != -1 && is_wanted) {
+        client->input.push_back({.kind = packet_kind::PUBLISH, .content = content});
+    }
 }
 
 void accept_subscribe(mosquitto &client, const packet &received)
@@ -234,12 +228,19 @@ void close_socket(mosquitto &client)
     client.input.clear();
 }
 
+template <typename... Parameters, typename... Arguments>
+void call_back(mosquitto &client, void (*callback)(mosquitto *, void *, Parameters...),
+               Arguments... arguments)
+{
+    client.in_callback = true;
+    callback(&client, nullptr, arguments...);
+    client.in_callback = false;
+}
+
 void report_disconnect(mosquitto &client, int code)
 {
     close_socket(client);
-    client.in_callback = true;
-    client.on_disconnect(&client, nullptr, code);
-    client.in_callback = false;
+    call_back(client, client.on_disconnect, code);
 }
 
 // What a failed read or write does to the session; the result of the function.
@@ -287,9 +288,7 @@ int handle(mosquitto &client, const packet &received)
     client.last_input = now();
     switch (received.kind) {
     case packet_kind::CONNACK:
-        client.in_callback = true;
-        client.on_connect(&client, nullptr, received.code);
-        client.in_callback = false;
+        call_back(client, client.on_connect, received.code);
         if (received.code != 0) {
             return received.code <= 5 ? MOSQ_ERR_CONN_REFUSED : MOSQ_ERR_PROTOCOL;
         }
@@ -297,23 +296,20 @@ int handle(mosquitto &client, const packet &received)
         break;
     case packet_kind::PUBLISH: {
         std::string topic = received.content.topic;
-        std::string payload = received.content.payload;
+        // Of exactly its size, so that reading past its end is found.
+        std::vector<char> payload(received.content.payload.begin(), received.content.payload.end());
         const mosquitto_message content = {.mid = 1,
                                            .topic = topic.data(),
                                            .payload = payload.empty() ? nullptr : payload.data(),
                                            .payloadlen = static_cast<int>(payload.size()),
                                            .qos = 1,
                                            .retain = received.content.retain};
-        client.in_callback = true;
-        client.on_message(&client, nullptr, &content);
-        client.in_callback = false;
+        call_back(client, client.on_message, &content);
         break;
     }
     case packet_kind::PUBACK:
         if (client.in_flight.erase(received.mid) != 0) {
-            client.in_callback = true;
-            client.on_publish(&client, nullptr, received.mid);
-            client.in_callback = false;
+            call_back(client, client.on_publish, received.mid);
         }
         while (!client.queued.empty() && client.in_flight.size() < MAX_INFLIGHT) {
             const packet next = client.queued.front();
@@ -322,9 +318,7 @@ int handle(mosquitto &client, const packet &received)
         }
         break;
     case packet_kind::SUBACK:
-        client.in_callback = true;
-        client.on_subscribe(&client, nullptr, received.mid, 1, &received.code);
-        client.in_callback = false;
+        call_back(client, client.on_subscribe, received.mid, 1, &received.code);
         break;
     case packet_kind::PING:
         client.ping.reset();
@@ -436,13 +430,13 @@ void PrintTo(const message &message, std::ostream *stream)
 namespace internal
 {
 
-bool is_mqtt_readable(int)
+bool is_mqtt_readable()
 {
     const mosquitto *const client = state().client;
     return !client->input.empty() || client->peer_closed;
 }
 
-bool is_mqtt_writable(int)
+bool is_mqtt_writable()
 {
     return state().behaviour.reads;
 }

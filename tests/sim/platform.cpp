@@ -147,11 +147,10 @@ uint32_t ready_events(const watch &watched)
     const descriptor &descriptor = state().descriptors.at(watched.fd);
     uint32_t ready = descriptor.injected_events;
     const bool is_mqtt = descriptor.kind == "mqtt";
-    if (is_expired(descriptor) || !descriptor.input.empty() ||
-        (is_mqtt && internal::is_mqtt_readable(watched.fd))) {
+    if (is_expired(descriptor) || !descriptor.input.empty() || (is_mqtt && internal::is_mqtt_readable())) {
         ready |= watched.events & EPOLLIN;
     }
-    if (is_mqtt && internal::is_mqtt_writable(watched.fd)) {
+    if (is_mqtt && internal::is_mqtt_writable()) {
         ready |= watched.events & EPOLLOUT;
     }
     return ready;
@@ -246,7 +245,7 @@ const failure *find_failure(const char *call, std::string_view detail)
     return nullptr;
 }
 
-std::optional<long> failing(const char *call, std::string_view detail)
+std::optional<int> failing(const char *call, std::string_view detail)
 {
     const failure *const failure = find_failure(call, detail);
     if (failure == nullptr) {
@@ -586,7 +585,7 @@ const char *option_name(int level, int option)
 }
 
 // The descriptor for a call that uses it; null, with errno and result set, when the call fails.
-descriptor *use(int fd, const char *call, long &result, std::string_view detail = {})
+descriptor *use(int fd, const char *call, int &result, std::string_view detail = {})
 {
     result = -1;
     descriptor *const used = find_descriptor(fd, call);
@@ -618,7 +617,7 @@ int close_simulated(int fd)
     }
     internal::close_descriptor(fd);
     if (const auto result = failing("close", closed->path)) {
-        return static_cast<int>(*result);
+        return *result;
     }
     return 0;
 }
@@ -631,7 +630,7 @@ int to_fd(void *cookie)
 int open_file(const char *path)
 {
     if (const auto result = failing("open", path)) {
-        return static_cast<int>(*result);
+        return *result;
     }
     const std::string *const text = file_text(path);
     if (text == nullptr) {
@@ -651,7 +650,7 @@ extern "C" {
 int __wrap_epoll_create1(int flags)
 {
     if (const auto result = failing("epoll_create1")) {
-        return static_cast<int>(*result);
+        return *result;
     }
     EXPECT_EQ(flags, EPOLL_CLOEXEC);
     return internal::open_descriptor("epoll");
@@ -665,7 +664,7 @@ int __wrap_epoll_ctl(int epoll_fd, int operation, int fd, epoll_event *event)
         return -1;
     }
     if (const auto result = failing(call, watched->kind)) {
-        return static_cast<int>(*result);
+        return *result;
     }
     auto &set = state().epoll_set;
     const auto found = std::ranges::find_if(set, [fd](const watch &other) { return other.fd == fd; });
@@ -696,7 +695,7 @@ int __wrap_epoll_wait(int epoll_fd, epoll_event *events, int max_events, int tim
         return -1;
     }
     if (const auto result = failing("epoll_wait")) {
-        return static_cast<int>(*result);
+        return *result;
     }
     EXPECT_EQ(max_events, 1);
     EXPECT_EQ(timeout, -1);
@@ -728,7 +727,7 @@ int __wrap_epoll_wait(int epoll_fd, epoll_event *events, int max_events, int tim
 int __wrap_timerfd_create(int clock, int flags)
 {
     if (const auto result = failing("timerfd_create")) {
-        return static_cast<int>(*result);
+        return *result;
     }
     EXPECT_EQ(clock, CLOCK_MONOTONIC);
     EXPECT_EQ(flags & ~(TFD_CLOEXEC | TFD_NONBLOCK), 0);
@@ -737,10 +736,10 @@ int __wrap_timerfd_create(int clock, int flags)
 
 int __wrap_timerfd_settime(int fd, int flags, const itimerspec *time, itimerspec *old)
 {
-    long result;
+    int result;
     descriptor *const timer = use(fd, "timerfd_settime", result);
     if (timer == nullptr) {
-        return static_cast<int>(result);
+        return result;
     }
     EXPECT_EQ(flags, 0);
     EXPECT_EQ(old, nullptr);
@@ -760,7 +759,7 @@ ssize_t __wrap_read(int fd, void *buffer, size_t size)
     if (fd < FIRST_DESCRIPTOR) {
         return __real_read(fd, buffer, size);
     }
-    long result;
+    int result;
     descriptor *const source = use(fd, "read", result, state().descriptors.at(fd).path);
     if (source == nullptr) {
         return result;
@@ -818,7 +817,7 @@ int __wrap_poll(pollfd *fds, nfds_t count, int timeout)
     EXPECT_EQ(count, 1U);
     EXPECT_EQ(timeout, 0);
     const bool is_writable =
-        fds->fd != -1 && find_descriptor(fds->fd, "poll") != nullptr && internal::is_mqtt_writable(fds->fd);
+        fds->fd != -1 && find_descriptor(fds->fd, "poll") != nullptr && internal::is_mqtt_writable();
     fds->revents = is_writable ? fds->events & POLLOUT : 0;
     return fds->revents != 0 ? 1 : 0;
 }
@@ -826,7 +825,7 @@ int __wrap_poll(pollfd *fds, nfds_t count, int timeout)
 int __wrap_clock_gettime(clockid_t clock, timespec *time)
 {
     if (const auto result = failing("clock_gettime")) {
-        return static_cast<int>(*result);
+        return *result;
     }
     *time = to_timespec(state().now +
                         (clock == CLOCK_MONOTONIC ? internal::MONOTONIC_START : state().wall_offset));
@@ -853,7 +852,7 @@ tm *__wrap_gmtime(const time_t *time)
 int __wrap_nanosleep(const timespec *time, timespec *remaining)
 {
     if (const auto result = failing("nanosleep")) {
-        return static_cast<int>(*result);
+        return *result;
     }
     const duration end = state().now + to_duration(*time);
     if (internal::wait([] { return false; }, [end] { return std::optional(end); }) == wakeup::SIGNAL) {
@@ -872,7 +871,7 @@ int __wrap_sigaction(int signum, const struct sigaction *action, struct sigactio
         return __real_sigaction(signum, action, old);
     }
     if (const auto result = failing("sigaction", std::to_string(signum))) {
-        return static_cast<int>(*result);
+        return *result;
     }
     EXPECT_EQ(action->sa_flags, 0) << "an interrupted wait must not be resumed";
     EXPECT_FALSE(sigismember(&action->sa_mask, SIGTERM));
@@ -883,7 +882,7 @@ int __wrap_sigaction(int signum, const struct sigaction *action, struct sigactio
 int __wrap_socket(int domain, int type, int protocol)
 {
     if (const auto result = failing("socket", protocol == IPPROTO_UDP ? "udp" : "")) {
-        return static_cast<int>(*result);
+        return *result;
     }
     EXPECT_EQ(domain, AF_INET);
     EXPECT_EQ(type & ~SOCK_CLOEXEC, SOCK_DGRAM);
@@ -893,10 +892,10 @@ int __wrap_socket(int domain, int type, int protocol)
 int __wrap_setsockopt(int fd, int level, int option, const void *value, socklen_t size)
 {
     const char *const name = option_name(level, option);
-    long result;
+    int result;
     descriptor *const socket = use(fd, "setsockopt", result, name);
     if (socket == nullptr) {
-        return static_cast<int>(result);
+        return result;
     }
     std::string setting = name;
     if (size == sizeof(ip_mreqn)) {
@@ -916,10 +915,10 @@ int __wrap_setsockopt(int fd, int level, int option, const void *value, socklen_
 
 int __wrap_bind(int fd, const sockaddr *address, socklen_t size)
 {
-    long result;
+    int result;
     descriptor *const socket = use(fd, "bind", result);
     if (socket == nullptr) {
-        return static_cast<int>(result);
+        return result;
     }
     sockaddr_in internet;
     EXPECT_EQ(size, sizeof internet);
@@ -938,7 +937,7 @@ ssize_t __wrap_sendto(int fd, const void *bytes, size_t size, int flags, const s
     EXPECT_EQ(address_size, sizeof internet);
     memcpy(&internet, address, sizeof internet);
     const std::string destination = address_text(internet.sin_addr);
-    long result;
+    int result;
     if (use(fd, "sendto", result, destination) == nullptr) {
         return result;
     }
@@ -953,7 +952,7 @@ ssize_t __wrap_sendto(int fd, const void *bytes, size_t size, int flags, const s
 ssize_t __wrap_recvfrom(int fd, void *buffer, size_t size, int flags, sockaddr *address,
                         socklen_t *address_size)
 {
-    long result;
+    int result;
     descriptor *const socket = use(fd, "recvfrom", result);
     if (socket == nullptr) {
         return result;
@@ -986,9 +985,9 @@ int __wrap_ioctl(int fd, unsigned long request, ...)
     ifreq *const argument = va_arg(arguments, ifreq *);
     va_end(arguments);
     const std::string name(argument->ifr_name, strnlen(argument->ifr_name, sizeof argument->ifr_name));
-    long result;
+    int result;
     if (use(fd, "ioctl", result, name) == nullptr) {
-        return static_cast<int>(result);
+        return result;
     }
     const auto found = state().interfaces.find(name);
     if (found == state().interfaces.end()) {

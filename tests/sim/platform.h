@@ -86,7 +86,7 @@ public:
     // The errno that a library function leaves.
     failure &leaving(int number) { return library_errno = number, *this; }
     // What a system function returns instead of -1.
-    failure &returning(long value) { return result = value, *this; }
+    failure &returning(int value) { return result = value, *this; }
 
     std::string call;
     int code;
@@ -94,7 +94,7 @@ public:
     unsigned first = 1;
     unsigned count = 1;
     int library_errno = 0;
-    long result = -1;
+    int result = -1;
 };
 void fail(const failure &failure);
 

@@ -138,50 +138,43 @@ TEST_F(node_summary, each_change_publishes_what_depends_on_it_and_nothing_else)
     EXPECT_EQ(take_published(), messages());
 
     const auto list = [](const char *mask) { return PEER_MAC + bytes(mask); };
-    const struct {
-        size_t offset;
-        const char *bytes;
-        messages published;
-    } rows[] = {
-        {0, "09", {}},
-        {1, "05", {{LINK_DOWN, list("09 05")}}},
-        {2, "80", {{GROUND, list("09 80")}}},
-        {4, "02", {{peer_topic("port_summary"), R"({"B":"yellow"})"}}},
-        {3,
-         "81 03 FF",
-         {{peer_topic("port_summary"),
-           R"({"A":"red","B":"yellow","C":"green","D":"green","E":"green","F":"green","G":"green","H":"red"})"}}},
-        {6, "01 03 07 0F", {{peer_topic("port_media"), R"({"A":"eth","B":"dsl","C":"smf","D":"mmf"})"}}},
-        {10, "03", {{STYLE7, DEGRADED}}}, // fire ports without rings
-        {11, "04", {{STYLE7, DEGRADED}}},
-        {37, "01", {{STYLE7, NOT_DEGRADED}}},
-        {38, "01", {{STYLE7, DEGRADED}}},
-        {12, "02", {{MISWIRED, list("09 02")}, {MISWIRED_LINKS, bytes("09 00 00 00")}}},
-        {16, "03 04 01", {{MISWIRED, list("09 02")}, {MISWIRED_LINKS, bytes("09 01 03 04")}}},
-        {47, "41 42 43", {{peer_topic("job_rev"), "ABC"}}},
-        {39, "4A 4F 42 00 31 32 33 34", {{peer_topic("job_name"), "JOB"}}},
-        {43, "39", {}}, // behind the name's end
-        {42, "30", {{peer_topic("job_name"), "JOB09234"}}},
-        {39, "00", {{peer_topic("job_name"), ""}}},
-        {50, "01 FF", {{peer_topic("download_status"), bytes("01 FF")}}},
-        {56,
-         "01 02 01 03",
-         {{peer_topic("M301"), "1"},
-          {peer_topic("M702"), "0"},
-          {peer_topic("comm_loss"), "1"},
-          {peer_topic("download_pending"), "0"}}},
-        {52, "10 27 00 00", {{peer_topic("CF_free_space"), "10000"}}},
-        {52, "FF C9 9A 3B", {{peer_topic("CF_free_space"), "999999999"}}},
-        {52, "FF FF FF FF", {{peer_topic("CF_free_space"), "429496729"}}},
-        {60, "FF", {{peer_topic("repeater"), "255"}}},
-        {1, "00 00", {{LINK_DOWN, NO_PORTS}, {GROUND, NO_PORTS}}},
-        {12, "00", {{MISWIRED, NO_PORTS}, {MISWIRED_LINKS, ""}}},
-    };
-    for (const auto &row : rows) {
-        put(data, row.offset, bytes(row.bytes));
+    const auto change = [&](size_t offset, const char *hex_bytes, const messages &published) {
+        put(data, offset, bytes(hex_bytes));
         receive_summary(sections_of(data));
-        EXPECT_EQ(take_published(), row.published) << row.offset << ' ' << row.bytes;
-    }
+        EXPECT_EQ(take_published(), published) << offset << ' ' << hex_bytes;
+    };
+    change(0, "09", {});
+    change(1, "05", {{LINK_DOWN, list("09 05")}});
+    change(2, "80", {{GROUND, list("09 80")}});
+    change(4, "02", {{peer_topic("port_summary"), R"({"B":"yellow"})"}});
+    change(
+        3, "81 03 FF",
+        {{peer_topic("port_summary"),
+          R"({"A":"red","B":"yellow","C":"green","D":"green","E":"green","F":"green","G":"green","H":"red"})"}});
+    change(6, "01 03 07 0F", {{peer_topic("port_media"), R"({"A":"eth","B":"dsl","C":"smf","D":"mmf"})"}});
+    change(10, "03", {{STYLE7, DEGRADED}}); // fire ports without rings
+    change(11, "04", {{STYLE7, DEGRADED}});
+    change(37, "01", {{STYLE7, NOT_DEGRADED}});
+    change(38, "01", {{STYLE7, DEGRADED}});
+    change(12, "02", {{MISWIRED, list("09 02")}, {MISWIRED_LINKS, bytes("09 00 00 00")}});
+    change(16, "03 04 01", {{MISWIRED, list("09 02")}, {MISWIRED_LINKS, bytes("09 01 03 04")}});
+    change(47, "41 42 43", {{peer_topic("job_rev"), "ABC"}});
+    change(39, "4A 4F 42 00 31 32 33 34", {{peer_topic("job_name"), "JOB"}});
+    change(43, "39", {}); // behind the name's end
+    change(42, "30", {{peer_topic("job_name"), "JOB09234"}});
+    change(39, "00", {{peer_topic("job_name"), ""}});
+    change(50, "01 FF", {{peer_topic("download_status"), bytes("01 FF")}});
+    change(56, "01 02 01 03",
+           {{peer_topic("M301"), "1"},
+            {peer_topic("M702"), "0"},
+            {peer_topic("comm_loss"), "1"},
+            {peer_topic("download_pending"), "0"}});
+    change(52, "10 27 00 00", {{peer_topic("CF_free_space"), "10000"}});
+    change(52, "FF C9 9A 3B", {{peer_topic("CF_free_space"), "999999999"}});
+    change(52, "FF FF FF FF", {{peer_topic("CF_free_space"), "429496729"}});
+    change(60, "FF", {{peer_topic("repeater"), "255"}});
+    change(1, "00 00", {{LINK_DOWN, NO_PORTS}, {GROUND, NO_PORTS}});
+    change(12, "00", {{MISWIRED, NO_PORTS}, {MISWIRED_LINKS, ""}});
     put(data, 171, "2");
     receive_summary(sections_of(data));
     EXPECT_EQ(take_published().at(0).payload.substr(115, 5), "2ppli");
@@ -465,6 +458,34 @@ protected:
         }
         return hex(data.substr(offset, size));
     }
+
+    // Expects data from offset on afterwards, sections stamped as sent_next has them, and what is published.
+    static void expect_effect(size_t offset, const char *data, int stamped, const messages &published,
+                              const std::string &log)
+    {
+        EXPECT_EQ(take_published(), published);
+        EXPECT_EQ(take_log(), log.empty() ? lines() : lines({"summary.c: " + log}));
+        EXPECT_EQ(sent_next(), stamped);
+        EXPECT_EQ(local_data(offset, (strlen(data) + 1) / 3), data);
+    }
+
+    static void hear(const std::string &topic, const std::string &payload, size_t offset, const char *data,
+                     int stamped, const messages &published = {}, const std::string &log = "")
+    {
+        SCOPED_TRACE(topic + " " + hex(payload));
+        publish(topic, payload);
+        expect_effect(offset, data, stamped, published, log);
+    }
+
+    // The update fails exactly when it is expected to log.
+    static void update(int (*function)(int port, int value), int port, int value, size_t offset,
+                       const char *data, int stamped, const messages &published = {},
+                       const std::string &log = "")
+    {
+        SCOPED_TRACE(testing::Message() << port << ' ' << value << ' ' << data);
+        EXPECT_EQ(function(port, value), log.empty() ? 0 : -1);
+        expect_effect(offset, data, stamped, published, log);
+    }
 };
 
 TEST_F(local_summary, starts_with_number_versions_and_nothing_else)
@@ -507,194 +528,111 @@ TEST_F(local_summary, topics_change_stamp_and_publish)
         return messages({{MISWIRED, list}, {MISWIRED_LINKS, bytes(links)}});
     };
     const messages rings = {{STYLE7, NOT_DEGRADED}};
-    const struct {
-        std::string topic;
-        std::string payload;
-        size_t offset;
-        const char *data; // from offset, afterwards
-        int stamped;      // type
-        messages published;
-        const char *log;
-    } rows[] = {
-        // Miswired: up, and flags differ or are odd with ports of the same parity.
-        {port + "B/status", erps(1, 0, 0x103, 0x209, 1), 12, "02 00 00 00 09 03 01", 3,
-         miswired("02", "07 01 09 03"), nullptr},
-        {port + "B/status", erps(1, 4, 0x103, 0x209, 1), 12, "02", 0, {}, nullptr},
-        {port + "B/status", erps(0, 4, 2, 8, 1), 12, "02 00 00 00 08 02 01", 3, miswired("02", "07 01 08 02"),
-         nullptr},
-        {port + "CPU/status", erps(0, 0, 1, 1, 1), 12, "02", 0, {}, nullptr},
-        {port + "CPU/status", "", 12, "02", 0, {}, nullptr},
-        {port + "B/status", erps(1, 0, 2, 8, 1), 12, "00 00 00 00 08 02 01", 3, miswired("00", ""), nullptr},
-        {port + "H/status", erps(3, 0, 1, 8, 3), 12, "80", 3, miswired("80", "07 07 08 01"), nullptr},
-        {port + "H/status", erps(2, 0, 1, 8, 2), 12, "00", 3, miswired("00", ""), nullptr},
-        {port + "A/status", erps(0, 5, 0, 8, 1), 12, "00", 0, {}, nullptr},
-        {port + "A/status", erps(0, 4, 0, 8, 1), 12, "01", 3, miswired("01", "07 00 08 00"), nullptr},
-        {port + "A/status",
-         std::string(91, '\0'),
-         12,
-         "01",
-         0,
-         {},
-         "published ERPS port status data has wrong length (91, should be 92)"},
-        {port + "A/status", "", 12, "00 08 00 00", 3, miswired("00", ""), nullptr},
-        {port + "a/status", "", 12, "00", 0, {}, nullptr},
-        // Rings
-        {ring_topic + "0/status", ring(2), 37, "01 00", 4, rings, nullptr},
-        {ring_topic + "7/status", ring(0), 37, "81 80", 4, rings, nullptr},
-        {ring_topic + "7/status", ring(2), 37, "81 00", 4, rings, nullptr},
-        {ring_topic + "0/status", ring(-1), 37, "80 00", 4, rings, nullptr},
-        {ring_topic + "8/status", ring(3), 37, "80 00", 4, rings, nullptr},
-        {ring_topic + "4294967295/status", ring(3), 37, "80 00", 4, rings, nullptr},
-        {ring_topic + "7/status",
-         ring(3).substr(1),
-         37,
-         "80 00",
-         0,
-         {},
-         "published ring status data has wrong length (3, should be 4 or 0)"},
-        {ring_topic + "7/status", "", 37, "00 00", 4, rings, nullptr},
-        {ring_topic + "x/status", ring(3), 37, "00 00", 0, {}, nullptr},
-        // Job
-        {local_topic("job_name"), "ABCDEFGH", 39, "41 42 43 44 45 46 47 48", 0, {}, nullptr},
-        {local_topic("job_rev"), "ABC", 47, "41 42 43", 0, {}, nullptr},
-        {local_topic("job_rev"), "", 47, "00 42 43", 0, {}, nullptr},
-        {local_topic("job_rev"),
-         "ABCD",
-         47,
-         "00 42 43",
-         0,
-         {},
+    // Miswired: up, and flags differ or are odd with ports of the same parity.
+    hear(port + "B/status", erps(1, 0, 0x103, 0x209, 1), 12, "02 00 00 00 09 03 01", 3,
+         miswired("02", "07 01 09 03"));
+    hear(port + "B/status", erps(1, 4, 0x103, 0x209, 1), 12, "02", 0);
+    hear(port + "B/status", erps(0, 4, 2, 8, 1), 12, "02 00 00 00 08 02 01", 3,
+         miswired("02", "07 01 08 02"));
+    hear(port + "CPU/status", erps(0, 0, 1, 1, 1), 12, "02", 0);
+    hear(port + "CPU/status", "", 12, "02", 0);
+    hear(port + "B/status", erps(1, 0, 2, 8, 1), 12, "00 00 00 00 08 02 01", 3, miswired("00", ""));
+    hear(port + "H/status", erps(3, 0, 1, 8, 3), 12, "80", 3, miswired("80", "07 07 08 01"));
+    hear(port + "H/status", erps(2, 0, 1, 8, 2), 12, "00", 3, miswired("00", ""));
+    hear(port + "A/status", erps(0, 5, 0, 8, 1), 12, "00", 0);
+    hear(port + "A/status", erps(0, 4, 0, 8, 1), 12, "01", 3, miswired("01", "07 00 08 00"));
+    hear(port + "A/status", std::string(91, '\0'), 12, "01", 0, {},
+         "published ERPS port status data has wrong length (91, should be 92)");
+    hear(port + "A/status", "", 12, "00 08 00 00", 3, miswired("00", ""));
+    publish(port + "a/status", "");
+    EXPECT_EQ(take_log(), lines({"utils: invalid port identifier in topic local/diag/port/a/status"}));
+    // Rings
+    hear(ring_topic + "0/status", ring(2), 37, "01 00", 4, rings);
+    hear(ring_topic + "7/status", ring(0), 37, "81 80", 4, rings);
+    hear(ring_topic + "7/status", ring(2), 37, "81 00", 4, rings);
+    hear(ring_topic + "0/status", ring(-1), 37, "80 00", 4, rings);
+    hear(ring_topic + "8/status", ring(3), 37, "80 00", 4, rings);
+    hear(ring_topic + "4294967295/status", ring(3), 37, "80 00", 4, rings);
+    hear(ring_topic + "7/status", ring(3).substr(1), 37, "80 00", 0, {},
+         "published ring status data has wrong length (3, should be 4 or 0)");
+    hear(ring_topic + "7/status", "", 37, "00 00", 4, rings);
+    hear(ring_topic + "x/status", ring(3), 37, "00 00", 0);
+    // Job
+    hear(local_topic("job_name"), "ABCDEFGH", 39, "41 42 43 44 45 46 47 48", 0);
+    hear(local_topic("job_rev"), "ABC", 47, "41 42 43", 0);
+    hear(local_topic("job_rev"), "", 47, "00 42 43", 0);
+    hear(local_topic("job_rev"), "ABCD", 47, "00 42 43", 0, {},
          "published job information on topic pub/diag/00-1A-2B-3C-4D-5E/job_rev is too long (4, must be at "
-         "most "
-         "3)"},
-        {local_topic("job_name"), "XY", 39, "58 59 00 00 00 00 00 00", 0, {}, nullptr},
-        {local_topic("job_name"),
-         "123456789",
-         39,
-         "58 59",
-         0,
-         {},
+         "most 3)");
+    hear(local_topic("job_name"), "XY", 39, "58 59 00 00 00 00 00 00", 0);
+    hear(local_topic("job_name"), "123456789", 39, "58 59", 0, {},
          "published job information on topic pub/diag/00-1A-2B-3C-4D-5E/job_name is too long (9, must be at "
-         "most 8)"},
-        // Download
-        {local_topic("download_status"), bytes("12 34"), 50, "12 34", 6, {}, nullptr},
-        {local_topic("download_status"),
-         "1",
-         50,
-         "12 34",
-         6,
-         {},
-         "published download status has wrong length (1, should be 2)"},
-        {local_topic("download_status"), "", 50, "00 00", 6, {}, nullptr},
-        {local_topic("CF_free_space"), "0x10", 52, "10 00 00 00", 6, {}, nullptr},
-        {local_topic("CF_free_space"),
-         "12abc",
-         52,
-         "10 00 00 00",
-         6,
-         {},
-         "invalid CF free space value 12abc"},
-        {local_topic("CF_free_space"), "-1", 52, "10 00 00 00", 6, {}, "invalid CF free space value -1"},
-        {local_topic("CF_free_space"), " 1", 52, "10 00 00 00", 6, {}, "invalid CF free space value  1"},
-        {local_topic("CF_free_space"), "4294967295", 52, "FF FF FF FF", 6, {}, nullptr},
-        {local_topic("CF_free_space"),
-         "4294967296",
-         52,
-         "FF FF FF FF",
-         6,
-         {},
-         "invalid CF free space value 4294967296"},
-        {local_topic("CF_free_space"), "010", 52, "08 00 00 00", 6, {}, nullptr},
-        {local_topic("CF_free_space"), "", 52, "00 00 00 00", 0, {}, nullptr},
-        {local_topic("M301"), "1", 56, "01 00 00 00", 6, {}, nullptr},
-        {local_topic("M702"), "1", 56, "01 01 00 00", 6, {}, nullptr},
-        {local_topic("comm_loss"), "1", 56, "01 01 01 00", 6, {}, nullptr},
-        {local_topic("download_pending"), "1", 56, "01 01 01 01", 6, {}, nullptr},
-        {local_topic("M301"), "2", 56, "00 01 01 01", 6, {}, nullptr},
-        {local_topic("M702"), "", 56, "00 00 01 01", 6, {}, nullptr},
-        {local_topic("comm_loss"),
-         "11",
-         56,
-         "00 00 01 01",
-         0,
-         {},
-         "message published on pub/diag/00-1A-2B-3C-4D-5E/comm_loss has wrong length (2, should be 1 or 0)"},
-        // Repeater
-        {local_topic("repeater"), "255", 60, "FF", 7, {}, nullptr},
-        {local_topic("repeater"), "256", 60, "00", 7, {}, nullptr},
-        {local_topic("repeater"), "0x1f", 60, "1F", 7, {}, nullptr},
-        {local_topic("repeater"), "", 60, "00", 0, {}, nullptr},
-        {local_topic("repeater"), "12 ", 60, "00", 7, {}, nullptr},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.topic + " " + hex(row.payload));
-        publish(row.topic, row.payload);
-        EXPECT_EQ(take_published(), row.published);
-        lines log = take_log();
-        std::erase(log, "utils: invalid port identifier in topic local/diag/port/a/status");
-        EXPECT_EQ(log, row.log == nullptr ? lines() : lines({std::string("summary.c: ") + row.log}));
-        EXPECT_EQ(sent_next(), row.stamped);
-        EXPECT_EQ(local_data(row.offset, (strlen(row.data) + 1) / 3), row.data);
-    }
+         "most 8)");
+    // Download
+    hear(local_topic("download_status"), bytes("12 34"), 50, "12 34", 6);
+    hear(local_topic("download_status"), "1", 50, "12 34", 6, {},
+         "published download status has wrong length (1, should be 2)");
+    hear(local_topic("download_status"), "", 50, "00 00", 6);
+    hear(local_topic("CF_free_space"), "0x10", 52, "10 00 00 00", 6);
+    hear(local_topic("CF_free_space"), "12abc", 52, "10 00 00 00", 6, {},
+         "invalid CF free space value 12abc");
+    hear(local_topic("CF_free_space"), "-1", 52, "10 00 00 00", 6, {}, "invalid CF free space value -1");
+    hear(local_topic("CF_free_space"), " 1", 52, "10 00 00 00", 6, {}, "invalid CF free space value  1");
+    hear(local_topic("CF_free_space"), "4294967295", 52, "FF FF FF FF", 6);
+    hear(local_topic("CF_free_space"), "4294967296", 52, "FF FF FF FF", 6, {},
+         "invalid CF free space value 4294967296");
+    hear(local_topic("CF_free_space"), "010", 52, "08 00 00 00", 6);
+    hear(local_topic("CF_free_space"), "", 52, "00 00 00 00", 0);
+    hear(local_topic("M301"), "1", 56, "01 00 00 00", 6);
+    hear(local_topic("M702"), "1", 56, "01 01 00 00", 6);
+    hear(local_topic("comm_loss"), "1", 56, "01 01 01 00", 6);
+    hear(local_topic("download_pending"), "1", 56, "01 01 01 01", 6);
+    hear(local_topic("M301"), "2", 56, "00 01 01 01", 6);
+    hear(local_topic("M702"), "", 56, "00 00 01 01", 6);
+    hear(local_topic("comm_loss"), "11", 56, "00 00 01 01", 0, {},
+         "message published on pub/diag/00-1A-2B-3C-4D-5E/comm_loss has wrong length (2, should be 1 or 0)");
+    // Repeater
+    hear(local_topic("repeater"), "255", 60, "FF", 7);
+    hear(local_topic("repeater"), "256", 60, "00", 7);
+    hear(local_topic("repeater"), "0x1f", 60, "1F", 7);
+    hear(local_topic("repeater"), "", 60, "00", 0);
+    hear(local_topic("repeater"), "12 ", 60, "00", 7);
 }
 
 TEST_F(local_summary, port_events_change_stamp_and_publish)
 {
-    const auto link = [](const char *mask) {
-        return messages({{LINK_DOWN, LOCAL + bytes("07") + bytes(mask)}});
-    };
-    const auto ground = [](const char *mask) {
-        return messages({{GROUND, LOCAL + bytes("07") + bytes(mask)}});
+    const auto list = [](const std::string &topic, const char *mask) {
+        return messages({{topic, LOCAL + bytes("07") + bytes(mask)}});
     };
     const auto colours = [](const char *text) { return messages({{local_topic("port_summary"), text}}); };
     const auto media = [](const char *text) { return messages({{local_topic("port_media"), text}}); };
-    const struct {
-        int (*update)(int port, int value);
-        int port;
-        int value;
-        int result;
-        messages published;
-        int stamped;
-        size_t offset;
-        const char *data; // from offset, afterwards
-        const char *log;
-    } rows[] = {
-        {summary_update_link, 1, 1, 0, link("02"), 1, 1, "02", nullptr},
-        {summary_update_link, 1, 1, 0, {}, 0, 1, "02", nullptr},
-        {summary_update_link, 8, 1, 0, {}, 0, 1, "02", nullptr},
-        {summary_update_link, 0, 1, 0, link("03"), 1, 1, "03", nullptr},
-        {summary_update_ground, 7, 1, 0, ground("80"), 1, 1, "03 80", nullptr},
-        {summary_update_ground, 8, 1, 0, {}, 0, 2, "80", nullptr},
-        {summary_update_ground, 7, 0, 0, {{GROUND, NO_PORTS}}, 1, 2, "00", nullptr},
-        {summary_update_status, 1, 0, 0, colours(R"({"B":"green"})"), 1, 3, "00 00 02", nullptr},
-        {summary_update_status, 1, 0, 0, colours(R"({"B":"green"})"), 1, 3, "00 00 02", nullptr},
-        {summary_update_status, 1, 1, 0, colours(R"({"B":"yellow"})"), 1, 3, "00 02 00", nullptr},
-        {summary_update_status, 0, 2, 0, colours(R"({"A":"red","B":"yellow"})"), 1, 3, "01 02 00", nullptr},
-        {summary_update_status, 1, 5, -1, {}, 0, 3, "01 00 00", "invalid port status 5"},
-        {summary_update_status, 0, -1, -1, {}, 0, 3, "00 00 00", "invalid port status -1"},
-        {summary_update_status, 8, 2, 0, colours("{}"), 1, 3, "00 00 00", nullptr},
-        {summary_update_status, 0, 3, 0, colours("{}"), 1, 3, "00 00 00", nullptr},
-        {summary_update_media, 2, 0, 0, media(R"({"C":"eth"})"), 0, 6, "04 00 00 00", nullptr},
-        {summary_update_media, 2, 3, 0, media(R"({"C":"mmf"})"), 0, 6, "00 00 00 04", nullptr},
-        {summary_update_media, 2, 5, -1, {}, 0, 6, "00 00 00 00", "invalid media type 5"},
-        {summary_update_media, 2, 1, 0, media(R"({"C":"dsl"})"), 0, 6, "00 04 00 00", nullptr},
-        {summary_update_media, 8, 2, 0, media(R"({"C":"dsl"})"), 0, 6, "00 04 00 00", nullptr},
-        {summary_update_media, 2, 4, 0, media("{}"), 0, 6, "00 00 00 00", nullptr},
-        {summary_update_type, 0, 1, 0, {}, 0, 10, "00 01", nullptr},
-        {summary_update_type, 8, 0, 0, {}, 0, 10, "00 01", nullptr},
-        {summary_update_type, 0, 0, 0, {{STYLE7, DEGRADED}}, 0, 10, "01 00", nullptr},
-        {summary_update_type, 1, 0, 0, {}, 0, 10, "03 00", nullptr},
-        {summary_update_type, 1, 3, -1, {}, 0, 10, "01 00", "invalid port type 3"},
-        {summary_update_type, 0, 2, 0, {{STYLE7, NOT_DEGRADED}}, 0, 10, "00 00", nullptr},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(testing::Message() << &row - rows << ": " << row.port << ' ' << row.value);
-        EXPECT_EQ(row.update(row.port, row.value), row.result);
-        EXPECT_EQ(take_published(), row.published);
-        EXPECT_EQ(take_log(), row.log == nullptr ? lines() : lines({std::string("summary.c: ") + row.log}));
-        EXPECT_EQ(sent_next(), row.stamped);
-        EXPECT_EQ(local_data(row.offset, (strlen(row.data) + 1) / 3), row.data);
-    }
+    update(summary_update_link, 1, 1, 1, "02", 1, list(LINK_DOWN, "02"));
+    update(summary_update_link, 1, 1, 1, "02", 0);
+    update(summary_update_link, 8, 1, 1, "02", 0);
+    update(summary_update_link, 0, 1, 1, "03", 1, list(LINK_DOWN, "03"));
+    update(summary_update_ground, 7, 1, 1, "03 80", 1, list(GROUND, "80"));
+    update(summary_update_ground, 8, 1, 2, "80", 0);
+    update(summary_update_ground, 7, 0, 2, "00", 1, {{GROUND, NO_PORTS}});
+    update(summary_update_status, 1, 0, 3, "00 00 02", 1, colours(R"({"B":"green"})"));
+    update(summary_update_status, 1, 0, 3, "00 00 02", 1, colours(R"({"B":"green"})"));
+    update(summary_update_status, 1, 1, 3, "00 02 00", 1, colours(R"({"B":"yellow"})"));
+    update(summary_update_status, 0, 2, 3, "01 02 00", 1, colours(R"({"A":"red","B":"yellow"})"));
+    update(summary_update_status, 1, 5, 3, "01 00 00", 0, {}, "invalid port status 5");
+    update(summary_update_status, 0, -1, 3, "00 00 00", 0, {}, "invalid port status -1");
+    update(summary_update_status, 8, 2, 3, "00 00 00", 1, colours("{}"));
+    update(summary_update_status, 0, 3, 3, "00 00 00", 1, colours("{}"));
+    update(summary_update_media, 2, 0, 6, "04 00 00 00", 0, media(R"({"C":"eth"})"));
+    update(summary_update_media, 2, 3, 6, "00 00 00 04", 0, media(R"({"C":"mmf"})"));
+    update(summary_update_media, 2, 5, 6, "00 00 00 00", 0, {}, "invalid media type 5");
+    update(summary_update_media, 2, 1, 6, "00 04 00 00", 0, media(R"({"C":"dsl"})"));
+    update(summary_update_media, 8, 2, 6, "00 04 00 00", 0, media(R"({"C":"dsl"})"));
+    update(summary_update_media, 2, 4, 6, "00 00 00 00", 0, media("{}"));
+    update(summary_update_type, 0, 1, 10, "00 01", 0);
+    update(summary_update_type, 8, 0, 10, "00 01", 0);
+    update(summary_update_type, 0, 0, 10, "01 00", 0, {{STYLE7, DEGRADED}});
+    update(summary_update_type, 1, 0, 10, "03 00", 0);
+    update(summary_update_type, 1, 3, 10, "01 00", 0, {}, "invalid port type 3");
+    update(summary_update_type, 0, 2, 10, "00 00", 0, {{STYLE7, NOT_DEGRADED}});
 }
 
 TEST_F(local_summary, failing_updates_tell_the_caller)
