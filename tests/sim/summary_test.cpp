@@ -190,6 +190,7 @@ TEST_F(node_summary, first_summary_publishes_lists_only_for_a_node_to_list)
     EXPECT_EQ(retained().at(LINK_DOWN), PEER_MAC + bytes("00 01"));
     EXPECT_EQ(retained().at(GROUND), PEER_MAC + bytes("00 02"));
     EXPECT_EQ(retained().at(MISWIRED), PEER_MAC + bytes("00 01"));
+    EXPECT_EQ(retained().at(MISWIRED_LINKS), bytes("00 00 00 00")); // leads to itself, which is no reason
 }
 
 TEST_F(node_summary, port_list_ends_at_250_nodes_newest_first_and_local_last)
@@ -291,10 +292,11 @@ TEST_F(node_summary, node_numbers_lead_to_all_their_macs_that_fit)
     EXPECT_EQ(found(8, sizeof macs), "");
     EXPECT_EQ(found(7, sizeof macs), nth_mac(3) + nth_mac(2) + nth_mac(1) + LOCAL);
     EXPECT_EQ(take_log(), lines());
+    EXPECT_EQ(found(7, 18), nth_mac(3) + nth_mac(2) + nth_mac(1));
     EXPECT_EQ(found(7, 17), nth_mac(3) + nth_mac(2));
     EXPECT_EQ(summary_get_mac_addrs(7, nullptr, 6), 0U);
-    EXPECT_EQ(take_log(), lines({"summary.c: ignoring MAC address(es) since result array is too small",
-                                 "summary.c: NULL pointer received as argument"}));
+    EXPECT_EQ(take_log(), lines(2, "summary.c: ignoring MAC address(es) since result array is too small") +
+                              lines({"summary.c: NULL pointer received as argument"}));
 }
 
 //
@@ -706,6 +708,26 @@ TEST_F(summary_module, refuses_updates_before_its_start)
         EXPECT_EQ(update(0, 0), -1);
         EXPECT_EQ(take_log(), lines({"summary.c: local summary is not initialized"}));
     }
+}
+
+TEST_F(summary_module, ignores_messages_after_a_failed_start)
+{
+    retain("local/diag/port/A/status", erps(0, 0, 0, 1, 1));
+    retain("local/diag/ring/0/status", ring(2));
+    for (const char *name : {"job_rev", "download_status", "CF_free_space", "M301", "repeater"}) {
+        retain(local_topic(name), "1");
+    }
+    fail(failure("timerfd_settime", EINVAL).from(3)); // the send timer's
+    before("mosquitto_subscribe", local_topic("repeater"), [] { broker().reads = false; });
+    before("mosquitto_disconnect", "", [] { take_published(); });
+    start_daemon({});
+    advance(2s); // the disconnect waits for the stalled broker and reads what has come
+    EXPECT_EQ(exit_status(), 1);
+    const lines log = take_log();
+    EXPECT_EQ(log.front(), "summary.c: couldn't arm send timer (errno 22)");
+    EXPECT_EQ(log.back(), "broker: couldn't disconnect mosquitto instance");
+    EXPECT_EQ(log.size(), 6U);
+    EXPECT_EQ(take_published(), messages());
 }
 
 //
