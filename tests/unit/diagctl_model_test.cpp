@@ -235,6 +235,7 @@ TEST_F(diagctl, lists_tell_each_port_gained_and_lost)
                      "ground list lost node 02-00-00-00-00-02 (2) port A",
                      "ground list lost node 02-00-00-00-00-03 (3) port H"}));
     EXPECT_NE(shown(80, 24).find("Ground fault: 02-00-00-00-00-02 (2) BC "), string::npos);
+    EXPECT_EQ(net.nodes.size(), 1U) << "a node that was only listed is forgotten with its entry";
     for (const string &malformed : {string("\x01"), string(7, '\0'), two + "x", string(2008, 'x')}) {
         EXPECT_EQ(apply("pub/diag/net/fire/grnd_list", malformed).size(), 1U);
         EXPECT_NE(

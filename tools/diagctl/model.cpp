@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <set>
 
 namespace
 {
@@ -577,6 +578,23 @@ void describe_list_difference(const network &net, int which, const std::vector<l
     }
 }
 
+// Whatever a list has named stays known only as long as something else is known of it, or a list still names it.
+void forget_unlisted(network &net)
+{
+    std::set<mac_address> listed;
+    for (const auto &list : net.lists) {
+        for (const listed_ports &record : list.value.value_or(std::vector<listed_ports>{})) {
+            listed.insert(record.mac);
+        }
+    }
+    std::erase_if(net.nodes, [&](const auto &entry) {
+        const auto &[mac, candidate] = entry;
+        return !net.is_local(mac) && !listed.contains(mac) && candidate.ports.empty() &&
+               std::none_of(candidate.facts.begin(), candidate.facts.end(),
+                            [](const auto &value) { return value.is_published; });
+    });
+}
+
 void apply_port_list(network &net, int which, bytes payload, changes &out)
 {
     fact<std::vector<listed_ports>> &list = net.lists[static_cast<size_t>(which)];
@@ -593,6 +611,7 @@ void apply_port_list(network &net, int which, bytes payload, changes &out)
     }
     describe_list_difference(net, which, after, before, "gained", out);
     describe_list_difference(net, which, before, after, "lost", out);
+    forget_unlisted(net);
 }
 
 std::optional<std::vector<miswired_link>> parse_miswired_links(bytes payload)
@@ -659,11 +678,6 @@ void apply_topic_of_node(network &net, std::string_view topic, bytes payload, bo
 std::string mac_text(const mac_address &mac)
 {
     return mac_addr_to_str(mac.data());
-}
-
-const char *port_list_name(int list)
-{
-    return PORT_LIST_NAMES[list];
 }
 
 std::string port_text(int port)

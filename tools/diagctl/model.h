@@ -125,9 +125,6 @@ struct network {
     bool is_local(const mac_address &mac) const { return local.value == mac; }
 };
 
-// "link-down list", "ground list", "miswired list".
-const char *port_list_name(int list);
-
 // Upper-case name of a port, or its number where it has none.
 std::string port_text(int port);
 
