@@ -4,6 +4,7 @@
 #include "common/bytes.h"
 #include "common/lumlog.h"
 #include "common/netif.h"
+#include "common/text.h"
 #include "common/unique_fd.h"
 #include "event.h"
 #include "hwinfo/hwinfo.h"
@@ -12,15 +13,23 @@
 #include "utils.h"
 
 #include <arpa/inet.h>
+#include <mosquitto.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+#include <uthash.h>
+#include <utlist.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <memory>
+#include <new>
 
 namespace
 {
@@ -30,28 +39,624 @@ constexpr const char *log_source = "remote";
 constexpr int SOCKET_PRIORITY = 4;
 constexpr const char *FIRE_IP_FILTER = "local/diag/node/+/fire_ip";
 
+constexpr size_t REQUEST_ID_SIZE = sizeof(uint32_t);
+constexpr size_t MAX_REQUEST_PAYLOAD = MAX_PACKET_SIZE - HEADER_SIZE - REQUEST_ID_SIZE;
+constexpr int REQUEST_TRIES = 10;
+constexpr timespec AT_ONCE = {.tv_sec = 0, .tv_nsec = 1}; // zero would disarm a timer
+constexpr itimerspec REQUEST_PERIOD = {.it_interval = {.tv_sec = 1, .tv_nsec = 0}, .it_value = AT_ONCE};
+constexpr uint32_t SUBSCRIPTION_LIFETIME = 1200; // seconds
+
+// A request that waits for its acknowledgement or for its last try. Its timer is known to the event loop only.
+struct pending_request {
+    char destination[IP_STR_SIZE];
+    uint32_t request_id;
+    request_result_cb callback; // null for a request without report
+    void *arg;
+    uint8_t packet[MAX_PACKET_SIZE];
+    size_t packet_length;
+    bool acknowledged;
+    int tries_left;
+    pending_request *prev;
+    pending_request *next;
+};
+
+// The last message of one of this node's own topics, as the packet that carries it to subscribers.
+struct topic_data {
+    std::unique_ptr<char[]> topic;
+    timespec changed; // monotonic
+    uint8_t packet[MAX_PACKET_SIZE];
+    size_t packet_length;
+    UT_hash_handle hh;
+};
+
+// A subscription that this node serves to a client of another node. The three first fields identify it.
+struct subscription {
+    uint8_t requester_mac[MAC_SIZE];
+    uint32_t client_id;
+    std::unique_ptr<char[]> filter;
+    char requester_address[IP_STR_SIZE];
+    uint16_t period; // seconds, 0 for one send only
+    int timer;
+    uint32_t lives;     // sends left before it expires
+    timespec last_sent; // monotonic
+    subscription *prev;
+    subscription *next;
+};
+
+struct fire_ip {
+    uint8_t mac[MAC_SIZE];
+    char text[IP_STR_SIZE]; // as published, checked when it is used
+    UT_hash_handle hh;
+};
+
 int socket_fd = -1;
 uint8_t local_mac_addr[MAC_SIZE];
+uint32_t rid;                      // id of the next request
+pending_request *pending_requests; // newest first
+topic_data *topic_data_hash;       // by topic, in the order of their first messages; never removed
+subscription *subscriptions;       // newest first
+fire_ip *fire_ip_hash;             // by MAC
 
 //
 // Packets
 //
 
-bool has_nul(std::span<const uint8_t> bytes)
+// Writes the header of a packet; the payload follows it directly.
+void write_header(uint8_t *header, packet_type type, size_t payload_length)
 {
-    return std::find(bytes.begin(), bytes.end(), uint8_t{0}) != bytes.end();
+    header[PACKET_OFFSET_VERSION] = PACKET_VERSION;
+    header[PACKET_OFFSET_TYPE] = type;
+    memcpy(header + PACKET_OFFSET_SOURCE_MAC, local_mac_addr, MAC_SIZE);
+    store_be(header + PACKET_OFFSET_LENGTH, static_cast<uint16_t>(payload_length));
 }
 
-// What a packet of one type must look like, and who handles it.
-struct packet_handling {
-    packet_type type;
-    size_t min_payload;
-    size_t text_offset; // of the NUL-terminated topic or filter in the payload; NO_TEXT for types without one
-    const char *invalid;
-    int (*process)(const packet &received); // null for a type that this node does not serve yet
-    const char *failure;                    // null for a type whose handling cannot fail
-};
-constexpr size_t NO_TEXT = SIZE_MAX;
+int send_ack(const char *address, uint32_t request_id)
+{
+    uint8_t buffer[HEADER_SIZE + REQUEST_ID_SIZE];
+    write_header(buffer, PACKET_ACK, REQUEST_ID_SIZE);
+    store_be(buffer + HEADER_SIZE, request_id);
+    return send_packet(address, buffer, sizeof buffer);
+}
+
+int acknowledge(const packet &request)
+{
+    if (send_ack(request.reply_address, load_be<uint32_t>(request.payload.data())) == -1) {
+        log_error("couldn't send acknowledgement");
+        return -1;
+    }
+    return 0;
+}
+
+bool get_time(timespec &now)
+{
+    if (clock_gettime(CLOCK_MONOTONIC, &now) == -1) {
+        log_error("couldn't get time (errno %d)", errno);
+        return false;
+    }
+    return true;
+}
+
+//
+// Fire addresses of the nodes
+//
+
+fire_ip *find_fire_ip(const uint8_t *mac)
+{
+    fire_ip *found;
+    HASH_FIND(hh, fire_ip_hash, mac, MAC_SIZE, found);
+    return found;
+}
+
+// The address of a node as text, null after logging that it is unknown.
+const char *get_fire_ip(const uint8_t *mac)
+{
+    const fire_ip *const found = find_fire_ip(mac);
+    if (found == nullptr) {
+        const char *const text = mac_addr_to_str(mac);
+        log_error("couldn't find fire IP address for node %s",
+                  text != nullptr ? text : " with unknown MAC address");
+        return nullptr;
+    }
+    return found->text;
+}
+
+void store_fire_ip(fire_ip &node, const void *payload, size_t length)
+{
+    memcpy(node.text, payload, length);
+    node.text[length] = '\0';
+}
+
+void fire_ip_cb(const char *topic, const void *payload, int length, void *)
+{
+    const auto size = static_cast<size_t>(length);
+    if (size >= IP_STR_SIZE) {
+        log_error("message is too long to be an IP address");
+        return;
+    }
+    const uint8_t *const mac = find_mac_addr_in_topic(topic);
+    if (mac == nullptr) {
+        log_error("couldn't find MAC address in topic %s", topic);
+        return;
+    }
+    fire_ip *node = find_fire_ip(mac);
+    if (size == 0) {
+        if (node != nullptr) {
+            HASH_DEL(fire_ip_hash, node);
+            delete node;
+        }
+        return;
+    }
+    if (node == nullptr) {
+        node = new (std::nothrow) fire_ip{};
+        if (node == nullptr) {
+            log_error("couldn't allocate fire IP structure");
+            terminate();
+            return;
+        }
+        memcpy(node->mac, mac, MAC_SIZE);
+        HASH_ADD(hh, fire_ip_hash, mac, MAC_SIZE, node);
+    }
+    store_fire_ip(*node, payload, size);
+}
+
+//
+// Requests to other nodes
+//
+
+std::unique_ptr<pending_request> build_req(const char *destination, packet_type type,
+                                           request_result_cb callback, void *arg, const uint8_t *payload,
+                                           size_t payload_length)
+{
+    if (payload_length > MAX_REQUEST_PAYLOAD) {
+        log_error("request payload is too long (%zu bytes, must be at most %zu)", payload_length,
+                  MAX_REQUEST_PAYLOAD);
+        return nullptr;
+    }
+    std::unique_ptr<pending_request> request(new (std::nothrow) pending_request{});
+    if (!request) {
+        log_error("couldn't allocate request structure");
+        return nullptr;
+    }
+    snprintf(request->destination, sizeof request->destination, "%s", destination);
+    request->request_id = rid++;
+    request->callback = callback;
+    request->arg = arg;
+    request->tries_left = REQUEST_TRIES;
+    write_header(request->packet, type, REQUEST_ID_SIZE + payload_length);
+    store_be(request->packet + HEADER_SIZE, request->request_id);
+    if (payload_length > 0) {
+        memcpy(request->packet + HEADER_SIZE + REQUEST_ID_SIZE, payload, payload_length);
+    }
+    request->packet_length = HEADER_SIZE + REQUEST_ID_SIZE + payload_length;
+    return request;
+}
+
+// One expiry of the request's timer; false when the request is over.
+bool continue_request(int fd, uint32_t events, pending_request &request)
+{
+    if (events != EPOLLIN) {
+        log_error("unexpected event(s) on file descriptor");
+        terminate();
+        return false;
+    }
+    uint64_t expiries;
+    if (read(fd, &expiries, sizeof expiries) != sizeof expiries) {
+        log_error("couldn't clear request timer (errno %d)", errno);
+        terminate();
+        return false;
+    }
+    if (request.acknowledged || request.tries_left <= 0) {
+        if (request.callback != nullptr) {
+            request.callback(request.acknowledged ? 1 : 0, request.arg);
+        }
+        return false;
+    }
+    if (send_packet(request.destination, request.packet, request.packet_length) == -1) {
+        log_error("couldn't send subscribe/unsubscribe request");
+        terminate();
+        return false;
+    }
+    request.tries_left--;
+    return true;
+}
+
+void pending_cb(int fd, uint32_t events, void *arg)
+{
+    auto *const request = static_cast<pending_request *>(arg);
+    if (continue_request(fd, events, *request)) {
+        return;
+    }
+    DL_DELETE(pending_requests, request);
+    delete request;
+    if (event_remove(fd) == -1) {
+        log_error("couldn't remove request timer event");
+        terminate();
+    }
+    close(fd);
+}
+
+// Starts the timer of a request. The event loop has it from then on until the request is over.
+int start_req(pending_request &request)
+{
+    unique_fd timer(timerfd_create(CLOCK_MONOTONIC, 0));
+    if (!timer.is_open()) {
+        log_error("couldn't create request timer (errno %d)", errno);
+        return -1;
+    }
+    if (timerfd_settime(timer.get(), 0, &REQUEST_PERIOD, nullptr) == -1) {
+        log_error("couldn't arm request timer (errno %d)", errno);
+        return -1;
+    }
+    if (event_add(timer.get(), EPOLLIN, pending_cb, &request) == -1) {
+        log_error("couldn't add request timer event");
+        return -1;
+    }
+    return timer.release();
+}
+
+void add_request(std::unique_ptr<pending_request> request)
+{
+    pending_request *const added = request.release();
+    DL_PREPEND(pending_requests, added);
+}
+
+int setup_common_req(const uint8_t *mac, packet_type type, request_result_cb callback, void *arg,
+                     const uint8_t *payload, size_t payload_length)
+{
+    const char *const destination = get_fire_ip(mac);
+    if (destination == nullptr) {
+        return -1;
+    }
+    std::unique_ptr<pending_request> request =
+        build_req(destination, type, callback, arg, payload, payload_length);
+    if (!request) {
+        log_error("couldn't build request");
+        return -1;
+    }
+    if (start_req(*request) == -1) {
+        log_error("couldn't start pending request");
+        return -1;
+    }
+    add_request(std::move(request));
+    return 0;
+}
+
+int process_ack(const packet &received)
+{
+    const auto request_id = load_be<uint32_t>(received.payload.data());
+    pending_request *request;
+    DL_FOREACH (pending_requests, request) {
+        if (request->request_id == request_id) {
+            request->acknowledged = true;
+        }
+    }
+    return 0;
+}
+
+//
+// Subscriptions served to other nodes
+//
+
+size_t topic_data_offset(size_t topic_length)
+{
+    return HEADER_SIZE + topic_length + 1;
+}
+
+// A record without message yet, null after logging why.
+topic_data *add_topic_data(const char *topic, size_t topic_length)
+{
+    std::unique_ptr<topic_data> record(new (std::nothrow) topic_data{});
+    if (!record) {
+        log_error("couldn't allocate topic data structure");
+        return nullptr;
+    }
+    record->topic = copy_text(topic);
+    if (!record->topic) {
+        log_error("couldn't duplicate topic string");
+        return nullptr;
+    }
+    memcpy(record->packet + HEADER_SIZE, topic, topic_length + 1);
+    record->packet_length = topic_data_offset(topic_length);
+    topic_data *const added = record.release();
+    HASH_ADD_KEYPTR(hh, topic_data_hash, added->topic.get(), topic_length, added);
+    return added;
+}
+
+// Every message on this node's own topics, the daemon's own publications included.
+void sub_msg_cb(const char *topic, const void *payload, int length, void *)
+{
+    const size_t topic_length = strlen(topic);
+    const size_t data_offset = topic_data_offset(topic_length);
+    const auto size = static_cast<size_t>(length);
+    topic_data *record;
+    HASH_FIND(hh, topic_data_hash, topic, topic_length, record);
+    if (data_offset + size > MAX_PACKET_SIZE) {
+        log_error("message is too big for a remote subscription");
+        return;
+    }
+    if (record == nullptr) {
+        if (size == 0) {
+            return;
+        }
+        record = add_topic_data(topic, topic_length);
+        if (record == nullptr) {
+            terminate();
+            return;
+        }
+    }
+    uint8_t *const data = record->packet + data_offset;
+    if (record->packet_length == data_offset + size && (size == 0 || memcmp(data, payload, size) == 0)) {
+        return;
+    }
+    if (size > 0) {
+        memcpy(data, payload, size);
+    }
+    record->packet_length = data_offset + size;
+    write_header(record->packet, PACKET_TOPIC_DATA, record->packet_length - HEADER_SIZE);
+    timespec now;
+    if (!get_time(now)) {
+        terminate();
+        return;
+    }
+    record->changed = now;
+}
+
+// Sends that a subscription lives for without a keepalive.
+uint32_t get_lives(uint16_t period)
+{
+    return period == 0 ? 1 : std::max(SUBSCRIPTION_LIFETIME / period, uint32_t{1});
+}
+
+int delete_sub(subscription *record)
+{
+    if (event_remove(record->timer) == -1) {
+        log_error("couldn't remove subscription timer event");
+        return -1;
+    }
+    close(record->timer);
+    DL_DELETE(subscriptions, record);
+    delete record;
+    return 0;
+}
+
+bool send_changed_topics(const subscription &record)
+{
+    const topic_data *data;
+    const topic_data *next;
+    HASH_ITER (hh, topic_data_hash, data, next) {
+        bool matches = false;
+        if (mosquitto_topic_matches_sub(record.filter.get(), data->topic.get(), &matches) !=
+            MOSQ_ERR_SUCCESS) {
+            log_error("couldn't check if %s matches %s", data->topic.get(), record.filter.get());
+            return false;
+        }
+        if (matches && timespec_cmp(&data->changed, &record.last_sent) >= 0 &&
+            send_packet(record.requester_address, data->packet, data->packet_length) == -1) {
+            log_error("couldn't send topic data for %s", data->topic.get());
+            return false;
+        }
+    }
+    return true;
+}
+
+bool serve_subscription(int fd, uint32_t events, subscription *record)
+{
+    if (events != EPOLLIN) {
+        log_error("unexpected event(s) on file descriptor");
+        return false;
+    }
+    uint64_t expiries;
+    if (read(fd, &expiries, sizeof expiries) != sizeof expiries) {
+        log_error("couldn't clear subscription timer (errno %d)", errno);
+        return false;
+    }
+    if (record->lives == 0) {
+        if (delete_sub(record) == -1) {
+            log_error("couldn't delete subscription");
+            return false;
+        }
+        return true;
+    }
+    if (!send_changed_topics(*record)) {
+        return false;
+    }
+    timespec now;
+    if (!get_time(now)) {
+        return false;
+    }
+    record->last_sent = now;
+    record->lives--;
+    return true;
+}
+
+void sub_send_cb(int fd, uint32_t events, void *arg)
+{
+    if (!serve_subscription(fd, events, static_cast<subscription *>(arg))) {
+        close(fd);
+        terminate();
+    }
+}
+
+// The client that a packet speaks for: the client id is unique on its node only.
+bool is_of_client(const subscription &record, const uint8_t *mac, uint32_t client_id)
+{
+    return record.client_id == client_id && memcmp(record.requester_mac, mac, MAC_SIZE) == 0;
+}
+
+subscription *find_sub(const uint8_t *mac, uint32_t client_id, const char *filter)
+{
+    subscription *record;
+    DL_FOREACH (subscriptions, record) {
+        if (is_of_client(*record, mac, client_id) && strcmp(record->filter.get(), filter) == 0) {
+            break;
+        }
+    }
+    return record;
+}
+
+// Deletes the subscriptions that the predicate picks.
+template <typename Predicate>
+int delete_subs(Predicate is_picked)
+{
+    subscription *record;
+    subscription *next;
+    DL_FOREACH_SAFE (subscriptions, record, next) {
+        if (is_picked(*record) && delete_sub(record) == -1) {
+            log_error("couldn't delete subscription");
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// Starts the timer of a subscription; -1 after logging why.
+int start_sending(subscription &record)
+{
+    const itimerspec expiry = {.it_interval = {.tv_sec = record.period, .tv_nsec = 0}, .it_value = AT_ONCE};
+    unique_fd timer(timerfd_create(CLOCK_MONOTONIC, 0));
+    if (!timer.is_open()) {
+        log_error("couldn't create subscription timer (errno %d)", errno);
+        return -1;
+    }
+    if (timerfd_settime(timer.get(), 0, &expiry, nullptr) == -1) {
+        log_error("couldn't arm subscription timer (errno %d)", errno);
+        return -1;
+    }
+    if (event_add(timer.get(), EPOLLIN, sub_send_cb, &record) == -1) {
+        log_error("couldn't add subscription timer event");
+        return -1;
+    }
+    record.timer = timer.release();
+    return 0;
+}
+
+std::unique_ptr<subscription> build_sub(const packet &request, uint32_t client_id, uint16_t period,
+                                        const char *filter)
+{
+    std::unique_ptr<subscription> record(new (std::nothrow) subscription{});
+    if (!record) {
+        log_error("couldn't allocate subscription structure");
+        return nullptr;
+    }
+    record->filter = copy_text(filter);
+    if (!record->filter) {
+        log_error("couldn't duplicate topic string");
+        return nullptr;
+    }
+    memcpy(record->requester_mac, request.source_mac, MAC_SIZE);
+    memcpy(record->requester_address, request.reply_address, IP_STR_SIZE);
+    record->client_id = client_id;
+    record->period = period;
+    record->lives = get_lives(period);
+    return record;
+}
+
+// The new subscription, null after logging why.
+subscription *add_sub(const packet &request, uint32_t client_id, uint16_t period, const char *filter)
+{
+    std::unique_ptr<subscription> record = build_sub(request, client_id, period, filter);
+    if (!record) {
+        log_error("couldn't build subscription structure");
+        return nullptr;
+    }
+    if (start_sending(*record) == -1) {
+        log_error("couldn't start sending subscription data");
+        return nullptr;
+    }
+    subscription *const added = record.release();
+    DL_PREPEND(subscriptions, added);
+    return added;
+}
+
+int process_subscribe(const packet &received)
+{
+    const uint8_t *const payload = received.payload.data();
+    const auto client_id = load_be<uint32_t>(payload + REQUEST_CLIENT_ID);
+    const auto period = load_be<uint16_t>(payload + SUBSCRIBE_PERIOD);
+    const char *const filter = reinterpret_cast<const char *>(payload + SUBSCRIBE_FILTER);
+    subscription *added = nullptr;
+    if (find_sub(received.source_mac, client_id, filter) == nullptr) {
+        added = add_sub(received, client_id, period, filter);
+        if (added == nullptr) {
+            return -1;
+        }
+    }
+    if (acknowledge(received) == -1) {
+        if (added != nullptr) {
+            delete_sub(added);
+        }
+        return -1;
+    }
+    return 0;
+}
+
+int process_unsubscribe(const packet &received)
+{
+    const uint8_t *const payload = received.payload.data();
+    const auto client_id = load_be<uint32_t>(payload + REQUEST_CLIENT_ID);
+    const char *const filter = reinterpret_cast<const char *>(payload + UNSUBSCRIBE_FILTER);
+    const int result = delete_subs([&](const subscription &record) {
+        return is_of_client(record, received.source_mac, client_id) &&
+               strcmp(record.filter.get(), filter) == 0;
+    });
+    return result == -1 ? -1 : acknowledge(received);
+}
+
+int process_unsubscribe_all(const packet &received)
+{
+    const auto client_id = load_be<uint32_t>(received.payload.data() + REQUEST_CLIENT_ID);
+    return delete_subs(
+        [&](const subscription &record) { return is_of_client(record, received.source_mac, client_id); });
+}
+
+int process_client_keepalive(const packet &received)
+{
+    const auto client_id = load_be<uint32_t>(received.payload.data());
+    subscription *record;
+    DL_FOREACH (subscriptions, record) {
+        // A subscription of period 0 that has sent once stays silent: its timer is not armed again.
+        if (is_of_client(*record, received.source_mac, client_id)) {
+            record->lives = get_lives(record->period);
+        }
+    }
+    return 0;
+}
+
+//
+// Packets received
+//
+
+int process_topic_data(const packet &received)
+{
+    const char *const topic = reinterpret_cast<const char *>(received.payload.data());
+    const auto data = received.payload.subspan(strlen(topic) + 1);
+    if (broker_publish_unretained(topic, data.data(), data.size()) == -1) {
+        log_error("couldn't publish data on topic %s", topic);
+        return -1;
+    }
+    return 0;
+}
+
+// An activate or remote download request: the value goes to the processes that wait for it on the topic.
+int process_download(const packet &received, const char *topic)
+{
+    const uint8_t value = received.payload[DOWNLOAD_VALUE];
+    if (broker_publish(topic, &value, sizeof value) == -1) {
+        log_error("couldn't publish %u to %s", value, topic);
+        return -1;
+    }
+    return acknowledge(received);
+}
+
+int process_activate(const packet &received)
+{
+    return process_download(received, "local/activate");
+}
+
+int process_remote_download(const packet &received)
+{
+    return process_download(received, "local/remotedl");
+}
 
 int process_summary(const packet &received)
 {
@@ -79,29 +684,51 @@ int process_goodbye(const packet &received)
         log_error("couldn't clear summary");
         return -1;
     }
-    return 0;
+    return delete_subs([&](const subscription &record) {
+        return memcmp(record.requester_mac, received.source_mac, MAC_SIZE) == 0;
+    });
 }
+
+bool has_nul(std::span<const uint8_t> bytes)
+{
+    return std::find(bytes.begin(), bytes.end(), uint8_t{0}) != bytes.end();
+}
+
+// What a packet of one type must look like, and who handles it.
+struct packet_handling {
+    packet_type type;
+    size_t min_payload;
+    size_t text_offset; // of the NUL-terminated topic or filter in the payload; NO_TEXT for types without one
+    const char *invalid;
+    int (*process)(const packet &received);
+    const char *failure; // null for a type whose handling cannot fail
+};
+constexpr size_t NO_TEXT = SIZE_MAX;
 
 constexpr packet_handling HANDLING[PACKET_TYPES] = {
     {PACKET_SUMMARY, 0, NO_TEXT, nullptr, process_summary, "couldn't process node summary"},
-    {PACKET_SUBSCRIBE, 12, 10, "received invalid subscribe request, ignoring", nullptr,
-     "couldn't process subscribe request"},
-    {PACKET_UNSUBSCRIBE, 10, 8, "received invalid unsubscribe request, ignoring", nullptr,
+    {PACKET_SUBSCRIBE, SUBSCRIBE_FILTER + 2, SUBSCRIBE_FILTER, "received invalid subscribe request, ignoring",
+     process_subscribe, "couldn't process subscribe request"},
+    {PACKET_UNSUBSCRIBE, UNSUBSCRIBE_FILTER + 2, UNSUBSCRIBE_FILTER,
+     "received invalid unsubscribe request, ignoring", process_unsubscribe,
      "couldn't process unsubscribe request"},
-    {PACKET_UNSUBSCRIBE_ALL, 8, NO_TEXT, "received invalid unsubscribe all request, ignoring", nullptr,
-     "couldn't process unsubscribe all request"},
-    {PACKET_ACK, 4, NO_TEXT, "received invalid acknowledgement, ignoring", nullptr, nullptr},
-    {PACKET_TOPIC_DATA, 0, 0, "received invalid topic data, ignoring", nullptr,
+    {PACKET_UNSUBSCRIBE_ALL, 8, NO_TEXT, "received invalid unsubscribe all request, ignoring",
+     process_unsubscribe_all, "couldn't process unsubscribe all request"},
+    {PACKET_ACK, 4, NO_TEXT, "received invalid acknowledgement, ignoring", process_ack, nullptr},
+    {PACKET_TOPIC_DATA, 0, 0, "received invalid topic data, ignoring", process_topic_data,
      "couldn't process topic data"},
-    {PACKET_CLIENT_KEEPALIVE, 4, NO_TEXT, "received invalid client keepalive, ignoring", nullptr, nullptr},
+    {PACKET_CLIENT_KEEPALIVE, 4, NO_TEXT, "received invalid client keepalive, ignoring",
+     process_client_keepalive, nullptr},
     {PACKET_RESET_STATS, 1, NO_TEXT, "received invalid reset-stats request, ignoring", process_reset_stats,
      "couldn't process reset-stats request"},
     {PACKET_RESET_ALL_STATS, 0, NO_TEXT, nullptr, process_reset_all_stats,
      "couldn't process reset-all-stats request"},
-    {PACKET_ACTIVATE, 5, NO_TEXT, "received invalid activate or remote download request, ignoring", nullptr,
+    {PACKET_ACTIVATE, DOWNLOAD_VALUE + 1, NO_TEXT,
+     "received invalid activate or remote download request, ignoring", process_activate,
      "couldn't process activate request"},
-    {PACKET_REMOTE_DOWNLOAD, 5, NO_TEXT, "received invalid activate or remote download request, ignoring",
-     nullptr, "couldn't process remote download request"},
+    {PACKET_REMOTE_DOWNLOAD, DOWNLOAD_VALUE + 1, NO_TEXT,
+     "received invalid activate or remote download request, ignoring", process_remote_download,
+     "couldn't process remote download request"},
     {PACKET_GOODBYE, 0, NO_TEXT, nullptr, process_goodbye, "couldn't process goodbye message"},
 };
 
@@ -118,15 +745,6 @@ static_assert([] {
 const packet_handling &handling_of(uint8_t type)
 {
     return HANDLING[type - 1];
-}
-
-// Writes the header of a packet; the payload follows it directly.
-void write_header(uint8_t *header, packet_type type, size_t payload_length)
-{
-    header[PACKET_OFFSET_VERSION] = PACKET_VERSION;
-    header[PACKET_OFFSET_TYPE] = type;
-    memcpy(header + PACKET_OFFSET_SOURCE_MAC, local_mac_addr, MAC_SIZE);
-    store_be(header + PACKET_OFFSET_LENGTH, static_cast<uint16_t>(payload_length));
 }
 
 //
@@ -163,7 +781,7 @@ reading read_datagram(uint8_t (&buffer)[MAX_PACKET_SIZE], size_t &size_out, sock
 int process_packet(const packet &received)
 {
     const packet_handling &handling = handling_of(received.type);
-    if (handling.process != nullptr && handling.process(received) == -1) {
+    if (handling.process(received) == -1) {
         log_error("%s", handling.failure);
         log_error("couldn't process new packet");
         return -1;
@@ -267,25 +885,51 @@ int open_socket()
     return 0;
 }
 
-// The facts of the nodes' fire addresses and this node's own topics: nothing reads them as long as the node
-// neither sends requests nor serves subscriptions.
-void ignore_message_cb(const char *, const void *, int, void *) {}
-
 int start_receiving()
 {
     if (event_add(socket_fd, EPOLLIN, receive_cb, nullptr) == -1) {
         log_error("couldn't add socket receive event");
         return -1;
     }
+    if (broker_subscribe(FIRE_IP_FILTER, fire_ip_cb, nullptr) == -1) {
+        log_error("couldn't subscribe to %s", FIRE_IP_FILTER);
+        return -1;
+    }
     char own_topics[64];
     snprintf(own_topics, sizeof own_topics, "pub/diag/%s/#", mac_addr_to_str(local_mac_addr));
-    for (const char *filter : {FIRE_IP_FILTER, static_cast<const char *>(own_topics)}) {
-        if (broker_subscribe(filter, ignore_message_cb, nullptr) == -1) {
-            log_error("couldn't subscribe to %s", filter);
-            return -1;
-        }
+    if (broker_subscribe(own_topics, sub_msg_cb, nullptr) == -1) {
+        log_error("couldn't subscribe to %s", own_topics);
+        return -1;
     }
     return 0;
+}
+
+// The node that a topic filter names, null after logging why the filter can't be sent. An invalid one would end the
+// daemon that serves it.
+const uint8_t *find_filter_target(const char *filter, size_t max_length)
+{
+    const uint8_t *const mac = find_mac_addr_in_topic(filter);
+    if (mac == nullptr) {
+        log_error("couldn't find MAC address in topic %s", filter);
+        return nullptr;
+    }
+    if (strlen(filter) > max_length) {
+        log_error("topic %s is too long (%zu, must be at most %zu)", filter, strlen(filter), max_length);
+        return nullptr;
+    }
+    if (mosquitto_sub_topic_check(filter) != MOSQ_ERR_SUCCESS) {
+        log_error("%s is not a valid topic filter", filter);
+        return nullptr;
+    }
+    return mac;
+}
+
+bool check_argument(bool is_given)
+{
+    if (!is_given) {
+        log_error("NULL pointer received as argument");
+    }
+    return is_given;
 }
 
 } // namespace
@@ -376,8 +1020,7 @@ int send_packet(const char *ip, const uint8_t *buf, size_t len)
 
 int remote_send_summary(const uint8_t *data, size_t length)
 {
-    if (data == nullptr) {
-        log_error("NULL pointer received as argument");
+    if (!check_argument(data != nullptr)) {
         return -1;
     }
     if (length > MAX_PACKET_SIZE - HEADER_SIZE) {
@@ -400,6 +1043,116 @@ int remote_send_goodbye()
     write_header(buffer, PACKET_GOODBYE, 0);
     if (send_packet(MULTICAST_GROUP, buffer, sizeof buffer) == -1) {
         log_error("couldn't send goodbye message");
+        return -1;
+    }
+    return 0;
+}
+
+int remote_reset_stats(const uint8_t *mac, int port)
+{
+    if (!check_argument(mac != nullptr)) {
+        return -1;
+    }
+    const char *const address = get_fire_ip(mac);
+    if (address == nullptr) {
+        return -1;
+    }
+    uint8_t buffer[HEADER_SIZE + 1];
+    write_header(buffer, PACKET_RESET_STATS, 1);
+    buffer[HEADER_SIZE] = static_cast<uint8_t>(port);
+    if (send_packet(address, buffer, sizeof buffer) == -1) {
+        log_error("couldn't send reset-stats request");
+        return -1;
+    }
+    return 0;
+}
+
+int remote_reset_all_stats()
+{
+    uint8_t buffer[HEADER_SIZE];
+    write_header(buffer, PACKET_RESET_ALL_STATS, 0);
+    if (send_packet(MULTICAST_GROUP, buffer, sizeof buffer) == -1) {
+        log_error("couldn't send reset-all-stats request");
+        return -1;
+    }
+    return 0;
+}
+
+int remote_activate(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg)
+{
+    if (!check_argument(mac != nullptr && callback != nullptr)) {
+        return -1;
+    }
+    return setup_common_req(mac, PACKET_ACTIVATE, callback, arg, &value, sizeof value);
+}
+
+int remote_set_remote_download(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg)
+{
+    if (!check_argument(mac != nullptr && callback != nullptr)) {
+        return -1;
+    }
+    return setup_common_req(mac, PACKET_REMOTE_DOWNLOAD, callback, arg, &value, sizeof value);
+}
+
+int remote_subscribe(const char *topic, uint32_t client_id, uint16_t period, request_result_cb callback,
+                     void *arg)
+{
+    if (!check_argument(topic != nullptr && callback != nullptr)) {
+        return -1;
+    }
+    constexpr size_t FILTER = SUBSCRIBE_FILTER - REQUEST_ID_SIZE;
+    const uint8_t *const mac = find_filter_target(topic, MAX_REQUEST_PAYLOAD - FILTER - 1);
+    if (mac == nullptr) {
+        return -1;
+    }
+    uint8_t payload[MAX_REQUEST_PAYLOAD];
+    store_be(payload + REQUEST_CLIENT_ID - REQUEST_ID_SIZE, client_id);
+    store_be(payload + SUBSCRIBE_PERIOD - REQUEST_ID_SIZE, period);
+    memcpy(payload + FILTER, topic, strlen(topic) + 1);
+    return setup_common_req(mac, PACKET_SUBSCRIBE, callback, arg, payload, FILTER + strlen(topic) + 1);
+}
+
+int remote_unsubscribe(const char *topic, uint32_t client_id, request_result_cb callback, void *arg)
+{
+    if (!check_argument(topic != nullptr && callback != nullptr)) {
+        return -1;
+    }
+    constexpr size_t FILTER = UNSUBSCRIBE_FILTER - REQUEST_ID_SIZE;
+    const uint8_t *const mac = find_filter_target(topic, MAX_REQUEST_PAYLOAD - FILTER - 1);
+    if (mac == nullptr) {
+        return -1;
+    }
+    uint8_t payload[MAX_REQUEST_PAYLOAD];
+    store_be(payload + REQUEST_CLIENT_ID - REQUEST_ID_SIZE, client_id);
+    memcpy(payload + FILTER, topic, strlen(topic) + 1);
+    return setup_common_req(mac, PACKET_UNSUBSCRIBE, callback, arg, payload, FILTER + strlen(topic) + 1);
+}
+
+int remote_unsubscribe_all(uint32_t client_id)
+{
+    uint8_t payload[sizeof client_id];
+    store_be(payload, client_id);
+    std::unique_ptr<pending_request> request =
+        build_req(MULTICAST_GROUP, PACKET_UNSUBSCRIBE_ALL, nullptr, nullptr, payload, sizeof payload);
+    if (!request) {
+        log_error("couldn't build unsubscribe all request");
+        return -1;
+    }
+    if (start_req(*request) == -1) {
+        log_error("couldn't start pending unsubscribe all request");
+        return -1;
+    }
+    add_request(std::move(request));
+    return 0;
+}
+
+int remote_send_client_keepalive(uint32_t client_id)
+{
+    uint8_t buffer[HEADER_SIZE + sizeof client_id];
+    write_header(buffer, PACKET_CLIENT_KEEPALIVE, sizeof client_id);
+    store_be(buffer + HEADER_SIZE, client_id);
+    if (send_packet(MULTICAST_GROUP, buffer, sizeof buffer) == -1) {
+        log_error("couldn't send client keepalive");
         return -1;
     }
     return 0;

@@ -47,6 +47,28 @@ constexpr size_t PACKET_TYPES = 12;
 
 constexpr size_t IP_STR_SIZE = 16;
 
+// Requests (subscribe, unsubscribe, unsubscribe all, activate, remote download) start their payload with a request id;
+// all but unsubscribe all are repeated each second, ten times at most, until the target acknowledges that id. Layouts of
+// the payloads, offsets from their start:
+//
+//     SUBSCRIBE          request id (4)  client id (4)  period (2)  topic filter  00
+//     UNSUBSCRIBE        request id (4)  client id (4)  topic filter  00
+//     UNSUBSCRIBE_ALL    request id (4)  client id (4)
+//     ACK                request id (4)
+//     TOPIC_DATA         topic  00  message
+//     CLIENT_KEEPALIVE   client id (4)
+//     RESET_STATS        port (1), signed
+//     ACTIVATE, REMOTE_DOWNLOAD    request id (4)  value (1)
+//
+// For example node 00-11-22-33-44-55 acknowledges request 258:
+//
+//     01 05 00 11 22 33 44 55 00 04 00 00 01 02
+constexpr size_t REQUEST_CLIENT_ID = 4;
+constexpr size_t SUBSCRIBE_PERIOD = 8;
+constexpr size_t SUBSCRIBE_FILTER = 10;
+constexpr size_t UNSUBSCRIBE_FILTER = 8;
+constexpr size_t DOWNLOAD_VALUE = 4;
+
 // A received packet that has passed its checks.
 struct packet {
     uint8_t type;
@@ -71,3 +93,29 @@ int remote_send_summary(const uint8_t *data, size_t length);
 
 // Tells all nodes that this one leaves; called at shutdown.
 int remote_send_goodbye();
+
+// The outcome of a request that was accepted (returned 0), called once: acknowledged is 1, within about a second of the
+// acknowledgement, or 0, ten seconds after the first of ten unanswered transmissions. A refused request (-1) never
+// calls it, nor does one that a fault of its timer or of sending ends together with the daemon. arg stays the caller's.
+using request_result_cb = void (*)(int acknowledged, void *arg);
+
+// Requests to the node that topic, a filter pub/diag/<MAC>/..., names: to send what changes on its matching topics to
+// this node every period seconds (0: once), for this client, and to stop. Filters are valid and of 1003 and 1005
+// characters at most.
+int remote_subscribe(const char *topic, uint32_t client_id, uint16_t period, request_result_cb callback,
+                     void *arg);
+int remote_unsubscribe(const char *topic, uint32_t client_id, request_result_cb callback, void *arg);
+
+// Ends every subscription of the client on all nodes; sent ten times, never acknowledged.
+int remote_unsubscribe_all(uint32_t client_id);
+
+// Renews the client's subscriptions on all nodes, which otherwise expire 1200 s after they were made.
+int remote_send_client_keepalive(uint32_t client_id);
+
+// Resets the statistics of a port of the node mac, and of all ports of all other nodes. Sent once, not acknowledged.
+int remote_reset_stats(const uint8_t *mac, int port);
+int remote_reset_all_stats();
+
+// Requests that make the node mac publish value on its topic local/activate or local/remotedl.
+int remote_activate(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg);
+int remote_set_remote_download(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg);
