@@ -40,6 +40,7 @@ constexpr int SOCKET_PRIORITY = 4;
 constexpr const char *FIRE_IP_FILTER = "local/diag/node/+/fire_ip";
 
 constexpr size_t REQUEST_ID_SIZE = sizeof(uint32_t);
+constexpr size_t CLIENT_ID_SIZE = sizeof(uint32_t);
 constexpr size_t MAX_REQUEST_PAYLOAD = MAX_PACKET_SIZE - HEADER_SIZE - REQUEST_ID_SIZE;
 constexpr int REQUEST_TRIES = 10;
 constexpr timespec AT_ONCE = {.tv_sec = 0, .tv_nsec = 1}; // zero would disarm a timer
@@ -689,47 +690,70 @@ int process_goodbye(const packet &received)
     });
 }
 
-bool has_nul(std::span<const uint8_t> bytes)
-{
-    return std::find(bytes.begin(), bytes.end(), uint8_t{0}) != bytes.end();
-}
-
-// What a packet of one type must look like, and who handles it.
+// How packets of one type are checked and handled, and what is logged where that fails.
+constexpr size_t NO_TEXT = SIZE_MAX;
 struct packet_handling {
     packet_type type;
-    size_t min_payload;
-    size_t text_offset; // of the NUL-terminated topic or filter in the payload; NO_TEXT for types without one
-    const char *invalid;
-    int (*process)(const packet &received);
-    const char *failure; // null for a type whose handling cannot fail
+    size_t min_payload = 0;
+    size_t text_offset = NO_TEXT;  // of the topic or filter, up to its NUL, in the payload
+    const char *invalid = nullptr; // the payload is too short or its text has no NUL
+    const char *empty = nullptr;   // nothing follows the text; null where nothing has to
+    int (*process)(const packet &received) = nullptr;
+    const char *failure = nullptr; // null where handling cannot fail
 };
-constexpr size_t NO_TEXT = SIZE_MAX;
 
 constexpr packet_handling HANDLING[PACKET_TYPES] = {
-    {PACKET_SUMMARY, 0, NO_TEXT, nullptr, process_summary, "couldn't process node summary"},
-    {PACKET_SUBSCRIBE, SUBSCRIBE_FILTER + 2, SUBSCRIBE_FILTER, "received invalid subscribe request, ignoring",
-     process_subscribe, "couldn't process subscribe request"},
-    {PACKET_UNSUBSCRIBE, UNSUBSCRIBE_FILTER + 2, UNSUBSCRIBE_FILTER,
-     "received invalid unsubscribe request, ignoring", process_unsubscribe,
-     "couldn't process unsubscribe request"},
-    {PACKET_UNSUBSCRIBE_ALL, 8, NO_TEXT, "received invalid unsubscribe all request, ignoring",
-     process_unsubscribe_all, "couldn't process unsubscribe all request"},
-    {PACKET_ACK, 4, NO_TEXT, "received invalid acknowledgement, ignoring", process_ack, nullptr},
-    {PACKET_TOPIC_DATA, 0, 0, "received invalid topic data, ignoring", process_topic_data,
-     "couldn't process topic data"},
-    {PACKET_CLIENT_KEEPALIVE, 4, NO_TEXT, "received invalid client keepalive, ignoring",
-     process_client_keepalive, nullptr},
-    {PACKET_RESET_STATS, 1, NO_TEXT, "received invalid reset-stats request, ignoring", process_reset_stats,
-     "couldn't process reset-stats request"},
-    {PACKET_RESET_ALL_STATS, 0, NO_TEXT, nullptr, process_reset_all_stats,
-     "couldn't process reset-all-stats request"},
-    {PACKET_ACTIVATE, DOWNLOAD_VALUE + 1, NO_TEXT,
-     "received invalid activate or remote download request, ignoring", process_activate,
-     "couldn't process activate request"},
-    {PACKET_REMOTE_DOWNLOAD, DOWNLOAD_VALUE + 1, NO_TEXT,
-     "received invalid activate or remote download request, ignoring", process_remote_download,
-     "couldn't process remote download request"},
-    {PACKET_GOODBYE, 0, NO_TEXT, nullptr, process_goodbye, "couldn't process goodbye message"},
+    {.type = PACKET_SUMMARY, .process = process_summary, .failure = "couldn't process node summary"},
+    {.type = PACKET_SUBSCRIBE,
+     .min_payload = SUBSCRIBE_FILTER + 2, // one character and the NUL
+     .text_offset = SUBSCRIBE_FILTER,
+     .invalid = "received invalid subscribe request, ignoring",
+     .process = process_subscribe,
+     .failure = "couldn't process subscribe request"},
+    {.type = PACKET_UNSUBSCRIBE,
+     .min_payload = UNSUBSCRIBE_FILTER + 2,
+     .text_offset = UNSUBSCRIBE_FILTER,
+     .invalid = "received invalid unsubscribe request, ignoring",
+     .process = process_unsubscribe,
+     .failure = "couldn't process unsubscribe request"},
+    {.type = PACKET_UNSUBSCRIBE_ALL,
+     .min_payload = REQUEST_CLIENT_ID + CLIENT_ID_SIZE,
+     .invalid = "received invalid unsubscribe all request, ignoring",
+     .process = process_unsubscribe_all,
+     .failure = "couldn't process unsubscribe all request"},
+    {.type = PACKET_ACK,
+     .min_payload = REQUEST_ID_SIZE,
+     .invalid = "received invalid acknowledgement, ignoring",
+     .process = process_ack},
+    {.type = PACKET_TOPIC_DATA,
+     .text_offset = 0,
+     .invalid = "received invalid topic data, ignoring",
+     .empty = "received empty topic data, ignoring",
+     .process = process_topic_data,
+     .failure = "couldn't process topic data"},
+    {.type = PACKET_CLIENT_KEEPALIVE,
+     .min_payload = CLIENT_ID_SIZE,
+     .invalid = "received invalid client keepalive, ignoring",
+     .process = process_client_keepalive},
+    {.type = PACKET_RESET_STATS,
+     .min_payload = 1,
+     .invalid = "received invalid reset-stats request, ignoring",
+     .process = process_reset_stats,
+     .failure = "couldn't process reset-stats request"},
+    {.type = PACKET_RESET_ALL_STATS,
+     .process = process_reset_all_stats,
+     .failure = "couldn't process reset-all-stats request"},
+    {.type = PACKET_ACTIVATE,
+     .min_payload = DOWNLOAD_VALUE + 1,
+     .invalid = "received invalid activate or remote download request, ignoring",
+     .process = process_activate,
+     .failure = "couldn't process activate request"},
+    {.type = PACKET_REMOTE_DOWNLOAD,
+     .min_payload = DOWNLOAD_VALUE + 1,
+     .invalid = "received invalid activate or remote download request, ignoring",
+     .process = process_remote_download,
+     .failure = "couldn't process remote download request"},
+    {.type = PACKET_GOODBYE, .process = process_goodbye, .failure = "couldn't process goodbye message"},
 };
 
 // Rows stand in the order of the types.
@@ -745,6 +769,23 @@ static_assert([] {
 const packet_handling &handling_of(uint8_t type)
 {
     return HANDLING[type - 1];
+}
+
+// What is wrong with the payload, null when it may be handled.
+const char *find_fault(const packet_handling &handling, std::span<const uint8_t> payload)
+{
+    if (payload.size() < handling.min_payload) {
+        return handling.invalid;
+    }
+    if (handling.text_offset == NO_TEXT) {
+        return nullptr;
+    }
+    const auto nul =
+        std::find(payload.begin() + static_cast<ptrdiff_t>(handling.text_offset), payload.end(), uint8_t{0});
+    if (nul == payload.end()) {
+        return handling.invalid;
+    }
+    return nul + 1 == payload.end() ? handling.empty : nullptr;
 }
 
 //
@@ -956,16 +997,10 @@ bool packet_parse(const uint8_t *buffer, size_t size, packet &packet_out)
         log_error("packet has invalid type (%02X), ignoring", type);
         return false;
     }
-    const packet_handling &handling = handling_of(type);
     const std::span<const uint8_t> payload(buffer + HEADER_SIZE, length);
-    if (length < handling.min_payload ||
-        (handling.text_offset != NO_TEXT && !has_nul(payload.subspan(handling.text_offset)))) {
-        log_error("%s", handling.invalid);
-        return false;
-    }
-    if (type == PACKET_TOPIC_DATA &&
-        std::find(payload.begin(), payload.end(), uint8_t{0}) + 1 == payload.end()) {
-        log_error("received empty topic data, ignoring");
+    const char *const fault = find_fault(handling_of(type), payload);
+    if (fault != nullptr) {
+        log_error("%s", fault);
         return false;
     }
     packet_out = {.type = type,
@@ -1130,7 +1165,7 @@ int remote_unsubscribe(const char *topic, uint32_t client_id, request_result_cb 
 
 int remote_unsubscribe_all(uint32_t client_id)
 {
-    uint8_t payload[sizeof client_id];
+    uint8_t payload[CLIENT_ID_SIZE];
     store_be(payload, client_id);
     std::unique_ptr<pending_request> request =
         build_req(MULTICAST_GROUP, PACKET_UNSUBSCRIBE_ALL, nullptr, nullptr, payload, sizeof payload);
@@ -1148,8 +1183,8 @@ int remote_unsubscribe_all(uint32_t client_id)
 
 int remote_send_client_keepalive(uint32_t client_id)
 {
-    uint8_t buffer[HEADER_SIZE + sizeof client_id];
-    write_header(buffer, PACKET_CLIENT_KEEPALIVE, sizeof client_id);
+    uint8_t buffer[HEADER_SIZE + CLIENT_ID_SIZE];
+    write_header(buffer, PACKET_CLIENT_KEEPALIVE, CLIENT_ID_SIZE);
     store_be(buffer + HEADER_SIZE, client_id);
     if (send_packet(MULTICAST_GROUP, buffer, sizeof buffer) == -1) {
         log_error("couldn't send client keepalive");

@@ -18,6 +18,8 @@ namespace
 {
 
 constexpr size_t MAX_INFLIGHT = 20;
+constexpr size_t MAX_FILTER_LENGTH = 65535;
+constexpr ptrdiff_t MAX_FILTER_SLASHES = 200;
 
 enum class packet_kind {
     CONNECT,
@@ -719,6 +721,17 @@ int mosquitto_topic_matches_sub(const char *filter, const char *topic, bool *res
     }
     *result_out = matches(filter, topic);
     return MOSQ_ERR_SUCCESS;
+}
+
+int mosquitto_sub_topic_check(const char *filter)
+{
+    if (const auto result = refusing("mosquitto_sub_topic_check")) {
+        return *result;
+    }
+    const std::string_view text = filter;
+    const bool is_valid = is_filter(text) && text.size() <= MAX_FILTER_LENGTH &&
+                          std::ranges::count(text, '/') <= MAX_FILTER_SLASHES;
+    return is_valid ? MOSQ_ERR_SUCCESS : MOSQ_ERR_INVAL;
 }
 
 const char *mosquitto_strerror(int error)
