@@ -19,7 +19,6 @@ namespace
 
 constexpr size_t MAX_INFLIGHT = 20;
 constexpr size_t MAX_FILTER_LENGTH = 65535;
-constexpr ptrdiff_t MAX_FILTER_SLASHES = 200;
 
 enum class packet_kind {
     CONNECT,
@@ -729,8 +728,7 @@ int mosquitto_sub_topic_check(const char *filter)
         return *result;
     }
     const std::string_view text = filter;
-    const bool is_valid = is_filter(text) && text.size() <= MAX_FILTER_LENGTH &&
-                          std::ranges::count(text, '/') <= MAX_FILTER_SLASHES;
+    const bool is_valid = is_filter(text) && text.size() <= MAX_FILTER_LENGTH;
     return is_valid ? MOSQ_ERR_SUCCESS : MOSQ_ERR_INVAL;
 }
 
