@@ -429,7 +429,7 @@ port_status get_port_status(const port_record &record)
     if (pmstats_problematic(running)) {
         return PORT_STATUS_RED;
     }
-    // No look at the stored periods: a port leaves green through red only.
+    // Green stays green, even where a stored period has a problem that was never seen while it ran.
     if (record.status == PORT_STATUS_GREEN) {
         return PORT_STATUS_GREEN;
     }

@@ -317,7 +317,8 @@ TEST_F(diagctl, running_period_counts_from_the_close_that_was_seen)
         return running_period_value(net.nodes.at({2, 0, 0, 0, 0, 1}).ports.at(LUM_PORT_A), *field);
     };
     publish_stats(100, 5, 9);
-    EXPECT_EQ(running(PM_GOOD_FRAMES), 100U) << "nothing has been closed since the reset";
+    EXPECT_EQ(running(PM_GOOD_FRAMES), 100U) << "nothing has been closed yet";
+    EXPECT_EQ(running(PM_LINK_DOWN_COUNT), std::nullopt) << "may have counted before the first statistics";
 
     // A period closed before the view began: how much of the statistics is older can't be told.
     retained("pub/diag/" + LOCAL + "/A/pm/last_period", "period4");
@@ -334,6 +335,12 @@ TEST_F(diagctl, running_period_counts_from_the_close_that_was_seen)
     EXPECT_EQ(of_node(LOCAL, "A/pm/last_period", ""),
               lines{"node 02-00-00-00-00-01 port A performance records cleared"});
     EXPECT_EQ(running(PM_GOOD_FRAMES), 130U);
+    EXPECT_EQ(running(PM_LINK_DOWN_COUNT), 0U) << "a reset begins the period with the totals";
+
+    of_node(LOCAL, "A/pm/last_period", "period6");
+    apply("pub/diag/local_node", LOCAL);
+    publish_stats(5, 0, 0);
+    EXPECT_EQ(running(PM_GOOD_FRAMES), std::nullopt) << "a daemon that started again counts from nothing";
     EXPECT_EQ(of_node(LOCAL, "A/pm/last_period", "period96").size(), 1U);
     EXPECT_EQ(of_node(LOCAL, "A/pm/period3", string(55, 'x')).size(), 1U);
 }

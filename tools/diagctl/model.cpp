@@ -477,6 +477,9 @@ void apply_port_topic(network &net, const mac_address &mac, int port, std::strin
         }
     };
     if (name == "stats") {
+        if (!records.stats.is_published) {
+            records.is_reset_seen = false;
+        }
         set_fact(records.stats, payload, parse_record<STATS_BLOCK_SIZE>(payload));
         report_malformed(records.stats);
         return;
@@ -491,6 +494,7 @@ void apply_port_topic(network &net, const mac_address &mac, int port, std::strin
         report_malformed(records.last_period);
         records.period_start.reset();
         records.period_start_time.reset();
+        records.is_reset_seen = payload.empty() && !is_retained;
         if (records.last_period.value && !is_retained) {
             records.period_start = records.stats.value;
             records.period_start_time = now;
@@ -509,11 +513,19 @@ void apply_port_topic(network &net, const mac_address &mac, int port, std::strin
     }
 }
 
-void apply_local_node(network &net, bytes payload, changes &out)
+void apply_local_node(network &net, bytes payload, bool is_retained, changes &out)
 {
     set_fact(net.local, payload, parse_topic_mac(as_text(payload)));
     if (net.local.value) {
-        node_of(net, *net.local.value);
+        node &local = node_of(net, *net.local.value);
+        if (!is_retained) {
+            // The daemon has started again and counts from nothing, while what it published before is still there.
+            for (auto &[port, records] : local.ports) {
+                records.period_start.reset();
+                records.period_start_time.reset();
+                records.is_reset_seen = false;
+            }
+        }
         out.push_back("local node is " + mac_text(*net.local.value));
     } else if (net.local.is_published) {
         out.push_back("malformed local_node (" + counted(payload.size()) + ")");
@@ -704,7 +716,7 @@ std::vector<std::string> network_apply(network &net, std::string_view topic, std
     } else if (topic == "local/diag/network_style7") {
         apply_ring_status(net, payload, out);
     } else if (topic == "pub/diag/local_node") {
-        apply_local_node(net, payload, out);
+        apply_local_node(net, payload, is_retained, out);
     } else if (topic == "pub/diag/command/request" || topic == "pub/diag/command/response") {
         out.push_back(std::string("command ") + std::string(topic.substr(topic.rfind('/') + 1)) + " " +
                       printable(as_text(payload)));
@@ -733,8 +745,12 @@ std::optional<uint64_t> running_period_value(const port_records &records, const 
     }
     const stats_field &source = *field.source;
     const uint64_t value = field_value(*records.stats.value, source.offset, source.width);
-    if (field.treatment == pm_treatment::PASSED || !records.last_period.is_published) {
+    if (field.treatment == pm_treatment::PASSED) {
         return value;
+    }
+    if (!records.last_period.is_published) {
+        const bool counts_from_first_stats = source.origin == stats_origin::COPIED;
+        return counts_from_first_stats || records.is_reset_seen ? std::optional(value) : std::nullopt;
     }
     if (!records.period_start) {
         return {};

@@ -73,6 +73,7 @@ struct port_records {
     // close. The daemon publishes a period only when it closes.
     std::optional<stats_record> period_start;
     std::optional<moment> period_start_time;
+    bool is_reset_seen = false; // and no period closed since: the running period began with the totals
 };
 
 struct software_version {
@@ -139,9 +140,10 @@ std::vector<std::string> network_apply(network &net, std::string_view topic, std
 // An unsigned big-endian field of a published record.
 uint64_t field_value(std::span<const uint8_t> record, size_t offset, size_t width);
 
-// What the running period has of a field so far: the statistics less what they were when it began, which is
-// everything as long as no period has been closed since the last reset. Empty when its beginning wasn't seen,
-// when there are no statistics, and for the time.
+// What the running period has of a field so far: the statistics less what they were when it began. Before the first
+// close that is everything since a reset; without one, what a port counted before its first statistics message is in
+// its totals but not in the period, so that only the counters copied from that message are known. Empty when the
+// beginning wasn't seen, when there are no statistics, and for the time.
 std::optional<uint64_t> running_period_value(const port_records &records, const pm_field &field);
 
 // The node a user means: "local", a MAC address with dashes, colons or nothing between its bytes, or a number
