@@ -1,0 +1,351 @@
+"""The lab as the tests use it: nodes with their topics, their log, their daemon, and the packets between them.
+
+Nothing here sleeps for a fixed time: everything waits for a condition, within a limit.
+"""
+import itertools
+import os
+import re
+import signal
+import struct
+import subprocess
+import threading
+import time
+from ast import literal_eval
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+LAB = HERE.parent.parent / "lab" / "lab"
+BUILD = Path(os.environ.get("DIAG_BUILD", HERE.parent.parent / "build" / "release"))
+PYTHON = "/usr/bin/python3"
+GROUP = "224.22.33.44"
+SANITIZED = "DIAG_SANITIZE:BOOL=ON" in (BUILD / "CMakeCache.txt").read_text(encoding="utf-8")
+
+_numbers = itertools.count(1)
+
+
+def wait_until(condition, limit=10, what="the condition"):
+    """Returns the first true result; what names it in the failure, as a text or a function that gives one."""
+    deadline = time.monotonic() + limit
+    while not (result := condition()):
+        assert time.monotonic() < deadline, f"after {limit} s: {what() if callable(what) else what}"
+        time.sleep(0.01)
+    return result
+
+
+def in_parallel(function, items):
+    with ThreadPoolExecutor() as pool:
+        return list(pool.map(function, items))
+
+
+class Stream:
+    """A process whose lines of output are collected as they come."""
+
+    def __init__(self, command, parse=str, **options):
+        self.items = []
+        self.ended = None
+        self.process = subprocess.Popen(
+            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1, **options
+        )
+        self._reader = threading.Thread(target=self._read, args=(parse,), daemon=True)
+        self._reader.start()
+
+    def _read(self, parse):
+        for line in self.process.stdout:
+            self.items.append(parse(line.rstrip("\n")))
+        self.ended = time.monotonic()
+
+    def write(self, line):
+        self.process.stdin.write(line + "\n")
+
+    def feed(self, datagrams):
+        """Writes all in the background."""
+
+        def write():
+            try:
+                with self.process.stdin as pipe:
+                    pipe.writelines(datagram.hex() + "\n" for datagram in datagrams)
+            except BrokenPipeError:
+                pass
+
+        threading.Thread(target=write, daemon=True).start()
+
+    def wait(self, found, limit=10, start=0):
+        """The first item from start on for which found is true."""
+        return wait_until(
+            lambda: next((item for item in self.items[start:] if found(item)), None), limit, lambda: self.items[-20:]
+        )
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        if self.process.poll() is None:
+            self.signal(signal.SIGTERM)
+        self.end()
+
+    def inner_pid(self):
+        """The process inside the node: what runs outside is nsenter, which waits for it. None after its end."""
+        children = Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children")
+        found = wait_until(lambda: children.read_text().split() or self.process.poll() is not None)
+        return int(found[0]) if isinstance(found, list) else None
+
+    def signal(self, number):
+        os.kill(self.inner_pid(), number)
+
+    def end(self, limit=10):
+        """Waits for the process and returns its exit status, below 0 for a death by signal."""
+        status = self.process.wait(limit)
+        self._reader.join(limit)
+        return status
+
+
+class Daemon(Stream):
+    """A daemon started by hand. Its output is of interest only where it ought not to be: sanitizers write there."""
+
+    def __init__(self, node, *arguments, env=()):
+        self.started = time.monotonic()
+        self.log_start = len(node.log.items)
+        words = ["env", *env, "sh", "-c", 'echo $$; exec "$DIAG" "$@"', "diag", *arguments]
+        super().__init__(node.command(*words), stderr=subprocess.STDOUT)
+        self.node = node
+        self.pid = int(wait_until(lambda: self.items, what="the daemon's start")[0])
+
+    def stop(self, limit=10):
+        self.signal(signal.SIGTERM)
+        return self.end(limit)
+
+    def end(self, limit=10):
+        status = super().end(limit)
+        assert not re.search("Sanitizer|runtime error", "\n".join(self.items)), self.items
+        return status
+
+    def memory(self):
+        """Resident, in bytes."""
+        words = Path(f"/proc/{self.inner_pid()}/statm").read_text(encoding="ascii").split()
+        return int(words[1]) * os.sysconf("SC_PAGE_SIZE")
+
+    def cpu_seconds(self):
+        words = Path(f"/proc/{self.inner_pid()}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
+        return (int(words[11]) + int(words[12])) / os.sysconf("SC_CLK_TCK")
+
+
+class Node:
+    def __init__(self, lab, number):
+        self.lab, self.number = lab, number
+        self.mac = f"02-00-00-00-00-{number:02X}"
+        self.address = f"10.22.0.{number}"
+        self.topics = self.log = None
+
+    def command(self, *words):
+        return [*self.lab.command("exec"), str(self.number), *words]
+
+    def exec(self, *words, stdin=None, ok=True):
+        done = subprocess.run(
+            self.command(*words), input=stdin, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60
+        )
+        assert not ok or done.returncode == 0, (words, done)
+        return done.stdout
+
+    def shell(self, script):
+        return self.exec("bash", "-euc", script)
+
+    def stream(self, *words, parse=str):
+        """Starts in_node.py, which says when it is ready."""
+        command = self.command(PYTHON, str(HERE / "in_node.py"), *words)
+        stream = Stream(command, lambda line: line if line == "ready" else parse(line))
+        stream.wait(lambda item: item == "ready")
+        stream.items.clear()
+        return stream
+
+    # --- the broker
+
+    def publish(self, *messages, retain=True):
+        """Publishes each (topic, payload) in this order, as the card's other processes would."""
+        lines = [
+            f"{topic} {(payload.encode() if isinstance(payload, str) else payload).hex()}\n"
+            for topic, payload in messages
+        ]
+        self.exec(PYTHON, str(HERE / "in_node.py"), "publish", str(int(retain)), stdin="".join(lines))
+
+    def watch(self):
+        """Starts collecting what is published: items of (topic, payload)."""
+        self.shell("until mosquitto_pub -p 1885 -t test/ready -r -m 1 2>/dev/null; do sleep 0.02; done")
+
+        def parse(line):
+            topic, _, payload = line.partition(" ")
+            return topic, bytes.fromhex(payload)
+
+        command = ["mosquitto_sub", "-p", "1885", "-q", "1", "-t", "#", "-F", "%t %x"]
+        self.topics = Stream(self.command(*command), parse)
+        self.topics.wait(lambda item: item[0] == "test/ready")
+        self.publish(("test/ready", ""))
+
+    def fake_broker(self, how):
+        """Starts a broker that misbehaves: items of (time, kind, topic, payload)."""
+
+        def parse(line):
+            moment, kind, topic, payload = line.split(" ")
+            return float(moment), kind, topic, bytes.fromhex(payload)
+
+        return self.stream("broker", *how.split(" "), parse=parse)
+
+    def counter(self, protocol, name):
+        """Of the kernel, for this node alone."""
+        head, values = re.findall(f"^{protocol}: (.*)$", self.exec("cat", "/proc/net/snmp"), re.MULTILINE)
+        return int(values.split()[head.split().index(name)])
+
+    def mark_broker(self):
+        """Waits until everything published up to now has been collected."""
+        mark = f"test/mark{next(_numbers)}"
+        self.shell(f"mosquitto_pub -p 1885 -q 1 -t {mark} -n")
+        self.topics.wait(lambda item: item[0] == mark)
+
+    def stop_broker(self):
+        if self.topics:
+            self.topics.__exit__()
+            self.topics = None
+        self.lab.run("broker", "stop", self.number)
+
+    def start_broker(self):
+        """A broker starts empty."""
+        self.lab.run("broker", "start", self.number)
+        self.watch()
+
+    def retained(self):
+        """The last payload of every topic that has one."""
+        return {topic: payload for topic, payload in dict(self.topics.items).items() if payload}
+
+    def await_topics(self, expected, limit=10):
+        """Waits until topics have these payloads; None stands for no retained value."""
+        wait_until(
+            lambda: all(self.retained().get(topic) == payload for topic, payload in expected.items()),
+            limit,
+            lambda: {topic: self.retained().get(topic) for topic in expected},
+        )
+
+    # --- the log
+
+    def take_log(self):
+        """Takes the system log from the card: items are the texts of the datagrams."""
+        self.log = self.stream("log", parse=lambda line: literal_eval(line) if line[0] in "'\"" else line)
+
+    def logged(self, start=0):
+        """Everything logged up to now: (component, source, text) of each datagram from start on."""
+        mark = f"mark{next(_numbers)}"
+        self.log.write(mark)
+        self.log.wait(lambda item: item == mark)
+        lines = (LOG_LINE.fullmatch(item) for item in self.log.items[start:] if not item.startswith("mark"))
+        return [(line["component"], line["source"], line["text"]) for line in lines]
+
+    def texts(self, start=0):
+        return [text for _, _, text in self.logged(start)]
+
+    # --- the panel network
+
+    def fire(self):
+        """Takes the daemon's place on the network: items of (time, source address, packet)."""
+
+        def parse(line):
+            moment, address, data = line.split(" ")
+            return float(moment), address, bytes.fromhex(data)
+
+        return self.stream("fire", parse=parse)
+
+    def burst(self):
+        """Sends datagrams to the node's own daemon: feed the stream."""
+        return self.stream("burst")
+
+    # --- the daemon
+
+    def start(self, *arguments, env=()):
+        return Daemon(self, *arguments, env=env)
+
+    def run(self, *arguments, env=(), limit=10):
+        """Runs a daemon that ends by itself: its exit status and what it logged."""
+        daemon = self.start(*arguments, env=env)
+        return daemon.end(limit), self.logged(daemon.log_start)
+
+
+LOG_LINE = re.compile(
+    r"<(?P<priority>\d+)>[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d diag: "
+    r"\[(?P<level>[A-Z]+)\] (?P<component>\w+)\((?P<pid>\d+)\) - (?P<source>[\w/.]+):(?P<line>\d+) - (?P<text>.*)",
+    re.DOTALL,
+)
+
+
+class Lab:
+    """A lab that lives as long as the tests: it ends with this process, however that ends."""
+
+    def __init__(self, count, *options, name=None, prefix=()):
+        self.name = name or f"test-{os.getpid()}-{next(_numbers)}"
+        self.prefix = prefix
+        self.nodes = {number: Node(self, number) for number in range(1, count + 1)}
+        words = ["setpriv", "--pdeathsig", "TERM", *self.command("up"), str(count), "--foreground", *options]
+        self.front = Stream([*words, "--build", str(BUILD)], stderr=subprocess.STDOUT)
+        wait_until(lambda: "lab: Ctrl-C ends it" in self.front.items or self.front.process.poll() is not None, 60)
+        assert self.front.process.poll() is None, self.front.items
+
+    def __getitem__(self, number):
+        return self.nodes[number]
+
+    def command(self, word):
+        return [*self.prefix, str(LAB), "--name", self.name, word]
+
+    def run(self, word, *words):
+        done = subprocess.run(
+            [*self.command(word), *map(str, words)], capture_output=True, text=True, timeout=60, check=False
+        )
+        assert done.returncode == 0, (word, words, done)
+        return done.stdout
+
+    def silence_cards(self, brokers=True):
+        """Leaves nodes with empty brokers, or none, and facts and log to the test."""
+
+        def silence(node):
+            self.run("card", "stop", node.number)
+            node.stop_broker()
+            node.take_log()
+            if brokers:
+                node.start_broker()
+
+        in_parallel(silence, self.nodes.values())
+        return self
+
+    def down(self):
+        subprocess.run(self.command("down"), capture_output=True, timeout=60, check=False)
+        self.front.end()
+
+
+# --- packets
+
+SUMMARY, SUBSCRIBE, UNSUBSCRIBE, UNSUBSCRIBE_ALL, ACK, TOPIC_DATA = 1, 2, 3, 4, 5, 6
+CLIENT_KEEPALIVE, RESET_STATS, RESET_ALL_STATS, ACTIVATE, REMOTE_DOWNLOAD, GOODBYE = 7, 8, 9, 10, 11, 12
+
+
+def packet(kind, mac, payload=b"", length=None):
+    length = len(payload) if length is None else length
+    return bytes([1, kind]) + bytes.fromhex(mac.replace("-", "")) + struct.pack(">H", length) + payload
+
+
+def section(kind, data, length=None):
+    return struct.pack(">BH", kind, len(data) if length is None else length) + data
+
+
+def summary(mac, sections):
+    """A summary packet with these sections, a mapping of type to data."""
+    return packet(SUMMARY, mac, b"".join(section(kind, data) for kind, data in sections.items()))
+
+
+def cut_summary(data):
+    """The sections of a summary packet."""
+    sections, rest = {}, data[10:]
+    while rest:
+        kind, length = struct.unpack_from(">BH", rest)
+        sections[kind] = rest[3 : 3 + length]
+        rest = rest[3 + length :]
+    return sections
+
+
+def versions_text(*pairs):
+    return "".join(f"{name:10.10}:{version:40.40};" for name, version in pairs).encode()

@@ -1,0 +1,175 @@
+"""The daemon and brokers that refuse, forget, stall or vanish."""
+import time
+
+import pytest
+from panel import summary, wait_until
+
+GOODBYE_FAILED = ["couldn't send packet (errno 9)", "couldn't send goodbye message"]
+NO_CLIENT = "couldn't request mosquitto disconnect (Invalid function arguments provided.)"
+KEPT_TOPIC, KEPT_FILTER = "pub/diag/net/fire/grnd_list", "local/diag/ring/+/status"
+
+# How the broker misbehaves, in the words of in_node.py, the seconds until the daemon's end, and what it logs.
+CASES = {
+    "never answers": (
+        "silent",
+        (5, 6.5),
+        [
+            "mosquitto client status change timed out",
+            "couldn't connect mosquitto instance",
+            "couldn't connect to the broker",
+            *GOODBYE_FAILED,
+            NO_CLIENT,
+        ],
+    ),
+    "refuses the session": (
+        "refuse 5",
+        (0, 2),
+        [
+            "broker connection refused (code 5)",
+            "unexpected disconnect from broker (code 5)",
+            "error while running the mosquitto loop (The connection was refused.)",
+            "couldn't connect mosquitto instance",
+            "couldn't connect to the broker",
+            *GOODBYE_FAILED,
+            NO_CLIENT,
+        ],
+    ),
+    "keeps an acknowledgement of a publication": (
+        f"keep {KEPT_TOPIC}",
+        (4, 6.5),
+        [f"publish on topic {KEPT_TOPIC} still failed after maximum number of retries, exiting"],
+    ),
+    "keeps an acknowledgement of a subscription": (
+        f"keep {KEPT_FILTER}",
+        (4, 6.5),
+        [f"subscription on topic {KEPT_FILTER} still failed after maximum number of retries, exiting"],
+    ),
+    "grants QoS 0": ("grant 0", (0, 2), ["granted QoS is wrong (0, should be 1)"]),
+    "refuses subscriptions": ("grant 128", (0, 2), ["granted QoS is wrong (128, should be 1)"]),
+    "sends garbage": (
+        "garble",
+        (0, 2),
+        [
+            "unexpected disconnect from broker (code 2)",
+            "couldn't carry out read operations "
+            "(A network protocol error occurred when communicating with the broker.)",
+            "couldn't request mosquitto disconnect (The client is not currently connected.)",
+        ],
+    ),
+}
+
+
+@pytest.fixture(scope="module")
+def lab(make_lab):
+    return make_lab(len(CASES) + 5, "--star", "--no-daemon").silence_cards(brokers=False)
+
+
+@pytest.fixture(scope="module")
+def runs(lab):
+    """Runs all cases at once: broker and daemon of each."""
+    brokers = {case: lab[number].fake_broker(how) for number, (case, (how, _, _)) in enumerate(CASES.items(), 1)}
+    return {case: (broker, lab[number].start()) for number, (case, broker) in enumerate(brokers.items(), 1)}
+
+
+@pytest.mark.parametrize("case", CASES)
+def test_daemon_outlives_or_misjudges_a_broker_that(case, runs):
+    how, (least, most), complaints = CASES[case]
+    broker, daemon = runs[case]
+    assert daemon.end() == 1
+    assert least <= daemon.ended - daemon.started <= most
+    texts = daemon.node.texts()
+    assert texts[: len(complaints)] == complaints
+    # Further acknowledgements of the same kind may be read while the daemon takes its leave.
+    assert set(texts) == set(complaints)
+    if how.startswith("keep"):
+        sendings = [moment for moment, _, topic, _ in broker.items if topic == how.split(" ")[1]]
+        assert len(sendings) == 4
+        assert min(later - earlier for earlier, later in zip(sendings, sendings[1:])) >= 0.9
+
+
+def summaries(count):
+    """From 200 nodes; each makes the daemon publish the long list of ports whose link is down."""
+    for i in range(count):
+        sections = {1: bytes([1 + i // 200 % 2, 0, 0, 0, 0]), 7: b"\0"}
+        yield summary(f"0A-00-00-00-00-{i % 200:02X}", sections)
+
+
+@pytest.mark.parametrize("busy", [False, True])
+def test_daemon_dies_by_a_signal_or_goes_on_when_its_broker_is_killed(lab, busy):
+    node = lab[len(CASES) + 1 + busy]
+    node.start_broker()
+    daemon = node.start()
+    node.await_topics({"pub/diag/net/fire/miswired": b"\0"})
+    with node.burst() as burst:
+        burst.feed(summaries(20000 if busy else 1))
+        node.topics.wait(lambda item: item[0].endswith("repeater"))
+        node.shell("kill -KILL $(cat /run/lab/broker.pid)")
+        assert daemon.end() == 1
+    # A busy daemon may see it in the events of its socket before the library does.
+    seen = ["unexpected disconnect from broker (code 7)", "unexpected event(s) on file descriptor"]
+    assert node.texts(daemon.log_start)[0] in (seen if busy else seen[:1])
+
+
+def assert_rests_and_ends(daemon):
+    cpu, start = daemon.cpu_seconds(), time.monotonic()
+    # A time to spin in, shorter than the daemon's patience with missing acknowledgements.
+    wait_until(lambda: time.monotonic() > start + 1.2)
+    assert daemon.cpu_seconds() - cpu < 0.1
+    start = time.monotonic()
+    assert daemon.stop() == 0
+    assert time.monotonic() - start < 3
+
+
+def test_daemon_spins_or_cannot_be_ended_while_its_broker_stands_still(lab):
+    node = lab[len(CASES) + 3]
+    node.start_broker()
+    daemon = node.start()
+    node.await_topics({"pub/diag/net/fire/miswired": b"\0"})
+    with node.burst() as burst:
+        node.shell("kill -STOP $(cat /run/lab/broker.pid)")
+        burst.feed(summaries(100))
+        burst.end()
+    assert_rests_and_ends(daemon)
+
+
+def test_daemon_spins_or_cannot_be_ended_while_its_socket_is_full(lab):
+    node = lab[len(CASES) + 4]
+    node.shell("echo 4096 4096 4096 >/proc/sys/net/ipv4/tcp_wmem")
+    # Two hundred nodes with three topics each, then lists of 1600 bytes.
+    broker = node.fake_broker("stall 650")
+    daemon = node.start()
+    broker.wait(lambda item: item[2].endswith("repeater"))
+    with node.burst() as burst:
+        burst.feed(summaries(400))
+        burst.end()
+    wait_until(lambda: len(broker.items) >= 650, what=lambda: len(broker.items))
+    assert_rests_and_ends(daemon)
+
+
+def test_packets_of_the_start_and_the_end_are_not_exactly_those_in_order(lab):
+    """As a broker gets them."""
+    node = lab[len(CASES) + 5]
+    broker = node.fake_broker("good")
+    daemon = node.start("-n", "3")
+    own = f"pub/diag/{node.mac}/"
+    broker.wait(lambda item: item[2] == own + "repeater")
+    assert daemon.stop() == 0
+    assert broker.end() == 0
+    publish, subscribe = "PUBLISH3", "SUBSCRIBE1"  # retained with QoS 1, and QoS 1
+    filters = ["local/diag/port/+/type", "local/diag/node/+/fire_ip", own + "#"]
+    facts = ["job_rev", "job_name", "download_status", "CF_free_space", "M301", "M702", "comm_loss"]
+    facts += ["download_pending", "repeater"]
+    assert [item[1:3] for item in broker.items] == [
+        ("CONNECT", "-"),
+        (publish, "pub/diag/local_node"),
+        (publish, own + "card_addr"),
+        *[(subscribe, own_filter) for own_filter in filters],
+        (publish, own + "software_versions"),
+        *[(publish, f"pub/diag/net/fire/{name}") for name in ("link_down", "grnd_list", "miswired")],
+        (subscribe, "local/diag/port/+/status"),
+        (subscribe, "local/diag/ring/+/status"),
+        *[(subscribe, own + name) for name in facts],
+        ("DISCONNECT", "-"),
+    ]
+    # MQTT 3.1.1, clean session, keepalive 10 s, client id "diag", no will, no name
+    assert broker.items[0][3] == b"\0\4MQTT\4\2\0\x0a\0\4diag"
