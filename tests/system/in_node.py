@@ -4,7 +4,8 @@
                                input is echoed, when everything sent before it has been printed
     in_node.py fire            sends and receives datagrams of the panel network: input lines ADDRESS HEX,
                                output lines TIME SOURCE_ADDRESS HEX
-    in_node.py burst           sends every HEX of the input to the node's own daemon, as fast as it reads them
+    in_node.py burst           sends every HEX of the input to the node's own daemon, as fast as it reads them;
+                               a line "end" is answered when it has read all
     in_node.py publish RETAIN  publishes lines TOPIC HEX of the input, RETAIN being 0 or 1
     in_node.py broker HOW...   a broker that misbehaves; prints TIME KIND TOPIC HEX for each packet it gets
 """
@@ -82,11 +83,13 @@ def send_burst():
     out = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     say("ready")
     for count, line in enumerate(sys.stdin):
-        out.sendto(bytes.fromhex(line), ("127.0.0.1", PORT))
-        while count % 100 == 0 and queued_datagrams() > 0:
+        is_end = line == "end\n"
+        if not is_end:
+            out.sendto(bytes.fromhex(line), ("127.0.0.1", PORT))
+        while (is_end or count % 100 == 0) and queued_datagrams() > 0:
             time.sleep(0.0005)
-    while queued_datagrams() > 0:
-        time.sleep(0.0005)
+        if is_end:
+            say("end")
 
 
 CONNECT, CONNACK, PUBLISH, PUBACK, SUBSCRIBE, SUBACK = 1, 2, 3, 4, 8, 9

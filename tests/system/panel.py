@@ -12,6 +12,7 @@ import threading
 import time
 from ast import literal_eval
 from concurrent.futures import ThreadPoolExecutor
+from contextlib import contextmanager
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
@@ -33,9 +34,11 @@ def wait_until(condition, limit=10, what="the condition"):
     return result
 
 
-def in_parallel(function, items):
-    with ThreadPoolExecutor() as pool:
-        return list(pool.map(function, items))
+def run(*words, stdin=None):
+    """Runs a command that must succeed, and returns its output."""
+    done = subprocess.run(list(map(str, words)), input=stdin, capture_output=True, text=True, timeout=60, check=False)
+    assert done.returncode == 0, done
+    return done.stdout
 
 
 class Stream:
@@ -45,7 +48,7 @@ class Stream:
         self.items = []
         self.ended = None
         self.process = subprocess.Popen(
-            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1, **options
+            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, **options
         )
         self._reader = threading.Thread(target=self._read, args=(parse,), daemon=True)
         self._reader.start()
@@ -57,18 +60,7 @@ class Stream:
 
     def write(self, line):
         self.process.stdin.write(line + "\n")
-
-    def feed(self, datagrams):
-        """Writes all in the background."""
-
-        def write():
-            try:
-                with self.process.stdin as pipe:
-                    pipe.writelines(datagram.hex() + "\n" for datagram in datagrams)
-            except BrokenPipeError:
-                pass
-
-        threading.Thread(target=write, daemon=True).start()
+        self.process.stdin.flush()
 
     def wait(self, found, limit=10, start=0):
         """The first item from start on for which found is true."""
@@ -140,12 +132,8 @@ class Node:
     def command(self, *words):
         return [*self.lab.command("exec"), str(self.number), *words]
 
-    def exec(self, *words, stdin=None, ok=True):
-        done = subprocess.run(
-            self.command(*words), input=stdin, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60
-        )
-        assert not ok or done.returncode == 0, (words, done)
-        return done.stdout
+    def exec(self, *words, stdin=None):
+        return run(*self.command(*words), stdin=stdin)
 
     def shell(self, script):
         return self.exec("bash", "-euc", script)
@@ -252,19 +240,29 @@ class Node:
 
         return self.stream("fire", parse=parse)
 
+    @contextmanager
     def burst(self):
-        """Sends datagrams to the node's own daemon: feed the stream."""
-        return self.stream("burst")
+        """A function that sends datagrams to the node's own daemon, and returns when it has read them."""
+        with self.stream("burst") as stream:
+
+            def send(datagrams):
+                start = len(stream.items)
+                for datagram in datagrams:
+                    stream.write(datagram.hex())
+                stream.write("end")
+                stream.wait(lambda item: item == "end", 30, start)
+
+            yield send
 
     # --- the daemon
 
     def start(self, *arguments, env=()):
         return Daemon(self, *arguments, env=env)
 
-    def run(self, *arguments, env=(), limit=10):
+    def run(self, *arguments, env=()):
         """Runs a daemon that ends by itself: its exit status and what it logged."""
         daemon = self.start(*arguments, env=env)
-        return daemon.end(limit), self.logged(daemon.log_start)
+        return daemon.end(), self.logged(daemon.log_start)
 
 
 LOG_LINE = re.compile(
@@ -277,9 +275,8 @@ LOG_LINE = re.compile(
 class Lab:
     """A lab that lives as long as the tests: it ends with this process, however that ends."""
 
-    def __init__(self, count, *options, name=None, prefix=()):
-        self.name = name or f"test-{os.getpid()}-{next(_numbers)}"
-        self.prefix = prefix
+    def __init__(self, count, *options):
+        self.name = f"test-{os.getpid()}-{next(_numbers)}"
         self.nodes = {number: Node(self, number) for number in range(1, count + 1)}
         words = ["setpriv", "--pdeathsig", "TERM", *self.command("up"), str(count), "--foreground", *options]
         self.front = Stream([*words, "--build", str(BUILD)], stderr=subprocess.STDOUT)
@@ -290,14 +287,10 @@ class Lab:
         return self.nodes[number]
 
     def command(self, word):
-        return [*self.prefix, str(LAB), "--name", self.name, word]
+        return [str(LAB), "--name", self.name, word]
 
     def run(self, word, *words):
-        done = subprocess.run(
-            [*self.command(word), *map(str, words)], capture_output=True, text=True, timeout=60, check=False
-        )
-        assert done.returncode == 0, (word, words, done)
-        return done.stdout
+        return run(*self.command(word), *words)
 
     def silence_cards(self, brokers=True):
         """Leaves nodes with empty brokers, or none, and facts and log to the test."""
@@ -309,7 +302,8 @@ class Lab:
             if brokers:
                 node.start_broker()
 
-        in_parallel(silence, self.nodes.values())
+        with ThreadPoolExecutor() as pool:
+            list(pool.map(silence, self.nodes.values()))
         return self
 
     def down(self):
@@ -322,10 +316,20 @@ class Lab:
 SUMMARY, SUBSCRIBE, UNSUBSCRIBE, UNSUBSCRIBE_ALL, ACK, TOPIC_DATA = 1, 2, 3, 4, 5, 6
 CLIENT_KEEPALIVE, RESET_STATS, RESET_ALL_STATS, ACTIVATE, REMOTE_DOWNLOAD, GOODBYE = 7, 8, 9, 10, 11, 12
 
+# The topics of another node that its end withdraws, in this order.
+SUMMARY_TOPICS = [
+    *("port_summary", "port_media", "job_rev", "job_name", "download_status", "CF_free_space"),
+    *("M301", "M702", "comm_loss", "download_pending", "repeater"),
+]
+
+
+def mac_bytes(mac):
+    return bytes.fromhex(mac.replace("-", ""))
+
 
 def packet(kind, mac, payload=b"", length=None):
     length = len(payload) if length is None else length
-    return bytes([1, kind]) + bytes.fromhex(mac.replace("-", "")) + struct.pack(">H", length) + payload
+    return bytes([1, kind]) + mac_bytes(mac) + struct.pack(">H", length) + payload
 
 
 def section(kind, data, length=None):

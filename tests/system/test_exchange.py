@@ -5,10 +5,10 @@ import struct
 import pytest
 from panel import ACK, ACTIVATE, CLIENT_KEEPALIVE, GOODBYE, REMOTE_DOWNLOAD, RESET_ALL_STATS, RESET_STATS
 from panel import SUBSCRIBE, SUMMARY, TOPIC_DATA, UNSUBSCRIBE, UNSUBSCRIBE_ALL
-from panel import GROUP, SANITIZED, cut_summary, packet, section, summary, versions_text, wait_until
+from panel import GROUP, SANITIZED, SUMMARY_TOPICS, cut_summary, mac_bytes, packet, section, summary, versions_text, wait_until
 
 LOCAL = "02-00-00-00-00-01"
-PEER, OTHER, MARKER = "0A-00-00-00-00-01", "0A-00-00-00-00-02", "0A-00-00-00-00-FF"
+PEER, MARKER = "0A-00-00-00-00-01", "0A-00-00-00-00-FF"
 NODE_NUMBER = 1
 NET = "pub/diag/net/fire/"
 
@@ -55,18 +55,20 @@ class Exchange:
 
 @pytest.fixture(scope="module")
 def exchange(make_lab):
-    return Exchange(make_lab(2, "--star", "--no-daemon").silence_cards())
+    exchange = Exchange(make_lab(2, "--star", "--no-daemon").silence_cards())
+    yield exchange
+    assert exchange.daemon.stop() == 0
 
 
 @pytest.fixture
-def peers(exchange):
-    """Leaves no trace of the nodes that a test plays."""
+def peer(exchange):
+    """Leaves no trace of the node that a test plays."""
     yield exchange
-    exchange.effect(packet(GOODBYE, PEER), packet(GOODBYE, OTHER))
+    exchange.effect(packet(GOODBYE, PEER))
 
 
 def port_record(mac, number, mask):
-    return bytes.fromhex(mac.replace("-", "")) + bytes([number, mask])
+    return mac_bytes(mac) + bytes([number, mask])
 
 
 LOCAL_DOWN = port_record(LOCAL, NODE_NUMBER, 2)
@@ -107,26 +109,14 @@ def test_first_summaries_are_late_early_or_too_many(exchange):
     assert second[0] - first[0] == pytest.approx(3, abs=0.4)
 
 
-def test_first_summary_of_a_quiet_node_publishes_lists_or_misses_a_topic(peers):
-    published, logged = peers.effect(summary(PEER, QUIET))
-    assert published == [
-        (topic(PEER, "port_summary"), b"{}"),
-        (topic(PEER, "port_media"), b"{}"),
-        ("local/diag/network_style7", b"\1"),
-        ("local/diag/network_style7", b"\1"),
-        *TEXTS,
-    ]
-    assert logged == []
-
-
-def test_first_summary_of_a_faulty_node_misses_a_list(peers):
+def test_first_summary_of_a_faulty_node_misses_a_list(peer):
     sections = {
         **QUIET,
         1: bytes([0b1, 0b10, 0b101, 0b1100, 0b10000101]),
         2: bytes([0b1, 0b11, 0b111, 0b10001111, 0b1, 0]),
         3: bytes([0b1, 7, 2, 0]) + bytes(21),
     }
-    published, logged = peers.effect(summary(PEER, sections))
+    published, logged = peer.effect(summary(PEER, sections))
     assert published == [
         (NET + "link_down", port_record(PEER, 9, 0b1) + LOCAL_DOWN),
         (NET + "grnd_list", port_record(PEER, 9, 0b10) + LOCAL_DOWN),
@@ -141,90 +131,32 @@ def test_first_summary_of_a_faulty_node_misses_a_list(peers):
     assert logged == []
 
 
-# Sections that follow a quiet node's summary, and what they make the daemon publish and log.
-CHANGES = {
-    "nothing": (QUIET, [], []),
-    "the number": ({0: b"\x0a"}, [], []),
-    "a yellow port": ({1: bytes([0, 0, 0, 4, 0])}, [(topic(PEER, "port_summary"), b'{"C":"yellow"}')], []),
-    "a link": ({1: bytes([1, 0, 0, 0, 0])}, [(NET + "link_down", port_record(PEER, 9, 1) + LOCAL_DOWN)], []),
-    "free space and a flag": (
-        {6: b"\1\2" + b"\xff" * 4 + bytes([2, 0, 2, 1])},
-        [(topic(PEER, "M301"), b"0"), (topic(PEER, "CF_free_space"), b"429496729")],
-        [],
-    ),
-    "the job's texts": (
-        {5: b"12345678" + b"A\0B"},
-        [(topic(PEER, "job_rev"), b"A"), (topic(PEER, "job_name"), b"12345678")],
-        [],
-    ),
-}
 REPEATER = section(7, b"\x05")
-REPEATED = [(topic(PEER, "repeater"), b"5")]
-# Payloads that are not well formed throughout.
-PAYLOADS = {
-    "no section": (b"", [], []),
-    "less than a header": (b"\7\0\1", [], []),
-    "a header with nothing behind": (REPEATER + b"\1\0\5", REPEATED, []),
-    "an unknown type": (b"\x10\0\1" + REPEATER + b"\xff\xff\xff" + REPEATER, REPEATED, []),
-    "a section too short": (
-        section(3, bytes(24)) + REPEATER,
-        REPEATED,
-        ["invalid length for type 0x03 (24, should be 25)"],
-    ),
-    "a section too long": (section(0, b"\1\2") + REPEATER, REPEATED, ["invalid length for type 0x00 (2, should be 1)"]),
-    "an empty section": (section(7, b"") + REPEATER, REPEATED, ["invalid length for type 0x07 (0, should be 1)"]),
-    "a length past the end": (
-        REPEATER + section(6, bytes(50), length=0x100),
-        REPEATED,
-        ["not enough data for given length"],
-    ),
-    "a length one past the end": (
-        REPEATER + section(7, b"\6", length=2),
-        REPEATED,
-        ["not enough data for given length"],
-    ),
-}
+# Payloads with the same section, and what is logged of the rest.
+PAYLOADS = [
+    (b"\x10\0\1" + REPEATER + b"\1\0\5", []),
+    (section(3, bytes(24)) + REPEATER, ["invalid length for type 0x03 (24, should be 25)"]),
+    (section(0, b"\1\2") + REPEATER, ["invalid length for type 0x00 (2, should be 1)"]),
+    (REPEATER + section(6, bytes(50), length=0x100), ["not enough data for given length"]),
+    (REPEATER + section(7, b"\6", length=2), ["not enough data for given length"]),
+]
 
 
-@pytest.mark.parametrize("change", CHANGES)
-def test_summary_has_a_wrong_effect_when_it_changes(change, peers):
-    sections, published, logged = CHANGES[change]
-    peers.effect(summary(PEER, QUIET))
-    assert peers.effect(summary(PEER, sections)) == (published, logged)
-
-
-@pytest.mark.parametrize("payload", PAYLOADS)
-def test_summary_has_a_wrong_effect_with(payload, peers):
-    data, published, logged = PAYLOADS[payload]
-    peers.effect(summary(PEER, QUIET))
-    assert peers.effect(packet(SUMMARY, PEER, data)) == (published, logged)
-
-
-def test_lists_of_two_nodes_are_misordered_or_a_link_is_listed_twice(peers):
-    miswired = {PEER: bytes([1, 8, 3, 0]) + bytes(21), OTHER: bytes([8]) + bytes(9) + bytes([9, 0, 3]) + bytes(12)}
-    numbers = {PEER: 9, OTHER: 8}
-    for mac in (PEER, OTHER):
-        peers.effect(summary(mac, {0: bytes([numbers[mac]]), 1: bytes([4, 0, 0, 0, 0]), 3: miswired[mac]}))
-    peers.node.await_topics(
-        {
-            NET + "link_down": port_record(OTHER, 8, 4) + port_record(PEER, 9, 4) + LOCAL_DOWN,
-            NET + "miswired": port_record(OTHER, 8, 8) + port_record(PEER, 9, 1),
-            NET + "miswired_links": bytes([8, 3, 9, 0]),
-        }
-    )
+def test_malformed_section_is_taken_or_a_good_one_lost(peer):
+    for payload, logged in PAYLOADS:
+        peer.effect(summary(PEER, {7: b"\0"}))
+        assert peer.effect(packet(SUMMARY, PEER, payload)) == ([(topic(PEER, "repeater"), b"5")], logged)
 
 
 def test_goodbye_leaves_topics_or_takes_the_versions(exchange):
     exchange.effect(summary(PEER, {**QUIET, 1: bytes([1, 1, 0, 0, 0]), 3: bytes([1, 8, 3, 0]) + bytes(21)}))
-    names = "port_summary port_media job_rev job_name download_status CF_free_space M301 M702 comm_loss"
-    names += " download_pending repeater"
     assert exchange.effect(packet(GOODBYE, PEER)) == (
         [
             (NET + "link_down", LOCAL_DOWN),
             (NET + "grnd_list", LOCAL_DOWN),
             (NET + "miswired", b"\0"),
             (NET + "miswired_links", b""),
-            *[(topic(PEER, name), b"") for name in names.split()],
+            *[(topic(PEER, name), b"") for name in SUMMARY_TOPICS],
         ],
         [],
     )
@@ -273,28 +205,30 @@ DATAGRAMS = [
 ]
 
 
-def test_malformed_datagram_is_taken_or_a_good_one_refused(peers):
-    _, logged = peers.effect(*(datagram for datagram, _ in DATAGRAMS))
+def test_malformed_datagram_is_taken_or_a_good_one_refused(peer):
+    _, logged = peer.effect(*(datagram for datagram, _ in DATAGRAMS))
     assert logged == [message for _, message in DATAGRAMS if message]
 
 
 def mutations(generator, count):
-    """Summaries with wrong bytes and random packets from two hundred nodes. Left out are the types that end the daemon
-    where they cannot be carried out, and those that make it publish or subscribe what they say."""
-    safe = [SUMMARY, UNSUBSCRIBE_ALL, ACK, CLIENT_KEEPALIVE, GOODBYE]
-    unsafe = set(range(1, 13)) - set(safe)
+    """Summaries with wrong bytes and random packets from twenty nodes. Left out are the types that end the daemon where
+    they cannot be carried out, and those that make it publish or subscribe what they say."""
+    safe = [UNSUBSCRIBE_ALL, ACK, CLIENT_KEEPALIVE, SUMMARY, GOODBYE]
     for _ in range(count):
-        mac = f"0A-00-00-00-01-{generator.randrange(200):02X}"
+        mac = f"0A-00-00-00-01-{generator.randrange(20):02X}"
         if generator.random() < 0.7:
             data = bytearray(summary(mac, QUIET))
             for _ in range(generator.randrange(1, 5)):
                 data[generator.randrange(8, len(data))] = generator.randrange(256)
         else:
-            payload = generator.randbytes(generator.randrange(60))
-            data = bytearray(packet(generator.choice(safe), mac, payload))
-            data[generator.randrange(len(data))] = generator.randrange(256)
-        if data[1] not in unsafe:
-            yield bytes(data[: generator.randrange(len(data) + 1)] if generator.random() < 0.2 else data)
+            # Goodbyes are rare: each costs a dozen publications, and a daemon that is kept busy so for seconds
+            # takes its broker for lost.
+            kind = generator.choices(safe, [8, 8, 8, 8, 1])[0]
+            data = bytearray(packet(kind, mac, generator.randbytes(generator.randrange(60))))
+            data[generator.choice([0, *range(8, len(data))])] = generator.randrange(256)
+        if generator.random() < 0.1:
+            data[1] = generator.choice([0, *range(13, 256)])
+        yield bytes(data[: generator.randrange(len(data) + 1)] if generator.random() < 0.2 else data)
 
 
 def test_flood_of_malformed_datagrams_ends_the_daemon_or_fills_its_memory(exchange):
@@ -303,14 +237,13 @@ def test_flood_of_malformed_datagrams_ends_the_daemon_or_fills_its_memory(exchan
     generator = random.Random(seed)
     start = exchange.node.counter("Udp", "InDatagrams")
     memory = []
-    for _ in range(10):
-        with exchange.node.burst() as burst:
-            burst.feed(mutations(generator, 5000))
-            burst.end(60)
-        exchange.mark()
-        memory.append(exchange.daemon.memory())
-    assert SANITIZED or memory[-1] - memory[1] < 2**20
-    assert exchange.node.counter("Udp", "InDatagrams") - start > 45000
+    with exchange.node.burst() as burst:
+        for _ in range(100):
+            burst(mutations(generator, 500))
+            exchange.mark()
+            memory.append(exchange.daemon.memory())
+    assert SANITIZED or memory[-1] - memory[10] < 2**20
+    assert exchange.node.counter("Udp", "InDatagrams") - start > 50000
 
 
 def test_summaries_of_the_first_minute_do_not_follow_the_schedule(exchange):
@@ -318,12 +251,3 @@ def test_summaries_of_the_first_minute_do_not_follow_the_schedule(exchange):
     first = exchange.sizes()[0][0]
     wait_until(lambda: exchange.sizes()[-1][0] > first + 14, limit=30)
     assert [(size, round((moment - first) / 3)) for moment, size in exchange.sizes()[:3]] == [(248, 0), (22, 1), (72, 5)]
-
-
-def test_summary_with_the_own_address_is_withdrawn_or_ends_the_daemon(exchange):
-    changed = {1: bytes([2, 2, 2, 1, 0])}
-    published = [(topic(LOCAL, "port_summary"), b'{"A":"yellow","B":"red"}')]
-    # A section of the local record has never been seen: its first one is published whatever it holds.
-    assert exchange.effect(summary(LOCAL, changed))[0][-1:] == published
-    assert exchange.effect(packet(GOODBYE, LOCAL)) == ([], [])
-    assert exchange.daemon.stop() == 0
