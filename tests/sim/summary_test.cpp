@@ -751,7 +751,10 @@ TEST_F(local_summary, schedule_over_two_minutes)
 TEST_F(local_summary, change_is_recent_for_3_s_inclusive)
 {
     summary_update_link(0, 1); // at the very time of the tick before
-    EXPECT_EQ(sent_next(), 1);
+    advance(3s);
+    EXPECT_EQ(take_datagrams(),
+              std::vector<datagram>({{"224.22.33.44", bytes("01 01 00 1A 2B 3C 4D 5E 00 0C  00 00 01 07  "
+                                                            "01 00 05 01 00 00 00 00")}}));
     EXPECT_EQ(sent_next(), 0);
     advance(3s - 1ns);
     summary_update_link(0, 0);
