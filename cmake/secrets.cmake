@@ -20,6 +20,7 @@ if(NOT secrets_count EQUAL 127)
   message(FATAL_ERROR "DIAG_SECRETS_FILE: ${DIAG_SECRETS_FILE} has ${secrets_count} lines, must have 127")
 endif()
 set(secrets_line_number 0)
+set(secrets_table "")
 foreach(line IN LISTS secrets_lines)
   math(EXPR secrets_line_number "${secrets_line_number} + 1")
   string(LENGTH "${line}" line_length)
@@ -28,6 +29,8 @@ foreach(line IN LISTS secrets_lines)
     message(FATAL_ERROR "DIAG_SECRETS_FILE: line ${secrets_line_number} of ${DIAG_SECRETS_FILE} "
                         "must be 6 to 31 printable ASCII characters")
   endif()
+  string(REGEX REPLACE "(..) " "\\\\x\\1" word "${line}")
+  string(APPEND secrets_table "\"${word}\",\n")
 endforeach()
 
 cmake_path(COMPARE ${DIAG_SECRETS_FILE} EQUAL ${DIAG_DEVELOPMENT_SECRETS} secrets_are_development)
@@ -35,3 +38,7 @@ if(secrets_are_development)
   message(WARNING "Building with the development word table, which is public: "
                   "set DIAG_SECRETS_FILE to the deployment's own table before installing this build")
 endif()
+
+# The initialisers of the table in auth.cpp, each character as its code.
+set(DIAG_SECRETS_DIR ${CMAKE_CURRENT_BINARY_DIR}/secrets)
+file(CONFIGURE OUTPUT ${DIAG_SECRETS_DIR}/secrets.inc CONTENT "@secrets_table@" @ONLY)

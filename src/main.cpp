@@ -1,5 +1,7 @@
 // Network diagnostics daemon of a panel card: start-up and shutdown in order.
+#include "auth.h"
 #include "broker.h"
+#include "command.h"
 #include "common/lumlog.h"
 #include "common/netif.h"
 #include "event.h"
@@ -134,6 +136,14 @@ bool init_modules(uint8_t node_number)
     }
     if (summary_init(node_number) == -1) {
         log_error("couldn't initialize node summary module");
+        return false;
+    }
+    if (auth_init() == -1) {
+        log_error("couldn't initialize authentication module");
+        return false;
+    }
+    if (command_init(node_number) == -1) {
+        log_error("couldn't initialize command module");
         return false;
     }
     return true;

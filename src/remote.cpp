@@ -651,12 +651,12 @@ int process_download(const packet &received, const char *topic)
 
 int process_activate(const packet &received)
 {
-    return process_download(received, "local/activate");
+    return process_download(received, ACTIVATE_TOPIC);
 }
 
 int process_remote_download(const packet &received)
 {
-    return process_download(received, "local/remotedl");
+    return process_download(received, REMOTE_DOWNLOAD_TOPIC);
 }
 
 int process_summary(const packet &received)

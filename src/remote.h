@@ -47,6 +47,10 @@ constexpr size_t PACKET_TYPES = 12;
 
 constexpr size_t IP_STR_SIZE = 16;
 
+// Where the byte of an activate or remote download goes, retained, on the broker of the node that it is for.
+constexpr const char *ACTIVATE_TOPIC = "local/activate";
+constexpr const char *REMOTE_DOWNLOAD_TOPIC = "local/remotedl";
+
 // Requests (subscribe, unsubscribe, unsubscribe all, activate, remote download) start their payload with a request id;
 // all but unsubscribe all are repeated each second, ten times at most, until the target acknowledges that id. Layouts of
 // the payloads, offsets from their start:
@@ -116,6 +120,6 @@ int remote_send_client_keepalive(uint32_t client_id);
 int remote_reset_stats(const uint8_t *mac, int port);
 int remote_reset_all_stats();
 
-// Requests that make the node mac publish value on its topic local/activate or local/remotedl.
+// Requests that make the node mac publish value on its ACTIVATE_TOPIC or REMOTE_DOWNLOAD_TOPIC.
 int remote_activate(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg);
 int remote_set_remote_download(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg);

@@ -36,12 +36,20 @@ bool parse_u32(std::string_view text, uint32_t &value)
     return true;
 }
 
-std::unique_ptr<char[]> copy_text(const char *text)
+size_t parse_hex_byte(const char *text, uint8_t &value)
 {
-    const size_t size = strlen(text) + 1;
-    std::unique_ptr<char[]> copy(new (std::nothrow) char[size]);
+    constexpr size_t DIGITS = 2;
+    constexpr int HEXADECIMAL = 16;
+    const auto result = std::from_chars(text, text + strnlen(text, DIGITS), value, HEXADECIMAL);
+    return result.ec == std::errc() ? static_cast<size_t>(result.ptr - text) : 0;
+}
+
+std::unique_ptr<char[]> copy_text(std::string_view text)
+{
+    std::unique_ptr<char[]> copy(new (std::nothrow) char[text.size() + 1]);
     if (copy) {
-        memcpy(copy.get(), text, size);
+        text.copy(copy.get(), text.size());
+        copy[text.size()] = '\0';
     }
     return copy;
 }

@@ -14,6 +14,10 @@ std::string_view payload_text(const void *payload, int length);
 // 4294967295.
 bool parse_u32(std::string_view text, uint32_t &value);
 
-// A copy that its owner frees, null when there is no memory.
-std::unique_ptr<char[]> copy_text(const char *text);
+// Reads a byte from the one or two hexadecimal digits at the start of text; returns how many they are. 0 leaves
+// value untouched.
+size_t parse_hex_byte(const char *text, uint8_t &value);
+
+// A copy, a text terminated, that its owner frees; null when there is no memory.
+std::unique_ptr<char[]> copy_text(std::string_view text);
 std::unique_ptr<uint8_t[]> copy_bytes(const void *bytes, size_t length);

@@ -58,6 +58,8 @@ TEST_F(main_program, takes_its_steps_in_order)
                              "comm_loss", "download_pending", "repeater"}) {
         steps.push_back("SUBSCRIBE " + OWN_TOPIC + "/" + name);
     }
+    steps.push_back("PUBLISH pub/diag/command/aut/tbl_idx");
+    steps.push_back("SUBSCRIBE pub/diag/command/request");
     EXPECT_EQ(take_requests(), steps);
     EXPECT_EQ(retained().at("pub/diag/local_node"), LOCAL_MAC_TEXT);
     EXPECT_EQ(retained().at(CARD_TOPIC), "5");
@@ -290,6 +292,30 @@ const stage TIMERS = {"timers", "mosquitto_subscribe", OWN_TOPIC + "/repeater",
                       lines{"summary.c: couldn't add timer-based summary events"} + NO_SUMMARY,
                       ON_THE_NETWORK};
 
+const std::string CHALLENGE_TOPIC = "pub/diag/command/aut/tbl_idx";
+const std::string REQUEST_TOPIC = "pub/diag/command/request";
+// The first challenge of node 7: its draws follow that of the first summary's delay.
+const std::string CHALLENGE = [] {
+    srand(7);
+    rand();
+    std::string text = "1;";
+    for (int count = rand() % 9 + 2; count > 0; count--) {
+        text += std::to_string(rand() % 127) + (count > 1 ? " " : "");
+    }
+    return text;
+}();
+const stage AUTH = {
+    "auth",
+    nullptr,
+    "",
+    {"auth: couldn't set initial secret indices", "main: couldn't initialize authentication module"},
+    ON_THE_NETWORK};
+const stage COMMAND = {"command",
+                       "mosquitto_publish",
+                       CHALLENGE_TOPIC,
+                       {"main: couldn't initialize command module"},
+                       ON_THE_NETWORK};
+
 struct failure_case {
     const stage &at;
     failure what;
@@ -361,7 +387,7 @@ TEST_P(main_step, that_fails_is_logged_and_ends_the_start_up)
               is_on_the_network ? std::vector<datagram>({GOODBYE}) : std::vector<datagram>());
     EXPECT_FALSE(is_library_in_use());
     EXPECT_EQ(std::ranges::count(take_requests(), "DISCONNECT"), row.at.shutdown == UNCONNECTED ? 0 : 1);
-    if (&row.at == &STATS || &row.at == &TIMERS) {
+    if (&row.at == &STATS || &row.at == &TIMERS || &row.at == &COMMAND) {
         std::erase(open_before, "mqtt");
         EXPECT_EQ(open_descriptors(), open_before) << "what the failing module opens it closes";
     }
@@ -453,6 +479,14 @@ const std::vector<failure_case> FAILURES = {
     in(TIMERS, failure("timerfd_settime", EINVAL).from(2),
        lines{"summary.c: couldn't arm purge timer (errno 22)"} + NOT_WATCHED),
     refused_event(TIMERS, "timer", 2, lines{"summary.c: couldn't add purge event"} + NOT_WATCHED),
+    refused(AUTH, "mosquitto_publish", CHALLENGE_TOPIC,
+            {"auth: couldn't publish " + CHALLENGE + " to " + CHALLENGE_TOPIC}),
+    in(COMMAND, failure("timerfd_create", ENFILE), {"command: couldn't create keepalive timer (errno 23)"}),
+    in(COMMAND, failure("timerfd_settime", EINVAL),
+       lines{"command: couldn't arm keepalive timer (errno 22)"} + NOT_WATCHED),
+    refused_event(COMMAND, "timer", 1, lines{"command: couldn't add keepalive event"} + NOT_WATCHED),
+    refused(COMMAND, "mosquitto_subscribe", REQUEST_TOPIC,
+            {"command: couldn't subscribe to " + REQUEST_TOPIC}),
 };
 
 std::string step_name(const testing::TestParamInfo<failure_case> &row)
