@@ -698,6 +698,15 @@ std::string port_text(int port)
     return name != nullptr ? name : std::to_string(port);
 }
 
+std::optional<int> parse_port(std::string_view text)
+{
+    std::string upper(text);
+    for (char &c : upper) {
+        c = static_cast<char>(c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c);
+    }
+    return parse_topic_port(upper);
+}
+
 std::string miswired_link_text(const miswired_link &link)
 {
     return std::to_string(link.number) + "/" + port_text(link.port) + " to " +
@@ -767,7 +776,7 @@ std::optional<node_reference> parse_node_reference(std::string_view text)
         reference.is_local = true;
         return reference;
     }
-    for (const char separator : {'-', ':', '\0'}) {
+    for (const char separator : {'-', ':', '.', '\0'}) {
         reference.mac = parse_mac(text, separator);
         if (reference.mac) {
             return reference;

@@ -129,6 +129,9 @@ struct network {
 // Upper-case name of a port, or its number where it has none.
 std::string port_text(int port);
 
+// A port's number from its name in upper or lower case, empty for anything else.
+std::optional<int> parse_port(std::string_view text);
+
 // "7/A to 9/C": the ends as node number and port.
 std::string miswired_link_text(const miswired_link &link);
 
@@ -146,8 +149,8 @@ uint64_t field_value(std::span<const uint8_t> record, size_t offset, size_t widt
 // beginning wasn't seen, when there are no statistics, and for the time.
 std::optional<uint64_t> running_period_value(const port_records &records, const pm_field &field);
 
-// The node a user means: "local", a MAC address with dashes, colons or nothing between its bytes, or a number
-// from 1 to 255.
+// The node a user means: "local", a MAC address in either case with dashes, colons, dots or nothing between its
+// bytes, or a number from 1 to 255.
 struct node_reference {
     bool is_local = false;
     std::optional<mac_address> mac;

@@ -1,8 +1,11 @@
 #include "session.h"
 
+#include "signals.h"
+
 #include <mosquitto.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -10,11 +13,20 @@
 namespace
 {
 
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
 constexpr int KEEPALIVE_SECONDS = 10;
 constexpr std::chrono::seconds ANSWER_TIME(5);
+constexpr milliseconds MAX_IDLE(1000); // the keepalive has to be looked after
 // What a broker has retained comes in one burst. At QoS 1 a broker queues only so much of it for one client
 // (1000 messages by default) and drops the rest; at QoS 0 it is bound by the socket alone.
 constexpr int SUBSCRIPTION_QOS = 0;
+
+constexpr int PUBLISH_QOS = 1;
+// A topic that never has a retained value. The broker answers in the order in which it was asked, so that the answer
+// to a subscription of this one comes behind everything that was retained for the one before.
+constexpr const char *BARRIER_FILTER = "pub/diag/command/response";
 
 constexpr int NO_ANSWER = -1;
 constexpr int REFUSED_SUBSCRIPTION = 0x80;
@@ -25,6 +37,7 @@ struct {
     int connect_answer = NO_ANSWER;
     size_t subscriptions_granted = 0;
     bool is_subscription_refused = false;
+    size_t publications_pending = 0;
 } session;
 
 void connect_cb(mosquitto *, void *, int answer)
@@ -43,6 +56,11 @@ void subscribe_cb(mosquitto *, void *, int, int count, const int *granted)
     }
 }
 
+void publish_cb(mosquitto *, void *, int)
+{
+    session.publications_pending--;
+}
+
 // An exception must not pass through the library: it ends the program here.
 void message_cb(mosquitto *, void *, const mosquitto_message *message) noexcept
 {
@@ -57,63 +75,57 @@ std::string reason(int result)
     return result == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(result);
 }
 
-// Serves the session until is_done; false, with the reason in error, when it is lost or nothing comes in
-// time.
-template <typename Condition>
-bool serve_until(Condition is_done, std::string &error)
+bool wait_for_answer(const std::function<bool()> &is_done, std::string &error)
 {
-    const auto deadline = std::chrono::steady_clock::now() + ANSWER_TIME;
-    while (!is_done()) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
-            error = "it does not answer";
-            return false;
-        }
-        pollfd socket = {session_socket(), session_events(), 0};
-        if (poll(&socket, 1, static_cast<int>(left.count())) == -1 && errno != EINTR) {
-            error = strerror(errno);
-            return false;
-        }
-        if (!session_serve(socket.revents, error)) {
-            return false;
-        }
+    switch (session_wait(is_done, ANSWER_TIME, error)) {
+    case session_end::DONE:
+        return true;
+    case session_end::TIMEOUT:
+        error = "it does not answer";
+        return false;
+    case session_end::INTERRUPTED:
+        error = "interrupted";
+        return false;
+    default:
+        return false;
     }
-    return true;
 }
 
-bool open_session(const broker_address &address, const std::vector<std::string> &filters, std::string &error)
+bool subscribe(const std::vector<std::string> &filters, std::string &error)
 {
-    int result = mosquitto_connect(session.client, address.host.c_str(), address.port, KEEPALIVE_SECONDS);
-    if (result != MOSQ_ERR_SUCCESS) {
-        error = reason(result);
-        return false;
-    }
-    const bool is_answered = serve_until([] { return session.connect_answer != NO_ANSWER; }, error);
-    if (session.connect_answer > 0) {
-        error = mosquitto_connack_string(session.connect_answer);
-    }
-    if (!is_answered || session.connect_answer > 0) {
-        return false;
-    }
+    session.subscriptions_granted = 0;
     for (const std::string &filter : filters) {
-        result = mosquitto_subscribe(session.client, nullptr, filter.c_str(), SUBSCRIPTION_QOS);
+        const int result = mosquitto_subscribe(session.client, nullptr, filter.c_str(), SUBSCRIPTION_QOS);
         if (result != MOSQ_ERR_SUCCESS) {
             error = reason(result);
             return false;
         }
     }
-    if (!serve_until(
-            [&] {
-                return session.is_subscription_refused || session.subscriptions_granted == filters.size();
-            },
-            error)) {
+    const auto is_answered = [&] {
+        return session.is_subscription_refused || session.subscriptions_granted == filters.size();
+    };
+    if (!wait_for_answer(is_answered, error)) {
         return false;
     }
     if (session.is_subscription_refused) {
         error = "it refuses the subscription";
     }
     return !session.is_subscription_refused;
+}
+
+bool connect(const broker_address &address, std::string &error)
+{
+    const int result =
+        mosquitto_connect(session.client, address.host.c_str(), address.port, KEEPALIVE_SECONDS);
+    if (result != MOSQ_ERR_SUCCESS) {
+        error = reason(result);
+        return false;
+    }
+    const bool is_answered = wait_for_answer([] { return session.connect_answer != NO_ANSWER; }, error);
+    if (session.connect_answer > 0) {
+        error = mosquitto_connack_string(session.connect_answer);
+    }
+    return is_answered && session.connect_answer <= 0;
 }
 
 } // namespace
@@ -131,11 +143,63 @@ bool session_open(const broker_address &address, const std::vector<std::string> 
     mosquitto_connect_callback_set(session.client, connect_cb);
     mosquitto_subscribe_callback_set(session.client, subscribe_cb);
     mosquitto_message_callback_set(session.client, message_cb);
-    if (!open_session(address, filters, error)) {
+    mosquitto_publish_callback_set(session.client, publish_cb);
+    if (!connect(address, error) || !subscribe(filters, error) || !subscribe({BARRIER_FILTER}, error)) {
         session_close();
         return false;
     }
     return true;
+}
+
+bool session_subscribe(const std::string &filter, std::string &error)
+{
+    return subscribe({filter}, error) && subscribe({BARRIER_FILTER}, error);
+}
+
+bool session_publish(const std::string &topic, std::span<const uint8_t> payload, bool is_retained,
+                     std::string &error)
+{
+    const int result =
+        mosquitto_publish(session.client, nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                          payload.data(), PUBLISH_QOS, is_retained);
+    if (result != MOSQ_ERR_SUCCESS) {
+        error = reason(result);
+        return false;
+    }
+    session.publications_pending++;
+    return true;
+}
+
+bool session_is_delivered()
+{
+    return session.publications_pending == 0;
+}
+
+session_end session_wait(const std::function<bool()> &is_done, milliseconds limit, std::string &error)
+{
+    const auto deadline = steady_clock::now() + limit;
+    while (!is_done()) {
+        const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
+        if (left.count() <= 0) {
+            return session_end::TIMEOUT;
+        }
+        pollfd fds[] = {
+            {session_socket(), session_events(), 0},
+            {signals_fd(), POLLIN, 0},
+        };
+        if (poll(fds, std::size(fds), static_cast<int>(std::min(left, MAX_IDLE).count())) == -1 &&
+            errno != EINTR) {
+            error = strerror(errno);
+            return session_end::LOST;
+        }
+        if (fds[1].revents != 0 && signals_take() != 0) {
+            return session_end::INTERRUPTED;
+        }
+        if (!session_serve(fds[0].revents, error)) {
+            return session_end::LOST;
+        }
+    }
+    return session_end::DONE;
 }
 
 int session_socket()

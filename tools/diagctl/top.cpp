@@ -1,10 +1,9 @@
-#include "top.h"
-
-#include "common/unique_fd.h"
+// diagctl top: the network as one broker sees it, live.
+#include "command.h"
+#include "signals.h"
 #include "terminal.h"
 
 #include <poll.h>
-#include <sys/signalfd.h>
 
 #include <csignal>
 #include <cstdio>
@@ -30,7 +29,7 @@ enum class ending {
 struct {
     network net;
     std::deque<event> events;
-    const stats_target *target = nullptr;
+    std::optional<stats_target> target;
     std::string broker;
     bool is_screen = false;
     bool is_changed = true;
@@ -70,13 +69,11 @@ void suspend()
     top.is_changed = true;
 }
 
-void take_signal(int signal_fd)
+void take_signal()
 {
-    signalfd_siginfo info{};
-    if (read(signal_fd, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) {
-        return;
-    }
-    switch (info.ssi_signo) {
+    switch (signals_take()) {
+    case 0:
+        break;
     case SIGWINCH:
         terminal_redraw();
         top.is_changed = true;
@@ -112,7 +109,8 @@ void take_keys()
 
 void draw()
 {
-    screen screen = {top.broker, top.net, top.events, top.target, top.first_node, 0, 0};
+    screen screen = {top.broker,     top.net, top.events, top.target ? &*top.target : nullptr,
+                     top.first_node, 0,       0};
     terminal_size(screen.width, screen.height);
     if (!terminal_draw(view_render(screen, current_moment()))) {
         top.end = ending::FAILED;
@@ -139,21 +137,21 @@ milliseconds refresh()
     return due - since;
 }
 
-std::string watch_network(int signal_fd)
+std::string watch_network()
 {
     std::string error;
     while (top.end == ending::NONE) {
         const milliseconds wait = refresh();
         pollfd fds[] = {
             {session_socket(), session_events(), 0},
-            {signal_fd, POLLIN, 0},
+            {signals_fd(), POLLIN, 0},
             {top.is_screen && top.is_input_open ? STDIN_FILENO : -1, POLLIN, 0},
         };
         if (top.end != ending::NONE || poll(fds, std::size(fds), static_cast<int>(wait.count())) == -1) {
             continue;
         }
         if (fds[1].revents != 0) {
-            take_signal(signal_fd);
+            take_signal();
         }
         if (fds[2].revents != 0) {
             take_keys();
@@ -165,37 +163,17 @@ std::string watch_network(int signal_fd)
     return error;
 }
 
-// Signals come as input to poll from here on; before, Ctrl-C ends a connection attempt in the usual way.
-unique_fd take_over_signals()
-{
-    signal(SIGPIPE, SIG_IGN);
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH, SIGTSTP}) {
-        sigaddset(&signals, number);
-    }
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    return unique_fd(signalfd(-1, &signals, SFD_CLOEXEC));
-}
-
-} // namespace
-
-int run_top(const broker_address &address, const std::optional<stats_target> &target)
+exit_status run_top(const broker_address &address)
 {
     top.broker = address.host + ":" + std::to_string(address.port);
-    top.target = target ? &*target : nullptr;
     top.is_screen = terminal_is_screen();
 
-    std::string error;
-    if (!session_open(address, {"pub/diag/#", "local/diag/network_style7"}, take_message, error)) {
-        fprintf(stderr,
-                "diagctl: no broker at %s: %s\n"
-                "Is it running there? Name another with --host and --port, or DIAG_HOST and DIAG_PORT.\n",
-                top.broker.c_str(), error.c_str());
-        return STATUS_NO_BROKER;
+    const exit_status opened =
+        open_session(address, {"pub/diag/#", "local/diag/network_style7"}, take_message);
+    if (opened != STATUS_SUCCESS) {
+        return opened;
     }
-    const unique_fd signal_fd = take_over_signals();
-    if (!signal_fd.is_open()) {
+    if (signals_open(true) == -1) {
         fprintf(stderr, "diagctl: couldn't watch for signals: %s\n", strerror(errno));
         session_close();
         return STATUS_FAILURE;
@@ -204,7 +182,7 @@ int run_top(const broker_address &address, const std::optional<stats_target> &ta
     if (top.is_screen) {
         terminal_enter();
     }
-    error = watch_network(signal_fd.get());
+    const std::string error = watch_network();
     if (top.is_screen) {
         terminal_leave();
     }
@@ -213,11 +191,48 @@ int run_top(const broker_address &address, const std::optional<stats_target> &ta
 
     switch (top.end) {
     case ending::NO_BROKER:
-        fprintf(stderr, "diagctl: lost the broker at %s: %s\n", top.broker.c_str(), error.c_str());
-        return STATUS_NO_BROKER;
+        return report_lost(address, error);
     case ending::FAILED:
         return STATUS_FAILURE;
     default:
         return STATUS_SUCCESS;
     }
+}
+
+// NODE/PORT, for example local/A or 02-00-00-00-00-03/CPU.
+std::optional<stats_target> parse_stats_target(const std::string &text)
+{
+    const size_t slash = text.rfind('/');
+    if (slash == std::string::npos) {
+        return {};
+    }
+    const std::optional<node_reference> node = parse_node_reference(text.substr(0, slash));
+    const std::optional<int> port = parse_port(text.substr(slash + 1));
+    if (!node || !port) {
+        return {};
+    }
+    return stats_target{*node, *port, text};
+}
+
+std::string check_stats_target(const std::string &text)
+{
+    return parse_stats_target(text) ? ""
+                                    : "'" + text +
+                                          "' is not NODE/PORT: NODE is local, a MAC address or a number from "
+                                          "1 to 255, PORT is A to H or CPU";
+}
+
+} // namespace
+
+void add_top_command(CLI::App &app, command_context &context)
+{
+    CLI::App *const command = add_command(
+        app, context, "top",
+        "Show the network live: nodes, ports, lists and events. On a terminal full-screen, q quits; "
+        "elsewhere one line for each change.",
+        [&context] { return run_top(context.address); });
+    const auto set_target = [](const std::string &text) { top.target = parse_stats_target(text); };
+    command->add_option_function<std::string>("--stats", set_target, "Also show the statistics of this port")
+        ->type_name("NODE/PORT")
+        ->check(check_stats_target);
 }
