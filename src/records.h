@@ -44,6 +44,11 @@ constexpr size_t VERSIONS_TEXT_NAME_SIZE = 10;
 constexpr size_t VERSIONS_TEXT_VERSION_SIZE = 40;
 constexpr size_t VERSIONS_TEXT_SIZE = 3 * (VERSIONS_TEXT_NAME_SIZE + 1 + VERSIONS_TEXT_VERSION_SIZE + 1);
 
+// local/diag/ring/<n>/status: a 32-bit signed integer in host byte order, below 0 for a ring that isn't configured;
+// a ring in any state but closed is open.
+constexpr size_t RING_STATUS_SIZE = sizeof(int32_t);
+constexpr int32_t RING_STATUS_CLOSED = 2;
+
 // local/diag/port/<PORT>/status: the ring-protection (ERPS, ITU-T G.8032) state of a port, written by the
 // ring protection process in host byte order. A state with no bit set but bit 2 means that the port is up.
 constexpr size_t ERPS_STATUS_FLAGS = 0;       // 1 byte

@@ -694,22 +694,21 @@ void miswired_cb(const char *topic, const void *payload, int length, void *)
 
 void style7_cb(const char *topic, const void *payload, int length, void *)
 {
-    constexpr int32_t RING_CLOSED = 2;
     const char *const ring_topic = strstr(topic, "local/diag/ring/");
     unsigned long long ring;
     if (!is_ready() || ring_topic == nullptr ||
         sscanf(ring_topic, "local/diag/ring/%llu/status", &ring) != 1) {
         return;
     }
-    if (length != 0 && static_cast<size_t>(length) != sizeof(int32_t)) {
+    if (length != 0 && static_cast<size_t>(length) != RING_STATUS_SIZE) {
         log_error("published ring status data has wrong length (%zu, should be %zu or 0)",
-                  static_cast<size_t>(length), sizeof(int32_t));
+                  static_cast<size_t>(length), RING_STATUS_SIZE);
         return;
     }
     const int32_t state = length == 0 ? -1 : load_host<int32_t>(static_cast<const uint8_t *>(payload));
     const uint8_t bit = ring < 8 ? static_cast<uint8_t>(1U << ring) : uint8_t{0};
     set_bits(local_summary->data[SUMMARY_RINGS], bit, state >= 0);
-    set_bits(local_summary->data[SUMMARY_DEGRADED_RINGS], bit, state >= 0 && state != RING_CLOSED);
+    set_bits(local_summary->data[SUMMARY_DEGRADED_RINGS], bit, state >= 0 && state != RING_STATUS_CLOSED);
 
     stamp_change(SUMMARY_INFO_RINGS);
     if (publish_network_style7() == -1) {

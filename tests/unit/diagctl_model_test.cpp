@@ -50,7 +50,7 @@ protected:
     {
         string text;
         for (const screen_line &line :
-             view_render({"broker:1", net, events, target, 0, width, height}, now)) {
+             view_render({"broker:1", net, events, target, node_order::MAC, {}, false, width, height}, now)) {
             string whole;
             for (const styled_text &part : line) {
                 whole += part.text;
@@ -239,7 +239,7 @@ TEST_F(diagctl, lists_tell_each_port_gained_and_lost)
     for (const string &malformed : {string("\x01"), string(7, '\0'), two + "x", string(2008, 'x')}) {
         EXPECT_EQ(apply("pub/diag/net/fire/grnd_list", malformed).size(), 1U);
         EXPECT_NE(
-            shown(80, 24).find("Ground fault: malformed (" + std::to_string(malformed.size()) + " bytes)"),
+            shown(80, 24).find("Ground fault: malformed (" + std::to_string(malformed.size()) + " byte"),
             string::npos);
     }
     EXPECT_EQ(apply("pub/diag/net/fire/grnd_list", NONE_LISTED), lines{});

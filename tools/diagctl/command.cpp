@@ -70,6 +70,15 @@ exit_status open_session(const broker_address &address, const std::vector<std::s
     return STATUS_NO_BROKER;
 }
 
+exit_status report_no_daemon(const broker_address &address)
+{
+    fprintf(stderr,
+            "diagctl: no daemon has announced itself on the broker at %s: pub/diag/local_node is missing\n"
+            "Is diag running on that card? Its system log says why it ended.\n",
+            address_text(address).c_str());
+    return STATUS_NO_BROKER;
+}
+
 exit_status report_lost(const broker_address &address, const std::string &error)
 {
     fprintf(stderr, "diagctl: lost the broker at %s: %s\n", address_text(address).c_str(), error.c_str());

@@ -24,7 +24,13 @@ struct command_context {
     std::function<exit_status()> run;             // the command given on the command line
 };
 
+void add_lists_command(CLI::App &app, command_context &context);
+void add_nodes_command(CLI::App &app, command_context &context);
+void add_pm_command(CLI::App &app, command_context &context);
+void add_ports_command(CLI::App &app, command_context &context);
+void add_show_command(CLI::App &app, command_context &context);
 void add_top_command(CLI::App &app, command_context &context);
+void add_watch_command(CLI::App &app, command_context &context);
 
 // Adds a subcommand with the options of the broker. run is called once the whole command line has been read.
 CLI::App *add_command(CLI::App &app, command_context &context, const std::string &name,
@@ -38,6 +44,9 @@ CLI::Option *add_port_argument(CLI::App &command, int &port);
 // Opens the session, or says on standard error why not and what to do about it. STATUS_SUCCESS when it is open.
 exit_status open_session(const broker_address &address, const std::vector<std::string> &filters,
                          message_handler handler);
+
+// Says on standard error that no daemon has announced itself on this broker.
+exit_status report_no_daemon(const broker_address &address);
 
 // Says on standard error that the session is lost.
 exit_status report_lost(const broker_address &address, const std::string &error);

@@ -8,7 +8,8 @@ namespace
 
 // In the order of the help.
 constexpr void (*COMMANDS[])(CLI::App &app, command_context &context) = {
-    add_top_command,
+    add_nodes_command, add_show_command, add_ports_command, add_pm_command,
+    add_lists_command, add_top_command,  add_watch_command,
 };
 
 exit_status run(int argc, char **argv)

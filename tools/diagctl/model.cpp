@@ -1,5 +1,6 @@
 #include "model.h"
 
+#include "common/bytes.h"
 #include "common/text.h"
 #include "summary.h"
 
@@ -7,6 +8,7 @@
 #include <charconv>
 #include <cstdio>
 #include <set>
+#include <utility>
 
 namespace
 {
@@ -15,6 +17,8 @@ using bytes = std::span<const uint8_t>;
 using changes = std::vector<std::string>;
 
 constexpr std::string_view DIAG_PREFIX = "pub/diag/";
+constexpr std::string_view RING_PREFIX = "local/diag/ring/";
+constexpr std::string_view RING_SUFFIX = "/status";
 constexpr const char *PORT_LIST_NAMES[PORT_LISTS] = {"link-down list", "ground list", "miswired list"};
 constexpr const char *PORT_LIST_TOPICS[PORT_LISTS] = {
     "pub/diag/net/fire/link_down", "pub/diag/net/fire/grnd_list", "pub/diag/net/fire/miswired"};
@@ -159,11 +163,6 @@ std::optional<port_codes> parse_port_codes(bytes payload, const char *(*name_of)
     return codes;
 }
 
-const char *colour_name(int status)
-{
-    return COLOUR_NAMES[status];
-}
-
 std::optional<port_codes> parse_colours(bytes payload)
 {
     return parse_port_codes(payload, colour_name, PORT_STATUS_NONE, PORT_STATUS_NONE);
@@ -263,6 +262,7 @@ std::optional<std::string> decode_versions(bytes payload)
 struct node_topic_row {
     const char *name;
     const char *label;
+    value_kind kind;
     std::optional<std::string> (*decode)(bytes);
 };
 
@@ -272,19 +272,19 @@ constexpr uint32_t CARD_ADDR_MAX = 127;
 
 // By node_topic.
 constexpr std::array<node_topic_row, NODE_TOPICS> node_topics = {{
-    {"port_summary", "port colours", decode_port_summary},
-    {"port_media", "port media", decode_port_media},
-    {"job_rev", "job revision", decode_text<SUMMARY_JOB_REVISION_SIZE>},
-    {"job_name", "job name", decode_text<SUMMARY_JOB_NAME_SIZE>},
-    {"download_status", "download status", decode_download_status},
-    {"CF_free_space", "free space in CF", decode_number<ANY_U32>},
-    {"M301", "M301", decode_flag},
-    {"M702", "M702", decode_flag},
-    {"comm_loss", "comm loss", decode_flag},
-    {"download_pending", "download pending", decode_flag},
-    {"repeater", "repeater", decode_number<REPEATER_MAX>},
-    {"software_versions", "versions", decode_versions},
-    {"card_addr", "card address", decode_number<CARD_ADDR_MAX>},
+    {"port_summary", "port colours", value_kind::STRUCTURE, decode_port_summary},
+    {"port_media", "port media", value_kind::STRUCTURE, decode_port_media},
+    {"job_rev", "job revision", value_kind::TEXT, decode_text<SUMMARY_JOB_REVISION_SIZE>},
+    {"job_name", "job name", value_kind::TEXT, decode_text<SUMMARY_JOB_NAME_SIZE>},
+    {"download_status", "download status", value_kind::TEXT, decode_download_status},
+    {"CF_free_space", "free space in CF", value_kind::NUMBER, decode_number<ANY_U32>},
+    {"M301", "M301", value_kind::FLAG, decode_flag},
+    {"M702", "M702", value_kind::FLAG, decode_flag},
+    {"comm_loss", "comm loss", value_kind::FLAG, decode_flag},
+    {"download_pending", "download pending", value_kind::FLAG, decode_flag},
+    {"repeater", "repeater", value_kind::NUMBER, decode_number<REPEATER_MAX>},
+    {"software_versions", "versions", value_kind::STRUCTURE, decode_versions},
+    {"card_addr", "card address", value_kind::NUMBER, decode_number<CARD_ADDR_MAX>},
 }};
 
 node &node_of(network &net, const mac_address &mac)
@@ -465,9 +465,47 @@ std::optional<std::array<uint8_t, SIZE>> parse_record(bytes payload)
     return record;
 }
 
+// Counters wrap.
+uint64_t difference(uint64_t value, uint64_t before, size_t width)
+{
+    return width == sizeof(uint32_t) ? static_cast<uint32_t>(value - before) : value - before;
+}
+
+// What has come since; the values themselves where there is nothing to compare with, or a counter began again.
+void describe_stats(const std::string &who, const std::optional<stats_record> &before,
+                    const stats_record &after, changes &out)
+{
+    std::string text;
+    for (const stats_field &field : STATS_FIELDS) {
+        const uint64_t is = field_value(after, field.offset, field.width);
+        const uint64_t was = before ? field_value(*before, field.offset, field.width) : 0;
+        if (is != was) {
+            const bool is_growth = before && is > was && field.treatment != stats_treatment::PASSED;
+            text += (text.empty() ? " " : ", ") + std::string(field.name) +
+                    (is_growth ? " +" + std::to_string(is - was) : " " + std::to_string(is));
+        }
+    }
+    if (!text.empty()) {
+        out.push_back(who + " statistics" + text);
+    }
+}
+
+// What isn't 0.
+void describe_pm(const std::string &who, std::string_view slot, const pm_record &record, changes &out)
+{
+    std::string text;
+    for (const pm_field &field : PM_FIELDS) {
+        const uint64_t value = field_value(record, field.offset, field.width);
+        if (field.treatment != pm_treatment::CLOSING_TIME && value != 0) {
+            text += (text.empty() ? " " : ", ") + std::string(field.name) + " " + std::to_string(value);
+        }
+    }
+    out.push_back(who + " " + std::string(slot) + (text.empty() ? " all 0" : text));
+}
+
 // name: what follows pub/diag/<MAC>/<PORT>/.
 void apply_port_topic(network &net, const mac_address &mac, int port, std::string_view name, bytes payload,
-                      bool is_retained, const moment &now, changes &out)
+                      bool is_retained, const moment &now, change_detail detail, changes &out)
 {
     const std::string who = node_label(net, mac) + " port " + port_text(port);
     port_records &records = node_of(net, mac).ports[port];
@@ -480,7 +518,15 @@ void apply_port_topic(network &net, const mac_address &mac, int port, std::strin
         if (!records.stats.is_published) {
             records.is_reset_seen = false;
         }
+        const std::optional<stats_record> before = records.stats.value;
         set_fact(records.stats, payload, parse_record<STATS_BLOCK_SIZE>(payload));
+        if (records.stats.value && detail == change_detail::RECORDS) {
+            describe_stats(who, before, *records.stats.value, out);
+        }
+        records.sample_before = std::exchange(records.sample, std::nullopt);
+        if (records.stats.value && !is_retained) {
+            records.sample = {*records.stats.value, now};
+        }
         report_malformed(records.stats);
         return;
     }
@@ -509,6 +555,9 @@ void apply_port_topic(network &net, const mac_address &mac, int port, std::strin
     } else if (parse_slot(slot, PERIOD_PREFIX, PM_PERIODS) || parse_slot(slot, DAY_PREFIX, PM_DAYS)) {
         fact<pm_record> &record = records.pm[std::string(slot)];
         set_fact(record, payload, parse_record<PM_RECORD_SIZE>(payload));
+        if (record.value && detail == change_detail::RECORDS) {
+            describe_pm(who, slot, *record.value, out);
+        }
         report_malformed(record);
     }
 }
@@ -531,6 +580,24 @@ void apply_local_node(network &net, bytes payload, bool is_retained, changes &ou
         out.push_back("malformed local_node (" + counted(payload.size()) + ")");
     } else {
         out.push_back("local node withdrawn");
+    }
+}
+
+void apply_ring(network &net, std::string_view ring_text, bytes payload, changes &out)
+{
+    uint32_t ring = 0;
+    if (ring_text.empty() || !parse_u32(ring_text, ring)) {
+        return;
+    }
+    fact<int32_t> &state = net.rings[ring];
+    const std::optional<int32_t> before = state.value;
+    const bool is_valid = payload.size() == RING_STATUS_SIZE;
+    set_fact(state, payload, is_valid ? std::optional(load_host<int32_t>(payload.data())) : std::nullopt);
+    const std::string who = "local ring " + std::to_string(ring);
+    if (is_malformed(state)) {
+        out.push_back(who + " malformed status (" + counted(payload.size()) + ")");
+    } else if (state.value != before) {
+        out.push_back(who + " " + (state.value ? ring_state_text(*state.value) : "withdrawn"));
     }
 }
 
@@ -663,33 +730,35 @@ void apply_miswired_links(network &net, bytes payload, changes &out)
     describe_link_difference(before, after, "lost", out);
 }
 
-void apply_topic_of_node(network &net, std::string_view topic, bytes payload, bool is_retained,
-                         const moment &now, changes &out)
-{
-    const size_t slash = topic.find('/');
-    const std::optional<mac_address> mac = parse_topic_mac(topic.substr(0, slash));
-    if (!mac || slash == std::string_view::npos) {
-        return;
-    }
-    const std::string_view name = topic.substr(slash + 1);
-    for (int i = 0; i < NODE_TOPICS; i++) {
-        if (name == node_topics[static_cast<size_t>(i)].name) {
-            apply_node_topic(net, *mac, i, payload, is_retained, now, out);
-            return;
-        }
-    }
-    const size_t port_end = name.find('/');
-    const std::optional<int> port = parse_topic_port(name.substr(0, port_end));
-    if (port && port_end != std::string_view::npos) {
-        apply_port_topic(net, *mac, *port, name.substr(port_end + 1), payload, is_retained, now, out);
-    }
-}
-
 } // namespace
+
+moment current_moment()
+{
+    return {std::chrono::steady_clock::now(), std::chrono::system_clock::now()};
+}
 
 std::string mac_text(const mac_address &mac)
 {
     return mac_addr_to_str(mac.data());
+}
+
+const char *colour_name(int status)
+{
+    return COLOUR_NAMES[status];
+}
+
+const char *ring_state_text(int32_t state)
+{
+    if (state < 0) {
+        return "not configured";
+    }
+    return state == RING_STATUS_CLOSED ? "closed" : "open";
+}
+
+node_topic_info node_topic_of(int topic)
+{
+    const node_topic_row &row = node_topics[static_cast<size_t>(topic)];
+    return {row.name, row.label, row.kind};
 }
 
 std::string port_text(int port)
@@ -713,24 +782,73 @@ std::string miswired_link_text(const miswired_link &link)
            std::to_string(link.peer_number) + "/" + port_text(link.peer_port);
 }
 
+std::optional<topic_place> parse_topic_place(std::string_view topic)
+{
+    if (!topic.starts_with(DIAG_PREFIX)) {
+        return {};
+    }
+    topic.remove_prefix(DIAG_PREFIX.size());
+    const size_t slash = topic.find('/');
+    const std::optional<mac_address> mac = parse_topic_mac(topic.substr(0, slash));
+    if (!mac || slash == std::string_view::npos) {
+        return {};
+    }
+    topic.remove_prefix(slash + 1);
+    const size_t port_end = topic.find('/');
+    const std::optional<int> port = parse_topic_port(topic.substr(0, port_end));
+    if (port && port_end != std::string_view::npos) {
+        return topic_place{*mac, port, topic.substr(port_end + 1)};
+    }
+    return topic_place{*mac, {}, topic};
+}
+
+int node_topic_named(std::string_view name)
+{
+    for (int topic = 0; topic < NODE_TOPICS; topic++) {
+        if (name == node_topics[static_cast<size_t>(topic)].name) {
+            return topic;
+        }
+    }
+    return -1;
+}
+
+std::optional<int> port_list_of_topic(std::string_view topic)
+{
+    for (int list = 0; list < PORT_LISTS; list++) {
+        if (topic == PORT_LIST_TOPICS[list]) {
+            return list;
+        }
+    }
+    return {};
+}
+
 std::vector<std::string> network_apply(network &net, std::string_view topic, std::span<const uint8_t> payload,
-                                       bool is_retained, const moment &now)
+                                       bool is_retained, const moment &now, change_detail detail)
 {
     changes out;
-    const auto list = std::find(std::begin(PORT_LIST_TOPICS), std::end(PORT_LIST_TOPICS), topic);
-    if (list != std::end(PORT_LIST_TOPICS)) {
-        apply_port_list(net, static_cast<int>(list - std::begin(PORT_LIST_TOPICS)), payload, out);
-    } else if (topic == "pub/diag/net/fire/miswired_links") {
+    if (const std::optional<int> list = port_list_of_topic(topic)) {
+        apply_port_list(net, *list, payload, out);
+    } else if (topic == MISWIRED_LINKS_TOPIC) {
         apply_miswired_links(net, payload, out);
-    } else if (topic == "local/diag/network_style7") {
+    } else if (topic == RING_STATUS_TOPIC) {
         apply_ring_status(net, payload, out);
+    } else if (topic.starts_with(RING_PREFIX) && topic.ends_with(RING_SUFFIX) &&
+               topic.size() > RING_PREFIX.size() + RING_SUFFIX.size()) {
+        apply_ring(net,
+                   topic.substr(RING_PREFIX.size(), topic.size() - RING_PREFIX.size() - RING_SUFFIX.size()),
+                   payload, out);
     } else if (topic == "pub/diag/local_node") {
         apply_local_node(net, payload, is_retained, out);
     } else if (topic == "pub/diag/command/request" || topic == "pub/diag/command/response") {
         out.push_back(std::string("command ") + std::string(topic.substr(topic.rfind('/') + 1)) + " " +
                       printable(as_text(payload)));
-    } else if (topic.starts_with(DIAG_PREFIX)) {
-        apply_topic_of_node(net, topic.substr(DIAG_PREFIX.size()), payload, is_retained, now, out);
+    } else if (const std::optional<topic_place> place = parse_topic_place(topic)) {
+        if (place->port) {
+            apply_port_topic(net, place->mac, *place->port, place->name, payload, is_retained, now, detail,
+                             out);
+        } else if (const int node_topic = node_topic_named(place->name); node_topic != -1) {
+            apply_node_topic(net, place->mac, node_topic, payload, is_retained, now, out);
+        }
     }
     if (is_retained) {
         out.clear();
@@ -745,6 +863,21 @@ uint64_t field_value(std::span<const uint8_t> record, size_t offset, size_t widt
         value = value << 8 | byte;
     }
     return value;
+}
+
+std::optional<double> field_rate(const port_records &records, const stats_field &field)
+{
+    const bool is_traffic =
+        field.treatment == stats_treatment::DIFFERENCED && field.origin != stats_origin::KEPT;
+    if (!records.sample || !records.sample_before || !is_traffic) {
+        return {};
+    }
+    const std::chrono::duration<double> time =
+        records.sample->when.steady - records.sample_before->when.steady;
+    const uint64_t grown =
+        difference(field_value(records.sample->record, field.offset, field.width),
+                   field_value(records.sample_before->record, field.offset, field.width), field.width);
+    return time.count() > 0 ? std::optional(static_cast<double>(grown) / time.count()) : std::nullopt;
 }
 
 std::optional<uint64_t> running_period_value(const port_records &records, const pm_field &field)
@@ -765,7 +898,7 @@ std::optional<uint64_t> running_period_value(const port_records &records, const 
         return {};
     }
     const uint64_t start = field_value(*records.period_start, source.offset, source.width);
-    return source.width == sizeof(uint32_t) ? static_cast<uint32_t>(value - start) : value - start;
+    return difference(value, start, source.width);
 }
 
 std::optional<node_reference> parse_node_reference(std::string_view text)

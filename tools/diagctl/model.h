@@ -1,5 +1,6 @@
 // What a broker's diagnostic topics say about the network: topic and payload in, a model and one line of text
-// for each change out. Nothing here talks to a broker or looks at a clock.
+// for each change out. Nothing here talks to a broker, or looks at a clock
+// but current_moment().
 //
 // Every value keeps whether its topic is published at all and whether it could be decoded: a payload of the
 // wrong form is never shown in part.
@@ -29,6 +30,8 @@ struct moment {
     std::chrono::system_clock::time_point wall;
 };
 
+moment current_moment();
+
 // The last value of a topic.
 template <typename T>
 struct fact {
@@ -57,15 +60,37 @@ enum node_topic {
 // The daemon withdraws the first eleven when a node leaves; the others stay.
 constexpr int NODE_TOPICS_WITHDRAWN = TOPIC_SOFTWARE_VERSIONS;
 
+enum class value_kind {
+    TEXT,
+    NUMBER,
+    FLAG,      // "on" or "off"
+    STRUCTURE, // taken apart in struct node
+};
+
+struct node_topic_info {
+    const char *name;  // last level of the topic
+    const char *label; // for people
+    value_kind kind;
+};
+node_topic_info node_topic_of(int topic);
+
 // One code for each front port; the code for none where the topic doesn't name the port.
 using port_codes = std::array<int, LUM_FRONT_PORTS>;
 
 using stats_record = std::array<uint8_t, STATS_BLOCK_SIZE>;
 using pm_record = std::array<uint8_t, PM_RECORD_SIZE>;
 
+struct stats_sample {
+    stats_record record;
+    moment when;
+};
+
 // Statistics and performance records of one port, as published.
 struct port_records {
     fact<stats_record> stats;
+    // The last two statistics whose time is known, for rates: a retained message doesn't tell when it was published.
+    std::optional<stats_sample> sample;
+    std::optional<stats_sample> sample_before;
     std::map<std::string, fact<pm_record>, std::less<>> pm; // by slot: "period0" ... "day6"
     fact<std::string> last_period;                          // the slot closed last
     fact<std::string> last_day;
@@ -119,6 +144,7 @@ enum port_list {
 struct network {
     fact<mac_address> local;
     fact<bool> ring_degraded;
+    std::map<unsigned, fact<int32_t>> rings; // of the local node, see ring_state_text()
     std::array<fact<std::vector<listed_ports>>, PORT_LISTS> lists;
     fact<std::vector<miswired_link>> miswired_links; // not published: no miswired link
     std::map<mac_address, node> nodes;               // also nodes that have left, see is_present
@@ -135,13 +161,44 @@ std::optional<int> parse_port(std::string_view text);
 // "7/A to 9/C": the ends as node number and port.
 std::string miswired_link_text(const miswired_link &link);
 
+// "closed", "open" or "not configured".
+const char *ring_state_text(int32_t state);
+
+// "green", "yellow" or "red".
+const char *colour_name(int status);
+
+// A topic pub/diag/<MAC>/<name> or pub/diag/<MAC>/<PORT>/<name>.
+struct topic_place {
+    mac_address mac;
+    std::optional<int> port;
+    std::string_view name; // within the topic's text
+};
+std::optional<topic_place> parse_topic_place(std::string_view topic);
+
+// A node_topic, -1 for other names.
+int node_topic_named(std::string_view name);
+
+constexpr const char *MISWIRED_LINKS_TOPIC = "pub/diag/net/fire/miswired_links";
+constexpr const char *RING_STATUS_TOPIC = "local/diag/network_style7";
+std::optional<int> port_list_of_topic(std::string_view topic); // a port_list
+
+enum class change_detail {
+    NETWORK, // not the contents of statistics and performance records
+    RECORDS,
+};
+
 // Takes in one message and returns the changes it means, one line each. Of a retained message, which tells
 // what was before the subscription, there are none. Topics that aren't known are passed over.
 std::vector<std::string> network_apply(network &net, std::string_view topic, std::span<const uint8_t> payload,
-                                       bool is_retained, const moment &now);
+                                       bool is_retained, const moment &now,
+                                       change_detail detail = change_detail::NETWORK);
 
 // An unsigned big-endian field of a published record.
 uint64_t field_value(std::span<const uint8_t> record, size_t offset, size_t width);
+
+// How much a counter grew each second between the last two statistics. Empty when their times aren't known, and for
+// what isn't a counter of traffic.
+std::optional<double> field_rate(const port_records &records, const stats_field &field);
 
 // What the running period has of a field so far: the statistics less what they were when it began. Before the first
 // close that is everything since a reset; without one, what a port counted before its first statistics message is in

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <string_view>
 
@@ -25,9 +26,29 @@ struct key_code {
     std::string_view code;
     key meaning;
 };
+// The first that fits counts: the escape key alone comes last.
 constexpr key_code KEYS[] = {
-    {"q", key::QUIT},    {"Q", key::QUIT},      {"\x1b[A", key::UP}, {"\x1b[B", key::DOWN},
-    {"\x1bOA", key::UP}, {"\x1bOB", key::DOWN}, {"k", key::UP},      {"j", key::DOWN},
+    {"q", key::QUIT},
+    {"Q", key::QUIT},
+    {"k", key::UP},
+    {"j", key::DOWN},
+    {"\x1b[A", key::UP},
+    {"\x1b[B", key::DOWN},
+    {"\x1bOA", key::UP},
+    {"\x1bOB", key::DOWN},
+    {"\x1b[5~", key::PAGE_UP},
+    {"\x1b[6~", key::PAGE_DOWN},
+    {"\r", key::ENTER},
+    {"\n", key::ENTER},
+    {"m", key::SORT_MAC},
+    {"n", key::SORT_NUMBER},
+    {"f", key::SORT_FAULTS},
+    {"c", key::SORT_CHANGE},
+    {"\x7f", key::BACK},
+    {"\b", key::BACK},
+    {"\x1b[D", key::BACK},
+    {"\x1bOD", key::BACK},
+    {"\x1b", key::BACK},
 };
 
 struct {
@@ -46,6 +67,16 @@ bool write_all(std::string_view text)
         text.remove_prefix(written > 0 ? static_cast<size_t>(written) : 0);
     }
     return true;
+}
+
+void append_styled(std::string &text, const screen_line &line)
+{
+    static const bool has_colours = getenv("NO_COLOR") == nullptr;
+    for (const styled_text &part : line) {
+        const bool is_colour = part.style >= text_style::RED;
+        text += STYLES[static_cast<size_t>(is_colour && !has_colours ? text_style::PLAIN : part.style)];
+        text += part.text;
+    }
 }
 
 } // namespace
@@ -88,16 +119,11 @@ void terminal_size(size_t &width, size_t &height)
 
 bool terminal_draw(const std::vector<screen_line> &lines)
 {
-    static const bool has_colours = getenv("NO_COLOR") == nullptr;
     std::string frame(HOME);
     for (size_t i = 0; i < lines.size(); i++) {
         frame += i == 0 ? "" : "\r\n";
         frame += CLEAR_LINE;
-        for (const styled_text &part : lines[i]) {
-            const bool is_colour = part.style >= text_style::RED;
-            frame += STYLES[static_cast<size_t>(is_colour && !has_colours ? text_style::PLAIN : part.style)];
-            frame += part.text;
-        }
+        append_styled(frame, lines[i]);
     }
     if (frame == terminal.shown) {
         return true;
@@ -134,4 +160,20 @@ bool terminal_read_keys(std::vector<key> &keys)
         typed.remove_prefix(size);
     }
     return true;
+}
+
+void terminal_print(const screen_line &line)
+{
+    static const bool is_styled = terminal_is_screen();
+    std::string text;
+    if (is_styled) {
+        append_styled(text, line);
+        text += STYLES[static_cast<size_t>(text_style::PLAIN)];
+    } else {
+        for (const styled_text &part : line) {
+            text += part.text;
+        }
+        text.erase(text.find_last_not_of(' ') + 1);
+    }
+    puts(text.c_str());
 }

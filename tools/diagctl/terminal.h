@@ -2,7 +2,7 @@
 // echo. What was on the screen before comes back on leaving.
 #pragma once
 
-#include "view.h"
+#include "lines.h"
 
 // Whether a full screen can be shown: standard output is a terminal that knows how to place the cursor.
 bool terminal_is_screen();
@@ -23,8 +23,19 @@ enum class key {
     QUIT,
     UP,
     DOWN,
+    PAGE_UP,
+    PAGE_DOWN,
+    ENTER,
+    BACK,
+    SORT_MAC,
+    SORT_NUMBER,
+    SORT_FAULTS,
+    SORT_CHANGE,
     OTHER,
 };
 
 // The keys that wait on standard input; false when it has ended.
 bool terminal_read_keys(std::vector<key> &keys);
+
+// Writes the line to standard output, with its styles if that is a terminal that shows them.
+void terminal_print(const screen_line &line);

@@ -1,9 +1,8 @@
 #include "view.h"
 
-#include "summary.h"
+#include "reports.h"
 
 #include <algorithm>
-#include <ctime>
 
 namespace
 {
@@ -13,132 +12,13 @@ using std::to_string;
 constexpr size_t MIN_EVENT_LINES = 4; // with their title
 constexpr size_t MIN_NODE_ROWS = 3;
 constexpr size_t MAX_LIST_LINES = 3;
-constexpr const char *COLUMN_GAP = "  ";
-// A port's colour is also a mark, for terminals and people without colours.
-constexpr const char *COLOUR_MARKS[] = {" ", "~", "!"}; // by port_status
-constexpr text_style COLOUR_STYLES[] = {text_style::GREEN, text_style::YELLOW, text_style::RED};
-constexpr const char *LIST_TITLES[PORT_LISTS] = {"Link down", "Ground fault", "Miswired"};
-
-size_t length_of(const screen_line &line)
-{
-    size_t length = 0;
-    for (const styled_text &part : line) {
-        length += part.text.size();
-    }
-    return length;
-}
-
-screen_line plain(std::string text)
-{
-    return {{text_style::PLAIN, std::move(text)}};
-}
-
-void append(screen_line &line, const screen_line &more)
-{
-    line.insert(line.end(), more.begin(), more.end());
-}
-
-void pad(screen_line &line, size_t width)
-{
-    const size_t length = length_of(line);
-    if (length < width) {
-        line.push_back({text_style::PLAIN, std::string(width - length, ' ')});
-    }
-}
-
-void clip(screen_line &line, size_t width)
-{
-    screen_line clipped;
-    for (styled_text &part : line) {
-        part.text.resize(std::min(part.text.size(), width));
-        width -= part.text.size();
-        clipped.push_back(std::move(part));
-    }
-    line = std::move(clipped);
-}
-
-// "2024-05-01 10:15:03", local time.
-std::string date_text(const moment &when)
-{
-    const time_t seconds = std::chrono::system_clock::to_time_t(when.wall);
-    tm broken_down{};
-    char text[sizeof "2024-05-01 10:15:03" + 8] = "";
-    if (localtime_r(&seconds, &broken_down) != nullptr) {
-        strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &broken_down);
-    }
-    return text;
-}
-
-// The time of day of it.
-std::string clock_text(const moment &when)
-{
-    const std::string text = date_text(when);
-    return text.substr(std::min(text.size(), text.find(' ') + 1));
-}
-
-std::string age_text(std::chrono::steady_clock::duration age)
-{
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(age).count();
-    if (seconds < 120) {
-        return to_string(seconds) + " s";
-    }
-    return seconds < 7200 ? to_string(seconds / 60) + " min" : to_string(seconds / 3600) + " h";
-}
-
-std::string named_node(const mac_address &mac, uint8_t number)
-{
-    return mac_text(mac) + " (" + to_string(number) + ")";
-}
-
-screen_line title_line(const std::string &text, size_t width)
-{
-    screen_line line = {{text_style::TITLE, text}};
-    if (text.size() < width) {
-        line[0].text.append(width - text.size(), ' ');
-    }
-    return line;
-}
-
-// Rows of cells in columns as wide as their widest cell.
-std::vector<screen_line> columns(const std::vector<std::vector<screen_line>> &rows)
-{
-    std::vector<size_t> widths;
-    for (const auto &row : rows) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (size_t i = 0; i < row.size(); i++) {
-            widths[i] = std::max(widths[i], length_of(row[i]));
-        }
-    }
-    std::vector<screen_line> lines;
-    for (const auto &row : rows) {
-        screen_line line;
-        for (size_t i = 0; i < row.size(); i++) {
-            screen_line cell = row[i];
-            if (i + 1 < row.size()) {
-                pad(cell, widths[i]);
-                cell.push_back({text_style::PLAIN, COLUMN_GAP});
-            }
-            append(line, cell);
-        }
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-template <typename T>
-std::string fact_text(const fact<T> &value, const char *absent, const std::string &text)
-{
-    if (!value.is_published) {
-        return absent;
-    }
-    return value.value ? text : "malformed (" + to_string(value.size) + " bytes)";
-}
+constexpr const char *HELP = "sort m:mac n:number f:faults c:change  enter detail  q quit";
 
 std::vector<screen_line> header_lines(const screen &screen, size_t node_count, const moment &now)
 {
     const network &net = screen.net;
     std::string title = "diagctl top  " + screen.broker + "  " + clock_text(now);
-    const std::string help = "up/down scroll  q quit";
+    const std::string help = screen.is_detail ? "enter back  q quit" : HELP;
     if (title.size() + help.size() + 2 <= screen.width) {
         title.append(screen.width - title.size() - help.size(), ' ');
         title += help;
@@ -147,149 +27,28 @@ std::vector<screen_line> header_lines(const screen &screen, size_t node_count, c
     state.push_back({text_style::BOLD,
                      fact_text(net.local, "unknown", net.local.value ? mac_text(*net.local.value) : "")});
     state.push_back({text_style::PLAIN, "   Network ring "});
-    const bool degraded = net.ring_degraded.value.value_or(false);
-    state.push_back({degraded ? text_style::RED : text_style::GREEN,
-                     fact_text(net.ring_degraded, "unknown", degraded ? "DEGRADED" : "normal")});
-    if (!net.ring_degraded.value) {
-        state.back().style = text_style::PLAIN;
-    }
+    state.push_back({ring_style(net), ring_text(net)});
     state.push_back(
         {text_style::PLAIN, "   " + to_string(node_count) + (node_count == 1 ? " node" : " nodes")});
     return {title_line(title, screen.width), state};
 }
 
-size_t port_columns(const std::vector<const node *> &nodes)
-{
-    size_t count = 1;
-    for (const node *shown : nodes) {
-        for (size_t port = 0; port < LUM_FRONT_PORTS; port++) {
-            if ((shown->colours && (*shown->colours)[port] != PORT_STATUS_NONE) ||
-                (shown->media && (*shown->media)[port] != LUM_TYPE_NONE)) {
-                count = std::max(count, port + 1);
-            }
-        }
-    }
-    return count;
-}
-
-screen_line ports_cell(const node &shown, size_t count)
-{
-    const fact<std::string> &summary = shown.facts[TOPIC_PORT_SUMMARY];
-    if (!shown.colours) {
-        return plain(fact_text(summary, "-", ""));
-    }
-    screen_line cell;
-    for (size_t port = 0; port < count; port++) {
-        const int colour = (*shown.colours)[port];
-        const bool has_media = shown.media && (*shown.media)[port] != LUM_TYPE_NONE;
-        const std::string gap = port + 1 < count ? " " : "";
-        if (colour != PORT_STATUS_NONE) {
-            cell.push_back(
-                {COLOUR_STYLES[colour], port_text(static_cast<int>(port)) + COLOUR_MARKS[colour] + gap});
-        } else {
-            cell.push_back(
-                {text_style::DIM, (has_media ? port_text(static_cast<int>(port)) + "-" : ". ") + gap});
-        }
-    }
-    return cell;
-}
-
-// "eth", or "AB eth, C dsl" where the ports differ.
-std::string media_cell(const node &shown)
-{
-    if (!shown.media) {
-        return fact_text(shown.facts[TOPIC_PORT_MEDIA], "-", "");
-    }
-    std::string text;
-    int kinds = 0;
-    int last = LUM_TYPE_NONE;
-    for (int media = LUM_TYPE_ETH; media < LUM_TYPE_NONE; media++) {
-        std::string ports;
-        for (size_t port = 0; port < LUM_FRONT_PORTS; port++) {
-            if ((*shown.media)[port] == media) {
-                ports += port_text(static_cast<int>(port));
-            }
-        }
-        if (!ports.empty()) {
-            kinds++;
-            last = media;
-            text += (text.empty() ? "" : ", ") + ports + " " + hwinfo_lumtype_enum_to_str(media);
-        }
-    }
-    if (kinds == 0) {
-        return "-";
-    }
-    return kinds == 1 ? hwinfo_lumtype_enum_to_str(last) : text;
-}
-
-std::string job_cell(const node &shown)
-{
-    std::string text;
-    for (const node_topic topic : {TOPIC_JOB_NAME, TOPIC_JOB_REV}) {
-        const fact<std::string> &value = shown.facts[topic];
-        const std::string part = fact_text(value, "", value.value.value_or(""));
-        text += (text.empty() || part.empty() ? "" : " ") + part;
-    }
-    return text.empty() ? "-" : text;
-}
-
-std::string versions_cell(const node &shown)
-{
-    if (shown.versions.empty()) {
-        return fact_text(shown.facts[TOPIC_SOFTWARE_VERSIONS], "-", "");
-    }
-    std::string text;
-    for (const software_version &item : shown.versions) {
-        text += (text.empty() ? "" : " / ") + (item.version.empty() ? "-" : item.version);
-    }
-    return text;
-}
-
-// The local node first, the others by MAC address.
-std::vector<const node *> shown_nodes(const network &net)
-{
-    std::vector<const node *> nodes;
-    for (const auto &[mac, candidate] : net.nodes) {
-        if (net.is_local(mac)) {
-            nodes.insert(nodes.begin(), &candidate);
-        } else if (candidate.is_present) {
-            nodes.push_back(&candidate);
-        }
-    }
-    return nodes;
-}
-
+// The table, scrolled so that the selected node is in it.
 std::vector<screen_line> node_lines(const screen &screen, const std::vector<const node *> &nodes,
                                     size_t max_rows, const moment &now)
 {
-    std::vector<std::vector<screen_line>> rows;
-    std::vector<screen_line> titles;
-    for (const char *title : {"NODE", "NR", "WHERE", "PORTS", "MEDIA", "JOB", "CHANGED", "OS / BOOT / APP"}) {
-        titles.push_back({{text_style::BOLD, title}});
+    std::vector<screen_line> lines = node_table(screen.net, nodes, now);
+    if (nodes.empty()) {
+        return lines;
     }
-    rows.push_back(titles);
-    const size_t ports = port_columns(nodes);
-    for (const node *shown : nodes) {
-        rows.push_back({
-            plain(mac_text(shown->mac)),
-            plain(shown->number ? to_string(*shown->number) : "-"),
-            plain(!screen.net.local.value           ? "-"
-                  : screen.net.is_local(shown->mac) ? "local"
-                                                    : "remote"),
-            ports_cell(*shown, ports),
-            plain(media_cell(*shown)),
-            plain(job_cell(*shown)),
-            plain(shown->last_change ? age_text(now.steady - shown->last_change->steady) : "-"),
-            plain(versions_cell(*shown)),
-        });
-    }
-    std::vector<screen_line> lines = columns(rows);
+    const size_t selected = index_of(nodes, screen.selected);
+    lines[selected + 1][0].style = text_style::TITLE;
     if (nodes.size() <= max_rows) {
         return lines;
     }
     // One row tells what isn't shown.
     const size_t visible = max_rows - 1;
-    const size_t first = std::min(screen.first_node, nodes.size() - visible);
+    const size_t first = selected < visible ? 0 : selected - visible + 1;
     const auto body = lines.begin() + 1;
     const auto from = body + static_cast<std::ptrdiff_t>(first);
     std::vector<screen_line> cut = {lines[0]};
@@ -297,6 +56,18 @@ std::vector<screen_line> node_lines(const screen &screen, const std::vector<cons
     cut.push_back({{text_style::DIM, "... nodes " + to_string(first + 1) + " to " +
                                          to_string(first + visible) + " of " + to_string(nodes.size())}});
     return cut;
+}
+
+// One node with the statistics of its ports.
+std::vector<screen_line> detail_lines(const screen &screen, const node &shown)
+{
+    std::vector<screen_line> lines = report_node(screen.net, shown).lines;
+    const std::vector<screen_line> ports = report_ports(shown, {}).lines;
+    if (!ports.empty()) {
+        lines.push_back(title_line("Statistics since reset", screen.width));
+        lines.insert(lines.end(), ports.begin(), ports.end());
+    }
+    return lines;
 }
 
 // "Link down: none", or the entries behind the title, wrapped and cut.
@@ -327,21 +98,6 @@ std::vector<screen_line> list_lines(const std::string &title, const std::vector<
     return lines;
 }
 
-std::vector<std::string> port_list_entries(const std::vector<listed_ports> &list)
-{
-    std::vector<std::string> entries;
-    for (const listed_ports &record : list) {
-        std::string text = named_node(record.mac, record.number) + " ";
-        for (int port = 0; port < LUM_FRONT_PORTS; port++) {
-            if ((record.ports & (1U << port)) != 0) {
-                text += port_text(port);
-            }
-        }
-        entries.push_back(text);
-    }
-    return entries;
-}
-
 std::vector<screen_line> all_list_lines(const network &net, size_t width)
 {
     std::vector<std::vector<screen_line>> lists;
@@ -351,12 +107,8 @@ std::vector<screen_line> all_list_lines(const network &net, size_t width)
                                    port_list_entries(list.value.value_or(std::vector<listed_ports>{})),
                                    fact_text(list, "unknown", "none"), width));
     }
-    std::vector<std::string> links;
-    for (const miswired_link &link : net.miswired_links.value.value_or(std::vector<miswired_link>{})) {
-        links.push_back(miswired_link_text(link));
-    }
-    lists.push_back(
-        list_lines("Miswired links", links, fact_text(net.miswired_links, "none", "none"), width));
+    lists.push_back(list_lines("Miswired links", miswired_link_entries(net),
+                               fact_text(net.miswired_links, "none", "none"), width));
 
     // Short lists share a line.
     constexpr const char *LIST_GAP = "   ";
@@ -519,28 +271,43 @@ void cut_lines(std::vector<screen_line> &lines, size_t count)
 
 } // namespace
 
+size_t index_of(const std::vector<const node *> &nodes, const mac_address &mac)
+{
+    const auto found =
+        std::find_if(nodes.begin(), nodes.end(), [&](const node *item) { return item->mac == mac; });
+    return found == nodes.end() ? 0 : static_cast<size_t>(found - nodes.begin());
+}
+
 std::vector<screen_line> view_render(const screen &screen, const moment &now)
 {
-    const std::vector<const node *> nodes = shown_nodes(screen.net);
+    const std::vector<const node *> nodes = sorted_nodes(screen.net, screen.order);
     std::vector<screen_line> lines = header_lines(screen, nodes.size(), now);
-    const std::vector<screen_line> lists = all_list_lines(screen.net, screen.width);
-    std::vector<screen_line> stats;
-    if (screen.target != nullptr) {
-        stats = stats_lines(screen);
-    }
     const auto add = [&](const std::vector<screen_line> &part) {
         lines.insert(lines.end(), part.begin(), part.end());
     };
-
-    // What isn't nodes or statistics comes first; nodes shrink to a few rows before statistics do.
-    const size_t fixed = lines.size() + 1 + lists.size() + MIN_EVENT_LINES;
-    const size_t room = screen.height > fixed ? screen.height - fixed : 0;
-    const size_t node_rows =
-        std::min(nodes.size(), std::max(MIN_NODE_ROWS, room > stats.size() ? room - stats.size() : 0));
-    cut_lines(stats, room > node_rows ? room - node_rows : 0);
-    add(node_lines(screen, nodes, node_rows, now));
-    add(lists);
-    add(stats);
+    // The rows that may follow when the newest events stay in sight.
+    const auto room = [&](size_t others) {
+        const size_t fixed = lines.size() + others + MIN_EVENT_LINES;
+        return screen.height > fixed ? screen.height - fixed : 0;
+    };
+    const auto selected = screen.net.nodes.find(screen.selected);
+    if (screen.is_detail && selected != screen.net.nodes.end()) {
+        std::vector<screen_line> detail = detail_lines(screen, selected->second);
+        cut_lines(detail, room(0));
+        add(detail);
+    } else {
+        const std::vector<screen_line> lists = all_list_lines(screen.net, screen.width);
+        std::vector<screen_line> stats =
+            screen.target != nullptr ? stats_lines(screen) : std::vector<screen_line>{};
+        // Nodes shrink to a few rows before statistics do.
+        const size_t rows = room(lists.size() + 1);
+        const size_t node_rows =
+            std::min(nodes.size(), std::max(MIN_NODE_ROWS, rows > stats.size() ? rows - stats.size() : 0));
+        cut_lines(stats, rows > node_rows ? rows - node_rows : 0);
+        add(node_lines(screen, nodes, node_rows, now));
+        add(lists);
+        add(stats);
+    }
     add(event_lines(screen, screen.height > lines.size() ? screen.height - lines.size() : 0));
 
     lines.resize(screen.height);

@@ -2,27 +2,9 @@
 // is printable ASCII. Nothing here talks to a terminal.
 #pragma once
 
-#include "model.h"
+#include "reports.h"
 
 #include <deque>
-#include <string>
-#include <vector>
-
-enum class text_style {
-    PLAIN,
-    DIM,
-    BOLD,
-    TITLE,
-    RED,
-    YELLOW,
-    GREEN,
-};
-
-struct styled_text {
-    text_style style;
-    std::string text;
-};
-using screen_line = std::vector<styled_text>;
 
 struct event {
     moment when;
@@ -40,10 +22,15 @@ struct screen {
     const network &net;
     const std::deque<event> &events;
     const stats_target *target; // null: no statistics wanted
-    size_t first_node;          // how far the table of nodes is scrolled down
+    node_order order;
+    mac_address selected;
+    bool is_detail; // the selected node instead of the table
     size_t width;
     size_t height;
 };
+
+// Where the node stands, 0 when it isn't there.
+size_t index_of(const std::vector<const node *> &nodes, const mac_address &mac);
 
 // screen.height lines, none wider than screen.width.
 std::vector<screen_line> view_render(const screen &screen, const moment &now);

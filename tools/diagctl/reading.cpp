@@ -1,0 +1,150 @@
+#include "reading.h"
+
+#include "live.h"
+
+#include <cstdio>
+
+namespace
+{
+
+network *read_network = nullptr;
+
+void take_message(std::string_view topic, std::span<const uint8_t> payload, bool is_retained)
+{
+    network_apply(*read_network, topic, payload, is_retained, current_moment());
+    live_changed();
+}
+
+void print_report(const report &shown, bool is_json, int indent)
+{
+    if (is_json) {
+        puts(shown.object.dump(indent).c_str());
+        return;
+    }
+    for (const screen_line &line : shown.lines) {
+        terminal_print(line);
+    }
+}
+
+exit_status watch(const broker_address &address, const reading_options &options,
+                  const std::function<report()> &build)
+{
+    std::string printed;
+    const auto print = [&] {
+        const report shown = build();
+        // What hasn't changed isn't shown again.
+        std::string object = shown.object.dump();
+        if (object == printed) {
+            return;
+        }
+        if (!options.is_json && !printed.empty()) {
+            puts("");
+        }
+        print_report(shown, options.is_json, -1);
+        printed = std::move(object);
+    };
+    live_view view = {.render = {}, .take_key = {}, .print = print};
+    if (options.is_json) {
+        return live_run(address, view);
+    }
+    view.render = [&](size_t width, size_t height) {
+        std::vector<screen_line> lines = build().lines;
+        lines.resize(height);
+        for (screen_line &line : lines) {
+            clip(line, width);
+        }
+        return lines;
+    };
+    return live_run(address, view);
+}
+
+} // namespace
+
+void add_reading_options(CLI::App &command, reading_options &options)
+{
+    command.add_flag("--json", options.is_json, "Print JSON; with --watch one line for each change");
+    command.add_flag("--watch", options.is_watch, "Go on and show every change, until Ctrl-C or q");
+}
+
+exit_status reading_open(const broker_address &address, network &net)
+{
+    read_network = &net;
+    const exit_status opened = open_session(address,
+                                            {"pub/diag/local_node", "pub/diag/+/+", "pub/diag/net/fire/+",
+                                             "local/diag/network_style7", "local/diag/ring/+/status"},
+                                            take_message);
+    if (opened != STATUS_SUCCESS) {
+        return opened;
+    }
+    if (!net.local.is_published) {
+        session_close();
+        return report_no_daemon(address);
+    }
+    return STATUS_SUCCESS;
+}
+
+exit_status reading_add(const broker_address &address, const std::string &filter)
+{
+    std::string error;
+    return session_subscribe(filter, error) ? STATUS_SUCCESS : report_lost(address, error);
+}
+
+exit_status report_no_records(const network &net, const node &found, const char *what)
+{
+    const std::string mac = mac_text(found.mac);
+    fprintf(stderr, "diagctl: no %s of node %s on this broker\n", what, mac.c_str());
+    if (net.is_local(found.mac)) {
+        fprintf(stderr,
+                "The daemon publishes statistics of fire ports only, and performance records from the "
+                "first quarter hour that closes.\n");
+    } else {
+        fprintf(
+            stderr,
+            "They are on the broker of that card: name it with --host, or have them relayed with 'diagctl "
+            "subscribe %s'.\n",
+            mac.c_str());
+    }
+    return STATUS_FAILURE;
+}
+
+exit_status reading_run(const broker_address &address, const reading_options &options,
+                        const std::function<report()> &build)
+{
+    if (options.is_watch) {
+        return watch(address, options, build);
+    }
+    print_report(build(), options.is_json, 2);
+    return fflush(stdout) == 0 ? STATUS_SUCCESS : STATUS_FAILURE;
+}
+
+exit_status reading_of_node(const broker_address &address, const reading_options &options,
+                            const node_reading &reading)
+{
+    network net;
+    exit_status status = reading_open(address, net);
+    if (status != STATUS_SUCCESS) {
+        return status;
+    }
+    const node *const found = resolve_node(net, reading.reference);
+    if (found == nullptr) {
+        status = STATUS_FAILURE;
+    } else {
+        const mac_address mac = found->mac;
+        // A node that leaves is forgotten.
+        const auto current = [&]() -> const node & {
+            net.nodes[mac].mac = mac;
+            return net.nodes[mac];
+        };
+        if (!reading.suffix.empty()) {
+            status = reading_add(address, "pub/diag/" + mac_text(mac) + "/" + reading.suffix);
+        }
+        if (status == STATUS_SUCCESS && reading.prepare) {
+            status = reading.prepare(net, current());
+        }
+        if (status == STATUS_SUCCESS) {
+            status = reading_run(address, options, [&] { return reading.build(net, current()); });
+        }
+    }
+    session_close();
+    return status;
+}
