@@ -1,5 +1,6 @@
 // diagctl: what a service engineer types to look at the network through a card's broker.
 #include "command.h"
+#include "completion.h"
 
 #include <cstdio>
 
@@ -22,6 +23,13 @@ exit_status run(int argc, char **argv)
     for (const auto add : COMMANDS) {
         add(app, context);
     }
+    const auto print_completion = [&](const std::string &) {
+        fputs(bash_completion(app).c_str(), stdout);
+        throw CLI::Success();
+    };
+    app.add_option_function<std::string>("--completion", print_completion)
+        ->check(CLI::IsMember({"bash"}))
+        ->group(""); // not in the help: for the installation
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
