@@ -7,14 +7,15 @@ namespace
 
 constexpr const char *SCRIPT_START = R"(_diagctl() {
     local command='' word words with_value
+    COMPREPLY=()
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         [[ $word == -* || -n $command ]] || command=$word
     done
     case $command in
 )";
-constexpr const char *SCRIPT_END = R"(    *) return ;;
+constexpr const char *SCRIPT_END = R"(    *) return 0 ;;
     esac
-    [[ " $with_value " != *" ${COMP_WORDS[COMP_CWORD-1]} "* ]] || return
+    [[ " $with_value " != *" ${COMP_WORDS[COMP_CWORD-1]} "* ]] || return 0
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "${COMP_WORDS[COMP_CWORD]}")
 }
 complete -o default -F _diagctl diagctl

@@ -1,0 +1,289 @@
+"""diagctl as an engineer uses it: with real daemons, and with a broker that says what the test wants."""
+import json
+import shlex
+import signal
+import struct
+import subprocess
+import tempfile
+
+import pytest
+from panel import BUILD, Stream, run, wait_until
+
+DIAGCTL = str(BUILD / "diagctl")
+LOCAL, PEER = "02-00-00-00-00-01", "02-00-00-00-00-02"
+SUCCESS, FAILURE, USAGE, NO_BROKER = range(4)
+
+# As the daemon publishes them, big-endian.
+STATS = struct.Struct(">2Q11I1IH")
+STATS_FIELDS = [
+    *("count64_0", "good_frames", "link_down_seconds", "link_down_count", "erps_down_count", "erps_down_seconds"),
+    *("errored_frames", "error_ratio_ppm", "count32_40", "count32_44", "count32_48", "count32_52", "value32_56"),
+    *("dsl_count_60", "value16_64"),
+]
+PM = struct.Struct(">q3Q6I")
+
+
+def diagctl(node, *words, status=SUCCESS, env=()):
+    """Runs a command in a node: its output, or what it says on standard error where it is to fail."""
+    command = node.command("env", "TZ=UTC", *env, DIAGCTL, *words)
+    done = subprocess.run(command, capture_output=True, text=True, timeout=30, check=False)
+    assert done.returncode == status, done
+    assert bool(done.stderr) == (status != SUCCESS), done
+    return done.stdout if status == SUCCESS else done.stderr
+
+
+def read_json(node, *words):
+    return json.loads(diagctl(node, *words, "--json"))
+
+
+@pytest.fixture(scope="module")
+def lab(make_lab):
+    """Three real nodes."""
+    lab = make_lab(3)
+    for node in lab.nodes.values():
+        node.watch()
+    wait_until(lambda: len(read_json(lab[1], "nodes")["nodes"]) == 3, 30)
+    return lab
+
+
+@pytest.fixture(scope="module")
+def played(make_lab):
+    """A node whose broker has what the test publishes, and no daemon."""
+    return make_lab(1, "--star", "--no-daemon").silence_cards()[1]
+
+
+@pytest.fixture(autouse=True)
+def empty(request):
+    """What a test has published on the played broker is gone for the next one."""
+    yield
+    if "played" in request.fixturenames:
+        node = request.getfixturevalue("played")
+        node.publish(*((topic, "") for topic in node.retained()))
+        node.mark_broker()
+
+
+def publish_node(node, *more):
+    node.publish(("pub/diag/local_node", LOCAL), (f"pub/diag/{LOCAL}/port_summary", '{"A":"green"}'), *more)
+
+
+def test_reading_commands_disagree_with_the_daemons_topics(lab):
+    node = lab[1]
+    topics = node.retained()
+    shown = {entry["mac"]: entry for entry in read_json(node, "nodes")["nodes"]}
+    assert list(shown) == [lab[number].mac for number in (1, 2, 3)], "the local node comes first"
+    for mac, entry in shown.items():
+        assert entry["location"] == ("local" if mac == LOCAL else "remote")
+        colours = {port["port"]: port["colour"] for port in entry["ports"]}
+        assert colours == json.loads(topics[f"pub/diag/{mac}/port_summary"])
+        media = {port["port"]: port["media"] for port in entry["ports"]}
+        assert media == json.loads(topics[f"pub/diag/{mac}/port_media"])
+        assert (entry["job_name"], entry["M301"]) == ("LAB", False)
+        assert entry["software_versions"][0] == {"name": "diag-os", "version": "1.4.0 lab"}
+    assert shown[LOCAL]["rings"] == [{"ring": 0, "state": "closed"}]
+    assert read_json(node, "show", "local")["card_addr"] == 1
+
+    before = STATS.unpack(node.retained()[f"pub/diag/{LOCAL}/A/stats"])
+    ports = {entry["port"]: entry for entry in read_json(node, "ports", LOCAL)["ports"]}
+    node.mark_broker()
+    after = STATS.unpack(node.retained()[f"pub/diag/{LOCAL}/A/stats"])
+    assert list(ports) == ["A", "B"]
+    assert list(ports["A"]["statistics"]) == STATS_FIELDS
+    for field, low, value, high in zip(STATS_FIELDS, before, ports["A"]["statistics"].values(), after):
+        assert low <= value <= high, field
+    assert ports["A"]["rates_per_second"]["count32_44"] > 0, "spanning tree sends all the time"
+    for line in ("02-00-00-00-00-02  -   remote  A  B   smf", "1.4.0 lab / 2.1.0 2026 / 1.0.0 lab"):
+        assert line in diagctl(node, "nodes")
+
+
+def test_cut_link_is_missing_or_late_in_a_command(lab):
+    node = lab[1]
+    watched = f"exec env TZ=UTC {DIAGCTL} watch"
+    with (
+        Stream(node.command("sh", "-c", watched)) as lines,
+        Stream(node.command("sh", "-c", f"{watched} --json pub/diag/net/#"), json.loads) as objects,
+        Stream(node.command(DIAGCTL, "nodes", "--watch", "--json"), json.loads) as nodes,
+        Stream(node.command(DIAGCTL, "top")) as top,
+    ):
+        nodes.wait(lambda item: item["local"] == LOCAL)
+        # The others have nothing to say before something changes, but for the statistics.
+        lines.wait(lambda line: "statistics" in line)
+        try:
+            lab.run("cut", 1, "B")
+            lines.wait(lambda line: line.endswith(f"link-down list gained node {LOCAL} (1) port B"), 30)
+            change = objects.wait(lambda item: item["topic"] == "pub/diag/net/fire/link_down", 30)
+            assert {"mac": LOCAL, "number": 1, "ports": ["B"]} in change["value"]
+            nodes.wait(lambda item: {"port": "B", "colour": "red", "media": "smf"} in item["nodes"][0]["ports"], 30)
+            top.wait(lambda line: line.endswith("network ring status degraded"), 30)
+            node.topics.wait(lambda item: item[0] == "local/diag/network_style7" and item[1] == b"\x01", 30)
+            assert read_json(node, "lists")["ring"] == "degraded"
+            assert read_json(node, "show", "1")["faults"]["link_down"] == ["B"], "the list tells the number"
+        finally:
+            lab.run("mend", 1, "B")
+        for stream in (lines, objects, nodes, top):
+            stream.signal(signal.SIGINT)
+            assert stream.end() == SUCCESS
+
+
+def test_wrong_exit_status_or_an_error_that_helps_nobody(played):
+    publish_node(
+        played,
+        (f"pub/diag/{PEER}/port_summary", '{"B":"red"}'),
+        ("pub/diag/net/fire/link_down", bytes.fromhex("020000000001 09 01 020000000002 09 02")),
+        ("pub/diag/net/fire/grnd_list", bytes.fromhex("020000000002 09 02")),
+    )
+    for reference in ("02:00:00:00:00:02", "02.00.00.00.00.02", "020000000002"):
+        assert read_json(played, "show", reference)["mac"] == PEER
+    ambiguous = diagctl(played, "show", "9", status=FAILURE)
+    assert LOCAL in ambiguous and PEER in ambiguous
+    assert "use its MAC address" in diagctl(played, "show", "10", status=FAILURE)
+    assert "--host" in diagctl(played, "pm", PEER, "A", status=FAILURE), "only that card has its records"
+    for words in (["show"], ["show", "x"], ["show", "0"], ["pm", "local", "I"], ["nothing"], [], ["watch", "abc"],
+                  ["nodes", "--port", "0"], ["pm", "local", "A", "--csv", "--json"]):
+        diagctl(played, *words, status=USAGE)
+    refused = diagctl(played, "nodes", "--port", "1", status=NO_BROKER)
+    assert "no broker at 127.0.0.1:1: Connection refused" in refused and "DIAG_HOST" in refused
+    diagctl(played, "nodes", env=["DIAG_PORT=1885"])
+    assert ":2:" in diagctl(played, "lists", env=["DIAG_PORT=2"], status=NO_BROKER)
+    played.publish(("pub/diag/local_node", ""))
+    assert "pub/diag/local_node is missing" in diagctl(played, "nodes", status=NO_BROKER)
+
+
+def test_lost_broker_goes_unnoticed(played):
+    publish_node(played)
+    with Stream(played.command(DIAGCTL, "nodes", "--watch", "--json"), json.loads) as nodes:
+        nodes.wait(lambda item: item["local"] == LOCAL)
+        played.stop_broker()
+        assert nodes.end() == NO_BROKER
+    played.start_broker()
+
+
+def test_half_decoded_or_hidden_malformed_payload(played):
+    publish_node(
+        played,
+        (f"pub/diag/{LOCAL}/repeater", "256"),
+        (f"pub/diag/{LOCAL}/A/stats", bytes(65)),
+        (f"pub/diag/{LOCAL}/A/pm/period3", bytes(57)),
+        ("pub/diag/net/fire/grnd_list", bytes(7)),
+        ("local/diag/ring/0/status", bytes(3)),
+    )
+    assert "malformed (65 bytes)" in diagctl(played, "ports", "local", "--measure", "0")
+    assert read_json(played, "ports", "local", "--measure", "0")["ports"][0]["statistics"] == {"malformed_bytes": 65}
+    assert diagctl(played, "pm", "local", "a", "--csv").splitlines()[1] == "period3,malformed (57 bytes)"
+    assert read_json(played, "lists")["ground_fault"] == {"malformed_bytes": 7}
+    assert "Ground fault    malformed (7 bytes)" in diagctl(played, "lists")
+    shown = read_json(played, "show", "local")
+    assert (shown["repeater"], shown["rings"][0]["state"]) == ({"malformed_bytes": 3}, {"malformed_bytes": 3})
+
+
+def test_performance_records_in_the_wrong_order_or_with_wrong_values(played):
+    quarter = 15 * 60
+    start = 1704104100  # 2024-01-01 10:15:00 UTC
+
+    def record(periods, *values):
+        return PM.pack(start + periods * quarter, *values)
+
+    publish_node(
+        played,
+        # The slots are used in turn: 95 before 0.
+        (f"pub/diag/{LOCAL}/B/pm/period0", record(1, 1, 200, 0, 0, 0, 0, 0, 500, 0)),
+        (f"pub/diag/{LOCAL}/B/pm/period1", record(2, 2, 100, 7, 1, 3, 0, 0, 501, 0)),
+        (f"pub/diag/{LOCAL}/B/pm/period95", record(0, 3, 0, 0, 0, 0, 0, 0, 0, 0)),
+        (f"pub/diag/{LOCAL}/B/pm/last_period", "period1"),
+        (f"pub/diag/{LOCAL}/B/pm/day2", record(0, 9, 8, 7, 6, 5, 4, 3, 2, 1)),
+    )
+    names = "slot,time,count64_0,good_frames,errored_frames,link_down_count,link_down_seconds,erps_down_count"
+    assert diagctl(played, "pm", "local", "B", "--csv").splitlines() == [
+        f"{names},erps_down_seconds,error_ratio_ppm,dsl_count_60",
+        "period95,2024-01-01T10:15:00Z,3,0,0,0,0,0,0,0,0",
+        "period0,2024-01-01T10:30:00Z,1,200,0,0,0,0,0,500,0",
+        "period1,2024-01-01T10:45:00Z,2,100,7,1,3,0,0,501,0",
+    ]
+    text = diagctl(played, "pm", "local", "B", env=["LC_ALL=C.UTF-8"])
+    assert "2024-01-01 10:45:00  period1 (last)" in text
+    assert "good_frames        ▁█▅  max 200" in text
+    assert "erps_down_count" not in text, "what is always 0 has no line"
+    assert ("501!" in text, "500!" in text) == (True, False), "only what makes a port red is marked"
+    assert diagctl(played, "pm", "local", "B", env=["LC_ALL=C"]).isascii()
+    days = read_json(played, "pm", "local", "B", "--days")
+    assert (days["kind"], [(day["slot"], day["dsl_count_60"]) for day in days["records"]]) == ("days", [("day2", 1)])
+
+
+class Terminal:
+    """A terminal with a command in it."""
+
+    def __init__(self, words, width, height):
+        self.folder = tempfile.TemporaryDirectory()
+        self.server = ["tmux", "-S", f"{self.folder.name}/socket", "-f", "/dev/null"]
+        self.run("new-session", "-d", "-x", str(width), "-y", str(height), "sh")
+        # The window stays after the command's end.
+        self.keys(shlex.join(words) + "; echo status $?", "Enter")
+
+    def run(self, *words):
+        done = subprocess.run([*self.server, *words], capture_output=True, text=True, timeout=10, check=False)
+        assert done.returncode == 0, done
+        return done.stdout
+
+    def keys(self, *keys):
+        self.run("send-keys", *keys)
+
+    def shown(self):
+        return self.run("capture-pane", "-p")
+
+    def wait(self, *texts, limit=10):
+        wait_until(lambda: all(text in self.shown() for text in texts), limit, self.shown)
+        return self.shown()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.run("kill-server")
+        self.folder.cleanup()
+
+
+def test_top_ignores_a_key_or_the_terminals_size(played):
+    publish_node(
+        played,
+        *((f"pub/diag/02-00-00-00-00-{number:02X}/port_summary", '{"A":"green"}') for number in range(2, 31)),
+        ("pub/diag/02-00-00-00-00-14/port_summary", '{"A":"red"}'),
+        ("pub/diag/02-00-00-00-00-14/job_name", "NORTH"),
+    )
+    with Terminal(played.command("env", "LC_ALL=C", DIAGCTL, "top"), 100, 24) as terminal:
+        first = terminal.wait("30 nodes", f"{LOCAL}  -   local   A ", "nodes 1 to").splitlines()
+        assert len(first[0]) == 100 and first[0].endswith("q quit")
+        # The faults first, then the selected one alone.
+        terminal.keys("f")
+        wait_until(lambda: terminal.shown().splitlines()[3].startswith("02-00-00-00-00-14"), what=terminal.shown)
+        terminal.keys("k", "PageUp", "PageUp", "PageUp", "Enter")
+        terminal.wait("node              02-00-00-00-00-14", "job name          NORTH", "enter back")
+        terminal.keys("Escape")
+        terminal.wait("nodes 1 to")
+        # The selection stays on its node.
+        terminal.keys("m", "PageUp", "PageUp", "PageUp")
+        wait_until(lambda: terminal.shown().splitlines()[3].startswith(LOCAL), what=terminal.shown)
+        terminal.keys("PageDown", "PageDown", "PageDown")
+        terminal.wait("02-00-00-00-00-1E", "of 30")
+        played.publish((f"pub/diag/{PEER}/port_summary", '{"A":"yellow"}'))
+        terminal.wait(f"node {PEER} port A yellow (was green)")
+        terminal.run("resize-window", "-x", "60", "-y", "12")
+        # Fewer nodes, and the newest event stays in sight.
+        terminal.wait("... nodes 29 to 30 of 30", "port A yellow")
+        terminal.keys("q")
+        assert "Local node" not in terminal.wait("status 0"), "the screen from before is back"
+
+
+def test_command_or_option_that_bash_does_not_complete(tmp_path):
+    script = tmp_path / "completion"
+    script.write_text(run(DIAGCTL, "--completion", "bash"), encoding="ascii")
+
+    def complete(*words):
+        set_up = f'. {script}; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _diagctl; echo "${{COMPREPLY[*]}}"'
+        return run("bash", "-euc", set_up, "bash", "diagctl", *words).split()
+
+    commands = complete("")
+    listed = run(DIAGCTL, "--help").partition("Subcommands:\n")[2].partition("\n\n")[0]
+    assert sorted(commands) == sorted([*(line.split()[0] for line in listed.splitlines()), "--help"])
+    assert complete("po") == ["ports"]
+    assert complete("pm", "local", "--d") == ["--days"]
+    assert complete("pm", "local", "C") == ["C", "CPU"]
+    assert complete("nodes", "--host", "") == [], "no option where a host is due"
