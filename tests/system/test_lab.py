@@ -126,3 +126,20 @@ def test_second_lab_of_a_name_comes_up():
         assert (done.returncode, done.stderr) == (1, f"lab: a lab named {lab.name} is up already\n")
     finally:
         lab.down()
+
+
+def test_lab_that_fails_says_nothing(tmp_path):
+    """A command inside the lab that fails without a message of its own."""
+    silent = tmp_path / "hostname"
+    silent.write_text("#!/bin/sh\n[ $1 != node2 ]\n", encoding="ascii")
+    silent.chmod(0o755)
+    name = f"failing-{os.getpid()}"
+    before = traces()
+    up = [str(LAB), "--name", name, "up", "3", "--no-daemon", "--build", str(BUILD)]
+    environment = {**os.environ, "PATH": f"{tmp_path}:{os.environ['PATH']}"}
+    done = subprocess.run(up, env=environment, capture_output=True, text=True, timeout=60, check=False)
+    assert done.returncode == 1
+    reason, *rest = done.stderr.splitlines()
+    assert reason.startswith("lab: node 2: ") and reason.endswith('hostname "node$node"')
+    assert rest == ["lab: make_node has failed for nodes 2", f"lab: lab {name} ended before it was up"]
+    wait_until(lambda: traces() == before, what=traces)
