@@ -97,7 +97,7 @@ class Daemon(Stream):
     """A daemon started by hand. Its output is of interest only where it ought not to be: sanitizers write there."""
 
     def __init__(self, node, *arguments, env=()):
-        self.log_start = len(node.log.items)
+        self.log_start = len(node.log.items) if node.log else 0
         words = ["env", *env, "sh", "-c", 'echo $$; exec "$DIAG" "$@"', "diag", *arguments]
         super().__init__(node.command(*words), stderr=subprocess.STDOUT)
         self.node = node
