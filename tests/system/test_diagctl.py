@@ -7,7 +7,7 @@ import subprocess
 import tempfile
 
 import pytest
-from panel import BUILD, Stream, run, wait_until
+from panel import BUILD, HERE, Stream, run, wait_until
 
 DIAGCTL = str(BUILD / "diagctl")
 LOCAL, PEER = "02-00-00-00-00-01", "02-00-00-00-00-02"
@@ -206,6 +206,28 @@ def test_performance_records_in_the_wrong_order_or_with_wrong_values(played):
     assert diagctl(played, "pm", "local", "B", env=["LC_ALL=C"]).isascii()
     days = read_json(played, "pm", "local", "B", "--days")
     assert (days["kind"], [(day["slot"], day["dsl_count_60"]) for day in days["records"]]) == ("days", [("day2", 1)])
+
+
+def keys_of(value):
+    if isinstance(value, dict):
+        return set(value) | keys_of(list(value.values()))
+    return set().union(*map(keys_of, value)) if isinstance(value, list) else set()
+
+
+def test_json_field_that_the_manual_does_not_tell(lab):
+    node = lab[1]
+    record = (f"pub/diag/{LOCAL}/H/pm/period0", PM.pack(0, *range(9)))
+    link = ("pub/diag/net/fire/miswired_links", bytes.fromhex("01000202"))
+    with Stream(node.command(DIAGCTL, "watch", "--json"), json.loads) as changes:
+        changes.wait(lambda change: change["topic"].endswith("/stats"))
+        node.publish(record, link)
+        changes.wait(lambda change: change["topic"] == record[0])
+        objects = list(changes.items)
+    commands = (["nodes"], ["show", "local"], ["ports", "local"], ["pm", "local", "H"], ["lists"])
+    objects += [read_json(node, *words) for words in commands]
+    node.publish((record[0], ""), (link[0], ""))
+    manual = (HERE.parent.parent / "packaging" / "man" / "diagctl.1.scd").read_text(encoding="ascii")
+    assert sorted(key for key in keys_of(objects) if f"_{key}_" not in manual) == []
 
 
 class Terminal:

@@ -131,7 +131,7 @@ bool comes_before(const network &net, node_order order, const node &a, const nod
 {
     switch (order) {
     case node_order::NUMBER:
-        return a.number.value_or(UINT8_MAX + 1) < b.number.value_or(UINT8_MAX + 1);
+        return a.number && (!b.number || *a.number < *b.number);
     case node_order::FAULTS:
         for (const int colour : {PORT_STATUS_RED, PORT_STATUS_YELLOW}) {
             if (count_colour(a, colour) != count_colour(b, colour)) {
