@@ -33,8 +33,9 @@ foreach(line IN LISTS secrets_lines)
   string(APPEND secrets_table "\"${word}\",\n")
 endforeach()
 
-cmake_path(COMPARE ${DIAG_SECRETS_FILE} EQUAL ${DIAG_DEVELOPMENT_SECRETS} secrets_are_development)
-if(secrets_are_development)
+file(SHA256 ${DIAG_SECRETS_FILE} secrets_hash)
+file(SHA256 ${DIAG_DEVELOPMENT_SECRETS} secrets_development_hash)
+if(secrets_hash STREQUAL secrets_development_hash)
   message(WARNING "Building with the development word table, which is public: "
                   "set DIAG_SECRETS_FILE to the deployment's own table before installing this build")
 endif()

@@ -1,0 +1,33 @@
+# Word tables that a build must refuse, and one whose characters CMake's own syntax could spoil.
+cmake_minimum_required(VERSION 3.25)
+file(WRITE read.cmake "cmake_minimum_required(VERSION 3.25)\ninclude(\"${SECRETS_CMAKE}\")\n")
+string(REPEAT "word ;[]\"\\\${}@\n" 126 words)
+
+# table stands for a text with "<126>" in it.
+function(read_table table expected)
+  string(REPLACE "<126>" "${words}" text "${table}")
+  file(WRITE table.txt "${text}")
+  execute_process(COMMAND ${CMAKE_COMMAND} -DDIAG_SECRETS_FILE=${CMAKE_CURRENT_BINARY_DIR}/table.txt -P read.cmake
+                  ERROR_VARIABLE message)
+  string(REGEX REPLACE "[ \n]+" " " message "${message}")
+  if(NOT message MATCHES "${expected}")
+    message(SEND_ERROR "${table}: expected ${expected}, got ${message}")
+  endif()
+endfunction()
+
+string(ASCII 9 tab)
+string(ASCII 233 latin)
+read_table("<126>" "has 126 lines, must have 127")
+read_table("<126>secret\nsecret\n" "has 128 lines, must have 127")
+foreach(word IN ITEMS "" short "secret${tab}" "secret\r" "secr${latin}ts" "a word of thirty-two characters.")
+  read_table("${word}\n<126>" "line 1 of [^ ]* must be 6 to 31 printable ASCII characters")
+  read_table("<126>${word}\n" "line 127 of [^ ]* must be 6 to 31 printable ASCII characters")
+endforeach()
+read_table("<126>secret" "^$")
+read_table("<126>a word of thirty-one characters" "^$")
+file(STRINGS secrets/secrets.inc made LIMIT_COUNT 1)
+if(NOT made STREQUAL [["\x77\x6f\x72\x64\x20\x3b\x5b\x5d\x22\x5c\x24\x7b\x7d\x40",]])
+  message(SEND_ERROR "the first word became ${made}")
+endif()
+file(READ ${DEVELOPMENT_SECRETS} words)
+read_table("<126>" "development word table")
