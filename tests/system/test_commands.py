@@ -70,7 +70,11 @@ BAD_REQUESTS = [
         ["too many targets in " + "1 " * 5000, "couldn't parse node list " + "1 " * 5000],
     ),
     ("1;2;activate;" + "1 " * 99 + ";%", "ACK", []),
-    ("1;2;remote-download;" + ";" * 10000, "NACK;invalid input", ["couldn't parse remote download command " + ";" * 10000]),
+    (
+        "1;2;remote-download;" + ";" * 10000,
+        "NACK;invalid input",
+        ["couldn't parse remote download command " + ";" * 10000],
+    ),
 ]
 
 
