@@ -67,6 +67,23 @@ void clip(screen_line &line, size_t width)
     }
 }
 
+void append_lines(std::vector<screen_line> &lines, const std::vector<screen_line> &more)
+{
+    lines.insert(lines.end(), more.begin(), more.end());
+}
+
+void cut_lines(std::vector<screen_line> &lines, size_t count)
+{
+    if (lines.size() <= count) {
+        return;
+    }
+    const size_t left_out = lines.size() - count + 1;
+    lines.resize(count);
+    if (count > 0) {
+        lines.back() = {{text_style::DIM, "... " + to_string(left_out) + " more lines"}};
+    }
+}
+
 screen_line title_line(const std::string &text, size_t width)
 {
     screen_line line = {{text_style::TITLE, text}};

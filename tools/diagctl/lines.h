@@ -27,6 +27,12 @@ screen_line plain(std::string text);
 void append(screen_line &line, const screen_line &more);
 void pad(screen_line &line, size_t width);
 void clip(screen_line &line, size_t width);
+void append_lines(std::vector<screen_line> &lines, const std::vector<screen_line> &more);
+
+// Leaves as many lines as asked for, of which the last tells how many are left out.
+void cut_lines(std::vector<screen_line> &lines, size_t count);
+
+// A line of inverse text as wide as the screen.
 screen_line title_line(const std::string &text, size_t width);
 
 // Rows of cells in columns as wide as their widest cell.

@@ -1,5 +1,6 @@
 // diagctl pm: the performance-monitoring records of a port.
 #include "reading.h"
+#include "terminal.h"
 
 #include <langinfo.h>
 
@@ -30,7 +31,10 @@ exit_status run_pm(const broker_address &address)
                                        ("performance records of port " + port_text(pm.port)).c_str());
     };
     const auto build = [&](const network &, const node &found) {
-        report result = report_pm(found, pm.port, kind, is_utf8);
+        pm_style style = {is_utf8, 0};
+        size_t height = 0;
+        terminal_size(style.width, height);
+        report result = report_pm(found, pm.port, kind, style);
         if (pm.is_csv) {
             result.lines = pm_csv(found, pm.port, kind);
         }

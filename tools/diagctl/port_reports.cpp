@@ -89,8 +89,7 @@ void add_port_lines(std::vector<screen_line> &lines, const node &shown, int port
         rows.push_back({plain(std::string("  ") + STATS_FIELDS[i].name), total_cells[i],
                         plain(unit_of(STATS_FIELDS[i])), rate_cells[i]});
     }
-    const std::vector<screen_line> table = columns(rows);
-    lines.insert(lines.end(), table.begin(), table.end());
+    append_lines(lines, columns(rows));
 }
 
 struct period {
@@ -129,48 +128,114 @@ std::vector<period> closed_periods(const node &shown, int port, pm_kind kind)
 constexpr const char *UTF8_BARS[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
 constexpr const char *ASCII_BARS[] = {"_", ".", "-", "=", "+", "*", "#", "@"};
 
-// One character for each period: nothing is the lowest bar, anything else at least the next, the maximum the
-// highest.
-std::string sparkline(const std::vector<uint64_t> &values, bool is_utf8)
+// One character for each bar: nothing is the lowest, anything else at least the next, the maximum the highest.
+std::string sparkline(const std::vector<uint64_t> &bars, uint64_t max, bool is_utf8)
 {
     constexpr size_t HIGHEST = std::size(UTF8_BARS) - 1;
-    const uint64_t max = *std::max_element(values.begin(), values.end());
     std::string line;
-    for (const uint64_t value : values) {
+    for (const uint64_t value : bars) {
         const double share = static_cast<double>(value) / static_cast<double>(std::max<uint64_t>(max, 1));
-        const auto bar =
+        const auto height =
             value == 0 ? 0 : std::max<size_t>(1, static_cast<size_t>(std::lround(share * HIGHEST)));
-        line += is_utf8 ? UTF8_BARS[bar] : ASCII_BARS[bar];
+        line += is_utf8 ? UTF8_BARS[height] : ASCII_BARS[height];
     }
     return line;
 }
 
-void add_sparklines(std::vector<screen_line> &lines, const std::vector<period> &periods, bool is_utf8)
+// The values of a field in the periods that can be decoded.
+std::vector<uint64_t> values_of(const std::vector<period> &periods, const pm_field &field)
 {
+    std::vector<uint64_t> values;
+    for (const period &item : periods) {
+        if (item.record.value) {
+            values.push_back(field_value(*item.record.value, field.offset, field.width));
+        }
+    }
+    return values;
+}
+
+// Neighbours share a bar, the highest of them, where there is no room for each.
+std::vector<screen_line> sparklines(const std::vector<period> &periods,
+                                    const std::vector<const pm_field *> &fields, const pm_style &style)
+{
+    constexpr size_t LABELS = 40; // of name and maximum
+    const size_t room = style.width > 2 * LABELS ? style.width - LABELS : LABELS;
+    const size_t share = (periods.size() + room - 1) / room;
     std::vector<std::vector<screen_line>> rows;
-    for (const pm_field &field : PM_FIELDS) {
-        std::vector<uint64_t> values;
-        for (const period &item : periods) {
-            if (item.record.value) {
-                values.push_back(field_value(*item.record.value, field.offset, field.width));
+    for (const pm_field *const field : fields) {
+        std::vector<uint64_t> bars;
+        const std::vector<uint64_t> values = values_of(periods, *field);
+        for (size_t i = 0; i < values.size(); i++) {
+            if (i % share == 0) {
+                bars.push_back(0);
             }
+            bars.back() = std::max(bars.back(), values[i]);
         }
-        const uint64_t max = values.empty() ? 0 : *std::max_element(values.begin(), values.end());
-        if (field.treatment != pm_treatment::CLOSING_TIME && max > 0) {
-            rows.push_back(
-                {plain(field.name), plain(sparkline(values, is_utf8)), plain("max " + to_string(max))});
-        }
+        const uint64_t max = *std::max_element(values.begin(), values.end());
+        rows.push_back(
+            {plain(field->name), plain(sparkline(bars, max, style.is_utf8)), plain("max " + to_string(max))});
     }
-    if (!rows.empty()) {
-        lines.emplace_back();
-        const std::vector<screen_line> more = columns(rows);
-        lines.insert(lines.end(), more.begin(), more.end());
+    std::vector<screen_line> lines = columns(rows);
+    if (share > 1) {
+        lines.push_back(plain("(each bar the highest of " + to_string(share) + ")"));
     }
+    return lines;
 }
 
 std::chrono::system_clock::time_point closing_time(const period &item)
 {
     return std::chrono::system_clock::from_time_t(static_cast<time_t>(item.closed()));
+}
+
+json pm_records_json(const std::vector<period> &periods)
+{
+    json records = json::array();
+    for (const period &item : periods) {
+        json entry = {{"slot", item.slot}};
+        entry.update(item.record.value ? pm_json(*item.record.value) : malformed_or_null(item.record));
+        records.push_back(entry);
+    }
+    return records;
+}
+
+// Titles of two lines, for the names are longer than the values: "errored" above "frames".
+void add_title(std::vector<std::vector<screen_line>> &rows, const std::string &title)
+{
+    const size_t cut = title.rfind('_');
+    const bool is_words = cut != std::string::npos && !std::isdigit(static_cast<unsigned char>(title.back()));
+    rows[0].push_back({{text_style::BOLD, is_words ? title.substr(0, cut) : ""}});
+    rows[1].push_back({{text_style::BOLD, is_words ? title.substr(cut + 1) : title}});
+}
+
+std::vector<screen_line> pm_table(const std::vector<period> &periods,
+                                  const std::vector<const pm_field *> &fields)
+{
+    std::vector<std::vector<screen_line>> rows(2);
+    add_title(rows, "CLOSED");
+    add_title(rows, "SLOT");
+    for (const period &item : periods) {
+        const std::string closed =
+            item.record.value ? date_text({{}, closing_time(item)}) : fact_text(item.record, "", "");
+        rows.push_back({plain(closed), plain(item.slot + (item.is_last ? " (last)" : ""))});
+    }
+    for (const pm_field *const field : fields) {
+        add_title(rows, field->name);
+        std::vector<std::string> texts;
+        std::vector<text_style> styles;
+        for (const period &item : periods) {
+            const uint64_t value =
+                item.record.value ? field_value(*item.record.value, field->offset, field->width) : 0;
+            // What makes a port red is also marked, as in the table of nodes.
+            const bool is_problem = value > field->limit;
+            texts.push_back((item.record.value ? to_string(value) : "") + (is_problem ? "!" : " "));
+            styles.push_back(is_problem ? text_style::RED : text_style::PLAIN);
+        }
+        const std::vector<screen_line> cells = align_right(texts, styles);
+        for (size_t i = 0; i < cells.size(); i++) {
+            rows[i + 2].push_back(cells[i]);
+        }
+    }
+    return columns(rows);
 }
 
 } // namespace
@@ -229,7 +294,7 @@ json pm_json(const pm_record &record)
     return object;
 }
 
-report report_pm(const node &shown, int port, pm_kind kind, bool is_utf8)
+report report_pm(const node &shown, int port, pm_kind kind, const pm_style &style)
 {
     const std::vector<period> periods = closed_periods(shown, port, kind);
     report result;
@@ -237,56 +302,33 @@ report report_pm(const node &shown, int port, pm_kind kind, bool is_utf8)
         {"mac", mac_text(shown.mac)},
         {"port", port_text(port)},
         {"kind", kind == pm_kind::DAYS ? "days" : "periods"},
-        {"records", json::array()},
+        {"records", pm_records_json(periods)},
     };
-    std::vector<std::string> titles = {"CLOSED", "SLOT"};
+    if (periods.empty()) {
+        result.lines.push_back(
+            plain(kind == pm_kind::DAYS ? "no day has closed yet" : "no quarter hour has closed yet"));
+        return result;
+    }
+    // Only what has something to tell has a column and a sparkline.
+    std::vector<const pm_field *> fields;
+    std::string zeros;
     for (const pm_field &field : PM_FIELDS) {
-        if (field.treatment != pm_treatment::CLOSING_TIME) {
-            titles.emplace_back(field.name);
-        }
-    }
-    std::vector<std::vector<screen_line>> rows = {{}, {}};
-    for (const period &item : periods) {
-        json entry = {{"slot", item.slot}};
-        const std::string slot = item.slot + (item.is_last ? " (last)" : "");
-        if (item.record.value) {
-            entry.update(pm_json(*item.record.value));
-            rows.push_back({plain(date_text({{}, closing_time(item)})), plain(slot)});
-        } else {
-            entry["malformed_bytes"] = item.record.size;
-            rows.push_back({plain(fact_text(item.record, "", "")), plain(slot)});
-        }
-        result.object["records"].push_back(entry);
-    }
-    // Titles of two lines, for the names are longer than the values: "errored" above "frames".
-    for (const std::string &title : titles) {
-        const size_t cut = title.rfind('_');
-        const bool is_words =
-            cut != std::string::npos && !std::isdigit(static_cast<unsigned char>(title.back()));
-        rows[0].push_back({{text_style::BOLD, is_words ? title.substr(0, cut) : ""}});
-        rows[1].push_back({{text_style::BOLD, is_words ? title.substr(cut + 1) : title}});
-    }
-    for (const pm_field &field : PM_FIELDS) {
+        const std::vector<uint64_t> values = values_of(periods, field);
         if (field.treatment == pm_treatment::CLOSING_TIME) {
             continue;
         }
-        std::vector<std::string> texts;
-        std::vector<text_style> styles;
-        for (const period &item : periods) {
-            const uint64_t value =
-                item.record.value ? field_value(*item.record.value, field.offset, field.width) : 0;
-            // What makes a port red is also marked, as in the table of nodes.
-            const bool is_problem = value > field.limit;
-            texts.push_back((item.record.value ? to_string(value) : "") + (is_problem ? "!" : " "));
-            styles.push_back(is_problem ? text_style::RED : text_style::PLAIN);
-        }
-        const std::vector<screen_line> cells = align_right(texts, styles);
-        for (size_t i = 0; i < cells.size(); i++) {
-            rows[i + 2].push_back(cells[i]);
+        if (std::any_of(values.begin(), values.end(), [](uint64_t value) { return value != 0; })) {
+            fields.push_back(&field);
+        } else {
+            zeros += (zeros.empty() ? "" : ", ") + std::string(field.name);
         }
     }
-    result.lines = columns(rows);
-    add_sparklines(result.lines, periods, is_utf8);
+    result.lines = pm_table(periods, fields);
+    result.lines.emplace_back();
+    append_lines(result.lines, sparklines(periods, fields, style));
+    if (!zeros.empty()) {
+        result.lines.push_back(plain("always 0: " + zeros));
+    }
     return result;
 }
 

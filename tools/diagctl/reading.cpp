@@ -49,6 +49,7 @@ exit_status watch(const broker_address &address, const reading_options &options,
     }
     view.render = [&](size_t width, size_t height) {
         std::vector<screen_line> lines = build().lines;
+        cut_lines(lines, height);
         lines.resize(height);
         for (screen_line &line : lines) {
             clip(line, width);

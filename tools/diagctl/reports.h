@@ -57,6 +57,10 @@ enum class pm_kind {
     PERIODS,
     DAYS,
 };
-report report_pm(const node &shown, int port, pm_kind kind, bool is_utf8);
+struct pm_style {
+    bool is_utf8; // what the terminal shows
+    size_t width;
+};
+report report_pm(const node &shown, int port, pm_kind kind, const pm_style &style);
 std::vector<screen_line> pm_csv(const node &shown, int port, pm_kind kind);
 json pm_json(const pm_record &record);

@@ -65,7 +65,7 @@ std::vector<screen_line> detail_lines(const screen &screen, const node &shown)
     const std::vector<screen_line> ports = report_ports(shown, {}).lines;
     if (!ports.empty()) {
         lines.push_back(title_line("Statistics since reset", screen.width));
-        lines.insert(lines.end(), ports.begin(), ports.end());
+        append_lines(lines, ports);
     }
     return lines;
 }
@@ -119,7 +119,7 @@ std::vector<screen_line> all_list_lines(const network &net, size_t width)
             lines.back().push_back({text_style::PLAIN, LIST_GAP});
             append(lines.back(), list[0]);
         } else {
-            lines.insert(lines.end(), list.begin(), list.end());
+            append_lines(lines, list);
         }
     }
     return lines;
@@ -238,7 +238,7 @@ std::vector<screen_line> stats_lines(const screen &screen)
         rows.insert(rows.begin(), heads);
         body = columns(rows);
     }
-    lines.insert(lines.end(), body.begin(), body.end());
+    append_lines(lines, body);
     return lines;
 }
 
@@ -256,19 +256,6 @@ std::vector<screen_line> event_lines(const screen &screen, size_t count)
     return lines;
 }
 
-// With a last line that tells how many are left out.
-void cut_lines(std::vector<screen_line> &lines, size_t count)
-{
-    if (lines.size() <= count) {
-        return;
-    }
-    const size_t left_out = lines.size() - count + 1;
-    lines.resize(count);
-    if (count > 0) {
-        lines.back() = {{text_style::DIM, "... " + to_string(left_out) + " more lines"}};
-    }
-}
-
 } // namespace
 
 size_t index_of(const std::vector<const node *> &nodes, const mac_address &mac)
@@ -282,9 +269,6 @@ std::vector<screen_line> view_render(const screen &screen, const moment &now)
 {
     const std::vector<const node *> nodes = sorted_nodes(screen.net, screen.order);
     std::vector<screen_line> lines = header_lines(screen, nodes.size(), now);
-    const auto add = [&](const std::vector<screen_line> &part) {
-        lines.insert(lines.end(), part.begin(), part.end());
-    };
     // The rows that may follow when the newest events stay in sight.
     const auto room = [&](size_t others) {
         const size_t fixed = lines.size() + others + MIN_EVENT_LINES;
@@ -294,7 +278,7 @@ std::vector<screen_line> view_render(const screen &screen, const moment &now)
     if (screen.is_detail && selected != screen.net.nodes.end()) {
         std::vector<screen_line> detail = detail_lines(screen, selected->second);
         cut_lines(detail, room(0));
-        add(detail);
+        append_lines(lines, detail);
     } else {
         const std::vector<screen_line> lists = all_list_lines(screen.net, screen.width);
         std::vector<screen_line> stats =
@@ -304,11 +288,11 @@ std::vector<screen_line> view_render(const screen &screen, const moment &now)
         const size_t node_rows =
             std::min(nodes.size(), std::max(MIN_NODE_ROWS, rows > stats.size() ? rows - stats.size() : 0));
         cut_lines(stats, rows > node_rows ? rows - node_rows : 0);
-        add(node_lines(screen, nodes, node_rows, now));
-        add(lists);
-        add(stats);
+        append_lines(lines, node_lines(screen, nodes, node_rows, now));
+        append_lines(lines, lists);
+        append_lines(lines, stats);
     }
-    add(event_lines(screen, screen.height > lines.size() ? screen.height - lines.size() : 0));
+    append_lines(lines, event_lines(screen, screen.height > lines.size() ? screen.height - lines.size() : 0));
 
     lines.resize(screen.height);
     for (screen_line &line : lines) {
