@@ -147,6 +147,19 @@ class Node:
         stream.times.clear()
         return stream
 
+    # --- the daemon that the lab started
+
+    def descriptors(self):
+        """How many it holds."""
+        return int(self.shell("ls /proc/$(cat /run/lab/daemon.pid)/fd | wc -l"))
+
+    def await_descriptors(self, count, limit=5):
+        wait_until(lambda: self.descriptors() == count, limit, self.descriptors)
+
+    def memory(self):
+        """Resident, in bytes."""
+        return int(self.shell("awk '/VmRSS/ { print $2 }' /proc/$(cat /run/lab/daemon.pid)/status")) * 1024
+
     # --- the broker
 
     def publish(self, *messages, retain=True):
@@ -277,6 +290,62 @@ LOG_LINE = re.compile(
 )
 
 
+class Client:
+    """A diagnostic client at a node's broker, which gives commands to the node's daemon."""
+
+    def __init__(self, node, number):
+        self.node, self.number = node, number
+
+    def ask(self, *commands):
+        """Gives commands, such as "noop", all at once, and returns what finds their answers."""
+        heads = [f"{self.number};{next(_numbers)};" for _ in commands]
+        messages = [("pub/diag/command/request", head + command) for head, command in zip(heads, commands)]
+        self.node.publish(*messages, retain=False)
+        return heads
+
+    def answers(self, heads):
+        """The answers that have come, without the client's numbers, in the order of the commands."""
+        topic = "pub/diag/command/response"
+        texts = [payload.decode().split(";", 2) for found, payload in self.node.topics.items if found == topic]
+        known = {f"{client};{transaction};": answer for client, transaction, answer in texts}
+        return [known[head] for head in heads if head in known]
+
+    def await_answers(self, heads, limit=5):
+        wait_until(lambda: len(self.answers(heads)) == len(heads), limit, lambda: self.answers(heads))
+        return self.answers(heads)
+
+    def command(self, text):
+        """Gives one command and returns its answer."""
+        return self.await_answers(self.ask(text))[0]
+
+
+class Probe:
+    """A topic of a node that the test changes."""
+
+    def __init__(self, node):
+        self.node, self.topic = node, f"pub/diag/{node.mac}/probe"
+
+    def change(self):
+        """Gives the topic a value that it never had, and returns it."""
+        value = str(next(_numbers)).encode()
+        self.node.publish((self.topic, value))
+        return value
+
+    def await_value(self, node, value, limit=5):
+        """Waits until the value comes to another node."""
+        node.topics.wait(lambda item: item == (self.topic, value), limit)
+
+    def await_change(self, node, limit):
+        """Changes the topic until one of the values comes to another node: each is sent once, what is lost stays so."""
+        start, sent = len(node.topics.items), []
+
+        def arrived():
+            sent.append((self.topic, self.change()))
+            return any(item in sent for item in node.topics.items[start:])
+
+        wait_until(arrived, limit, lambda: sent)
+
+
 class Lab:
     """A lab that lives as long as the tests: it ends with this process, however that ends."""
 
@@ -320,6 +389,8 @@ class Lab:
 
 SUMMARY, SUBSCRIBE, UNSUBSCRIBE, UNSUBSCRIBE_ALL, ACK, TOPIC_DATA = 1, 2, 3, 4, 5, 6
 CLIENT_KEEPALIVE, RESET_STATS, RESET_ALL_STATS, ACTIVATE, REMOTE_DOWNLOAD, GOODBYE = 7, 8, 9, 10, 11, 12
+
+REQUEST_TRIES = 10  # one a second
 
 # The topics of another node that its end withdraws, in this order.
 SUMMARY_TOPICS = [
