@@ -28,7 +28,8 @@ class Client:
     def __init__(self, card, number):
         self.card, self.number = card, number
         self.subscriptions = 0
-        self.pending = None  # (transaction, keyword)
+        self.pending = None  # (transaction, keyword, when it was sent)
+        self.last_answer = None
         self.rest_until = 0.0
 
     def request(self, macs):
@@ -54,7 +55,11 @@ class Client:
         self.card.publisher.write(f"{self.number};{transaction};{text}")
 
     def take(self, transaction, verdict):
+        if (transaction, verdict) == self.last_answer:
+            # The daemon publishes again what the broker has not acknowledged for a second.
+            return "repeated"
         assert self.pending and self.pending[0] == transaction, f"{transaction} answered twice or never asked"
+        self.last_answer = transaction, verdict
         keyword = self.pending[1]
         self.pending = None
         self.rest_until = time.monotonic() + random.expovariate(5)
