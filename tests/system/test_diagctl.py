@@ -166,6 +166,12 @@ def test_broker_that_refuses_taken_for_an_empty_one(played, how, error):
         played.start_broker()
 
 
+def test_host_that_is_not_there_waited_for_without_limit(played):
+    # The neighbour's address is known, so that nothing but its silence tells that it is not there.
+    played.exec("ip", "neigh", "replace", "10.22.0.99", "lladdr", "02:00:00:00:00:63", "dev", "fire")
+    assert "no connection within 5 s" in diagctl(played, "nodes", "--host", "10.22.0.99", status=NO_BROKER)
+
+
 def test_lost_broker_goes_unnoticed(played):
     publish_node(played)
     with Stream(played.command(DIAGCTL, "nodes", "--watch", "--json"), json.loads) as nodes:

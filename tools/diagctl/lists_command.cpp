@@ -6,18 +6,6 @@ namespace
 
 reading_options list_options;
 
-exit_status run_lists(const broker_address &address)
-{
-    network net;
-    const exit_status opened = reading_open(address, net);
-    if (opened != STATUS_SUCCESS) {
-        return opened;
-    }
-    const exit_status status = reading_run(address, list_options, [&] { return report_lists(net); });
-    session_close();
-    return status;
-}
-
 } // namespace
 
 void add_lists_command(CLI::App &app, command_context &context)
@@ -26,6 +14,6 @@ void add_lists_command(CLI::App &app, command_context &context)
         app, context, "lists",
         "Show the network's lists: ports with the link down, a ground fault or miswired, miswired links, and "
         "whether the network would survive a cut.",
-        [&context] { return run_lists(context.address); });
+        [&context] { return reading_of_network(context.address, list_options, report_lists); });
     add_reading_options(*command, list_options);
 }

@@ -9,25 +9,15 @@ struct {
     node_order order = node_order::MAC;
 } nodes;
 
-exit_status run_nodes(const broker_address &address)
-{
-    network net;
-    const exit_status opened = reading_open(address, net);
-    if (opened != STATUS_SUCCESS) {
-        return opened;
-    }
-    const exit_status status =
-        reading_run(address, nodes.options, [&] { return report_nodes(net, nodes.order, current_moment()); });
-    session_close();
-    return status;
-}
-
 } // namespace
 
 void add_nodes_command(CLI::App &app, command_context &context)
 {
-    CLI::App *const command = add_command(app, context, "nodes", "Show a table of the nodes.",
-                                          [&context] { return run_nodes(context.address); });
+    CLI::App *const command = add_command(app, context, "nodes", "Show a table of the nodes.", [&context] {
+        return reading_of_network(context.address, nodes.options, [](const network &net) {
+            return report_nodes(net, nodes.order, current_moment());
+        });
+    });
     add_reading_options(*command, nodes.options);
     command->add_option("--sort", nodes.order, "Order of the nodes: mac, number, faults or change")
         ->type_name("ORDER")

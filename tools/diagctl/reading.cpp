@@ -59,15 +59,9 @@ exit_status watch(const broker_address &address, const reading_options &options,
     return live_run(address, view);
 }
 
-} // namespace
-
-void add_reading_options(CLI::App &command, reading_options &options)
-{
-    command.add_flag("--json", options.is_json, "Print JSON; with --watch one line for each change");
-    command.add_flag("--watch", options.is_watch, "Go on and show every change, until Ctrl-C or q");
-}
-
-exit_status reading_open(const broker_address &address, network &net)
+// Takes in the network; STATUS_NO_BROKER when there is no broker, or no daemon on it. The session is open only on
+// success.
+exit_status open_reading(const broker_address &address, network &net)
 {
     read_network = &net;
     const exit_status opened = open_session(address,
@@ -84,10 +78,22 @@ exit_status reading_open(const broker_address &address, network &net)
     return STATUS_SUCCESS;
 }
 
-exit_status reading_add(const broker_address &address, const std::string &filter)
+exit_status show(const broker_address &address, const reading_options &options,
+                 const std::function<report()> &build)
 {
-    std::string error;
-    return session_subscribe(filter, error) ? STATUS_SUCCESS : report_lost(address, error);
+    if (options.is_watch) {
+        return watch(address, options, build);
+    }
+    print_report(build(), options.is_json, 2);
+    return fflush(stdout) == 0 ? STATUS_SUCCESS : STATUS_FAILURE;
+}
+
+} // namespace
+
+void add_reading_options(CLI::App &command, reading_options &options)
+{
+    command.add_flag("--json", options.is_json, "Print JSON; with --watch one line for each change");
+    command.add_flag("--watch", options.is_watch, "Go on and show every change, until Ctrl-C or q");
 }
 
 exit_status report_no_records(const network &net, const node &found, const char *what)
@@ -108,21 +114,23 @@ exit_status report_no_records(const network &net, const node &found, const char 
     return STATUS_FAILURE;
 }
 
-exit_status reading_run(const broker_address &address, const reading_options &options,
-                        const std::function<report()> &build)
+exit_status reading_of_network(const broker_address &address, const reading_options &options,
+                               const std::function<report(const network &net)> &build)
 {
-    if (options.is_watch) {
-        return watch(address, options, build);
+    network net;
+    exit_status status = open_reading(address, net);
+    if (status == STATUS_SUCCESS) {
+        status = show(address, options, [&] { return build(net); });
+        session_close();
     }
-    print_report(build(), options.is_json, 2);
-    return fflush(stdout) == 0 ? STATUS_SUCCESS : STATUS_FAILURE;
+    return status;
 }
 
 exit_status reading_of_node(const broker_address &address, const reading_options &options,
                             const node_reading &reading)
 {
     network net;
-    exit_status status = reading_open(address, net);
+    exit_status status = open_reading(address, net);
     if (status != STATUS_SUCCESS) {
         return status;
     }
@@ -136,14 +144,16 @@ exit_status reading_of_node(const broker_address &address, const reading_options
             net.nodes[mac].mac = mac;
             return net.nodes[mac];
         };
-        if (!reading.suffix.empty()) {
-            status = reading_add(address, "pub/diag/" + mac_text(mac) + "/" + reading.suffix);
+        std::string error;
+        if (!reading.suffix.empty() &&
+            !session_subscribe("pub/diag/" + mac_text(mac) + "/" + reading.suffix, error)) {
+            status = report_lost(address, error);
         }
         if (status == STATUS_SUCCESS && reading.prepare) {
             status = reading.prepare(net, current());
         }
         if (status == STATUS_SUCCESS) {
-            status = reading_run(address, options, [&] { return reading.build(net, current()); });
+            status = show(address, options, [&] { return reading.build(net, current()); });
         }
     }
     session_close();

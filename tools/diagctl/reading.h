@@ -12,19 +12,12 @@ struct reading_options {
 
 void add_reading_options(CLI::App &command, reading_options &options);
 
-// Opens the session and takes in the network; STATUS_NO_BROKER when there is no broker, or no daemon on it. The
-// caller closes the session unless that fails.
-exit_status reading_open(const broker_address &address, network &net);
-
-// Subscribes to one more filter and takes in what it has retained.
-exit_status reading_add(const broker_address &address, const std::string &filter);
-
 // Says on standard error that there are no records of a node's ports, and where they are.
 exit_status report_no_records(const network &net, const node &found, const char *what);
 
-// Shows what build makes of the network.
-exit_status reading_run(const broker_address &address, const reading_options &options,
-                        const std::function<report()> &build);
+// The whole of a command about the network: shows what build makes of it.
+exit_status reading_of_network(const broker_address &address, const reading_options &options,
+                               const std::function<report(const network &net)> &build);
 
 // The whole of a command about one node: finds it, takes in pub/diag/<MAC>/<suffix> where suffix isn't empty, lets
 // prepare wait for more or refuse, and shows what build makes of it.

@@ -4,10 +4,12 @@
 
 #include <mosquitto.h>
 #include <poll.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 
 namespace
@@ -113,10 +115,33 @@ bool subscribe(const std::vector<std::string> &filters, std::string &error)
     return !session.is_subscription_refused;
 }
 
-bool connect(const broker_address &address, std::string &error)
+// The library's connection attempt has no limit of its own, and a host that isn't there would keep it for minutes: an
+// alarm interrupts it, once for each of the host's addresses.
+int connect_in_time(const broker_address &address)
 {
+    struct sigaction interrupt = {};
+    struct sigaction before = {};
+    interrupt.sa_handler = [](int) {};
+    sigaction(SIGALRM, &interrupt, &before);
+    const itimerval limit = {{ANSWER_TIME.count(), 0}, {ANSWER_TIME.count(), 0}};
+    setitimer(ITIMER_REAL, &limit, nullptr);
     const int result =
         mosquitto_connect(session.client, address.host.c_str(), address.port, KEEPALIVE_SECONDS);
+    const int cause = errno;
+    const itimerval never = {};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+    errno = cause;
+    return result;
+}
+
+bool connect(const broker_address &address, std::string &error)
+{
+    const int result = connect_in_time(address);
+    if (result == MOSQ_ERR_ERRNO && errno == EINTR) {
+        error = "no connection within " + std::to_string(ANSWER_TIME.count()) + " s";
+        return false;
+    }
     if (result != MOSQ_ERR_SUCCESS) {
         error = reason(result);
         return false;

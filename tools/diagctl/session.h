@@ -18,7 +18,7 @@ struct broker_address {
 using message_handler =
     std::function<void(std::string_view topic, std::span<const uint8_t> payload, bool is_retained)>;
 
-// Connects, waits for the broker's answer (5 s at most once the TCP connection stands), subscribes and hands over
+// Connects, waits for the broker's answer (5 s at most for the TCP connection, and for the answer), subscribes and hands over
 // what the filters' topics have retained: it has all been handled when this returns. False, with the reason in error,
 // when there is no such broker or it refuses.
 bool session_open(const broker_address &address, const std::vector<std::string> &filters,
