@@ -1,0 +1,190 @@
+#include "steps.h"
+
+#include "common/bytes.h"
+#include "common/netif.h"
+#include "remote.h"
+
+#include <algorithm>
+#include <array>
+#include <string>
+#include <vector>
+
+namespace fuzz
+{
+
+namespace
+{
+
+constexpr int MAX_RUN_SECONDS = 16; // more would cost more than it finds
+constexpr const char *REQUEST_TOPIC = "pub/diag/command/request";
+constexpr const char *PORTS[] = {"A", "B", "C", "D", "E", "F", "G", "H", "CPU", "I"};
+
+// Topics of facts; the port, the ring or the node stands between the two parts.
+enum class part { PORT, RING, NODE, NONE };
+constexpr struct {
+    const char *start;
+    part which;
+    const char *end;
+} FACTS[] = {
+    {"local/diag/port/", part::PORT, "/type"},
+    {"local/diag/port/", part::PORT, "/media"},
+    {"local/diag/port/", part::PORT, "/link_down"},
+    {"local/diag/port/", part::PORT, "/grnd"},
+    {"local/diag/port/", part::PORT, "/stats"},
+    {"local/diag/port/", part::PORT, "/status"},
+    {"local/diag/ring/", part::RING, "/status"},
+    {"local/diag/node/", part::NODE, "/fire_ip"},
+    {OWN_TOPICS, part::NONE, "job_rev"},
+    {OWN_TOPICS, part::NONE, "job_name"},
+    {OWN_TOPICS, part::NONE, "download_status"},
+    {OWN_TOPICS, part::NONE, "CF_free_space"},
+    {OWN_TOPICS, part::NONE, "M301"},
+    {OWN_TOPICS, part::NONE, "M702"},
+    {OWN_TOPICS, part::NONE, "comm_loss"},
+    {OWN_TOPICS, part::NONE, "download_pending"},
+    {OWN_TOPICS, part::NONE, "repeater"},
+};
+
+using mac_address = std::array<uint8_t, MAC_SIZE>;
+
+mac_address mac_of(uint8_t node)
+{
+    mac_address mac = {0x06, 0, 0, 0, 0, node};
+    if (node == 0) {
+        std::copy(std::begin(LOCAL_MAC), std::end(LOCAL_MAC), mac.begin());
+    }
+    return mac;
+}
+
+std::string mac_text(uint8_t node)
+{
+    return mac_addr_to_str(mac_of(node).data());
+}
+
+std::string fact_topic(uint8_t topic, uint8_t which)
+{
+    const auto &fact = FACTS[topic % std::size(FACTS)];
+    std::string name;
+    switch (fact.which) {
+    case part::PORT:
+        name = PORTS[which % std::size(PORTS)];
+        break;
+    case part::RING:
+        name = std::to_string(which);
+        break;
+    case part::NODE:
+        name = mac_text(which);
+        break;
+    case part::NONE:
+        break;
+    }
+    return fact.start + name + fact.end;
+}
+
+class input_reader
+{
+public:
+    explicit input_reader(bytes input) : rest(input) {}
+    bool is_at_end() const { return rest.empty(); }
+    uint8_t take_byte()
+    {
+        const bytes taken = take(1);
+        return taken.empty() ? uint8_t{0} : taken[0];
+    }
+    uint16_t take_u16()
+    {
+        const uint8_t high = take_byte();
+        const uint8_t value[] = {high, take_byte()};
+        return load_be<uint16_t>(value);
+    }
+    bytes take(size_t length)
+    {
+        const bytes taken = rest.first(std::min(length, rest.size()));
+        rest = rest.subspan(taken.size());
+        return taken;
+    }
+    std::string take_text(size_t length)
+    {
+        const bytes text = take(length);
+        return {text.begin(), text.end()};
+    }
+
+private:
+    bytes rest;
+};
+
+void receive_packet(input_reader &input)
+{
+    const uint8_t sender = input.take_byte();
+    const uint8_t type = input.take_byte();
+    const mac_address mac = mac_of(input.take_byte());
+    const bytes payload = input.take(input.take_u16());
+    std::vector<uint8_t> datagram = {PACKET_VERSION, type};
+    datagram.insert(datagram.end(), mac.begin(), mac.end());
+    datagram.resize(HEADER_SIZE);
+    store_be(&datagram[PACKET_OFFSET_LENGTH], static_cast<uint16_t>(payload.size()));
+    datagram.insert(datagram.end(), payload.begin(), payload.end());
+    receive_datagram(sender, datagram);
+}
+
+void request(std::string text)
+{
+    if (text.ends_with('%')) {
+        text.replace(text.size() - 1, 1, right_response());
+    }
+    publish(REQUEST_TOPIC, {reinterpret_cast<const uint8_t *>(text.data()), text.size()});
+}
+
+void take_step(input_reader &input, step kind)
+{
+    switch (kind) {
+    case step::DATAGRAM: {
+        const uint8_t sender = input.take_byte();
+        const bytes taken = input.take(input.take_u16());
+        const std::vector<uint8_t> exact(taken.begin(), taken.end());
+        receive_datagram(sender, exact);
+        break;
+    }
+    case step::PACKET:
+        receive_packet(input);
+        break;
+    case step::RUN:
+        run_for(seconds(input.take_byte() % MAX_RUN_SECONDS));
+        break;
+    case step::STALL:
+        stall_for(seconds(input.take_u16()));
+        break;
+    case step::FACT: {
+        const uint8_t topic = input.take_byte();
+        const std::string text = fact_topic(topic, input.take_byte());
+        publish(text, input.take(input.take_u16()));
+        break;
+    }
+    case step::OWN_TOPIC: {
+        const std::string topic = OWN_TOPICS + input.take_text(input.take_byte());
+        publish(topic, input.take(input.take_u16()));
+        break;
+    }
+    case step::TOPIC: {
+        const std::string topic = input.take_text(input.take_byte());
+        publish(topic, input.take(input.take_u16()));
+        break;
+    }
+    case step::COMMAND:
+        request(input.take_text(input.take_u16()));
+        break;
+    }
+}
+
+} // namespace
+
+void run_input(bytes input, std::span<const step> kinds)
+{
+    start_node();
+    for (input_reader reader(input); !reader.is_at_end();) {
+        take_step(reader, kinds[reader.take_byte() % kinds.size()]);
+    }
+    end_node();
+}
+
+} // namespace fuzz

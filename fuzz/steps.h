@@ -1,0 +1,26 @@
+// What an input of the fuzzers means: a sequence of steps, each a byte that picks a kind from the fuzzer's own table,
+// followed by
+//
+//     DATAGRAM    sender (1)  length (2)  bytes of the datagram
+//     PACKET      sender (1)  type (1)  node (1)  length (2)  payload: a datagram with a right header
+//     RUN         seconds (1), modulo 16: time passes
+//     STALL       seconds (2): time passes without the daemon
+//     FACT        topic (1)  which (1)  length (2)  payload: a message on a topic of the card's processes
+//     OWN_TOPIC   length (1)  end of a topic of this node  length (2)  payload
+//     TOPIC       length (1)  topic  length (2)  payload
+//     COMMAND     length (2)  request of a client, in which a last "%" stands for the right response
+//
+// Lengths and values are big-endian; what is missing at the end counts as zero or empty. Node 0 is the node itself.
+#pragma once
+
+#include "node.h"
+
+namespace fuzz
+{
+
+enum class step { DATAGRAM, PACKET, RUN, STALL, FACT, OWN_TOPIC, TOPIC, COMMAND };
+
+// Takes a node from its start through the steps to its end.
+void run_input(bytes input, std::span<const step> kinds);
+
+} // namespace fuzz
