@@ -31,9 +31,11 @@ exit_status run_pm(const broker_address &address)
                                        ("performance records of port " + port_text(pm.port)).c_str());
     };
     const auto build = [&](const network &, const node &found) {
-        pm_style style = {is_utf8, 0};
-        size_t height = 0;
-        terminal_size(style.width, height);
+        pm_style style = {is_utf8, SIZE_MAX};
+        if (terminal_is_screen()) {
+            size_t height = 0;
+            terminal_size(style.width, height);
+        }
         report result = report_pm(found, pm.port, kind, style);
         if (pm.is_csv) {
             result.lines = pm_csv(found, pm.port, kind);
