@@ -12,6 +12,7 @@ from panel import BUILD, HERE, Stream, run, wait_until
 DIAGCTL = str(BUILD / "diagctl")
 LOCAL, PEER = "02-00-00-00-00-01", "02-00-00-00-00-02"
 SUCCESS, FAILURE, USAGE, NO_BROKER = range(4)
+MANUAL = (HERE.parent.parent / "packaging" / "man" / "diagctl.1.scd").read_text(encoding="ascii")
 BUSY = 30  # seconds that a busy machine may take
 
 pytestmark = pytest.mark.limit(150)
@@ -250,8 +251,7 @@ def test_json_field_that_the_manual_does_not_tell(lab):
     commands = (["nodes"], ["show", "local"], ["ports", "local"], ["pm", "local", "H"], ["lists"])
     objects += [read_json(node, *words) for words in commands]
     node.publish((record[0], ""), (link[0], ""))
-    manual = (HERE.parent.parent / "packaging" / "man" / "diagctl.1.scd").read_text(encoding="ascii")
-    assert sorted(key for key in keys_of(objects) if f"_{key}_" not in manual) == []
+    assert sorted(key for key in keys_of(objects) if f"_{key}_" not in MANUAL) == []
 
 
 class Terminal:
@@ -318,7 +318,7 @@ def test_top_ignores_a_key_or_the_terminals_size(played):
         assert "Local node" not in terminal.wait("status 0"), "the screen from before is back"
 
 
-def test_command_or_option_that_bash_does_not_complete(tmp_path):
+def test_command_that_bash_does_not_complete_or_the_manual_does_not_tell(tmp_path):
     script = tmp_path / "completion"
     script.write_text(run(DIAGCTL, "--completion", "bash"), encoding="ascii")
 
@@ -329,6 +329,7 @@ def test_command_or_option_that_bash_does_not_complete(tmp_path):
     commands = complete("")
     listed = run(DIAGCTL, "--help").partition("Subcommands:\n")[2].partition("\n\n")[0]
     assert sorted(commands) == sorted([*(line.split()[0] for line in listed.splitlines()), "--help"])
+    assert [command for command in commands if f"*diagctl* *{command}*" not in MANUAL] == ["--help"]
     assert complete("po") == ["ports"]
     assert complete("pm", "local", "--d") == ["--days"]
     assert complete("pm", "local", "C") == ["C", "CPU"]
