@@ -96,9 +96,9 @@ class Stream:
 class Daemon(Stream):
     """A daemon started by hand. Its output is of interest only where it ought not to be: sanitizers write there."""
 
-    def __init__(self, node, *arguments, env=()):
+    def __init__(self, node, *arguments, env=(), wrap=()):
         self.log_start = len(node.log.items) if node.log else 0
-        words = ["env", *env, "sh", "-c", 'echo $$; exec "$DIAG" "$@"', "diag", *arguments]
+        words = ["env", *env, "sh", "-c", 'echo $$; exec "$@"', "sh", *wrap, str(BUILD / "diag"), *arguments]
         super().__init__(node.command(*words), stderr=subprocess.STDOUT)
         self.node = node
         self.pid = int(wait_until(lambda: self.items, what="the daemon's start")[0])
@@ -270,11 +270,11 @@ class Node:
 
     # --- the daemon
 
-    def start(self, *arguments, env=()):
+    def start(self, *arguments, env=(), wrap=()):
         # A test that has failed may have left one.
         if self.daemon and self.daemon.process.poll() is None:
             self.daemon.__exit__()
-        self.daemon = Daemon(self, *arguments, env=env)
+        self.daemon = Daemon(self, *arguments, env=env, wrap=wrap)
         return self.daemon
 
     def run(self, *arguments, env=()):
