@@ -24,11 +24,19 @@ struct command_context {
     std::function<exit_status()> run;             // the command given on the command line
 };
 
+void add_activate_command(CLI::App &app, command_context &context);
+void add_export_command(CLI::App &app, command_context &context);
 void add_lists_command(CLI::App &app, command_context &context);
 void add_nodes_command(CLI::App &app, command_context &context);
+void add_ping_command(CLI::App &app, command_context &context);
 void add_pm_command(CLI::App &app, command_context &context);
 void add_ports_command(CLI::App &app, command_context &context);
+void add_record_command(CLI::App &app, command_context &context);
+void add_remote_download_command(CLI::App &app, command_context &context);
+void add_replay_command(CLI::App &app, command_context &context);
+void add_reset_command(CLI::App &app, command_context &context);
 void add_show_command(CLI::App &app, command_context &context);
+void add_subscribe_command(CLI::App &app, command_context &context);
 void add_top_command(CLI::App &app, command_context &context);
 void add_watch_command(CLI::App &app, command_context &context);
 

@@ -1,4 +1,4 @@
-// diagctl: what a service engineer types to look at the network through a card's broker.
+// diagctl: what a service engineer types to look at the network, and to command it, through a card's broker.
 #include "command.h"
 #include "completion.h"
 
@@ -9,13 +9,15 @@ namespace
 
 // In the order of the help.
 constexpr void (*COMMANDS[])(CLI::App &app, command_context &context) = {
-    add_nodes_command, add_show_command, add_ports_command, add_pm_command,
-    add_lists_command, add_top_command,  add_watch_command,
+    add_nodes_command,  add_show_command,   add_ports_command,    add_pm_command,
+    add_lists_command,  add_top_command,    add_watch_command,    add_subscribe_command,
+    add_ping_command,   add_reset_command,  add_activate_command, add_remote_download_command,
+    add_record_command, add_replay_command, add_export_command,
 };
 
 exit_status run(int argc, char **argv)
 {
-    CLI::App app("Looks at a fire-alarm panel network through a card's broker.", "diagctl");
+    CLI::App app("Looks at and commands a fire-alarm panel network through a card's broker.", "diagctl");
     app.require_subcommand(1);
     app.footer("Exit status: 0 success, 1 refused or failed, 2 wrong usage, 3 no broker or no answer.");
 

@@ -3,6 +3,7 @@
 #include "signals.h"
 
 #include <mosquitto.h>
+#include <mqtt_protocol.h>
 #include <poll.h>
 #include <sys/time.h>
 
@@ -40,6 +41,7 @@ struct {
     size_t subscriptions_granted = 0;
     bool is_subscription_refused = false;
     size_t publications_pending = 0;
+    bool keeps_retain_flags = false;
 } session;
 
 void connect_cb(mosquitto *, void *, int answer)
@@ -97,7 +99,9 @@ bool subscribe(const std::vector<std::string> &filters, std::string &error)
 {
     session.subscriptions_granted = 0;
     for (const std::string &filter : filters) {
-        const int result = mosquitto_subscribe(session.client, nullptr, filter.c_str(), SUBSCRIPTION_QOS);
+        const int options = session.keeps_retain_flags ? MQTT_SUB_OPT_RETAIN_AS_PUBLISHED : 0;
+        const int result = mosquitto_subscribe_v5(session.client, nullptr, filter.c_str(), SUBSCRIPTION_QOS,
+                                                  options, nullptr);
         if (result != MOSQ_ERR_SUCCESS) {
             error = reason(result);
             return false;
@@ -165,6 +169,9 @@ bool session_open(const broker_address &address, const std::vector<std::string> 
         error = strerror(errno);
         return false;
     }
+    if (session.keeps_retain_flags) {
+        mosquitto_int_option(session.client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+    }
     mosquitto_connect_callback_set(session.client, connect_cb);
     mosquitto_subscribe_callback_set(session.client, subscribe_cb);
     mosquitto_message_callback_set(session.client, message_cb);
@@ -174,6 +181,11 @@ bool session_open(const broker_address &address, const std::vector<std::string> 
         return false;
     }
     return true;
+}
+
+void session_keep_retain_flags()
+{
+    session.keeps_retain_flags = true;
 }
 
 bool session_subscribe(const std::string &filter, std::string &error)

@@ -24,6 +24,10 @@ using message_handler =
 bool session_open(const broker_address &address, const std::vector<std::string> &filters,
                   message_handler handler, std::string &error);
 
+// From here on, before session_open(): a message's is_retained tells whether it was published to be retained, not
+// whether it was there before the subscription. Takes a broker that speaks MQTT 5.
+void session_keep_retain_flags();
+
 // The same for one more filter of an open session.
 bool session_subscribe(const std::string &filter, std::string &error);
 

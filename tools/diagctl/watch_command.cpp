@@ -1,6 +1,6 @@
 // diagctl watch: every change, one line each.
+#include "changes.h"
 #include "live.h"
-#include "reports.h"
 
 #include <mosquitto.h>
 
@@ -31,24 +31,6 @@ bool is_wanted(const std::string &topic, const std::string &text)
             is_match);
 }
 
-void print_change(const std::string &topic, const std::string &text, const moment &now)
-{
-    if (!watch.is_json) {
-        printf("%s %s\n", date_text(now).c_str(), text.c_str());
-        return;
-    }
-    const std::optional<topic_place> place = parse_topic_place(topic);
-    const json object = {
-        {"time", utc_text(now.wall)},
-        {"topic", topic},
-        {"mac", place ? json(mac_text(place->mac)) : json()},
-        {"port", place && place->port ? json(port_text(*place->port)) : json()},
-        {"change", text},
-        {"value", topic_json(watch.net, topic)},
-    };
-    puts(object.dump().c_str());
-}
-
 void take_message(std::string_view topic_text, std::span<const uint8_t> payload, bool is_retained)
 {
     const moment now = current_moment();
@@ -57,7 +39,7 @@ void take_message(std::string_view topic_text, std::span<const uint8_t> payload,
         network_apply(watch.net, topic, payload, is_retained, now, change_detail::RECORDS);
     for (const std::string &text : changes) {
         if (is_wanted(topic, text)) {
-            print_change(topic, text, now);
+            print_change(watch.net, topic, text, now, watch.is_json);
         }
     }
     live_changed();
