@@ -87,7 +87,7 @@ TEST(recording, changes_a_payload_or_takes_a_damaged_line)
         EXPECT_TRUE(message->is_retained);
     }
     EXPECT_TRUE(is_printable(bytes("äß€😀")));
-    for (const size_t binary : {1, 2, 3, 4, 5, 8, 9, 10, 11, 12, 13}) {
+    for (const unsigned binary : {1U, 2U, 3U, 4U, 5U, 8U, 9U, 10U, 11U, 12U, 13U}) {
         EXPECT_FALSE(is_printable(payloads[binary])) << binary;
     }
     for (const char *damaged : {
