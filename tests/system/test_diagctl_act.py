@@ -60,13 +60,14 @@ def test_subscription_brings_nothing_or_outlives_the_command(lab):
 
 def test_silent_node_waited_for_without_a_word(lab):
     node = lab[1]
-    node.publish((f"pub/diag/{STRANGER}/port_summary", '{"A":"green"}'), (f"local/diag/node/{STRANGER}/fire_ip", "10.22.0.99"))
+    summary, address = f"pub/diag/{STRANGER}/port_summary", f"local/diag/node/{STRANGER}/fire_ip"
+    node.publish((summary, '{"A":"green"}'), (address, "10.22.0.99"))
     try:
         said = act(node, "subscribe", f"{STRANGER}/A", status=FAILURE)
         assert f"waiting for node {STRANGER}: 3 s" in said and "can't reach remote node" in said
         assert "connected to the fire network" in said
     finally:
-        node.publish((f"pub/diag/{STRANGER}/port_summary", ""), (f"local/diag/node/{STRANGER}/fire_ip", ""))
+        node.publish((summary, ""), (address, ""))
 
 
 def test_reset_without_confirmation_or_without_effect(lab):
@@ -96,7 +97,8 @@ def test_guarded_command_with_a_wrong_answer_or_wrong_nodes(lab):
     assert "--words" in act(node, "activate", "2", "--yes", "--words", WRONG, status=FAILURE)
     put(node, WRONG, "too few\n")
     assert "no word table" in act(node, "activate", "2", "--yes", "--words", WRONG, status=FAILURE)
-    for words in (["activate", "2"], ["activate", "--words", WORDS], ["remote-download", "maybe", "2", "--words", WORDS]):
+    maybe = ["remote-download", "maybe", "2", "--words", WORDS]
+    for words in (["activate", "2"], ["activate", "--words", WORDS], maybe):
         act(node, *words, status=USAGE)
     assert "failed nodes: 42" in act(node, "activate", "42", "--words", WORDS, "--yes", status=FAILURE)
     assert "nodes 2 3" in act(node, "remote-download", "on", "2,3", "--words", WORDS, stdin="y\n")
