@@ -137,7 +137,7 @@ TEST(metrics, of_a_node_that_has_left_or_a_wrong_value)
     const std::string mac = "02-00-00-00-00-02";
     apply("pub/diag/local_node", bytes("02-00-00-00-00-01"));
     apply("pub/diag/" + mac + "/port_summary", bytes(R"({"A":"red","B":"green"})"));
-    apply("pub/diag/" + mac + "/comm_loss", bytes("on"));
+    apply("pub/diag/" + mac + "/comm_loss", bytes("1"));
     apply("pub/diag/net/fire/link_down", {2, 0, 0, 0, 0, 2, 7, 1});
     std::vector<uint8_t> stats(STATS_BLOCK_SIZE);
     stats[STATS_LINK_DOWN_COUNT + 3] = 9;
