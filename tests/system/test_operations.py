@@ -1,0 +1,182 @@
+"""The example configuration of the broker, as it stands, and its bridge to the broker of a site."""
+import re
+import subprocess
+from pathlib import Path
+
+import pytest
+from panel import Stream
+
+EXAMPLES = Path(__file__).resolve().parent.parent.parent / "packaging" / "mosquitto"
+REQUEST, RESPONSE = "pub/diag/command/request", "pub/diag/command/response"
+CA = "/etc/mosquitto/certs/ca.crt"
+
+# As docs/operations.md shows it; $1 is the address that the certificate is for.
+CERTIFICATES = """
+cd /etc/mosquitto/certs
+openssl req -x509 -newkey ed25519 -nodes -days 30 -subj '/CN=test CA' -keyout ca.key -out ca.crt 2>/dev/null
+openssl req -newkey ed25519 -nodes -subj '/CN=card' -keyout card.key -out card.csr 2>/dev/null
+openssl x509 -req -in card.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 30 \
+    -extfile <(echo "subjectAltName=IP:ADDRESS") -out card.crt 2>/dev/null
+"""
+
+
+def put(node, path, text):
+    node.exec("tee", path, stdin=text)
+
+
+def prepare(node):
+    """Gives the node an /etc/mosquitto of its own with the examples, service tools let in, and certificates."""
+    node.shell("mount -t tmpfs none /etc/mosquitto; mkdir /etc/mosquitto/conf.d /etc/mosquitto/certs")
+    for name in ("diag.acl", "diag-service.acl"):
+        put(node, f"/etc/mosquitto/{name}", (EXAMPLES / name).read_text(encoding="utf-8"))
+    text = (EXAMPLES / "diag.conf").read_text(encoding="utf-8")
+    let_in = re.sub(r"^#(?=\w)", "", text, flags=re.MULTILINE)
+    assert let_in != text
+    put(node, "/etc/mosquitto/conf.d/diag.conf", let_in)
+    # Persistent as Debian's own file has it, which diag.conf is to overrule.
+    main = ["user root", "persistence true", "persistence_location /run/", "log_dest stderr", "log_type all"]
+    put(node, "/etc/mosquitto/mosquitto.conf", "\n".join([*main, "include_dir /etc/mosquitto/conf.d", ""]))
+    node.shell("mosquitto_passwd -c -b /etc/mosquitto/diag-service.passwd service secret")
+    node.shell(CERTIFICATES.replace("ADDRESS", node.address))
+
+
+def start_broker(node):
+    broker = Stream(node.command("mosquitto", "-c", "/etc/mosquitto/mosquitto.conf"), stderr=subprocess.STDOUT)
+    broker.wait(lambda line: line.endswith("running"))
+    return broker
+
+
+def service(node, password="secret"):
+    """How a service tool at the site's node reaches a node's broker."""
+    encrypted = ["-h", node.address, "-p", "8883", "--cafile", "/run/ca.crt" if node.number == 1 else CA]
+    return [*encrypted, "-u", "service", "-P", password]
+
+
+@pytest.fixture(scope="module")
+def panel(make_lab):
+    lab = make_lab(2, "--star", "--no-daemon").silence_cards(brokers=False)
+    card, site = lab[1], lab[2]
+    for node in (card, site):
+        prepare(node)
+    for at, other in ((card, site), (site, card)):
+        put(at, "/run/ca.crt", other.exec("cat", "/etc/mosquitto/certs/ca.crt"))
+    with start_broker(card) as broker:
+        card.broker = broker
+        card.exec("mosquitto_pub", "-p", "1885", "-r", "-t", "local/ready", "-m", "1")
+        with watch(card, ["-p", "1885"]) as card.topics:
+            yield card, site
+
+
+def watch(node, address):
+    """Like Node.watch, with a topic that the access lists allow; at the site's broker anything is allowed."""
+
+    def parse(line):
+        topic, _, payload = line.partition(" ")
+        return topic, bytes.fromhex(payload)
+
+    stream = Stream(node.command("mosquitto_sub", *address, "-q", "1", "-t", "#", "-F", "%t %x"), parse)
+    stream.wait(lambda item: item[0] == "local/ready")
+    return stream
+
+
+def start_daemon(card):
+    start = len(card.topics.items)
+    card.start("-n", "1")
+    card.topics.wait(lambda item: item[0] == "pub/diag/command/aut/tbl_idx", 10, start)
+
+
+def denied(card, topic, client, at):
+    """Whether the card's broker throws away what such a client publishes on the topic."""
+    start, log_start = len(card.topics.items), len(card.broker.items)
+    at.exec("mosquitto_pub", *client, "-q", "1", "-t", topic, "-m", "x")
+    line = card.broker.wait(lambda text: "PUBLISH from" in text and f"'{topic}'" in text, 10, log_start)
+    card.publish(("local/mark", topic), retain=False)
+    card.topics.wait(lambda item: item == ("local/mark", topic.encode()), 10, start)
+    thrown_away = (topic, b"x") not in card.topics.items[start:]
+    assert thrown_away == ("Denied PUBLISH" in line), line
+    return thrown_away
+
+
+def test_access_list_lets_through_or_keeps_out_the_wrong(panel):
+    card, site = panel
+    facts = ["local/diag/port/A/type", "local/activate", f"pub/diag/{card.mac}/job_name", f"pub/diag/{card.mac}/repeater"]
+    results = [
+        *("pub/diag/local_node", f"pub/diag/{card.mac}/A/stats", f"pub/diag/{card.mac}/port_summary"),
+        *("pub/diag/net/fire/grnd_list", "pub/diag/command/aut/tbl_idx", RESPONSE),
+    ]
+    every = [REQUEST, *facts, *results, "other"]
+
+    def allowed(client, at):
+        return [topic for topic in every if not denied(card, topic, client, at)]
+
+    local = ["-p", "1885"]
+    assert allowed(local, card) == [REQUEST, *facts]
+    assert allowed([*local, "-i", "diag"], card) == [REQUEST, *facts, *results]
+    assert allowed(service(card), site) == [REQUEST]
+    with pytest.raises(AssertionError, match="not authori[sz]ed"):
+        site.exec("mosquitto_pub", *service(card, "guess"), "-t", REQUEST, "-n")
+
+
+@pytest.mark.limit(90)
+def test_bridge_or_access_list_loses_topics_or_repeats_commands(panel):
+    card, site = panel
+    mac = card.mac
+    bridge = (EXAMPLES / "bridge.conf").read_text(encoding="utf-8")
+    for example, real in (
+        ("00-1A-2B-3C-4D-5E", mac), ("site.example.org", site.address), ("username card", "username service"),
+        ("change-me", "secret"), ("/etc/mosquitto/certs/site-ca.crt", "/run/ca.crt"),
+    ):
+        assert example in bridge
+        bridge = bridge.replace(example, real)
+    put(card, "/etc/mosquitto/conf.d/bridge.conf", bridge)
+    # The site lets its users do anything.
+    site.shell("printf 'pattern readwrite #\n' >/etc/mosquitto/diag-service.acl")
+    # A broker reads its bridges only when it starts.
+    card.topics.__exit__()
+    card.broker.__exit__()
+
+    def site_up():
+        broker = start_broker(site)
+        site.exec("mosquitto_pub", *service(site), "-r", "-t", "local/ready", "-m", "1")
+        return broker, watch(site, service(site))
+
+    site_broker, site.topics = site_up()
+    with start_broker(card) as card.broker:
+        card.exec("mosquitto_pub", "-p", "1885", "-r", "-t", "local/ready", "-m", "1")
+        with watch(card, ["-p", "1885"]) as card.topics:
+            start_daemon(card)
+            card.publish(("local/diag/port/A/type", "fire"), ("local/diag/port/A/stats", bytes(66)))
+            stats, view = f"pub/diag/{mac}/A/stats", f"cards/{mac}/pub/diag/"
+            site.topics.wait(lambda item: item[0] == stats)
+            site.topics.wait(lambda item: item[0] == f"{view}net/fire/link_down")
+
+            # The site gives a command: executed once, answered once.
+            def command(number):
+                request = f"9;{number};noop"
+                site.exec("mosquitto_pub", *service(site), "-t", f"cards/{mac}/{REQUEST}", "-m", request)
+                site.topics.wait(lambda item: item == (f"cards/{mac}/{RESPONSE}", f"9;{number};ACK".encode()))
+
+            for number in range(5):
+                command(number)
+            answers = [item for item in card.topics.items if item[0] == RESPONSE]
+            assert len(answers) == len(set(answers)) == 5
+            assert not [item for item in site.topics.items if item[0] in (REQUEST, RESPONSE, "pub/diag/local_node")]
+
+            # A service tool sees the diagnostics of the card and nothing else.
+            words = " ".join(service(card))
+            seen = site.shell(f"mosquitto_sub {words} -t '#' -W 2 -F %t || [ $? = 27 ]").split()
+            assert stats in seen and not [topic for topic in seen if not topic.startswith("pub/diag/")]
+
+            # The site's broker comes back empty, and gets all again, the changes of the time between included.
+            site.topics.__exit__()
+            site_broker.__exit__()
+            card.publish(("local/diag/port/B/type", "fire"), ("local/diag/port/B/stats", bytes(66)))
+            card.topics.wait(lambda item: item[0] == f"pub/diag/{mac}/B/stats")
+            site_broker, site.topics = site_up()
+            for topic in (stats, f"pub/diag/{mac}/B/stats", f"{view}net/fire/link_down"):
+                site.topics.wait(lambda item, topic=topic: item[0] == topic, 30)
+            command(6)
+            assert card.daemon.stop() == 0
+            assert not [line for line in card.broker.items if "Denied PUBLISH" in line]
+    site.topics.__exit__()
+    site_broker.__exit__()
