@@ -3,6 +3,8 @@
 
     tests/messages.py             prints them: source, format
     tests/messages.py check FILE  compares them with the document FILE, which names each in a code span
+    tests/messages.py seen FILE   prints the calls and the formats that no line in FILE comes from: the log lines that
+                                  the tests add to the file named by the environment variable DIAG_SEEN_MESSAGES
 """
 import re
 import sys
@@ -13,6 +15,9 @@ LITERALS = r'(?:"(?:[^"\\\n]|\\.)*"\s*)+'
 CALL = re.compile(r"log_(?:component_)?error\(\s*(?:LUMLOG_\w+\s*,\s*)?(" + LITERALS + ")")
 # A format of these begins with a text out of a table in the same file.
 VARIABLE = re.compile(r"%s(?: \(|$)")
+LOG_SOURCE = re.compile(r'log_source = "([^"]+)"')
+LOG_LINE = re.compile(r" - (?P<source>[\w/.]+):(?P<line>\d+) - (?P<text>.*)")
+CONVERSION = re.compile(r"%[-+ 0#]*[*\d]*(?:\.[*\d]+)?(?:hh?|ll?|z)?[diuxXsc]")
 LOGGED_BY_LUMLOG = ["invalid priority level: %d", "invalid component: %d", "[couldn't allocate message]"]
 
 
@@ -57,8 +62,45 @@ def check(document):
     return 1 if missing or stale else 0
 
 
+def calls():
+    """(file, its log source, first line, last line, format) of each call."""
+    for path in sorted(SOURCE.rglob("*.cpp")):
+        text = re.sub(r"//[^\n]*", "", path.read_text(encoding="utf-8"))
+        source = LOG_SOURCE.search(text)
+        for match in CALL.finditer(text):
+            depth, end = 1, match.end()
+            while depth:
+                depth += {"(": 1, ")": -1}.get(text[end], 0)
+                end += 1
+            first, last = (text.count("\n", 0, place) + 1 for place in (match.start(), end))
+            yield str(path.relative_to(SOURCE)), source[1], first, last, joined(match[1])
+
+
+def seen(lines_file):
+    """Both ways are needed: several calls share a format, and one call takes its texts out of a table."""
+    with open(lines_file, encoding="utf-8", errors="replace") as lines:
+        logged = {match.group("source", "line", "text") for match in map(LOG_LINE.search, lines) if match}
+    places = {(source, int(line)) for source, line, _ in logged}
+    texts = {text for _, _, text in logged}
+    all_calls = list(calls())
+    unseen = [
+        f"src/{file}:{first}: never called: {form}"
+        for file, source, first, last, form in all_calls
+        if not any((source, line) in places for line in range(first, last + 1))
+    ]
+    for file, form in messages():
+        pattern = re.compile(".*".join(map(re.escape, CONVERSION.split(form))))
+        if not any(map(pattern.fullmatch, texts)):
+            unseen.append(f"src/{file}: never logged: {form}")
+    print("\n".join(unseen))
+    print(f"{len(logged)} different lines, {len(all_calls)} calls, {len(messages())} messages, {len(unseen)} never seen")
+    return 1 if unseen else 0
+
+
 if __name__ == "__main__":
     if sys.argv[1:2] == ["check"]:
         sys.exit(check(sys.argv[2]))
+    if sys.argv[1:2] == ["seen"]:
+        sys.exit(seen(sys.argv[2]))
     for source, form in messages():
         print(f"{source}\t{form}")

@@ -116,7 +116,8 @@ struct platform_state {
 
 platform_state &state()
 {
-    static platform_state the_state;
+    // Never destroyed: what runs at the process's exit opens files, the coverage counters for one.
+    static platform_state &the_state = *new platform_state;
     return the_state;
 }
 
@@ -751,7 +752,14 @@ int __wrap_timerfd_settime(int fd, int flags, const itimerspec *time, itimerspec
 
 int __wrap_open(const char *path, int flags, ...)
 {
-    return is_daemons_file(path) ? open_file(path) : __real_open(path, flags);
+    if (is_daemons_file(path)) {
+        return open_file(path);
+    }
+    va_list arguments;
+    va_start(arguments, flags);
+    const unsigned mode = (flags & O_CREAT) != 0 ? va_arg(arguments, unsigned) : 0;
+    va_end(arguments);
+    return __real_open(path, flags, mode);
 }
 
 ssize_t __wrap_read(int fd, void *buffer, size_t size)

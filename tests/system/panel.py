@@ -230,7 +230,16 @@ class Node:
 
     def take_log(self):
         """Takes the system log from the card: items are the texts of the datagrams."""
-        self.log = self.stream("log", parse=lambda line: literal_eval(line) if line[0] in "'\"" else line)
+        seen = os.environ.get("DIAG_SEEN_MESSAGES")
+
+        def parse(line):
+            text = literal_eval(line) if line[0] in "'\"" else line
+            if seen:
+                with open(seen, "a", encoding="utf-8", errors="replace") as lines:
+                    lines.write(text.replace("\n", " ") + "\n")
+            return text
+
+        self.log = self.stream("log", parse=parse)
 
     def logged(self, start=0):
         """Everything logged up to now: (component, source, text) of each datagram from start on."""
