@@ -10,7 +10,7 @@ EXAMPLES = Path(__file__).resolve().parent.parent.parent / "packaging" / "mosqui
 REQUEST, RESPONSE = "pub/diag/command/request", "pub/diag/command/response"
 CA = "/etc/mosquitto/certs/ca.crt"
 
-# As docs/operations.md shows it; $1 is the address that the certificate is for.
+# As docs/operations.md shows it; ADDRESS is what clients call the node.
 CERTIFICATES = """
 cd /etc/mosquitto/certs
 openssl req -x509 -newkey ed25519 -nodes -days 30 -subj '/CN=test CA' -keyout ca.key -out ca.crt 2>/dev/null
@@ -99,9 +99,10 @@ def denied(card, topic, client, at):
 
 def test_access_list_lets_through_or_keeps_out_the_wrong(panel):
     card, site = panel
-    facts = ["local/diag/port/A/type", "local/activate", f"pub/diag/{card.mac}/job_name", f"pub/diag/{card.mac}/repeater"]
+    own = f"pub/diag/{card.mac}"
+    facts = ["local/diag/port/A/type", "local/activate", f"{own}/job_name", f"{own}/repeater"]
     results = [
-        *("pub/diag/local_node", f"pub/diag/{card.mac}/A/stats", f"pub/diag/{card.mac}/port_summary"),
+        *("pub/diag/local_node", f"{own}/A/stats", f"{own}/port_summary"),
         *("pub/diag/net/fire/grnd_list", "pub/diag/command/aut/tbl_idx", RESPONSE),
     ]
     every = [REQUEST, *facts, *results, "other"]
@@ -122,15 +123,19 @@ def test_bridge_or_access_list_loses_topics_or_repeats_commands(panel):
     card, site = panel
     mac = card.mac
     bridge = (EXAMPLES / "bridge.conf").read_text(encoding="utf-8")
-    for example, real in (
-        ("00-1A-2B-3C-4D-5E", mac), ("site.example.org", site.address), ("username card", "username service"),
-        ("change-me", "secret"), ("/etc/mosquitto/certs/site-ca.crt", "/run/ca.crt"),
-    ):
+    for example, real in {
+        "00-1A-2B-3C-4D-5E": mac,
+        "site.example.org": site.address,
+        "change-me": "secret",
+        "/etc/mosquitto/certs/site-ca.crt": "/run/ca.crt",
+    }.items():
         assert example in bridge
         bridge = bridge.replace(example, real)
     put(card, "/etc/mosquitto/conf.d/bridge.conf", bridge)
-    # The site lets its users do anything.
-    site.shell("printf 'pattern readwrite #\n' >/etc/mosquitto/diag-service.acl")
+    # At the site the card's user name is its MAC address; the other user may do anything.
+    site.shell(f"mosquitto_passwd -b /etc/mosquitto/diag-service.passwd {mac} secret")
+    rules = ["user service", "topic readwrite #", "pattern readwrite pub/diag/%u/#", "pattern readwrite cards/%u/#", ""]
+    put(site, "/etc/mosquitto/diag-service.acl", "\n".join(rules))
     # A broker reads its bridges only when it starts.
     card.topics.__exit__()
     card.broker.__exit__()
