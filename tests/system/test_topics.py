@@ -41,7 +41,8 @@ def channel_of(topic):
 
 
 def is_retained(name):
-    mine = [item for item in DOCUMENT["operations"].values() if resolved(item["channel"]) is DOCUMENT["channels"][name]]
+    channel = DOCUMENT["channels"][name]
+    mine = [item for item in DOCUMENT["operations"].values() if resolved(item["channel"]) is channel]
     return all(item["bindings"]["mqtt"]["retain"] for item in mine if "bindings" in item)
 
 
@@ -122,7 +123,8 @@ def test_subscription_of_the_daemon_reads_no_documented_topic(make_lab):
     node.start("-n", "1")
     broker.wait(lambda item: item[2] == "pub/diag/command/request")
     filters = {item[2] for item in broker.items if item[1].startswith("SUBSCRIBE")}
-    reads = {resolved(item["channel"])["address"] for item in DOCUMENT["operations"].values() if item["action"] == "receive"}
+    operations = DOCUMENT["operations"].values()
+    reads = {resolved(item["channel"])["address"] for item in operations if item["action"] == "receive"}
     for wanted in filters:
         pattern = re.escape(wanted).replace(r"\+", "[^/]+").replace(r"\#", ".+")
         examples = {address.replace("{mac}", node.mac) for address in reads}
