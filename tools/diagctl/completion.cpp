@@ -61,8 +61,8 @@ std::string bash_completion(const CLI::App &app)
             }
         }
         append_word(commands, command->get_name());
-        script +=
-            "    " + command->get_name() + ") words='" + words + "' with_value='" + with_value + "' ;;\n";
+        script.append("    ").append(command->get_name()).append(") words='").append(words);
+        script.append("' with_value='").append(with_value).append("' ;;\n");
     }
     return script + "    '') words='" + commands + " --help' with_value='' ;;\n" + SCRIPT_END;
 }

@@ -121,6 +121,7 @@ std::vector<screen_line> columns(const std::vector<std::vector<screen_line>> &ro
 std::vector<screen_line> heading(const std::vector<std::string> &titles)
 {
     std::vector<screen_line> row;
+    row.reserve(titles.size());
     for (const std::string &title : titles) {
         row.push_back({{text_style::BOLD, title}});
     }
