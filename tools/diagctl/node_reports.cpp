@@ -440,6 +440,7 @@ report report_node(const network &net, const node &shown)
 std::vector<std::string> port_list_entries(const std::vector<listed_ports> &list)
 {
     std::vector<std::string> entries;
+    entries.reserve(list.size());
     for (const listed_ports &record : list) {
         entries.push_back(mac_text(record.mac) + " (" + to_string(record.number) + ") " +
                           port_letters(record.ports));
