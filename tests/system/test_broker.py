@@ -153,7 +153,7 @@ def test_packets_of_the_start_and_the_end_are_not_exactly_those_in_order(lab):
     broker = node.fake_broker("good")
     daemon = node.start("-n", "3")
     own = f"pub/diag/{node.mac}/"
-    broker.wait(lambda item: item[2] == own + "repeater")
+    broker.wait(lambda item: item[2] == "pub/diag/command/request")
     assert daemon.stop() == 0
     assert broker.end() == 0
     publish, subscribe = "PUBLISH3", "SUBSCRIBE1"  # retained with QoS 1, and QoS 1
@@ -170,6 +170,8 @@ def test_packets_of_the_start_and_the_end_are_not_exactly_those_in_order(lab):
         (subscribe, "local/diag/port/+/status"),
         (subscribe, "local/diag/ring/+/status"),
         *[(subscribe, own + name) for name in facts],
+        (publish, "pub/diag/command/aut/tbl_idx"),
+        (subscribe, "pub/diag/command/request"),
         ("DISCONNECT", "-"),
     ]
     # MQTT 3.1.1, clean session, keepalive 10 s, client id "diag", no will, no name

@@ -169,6 +169,7 @@ def test_topics_after_start_are_not_exactly_those(lab):
         "pub/diag/net/fire/link_down": b"\0",
         "pub/diag/net/fire/grnd_list": b"\0",
         "pub/diag/net/fire/miswired": b"\0",
+        "pub/diag/command/aut/tbl_idx": b"1;40 7 9 97 54 25 65 89 120 63",  # follows from the node number
     }
     assert len(expected[f"pub/diag/{node.mac}/software_versions"]) == 156
     wait_until(lambda: len(node.retained()) >= len(expected), what=node.retained)
