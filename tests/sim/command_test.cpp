@@ -504,6 +504,16 @@ TEST_F(commands, challenge_lists_2_to_10_of_the_127_words)
     EXPECT_LE(longest, 41U);
 }
 
+TEST_F(commands, challenge_of_ten_three_digit_indices_fits)
+{
+    const std::string request = activate("");
+    srand(15918344); // draws them
+    EXPECT_EQ(answer(request), lines({"1;2;ACK"}));
+    const std::string text = challenge();
+    EXPECT_EQ(text.size(), 2U + 10 * 3 + 9) << text;
+    EXPECT_EQ(answer(activate("")), lines({"1;2;ACK"}));
+}
+
 TEST_F(commands, challenge_that_cannot_be_published_is_in_force_all_the_same)
 {
     const std::string old = activate("");
