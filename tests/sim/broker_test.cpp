@@ -384,6 +384,26 @@ TEST_F(session, failing_output_of_a_tick_is_fatal)
     EXPECT_EQ(take_log(), lines({"broker: couldn't carry out write operations (The connection was lost.)"}));
 }
 
+TEST_F(session, failing_output_after_a_message_is_fatal)
+{
+    listen("go", "a", [] { fail(failure("mosquitto_loop_write", MOSQ_ERR_CONN_LOST)); });
+    publish("go", "");
+    EXPECT_EQ(exit_status(), 1);
+    EXPECT_EQ(take_log(), lines({"broker: couldn't carry out write operations (The connection was lost.)"}));
+}
+
+TEST_F(session, wait_that_ends_without_an_event_goes_on_and_a_failing_one_is_fatal)
+{
+    fail(failure("epoll_wait", 0).returning(0));
+    advance(500ms);
+    EXPECT_TRUE(is_running());
+    EXPECT_EQ(take_log(), lines({"event: epoll_wait unexpectedly timed out"}));
+    fail(failure("epoll_wait", EBADF));
+    advance(500ms);
+    EXPECT_EQ(exit_status(), 1);
+    EXPECT_EQ(take_log()[0], "event: error while polling events (errno 9)");
+}
+
 TEST_F(session, interrupted_input_and_output_go_on)
 {
     fail(failure("mosquitto_loop_read", MOSQ_ERR_ERRNO).leaving(EINTR));

@@ -235,6 +235,51 @@ TEST(hwinfo, each_failing_step_of_init_is_named)
     }
 }
 
+TEST(hwinfo, answers_nothing_without_a_place_for_it)
+{
+    const auto refuse = [](int result) {
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(logged_messages(), log_messages{"NULL pointer received as argument"});
+        clear_log();
+    };
+    refuse(hwinfo_get_hw_card_type(nullptr));
+    refuse(hwinfo_get_card_flavor(nullptr));
+    refuse(hwinfo_get_nb_entries(nullptr));
+    refuse(hwinfo_get_nb_ports(nullptr));
+    refuse(hwinfo_get_nb_switches(nullptr));
+    refuse(hwinfo_port_get_switch_map(LUM_PORT_A, nullptr));
+    refuse(hwinfo_port_get_mc_index(LUM_PORT_A, nullptr));
+    refuse(hwinfo_port_get_type(LUM_PORT_A, nullptr));
+    refuse(hwinfo_get_switch_upstream_port(0, nullptr));
+    refuse(hwinfo_get_switch_upstream_port(1, nullptr));
+    refuse(hwinfo_get_switch_downstream_port(0, nullptr));
+    refuse(hwinfo_get_management_mac_addr(nullptr));
+}
+
+TEST(hwinfo, describes_the_card)
+{
+    card files;
+    ASSERT_EQ(hwinfo_init(), 0);
+    uint32_t value = 0;
+    EXPECT_EQ(hwinfo_get_card_flavor(&value), 0);
+    EXPECT_EQ(value, 1U);
+    EXPECT_EQ(hwinfo_get_nb_switches(&value), 0);
+    EXPECT_EQ(value, 2U);
+    EXPECT_EQ(hwinfo_get_nb_entries(&value), 0);
+    EXPECT_EQ(value, 11U);
+    int port = 0;
+    EXPECT_EQ(hwinfo_get_switch_upstream_port(0, &port), 0);
+    EXPECT_EQ(port, LUM_PORT_CPU);
+    EXPECT_EQ(hwinfo_get_switch_upstream_port(1, &port), 0);
+    EXPECT_EQ(port, LUM_PORT_LINK_UP);
+    EXPECT_EQ(hwinfo_get_switch_downstream_port(0, &port), 0);
+    EXPECT_EQ(port, LUM_PORT_LINK_DOWN);
+    EXPECT_EQ(hwinfo_get_switch_upstream_port(2, &port), -1);
+    EXPECT_EQ(hwinfo_get_switch_downstream_port(1, &port), -1);
+    EXPECT_EQ(hwinfo_port_get_mc_index(LUM_PORT_LINK_UP + 1, &port), -1);
+    EXPECT_EQ(hwinfo_is_old_card(), 0);
+}
+
 TEST_P(hwinfo_map, places_and_types_every_port)
 {
     card files;
