@@ -6,9 +6,9 @@
 //     bench_fire serve PID              send passes over 1,000 topics for 100 subscriptions; node 2's daemon is stopped
 //     bench_fire change PID COUNT       from a change on node 1's broker to the topic on node 2's
 //     bench_fire activate PID COUNT     activates 98 nodes that acknowledge; node 2's daemon is stopped
+#include "challenge.h"
 #include "client.h"
 #include "common/bytes.h"
-#include "common/md5.h"
 #include "remote.h"
 #include "summary.h"
 
@@ -369,28 +369,9 @@ void change(int pid, int count)
     }
 }
 
-constexpr const char *secrets[] = {
+const word_table words = {
 #include "secrets.inc"
 };
-
-std::string response_to(const std::string &challenge)
-{
-    md5_context md5;
-    MD5_Init(&md5);
-    std::istringstream indices(challenge.substr(2));
-    for (size_t index; indices >> index;) {
-        MD5_Update(&md5, secrets[index], strlen(secrets[index]));
-    }
-    uint8_t digest[MD5_DIGEST_SIZE];
-    MD5_Final(digest, &md5);
-    std::string text;
-    for (const uint8_t byte : digest) {
-        char digits[3];
-        snprintf(digits, sizeof digits, "%02x", byte);
-        text += digits;
-    }
-    return text;
-}
 
 void activate(int pid, int count)
 {
@@ -425,7 +406,7 @@ void activate(int pid, int count)
         const std::string numbers = std::string("1;") + std::to_string(i) + ";";
         const auto start = bench_clock::now();
         publish(client, "pub/diag/command/request",
-                numbers + "activate;" + targets + ";" + response_to(challenge));
+                numbers + "activate;" + targets + ";" + challenge_response(challenge, words).value());
         times.push_back(await_value(client, numbers + "ACK", start));
         settle(client);
     }

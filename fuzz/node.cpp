@@ -2,8 +2,8 @@
 
 #include "auth.h"
 #include "broker.h"
+#include "challenge.h"
 #include "command.h"
-#include "common/md5.h"
 #include "event.h"
 #include "remote.h"
 #include "stats.h"
@@ -26,7 +26,6 @@
 #include <deque>
 #include <list>
 #include <optional>
-#include <sstream>
 #include <unordered_map>
 #include <vector>
 
@@ -67,7 +66,7 @@ constexpr const char *MEANT_TO_END[] = {
     "couldn't udpate port media in summary",       // a media code that does not exist
 };
 
-constexpr const char *WORDS[] = {
+const word_table WORDS = {
 #include "secrets.inc"
 };
 
@@ -364,19 +363,7 @@ void stall_for(seconds time)
 
 std::string right_response()
 {
-    md5_context md5;
-    MD5_Init(&md5);
-    std::istringstream indices(node.challenge.substr(2));
-    for (size_t index; indices >> index;) {
-        MD5_Update(&md5, WORDS[index], strlen(WORDS[index]));
-    }
-    uint8_t digest[MD5_DIGEST_SIZE];
-    MD5_Final(digest, &md5);
-    char text[2 * MD5_DIGEST_SIZE + 1];
-    for (size_t i = 0; i < MD5_DIGEST_SIZE; i++) {
-        snprintf(text + 2 * i, 3, "%02x", digest[i]);
-    }
-    return text;
+    return challenge_response(node.challenge, WORDS).value();
 }
 
 } // namespace fuzz
