@@ -188,7 +188,8 @@ TEST_F(session, newest_subscription_hears_first_and_none_is_merged)
     publish("a/b", "");
     publish("a/c", "1");
     publish("b", "1");
-    EXPECT_EQ(heard_, lines({"newest: a/b=", "new: a/b=", "old: a/b=", "old: a/c=1"}));
+    publish("a", "1");
+    EXPECT_EQ(heard_, lines({"newest: a/b=", "new: a/b=", "old: a/b=", "old: a/c=1", "old: a=1"}));
 }
 
 struct change_case {

@@ -1,4 +1,5 @@
 // Clients' commands, their sessions, and the challenge.
+#include "auth.h"
 #include "common/md5.h"
 #include "fire_network.h"
 
@@ -512,6 +513,18 @@ TEST_F(commands, challenge_of_ten_three_digit_indices_fits)
     const std::string text = challenge();
     EXPECT_EQ(text.size(), 2U + 10 * 3 + 9) << text;
     EXPECT_EQ(answer(activate("")), lines({"1;2;ACK"}));
+}
+
+TEST_F(commands, challenge_is_not_answered_by_nothing)
+{
+    const std::string in_force = challenge();
+    bool is_right = true;
+    for (const int result : {auth_check(nullptr, &is_right), auth_check(digest().c_str(), nullptr)}) {
+        EXPECT_EQ(result, -1);
+    }
+    const std::string null = "auth: NULL pointer received as argument";
+    EXPECT_EQ(take_log(), lines({null, null}));
+    EXPECT_EQ(challenge(), in_force);
 }
 
 TEST_F(commands, challenge_that_cannot_be_published_is_in_force_all_the_same)

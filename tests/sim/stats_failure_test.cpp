@@ -1,5 +1,7 @@
 // Every step of the port statistics that can fail once the daemon runs: what is logged, and that the daemon
 // stops.
+#include "packets.h"
+#include "remote.h"
 #include "stats_node.h"
 
 #include <mosquitto.h>
@@ -44,6 +46,7 @@ const auto BOTH_DOWN = [] {
 };
 const auto TRACK = [](stats_node &) { track("fire", "C"); };
 const auto UNTRACK = [](stats_node &) { untrack(); };
+const auto RESET_ALL = [](stats_node &) { receive_datagram(packet_bytes(PACKET_RESET_ALL_STATS, "")); };
 const auto STATS = [](stats_node &) { stats(); };
 const auto TICK = [](stats_node &node) { node.tick(); };
 const auto DAY = [](stats_node &node) { node.ticks(96); };
@@ -119,6 +122,11 @@ std::vector<failing_step> registry_steps()
 const std::vector<failing_step> FACT_STEPS = {
     {"link_clock", NOTHING, NO_CLOCK, [](stats_node &) { link_down(1); }, CLOCK},
     {"link_down_time", LINK_DOWN, NO_SECOND_CLOCK, [](stats_node &) { link_down(0); }, LINK_TIME},
+    {"reset_of_all", NOTHING, refused(published_topic("stats")), RESET_ALL,
+     lines{"stats: couldn't publish port statistics to " + published_topic("stats"),
+           "stats: couldn't publish statistics of port B", "stats: couldn't reset statistics of port B",
+           "remote: couldn't process reset-all-stats request", "remote: couldn't process new packet",
+           "remote: couldn't send packet (errno 9)", "remote: couldn't send goodbye message"}},
     {"link_list", NOTHING, refused("pub/diag/net/fire/link_down"), [](stats_node &) { link_down(1); },
      LINK_LIST + lines{"stats: couldn't update link status in summary"}},
     {"link_status", NOTHING, refused(PORT_SUMMARY), [](stats_node &) { link_down(1); }, RED},

@@ -405,12 +405,24 @@ TEST_F(node_summary, clock_failure_at_the_end_of_a_summary_is_fatal)
     EXPECT_EQ(take_log().at(0), "summary.c: couldn't get time (errno 22)");
 }
 
+TEST_F(node_summary, ring_status_that_fails_with_the_rings_is_fatal)
+{
+    std::string data = blank_data();
+    put(data, 10, bytes("01"));
+    put(data, 12, bytes("04"));
+    fail(failure("mosquitto_publish", MOSQ_ERR_NOMEM, STYLE7).from(2)); // the first goes with the media
+    receive_summary(sections_of(data));
+    EXPECT_EQ(exit_status(), 1);
+    EXPECT_EQ(take_log().at(3), "summary.c: couldn't update info for type 0x04");
+}
+
 TEST_F(node_summary, missing_arguments_are_refused)
 {
     const uint8_t byte = 0;
     EXPECT_EQ(summary_process(nullptr, &byte, 0), -1);
     EXPECT_EQ(summary_process(LOCAL_MAC, nullptr, 0), -1);
-    EXPECT_EQ(take_log(), lines(2, "summary.c: NULL pointer received as argument"));
+    EXPECT_EQ(summary_clear(nullptr), -1);
+    EXPECT_EQ(take_log(), lines(3, "summary.c: NULL pointer received as argument"));
 }
 
 //

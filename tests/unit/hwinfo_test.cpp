@@ -277,6 +277,16 @@ TEST(hwinfo, describes_the_card)
     EXPECT_EQ(hwinfo_get_switch_upstream_port(2, &port), -1);
     EXPECT_EQ(hwinfo_get_switch_downstream_port(1, &port), -1);
     EXPECT_EQ(hwinfo_port_get_mc_index(LUM_PORT_LINK_UP + 1, &port), -1);
+    std::string media_cards;
+    for (int front = LUM_PORT_A; front <= LUM_PORT_H; front++) {
+        EXPECT_EQ(hwinfo_port_get_mc_index(front, &port), 0);
+        media_cards += std::to_string(port) + " ";
+    }
+    EXPECT_EQ(media_cards, "2 2 2 2 0 0 1 1 ");
+    uint8_t mac[6];
+    EXPECT_EQ(hwinfo_get_management_mac_addr(mac), 0);
+    const uint8_t management[] = {0x01, 0x50, 0x43, 0, 0, 0};
+    EXPECT_TRUE(std::equal(mac, mac + sizeof mac, management));
     EXPECT_EQ(hwinfo_is_old_card(), 0);
 }
 
