@@ -5,7 +5,7 @@ set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ${cross_processor})
 set(CMAKE_CXX_COMPILER ${cross_triplet}-g++)
 # Of the sanitizers those whose findings depend on the processor. No debug information: it costs compile time.
-set(CMAKE_CXX_FLAGS_DEBUG "-fsanitize=alignment,bounds,shift,signed-integer-overflow -fno-sanitize-recover=all"
+set(CMAKE_CXX_FLAGS_DEBUG "-O1 -fsanitize=alignment,bounds,shift,signed-integer-overflow -fno-sanitize-recover=all"
     CACHE STRING "")
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${cross_processor};-L;/usr/${cross_triplet})
 

@@ -1,4 +1,5 @@
 // docs/protocol.md says what the daemon does.
+#include "common/bytes.h"
 #include "fire_network.h"
 #include "summary.h"
 
@@ -91,7 +92,9 @@ std::map<packet_type, datagram> sent_packets()
     // The first summary holds everything, the next only what has changed.
     advance(3s);
     take_datagrams();
-    publish("local/diag/ring/0/status", bytes("02 00 00 00"));
+    uint8_t ring_status[4];
+    store_host(ring_status, uint32_t{2});
+    publish("local/diag/ring/0/status", {reinterpret_cast<const char *>(ring_status), sizeof ring_status});
     advance(3s);
     take();
     remote_subscribe(filter.c_str(), 7, 10, ignore, nullptr);
