@@ -11,13 +11,19 @@
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
+// An index that finds no memory fails like the allocation of the record that it is for.
+#define HASH_NONFATAL_OOM 1
+#include <uthash.h>
 #include <utlist.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <memory>
 #include <new>
+#include <string_view>
+#include <utility>
 
 namespace
 {
@@ -29,6 +35,7 @@ constexpr const char *BROKER_ADDRESS = "127.0.0.1";
 constexpr int BROKER_PORT = 1885;
 constexpr int KEEPALIVE_S = 10;
 constexpr int QOS = 1;
+constexpr const char *WILDCARDS = "+#";
 constexpr timespec CONNECT_RETRY_DELAY = {.tv_sec = 0, .tv_nsec = 50'000'000};
 constexpr int CONNECT_POLL_MS = 50;
 constexpr int CONNECT_LIMIT_S = 5;
@@ -48,14 +55,17 @@ struct publication {
     bool retain;
     timespec sent; // monotonic time of the last sending
     unsigned retries;
-    publication *prev;
     publication *next;
+    publication *prev;
+    UT_hash_handle hh;
 };
 
 struct subscription {
     int mid; // of the last SUBSCRIBE
     std::unique_ptr<char[]> filter;
-    size_t literal_length; // of what stands in front of its first wildcard
+    std::string_view head; // of the filter: every topic that matches begins so ...
+    std::string_view tail; // ... and ends so
+    uint64_t number;       // the newer, the larger
     broker_callback callback;
     void *arg;
     bool acknowledged;
@@ -63,14 +73,24 @@ struct subscription {
     timespec sent; // monotonic time of the last SUBSCRIBE
     unsigned retries;
     subscription *next;
+    subscription *next_asked; // in asked_subscriptions
+    UT_hash_handle hh;        // in subscriptions_by_filter
+
+    bool is_indexed() const { return hh.tbl != nullptr; }
 };
 
 mosquitto *mosq;
 bool connected;
 bool dispatching; // message_cb walks the subscriptions: none may be released
-// Newest first, both. Acknowledgements of publications come oldest first, so that list is linked both ways.
-publication *pending_publish;
-subscription *subscriptions;
+bool has_removed_subscriptions;
+publication *pending_publish;    // newest first
+publication *publications_by_id; // the same by the mid of their last sending
+subscription *subscriptions;     // newest first
+// A message finds the one whose filter is its topic here, so that ports cost the messages of others nothing ...
+subscription *subscriptions_by_filter;
+// ... and asks these one by one, newest first: those with wildcards, and whatever repeats a filter.
+subscription *asked_subscriptions;
+uint64_t num_subscriptions; // ever made
 
 bool get_time(timespec &now)
 {
@@ -95,6 +115,18 @@ int send_publication(publication &record)
 {
     return mosquitto_publish(mosq, &record.mid, record.topic.get(), static_cast<int>(record.length),
                              record.payload.get(), QOS, record.retain);
+}
+
+// More than 65,535 sendings may wait at once, and then some share an id: each acknowledgement settles one of them.
+bool index_publication(publication &record)
+{
+    HASH_ADD_KEYPTR_BYHASHVALUE(hh, publications_by_id, &record.mid, sizeof record.mid,
+                                static_cast<unsigned>(record.mid), &record);
+    if (record.hh.tbl == nullptr) {
+        log_error("couldn't allocate publication structure");
+        return false;
+    }
+    return true;
 }
 
 int publish(const char *topic, const void *payload, size_t length, bool retain)
@@ -130,29 +162,36 @@ int publish(const char *topic, const void *payload, size_t length, bool retain)
         log_error("couldn't publish message on topic %s (%s)", topic, mosquitto_strerror(result));
         return -1;
     }
+    if (!index_publication(*record)) {
+        return -1;
+    }
     publication *const added = record.release();
     DL_PREPEND(pending_publish, added);
     return 0;
 }
 
-// Searches from the oldest record on, which is the one that the broker acknowledges next: a burst of a
-// thousand publications is acknowledged without walking past the others each time.
-publication *find_publication(int mid)
-{
-    publication *record = pending_publish == nullptr ? nullptr : pending_publish->prev; // the tail
-    while (record != nullptr && record->mid != mid) {
-        record = record == pending_publish ? nullptr : record->prev;
-    }
-    return record;
-}
-
+// An acknowledgement of an earlier sending finds nothing.
 void publish_cb(mosquitto *, void *, int mid)
 {
-    publication *const record = find_publication(mid);
+    publication *record;
+    HASH_FIND_BYHASHVALUE(hh, publications_by_id, &mid, sizeof mid, static_cast<unsigned>(mid), record);
     if (record != nullptr) {
+        HASH_DEL(publications_by_id, record);
         DL_DELETE(pending_publish, record);
         delete record;
     }
+}
+
+// Sends the publication again, under a new id.
+bool retry_publication(publication &record)
+{
+    HASH_DEL(publications_by_id, &record);
+    const int result = send_publication(record);
+    if (result != MOSQ_ERR_SUCCESS) {
+        log_error("couldn't retry publish on topic %s (%s)", record.topic.get(), mosquitto_strerror(result));
+        return false;
+    }
+    return index_publication(record);
 }
 
 // False when the maintenance tick has to end here.
@@ -174,10 +213,7 @@ bool retry_publications()
             terminate();
             break;
         }
-        const int result = send_publication(*record);
-        if (result != MOSQ_ERR_SUCCESS) {
-            log_error("couldn't retry publish on topic %s (%s)", record->topic.get(),
-                      mosquitto_strerror(result));
+        if (!retry_publication(*record)) {
             log_error("error while checking pending publish operations");
             return false;
         }
@@ -243,49 +279,136 @@ bool retry_subscriptions()
     return true;
 }
 
+bool has_wildcard(const char *text)
+{
+    return strpbrk(text, WILDCARDS) != nullptr;
+}
+
+// The library takes long to find that a filter does not match, which hardly any does.
+void set_head_and_tail(subscription &record)
+{
+    const std::string_view filter = record.filter.get();
+    record.head = filter.substr(0, filter.find_first_of(WILDCARDS));
+    record.tail = filter.substr(filter.find_last_of(WILDCARDS) + 1);
+    if (filter.ends_with("/#") && record.head.ends_with('/')) {
+        record.head.remove_suffix(1); // PARENT/# matches PARENT too
+    }
+}
+
+subscription *find_subscription(std::string_view filter)
+{
+    subscription *record;
+    HASH_FIND(hh, subscriptions_by_filter, filter.data(), filter.size(), record);
+    return record;
+}
+
+// Makes the dispatch know a new subscription.
+bool index_subscription(subscription &record)
+{
+    const std::string_view filter = record.filter.get();
+    if (has_wildcard(filter.data()) || find_subscription(filter) != nullptr) {
+        LL_PREPEND2(asked_subscriptions, &record, next_asked);
+        return true;
+    }
+    HASH_ADD_KEYPTR(hh, subscriptions_by_filter, filter.data(), filter.size(), &record);
+    if (!record.is_indexed()) {
+        log_error("couldn't allocation subscription structure");
+        return false;
+    }
+    return true;
+}
+
+void release_subscription(subscription *record)
+{
+    if (record->is_indexed()) {
+        HASH_DEL(subscriptions_by_filter, record);
+    } else {
+        LL_DELETE2(asked_subscriptions, record, next_asked);
+    }
+    delete record;
+}
+
 void release_removed_subscriptions()
 {
+    if (!std::exchange(has_removed_subscriptions, false)) {
+        return;
+    }
     for (subscription **link = &subscriptions; *link != nullptr;) {
         subscription *const record = *link;
         if (record->removed) {
             *link = record->next;
-            delete record;
+            release_subscription(record);
         } else {
             link = &record->next;
         }
     }
 }
 
-// What every topic that matches the filter begins with: PARENT/# matches PARENT too.
-size_t get_literal_length(const char *filter)
+// Whether the subscription is to hear of the topic; false after logging why when the library can't tell.
+bool ask(const subscription &record, const char *topic, bool &matches_out)
 {
-    const size_t length = strcspn(filter, "+#");
-    return filter[length] == '#' && length > 0 ? length - 1 : length;
+    if (mosquitto_topic_matches_sub(record.filter.get(), topic, &matches_out) != MOSQ_ERR_SUCCESS) {
+        log_error("couldn't check if topic %s matches %s", topic, record.filter.get());
+        terminate();
+        return false;
+    }
+    return true;
 }
 
-// A callback may subscribe, which puts records in front of the walk, and unsubscribe, which only marks
-// records until the walk is over.
+// A topic with wildcards matches nothing. It is a fault where the library gets as far as the wildcard, so that
+// every subscription is asked.
+void refuse_topic(const char *topic)
+{
+    const subscription *record;
+    LL_FOREACH (subscriptions, record) {
+        bool matches = false;
+        if (!ask(*record, topic, matches) || is_terminated()) {
+            return;
+        }
+    }
+}
+
+// Takes the newer one of the record that was found by its filter, if any, and the next of those to ask.
+subscription *take_newer(subscription *&found, subscription *&asked)
+{
+    if (found != nullptr && (asked == nullptr || found->number > asked->number)) {
+        return std::exchange(found, nullptr);
+    }
+    return std::exchange(asked, asked->next_asked);
+}
+
+// Calls the subscriptions that match, the newest first. A callback may subscribe, which puts records in front of
+// those that are still to come, and unsubscribe, which only marks records until the dispatch is over.
+void dispatch(const mosquitto_message &message)
+{
+    const std::string_view topic = message.topic;
+    const subscription *const newest = subscriptions;
+    subscription *found = find_subscription(topic);
+    subscription *asked = asked_subscriptions;
+    while (found != nullptr || asked != nullptr) {
+        const subscription *const record = take_newer(found, asked);
+        // Nobody but the newest is called once the end has been requested, be it before this message.
+        if (record != newest && is_terminated()) {
+            return;
+        }
+        bool matches = record->is_indexed();
+        if (!matches && topic.starts_with(record->head) && topic.ends_with(record->tail) &&
+            !ask(*record, message.topic, matches)) {
+            return;
+        }
+        if (matches && !record->removed) {
+            record->callback(message.topic, message.payload, message.payloadlen, record->arg);
+        }
+    }
+}
+
 void message_cb(mosquitto *, void *, const mosquitto_message *message)
 {
     dispatching = true;
-    subscription *record;
-    LL_FOREACH (subscriptions, record) {
-        // The first comparison only saves time: hardly any of the filters are meant by a message.
-        if (strncmp(record->filter.get(), message->topic, record->literal_length) != 0 || record->removed) {
-            continue;
-        }
-        bool matches = false;
-        if (mosquitto_topic_matches_sub(record->filter.get(), message->topic, &matches) != MOSQ_ERR_SUCCESS) {
-            log_error("couldn't check if topic %s matches %s", message->topic, record->filter.get());
-            terminate();
-            break;
-        }
-        if (matches) {
-            record->callback(message->topic, message->payload, message->payloadlen, record->arg);
-        }
-        if (is_terminated()) {
-            break;
-        }
+    if (has_wildcard(message->topic)) {
+        refuse_topic(message->topic);
+    } else {
+        dispatch(*message);
     }
     dispatching = false;
     release_removed_subscriptions();
@@ -306,6 +429,9 @@ void socket_cb(int, uint32_t events, void *)
     }
     // What callbacks published stays in the library's queue until its next write. One write now carries it to
     // the broker at once; what a full socket leaves waits for the maintenance tick.
+    if (!mosquitto_want_write(mosq)) {
+        return;
+    }
     result = mosquitto_loop_write(mosq, 1);
     if (!is_done_or_interrupted(result)) {
         log_error("couldn't carry out write operations (%s)", mosquitto_strerror(result));
@@ -562,13 +688,14 @@ int broker_subscribe(const char *filter, broker_callback callback, void *arg)
         log_error("couldn't duplicate topic string");
         return -1;
     }
-    record->literal_length = get_literal_length(filter);
+    set_head_and_tail(*record);
+    record->number = ++num_subscriptions;
     record->callback = callback;
     record->arg = arg;
     if (!get_time(record->sent)) {
         return -1;
     }
-    if (!send_subscription(*record)) {
+    if (!send_subscription(*record) || !index_subscription(*record)) {
         return -1;
     }
     subscription *const added = record.release();
@@ -583,7 +710,10 @@ int broker_unsubscribe(const char *filter)
     }
     subscription *record;
     LL_FOREACH (subscriptions, record) {
-        record->removed = record->removed || strcmp(record->filter.get(), filter) == 0;
+        if (strcmp(record->filter.get(), filter) == 0) {
+            record->removed = true;
+            has_removed_subscriptions = true;
+        }
     }
     if (!dispatching) {
         release_removed_subscriptions();
