@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -79,6 +80,19 @@ struct {
     size_t rc_line_capacity;
 } state;
 
+// Callers log inside library calls whose outcome is still in errno.
+class errno_guard
+{
+public:
+    errno_guard() : kept_(errno) {}
+    ~errno_guard() { errno = kept_; }
+    errno_guard(const errno_guard &) = delete;
+    errno_guard &operator=(const errno_guard &) = delete;
+
+private:
+    int kept_;
+};
+
 void apply_rc_line(const char *key, const char *value)
 {
     for (size_t facility = 0; facility < facilities.size(); facility++) {
@@ -150,6 +164,7 @@ int get_next_rcline(char **key, char **value)
 
 void lumlog(int level, int facility, const char *file, int line, const char *format, ...)
 {
+    const errno_guard guard;
     if (!state.is_initialized) {
         lumlog_init(LUMLOG_ERROR);
         char *key = nullptr;

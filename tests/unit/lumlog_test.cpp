@@ -7,6 +7,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 namespace
 {
 
@@ -146,7 +148,7 @@ TEST(lumlog, rc_file_is_read_at_the_first_message_and_never_again)
     EXPECT_EQ(find_threshold(LUMLOG_DIAG), LOG_ERR);
 }
 
-TEST(lumlog, unreadable_rc_file_leaves_the_thresholds)
+TEST(lumlog, unreadable_rc_file_leaves_the_thresholds_and_errno)
 {
     for (const char *const path : {"/nonexistent", "/tmp"}) {
         setenv("LUMLOG_RC", path, 1);
@@ -154,5 +156,8 @@ TEST(lumlog, unreadable_rc_file_leaves_the_thresholds)
         char *value = nullptr;
         EXPECT_EQ(get_next_rcline(&key, &value), -1) << path;
     }
+    errno = EPIPE;
+    lumlog(LOG_ERR, LUMLOG_DIAG, "test", 1, "first message, which looks for the file");
+    EXPECT_EQ(errno, EPIPE);
     EXPECT_EQ(find_threshold(LUMLOG_DIAG), LOG_ERR);
 }
