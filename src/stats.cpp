@@ -52,10 +52,15 @@ struct down_time {
     timespec total = {.tv_sec = 0, .tv_nsec = 0}; // accrued
 };
 
+struct topic_text {
+    char text[64];
+};
+
 // A tracked port. It exists as long as the port's last type was a fire type, and its subscriptions refer to
 // it.
 struct port_record {
     int port;
+    topic_text stats_topic; // where its statistics are published
     unsigned media = LUM_TYPE_UNKNOWN;
     port_status status = PORT_STATUS_NONE;
     down_time link = {"link", STATS_LINK_DOWN_COUNT, STATS_LINK_DOWN_SECONDS};
@@ -81,10 +86,6 @@ port_record *abandoned_ports;
 //
 // Topics
 //
-
-struct topic_text {
-    char text[64];
-};
 
 topic_text local_topic(int port, const char *name)
 {
@@ -285,9 +286,9 @@ bool publish_stats(const port_record &record)
                                    : load_host(record.current.data() + field.offset, field.width);
         store_be(published.data() + field.offset, field.width, value);
     }
-    const topic_text topic = stats_topic(record.port);
-    if (broker_publish(topic.text, published.data(), published.size()) == -1) {
-        log_error("couldn't publish port statistics to %s", topic.text);
+    const char *const topic = record.stats_topic.text;
+    if (broker_publish(topic, published.data(), published.size()) == -1) {
+        log_error("couldn't publish port statistics to %s", topic);
         return false;
     }
     return true;
@@ -628,7 +629,7 @@ void abandon_port(port_record *record)
 
 bool track_port(int port, summary_port_type type)
 {
-    auto *const record = new (std::nothrow) port_record{.port = port};
+    auto *const record = new (std::nothrow) port_record{.port = port, .stats_topic = stats_topic(port)};
     if (record == nullptr) {
         log_error("couldn't allocate port structure");
         return false;

@@ -2,7 +2,6 @@
 // order.
 #pragma once
 
-#include <bit>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -60,40 +59,36 @@ void store_host(uint8_t *bytes, T value)
     memcpy(bytes, &value, sizeof value);
 }
 
-// The same for integers whose width, 8 bytes at most, a table gives. What does not fit is cut off.
+// The same for integers whose width, 2, 4 or 8 bytes, a table gives. What does not fit is cut off.
+template <typename Work>
+constexpr auto with_integer_of(size_t width, Work work)
+{
+    switch (width) {
+    case sizeof(uint16_t):
+        return work(uint16_t{});
+    case sizeof(uint32_t):
+        return work(uint32_t{});
+    default:
+        return work(uint64_t{});
+    }
+}
+
 constexpr uint64_t load_be(const uint8_t *bytes, size_t width)
 {
-    uint64_t value = 0;
-    for (size_t i = 0; i < width; i++) {
-        value = (value << 8) | bytes[i];
-    }
-    return value;
+    return with_integer_of(width, [&](auto type) -> uint64_t { return load_be<decltype(type)>(bytes); });
 }
 
 constexpr void store_be(uint8_t *bytes, size_t width, uint64_t value)
 {
-    for (size_t i = width; i-- > 0;) {
-        bytes[i] = static_cast<uint8_t>(value);
-        value >>= 8;
-    }
-}
-
-// Where the low bytes of a 64-bit integer begin in memory.
-constexpr size_t host_low_bytes(size_t width)
-{
-    return std::endian::native == std::endian::big ? sizeof(uint64_t) - width : 0;
+    with_integer_of(width, [&](auto type) { store_be(bytes, static_cast<decltype(type)>(value)); });
 }
 
 inline uint64_t load_host(const uint8_t *bytes, size_t width)
 {
-    uint8_t value[sizeof(uint64_t)] = {};
-    memcpy(value + host_low_bytes(width), bytes, width);
-    return load_host<uint64_t>(value);
+    return with_integer_of(width, [&](auto type) -> uint64_t { return load_host<decltype(type)>(bytes); });
 }
 
 inline void store_host(uint8_t *bytes, size_t width, uint64_t value)
 {
-    uint8_t all[sizeof value];
-    store_host(all, value);
-    memcpy(bytes, all + host_low_bytes(width), width);
+    with_integer_of(width, [&](auto type) { store_host(bytes, static_cast<decltype(type)>(value)); });
 }
