@@ -59,9 +59,8 @@ struct summary {
 
 summary *summaries; // newest remote node first, the local node last
 summary *local_summary;
-timespec
-    info_updates[SUMMARY_INFO_COUNT]; // monotonic time of each local section's last change, zero for never
-uint32_t num_sends;                   // expiries of the send timer
+timespec info_updates[SUMMARY_INFO_COUNT]; // monotonic, each local section's last change; zero for never
+uint32_t num_sends;                        // expiries of the send timer
 
 // Every list is published before the next one is built.
 uint8_t port_list[PORT_LIST_MAX * PORT_LIST_RECORD_SIZE];
@@ -692,12 +691,24 @@ void miswired_cb(const char *topic, const void *payload, int length, void *)
     }
 }
 
+// The ring that the topic names; every number too large for ring_out is the largest.
+bool parse_ring(const char *topic, uint64_t &ring_out)
+{
+    constexpr std::string_view parent = "local/diag/ring/";
+    const char *const found = strstr(topic, parent.data());
+    if (found == nullptr) {
+        return false;
+    }
+    const char *const number = found + parent.size();
+    char *end;
+    ring_out = strtoull(number, &end, 10);
+    return end != number;
+}
+
 void style7_cb(const char *topic, const void *payload, int length, void *)
 {
-    const char *const ring_topic = strstr(topic, "local/diag/ring/");
-    unsigned long long ring;
-    if (!is_ready() || ring_topic == nullptr ||
-        sscanf(ring_topic, "local/diag/ring/%llu/status", &ring) != 1) {
+    uint64_t ring;
+    if (!is_ready() || !parse_ring(topic, ring)) {
         return;
     }
     if (length != 0 && static_cast<size_t>(length) != RING_STATUS_SIZE) {
