@@ -37,6 +37,7 @@ namespace
 constexpr const char *log_source = "remote";
 
 constexpr int SOCKET_PRIORITY = 4;
+constexpr int RECEIVE_BUFFER_SIZE = 4 * 1024 * 1024; // bytes
 constexpr const char *FIRE_IP_FILTER = "local/diag/node/+/fire_ip";
 
 constexpr size_t REQUEST_ID_SIZE = sizeof(uint32_t);
@@ -909,6 +910,9 @@ int configure_socket(int fd)
         log_error("couldn't bind socket (errno %d)", errno);
         return -1;
     }
+    // A new subscription's first data comes in one burst, and each packet costs a publication. The kernel grants
+    // what net.core.rmem_max allows.
+    (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE, sizeof RECEIVE_BUFFER_SIZE);
     return 0;
 }
 

@@ -63,9 +63,9 @@ TEST_F(main_program, takes_its_steps_in_order)
     EXPECT_EQ(take_requests(), steps);
     EXPECT_EQ(retained().at("pub/diag/local_node"), LOCAL_MAC_TEXT);
     EXPECT_EQ(retained().at(CARD_TOPIC), "5");
-    EXPECT_EQ(socket_settings(),
-              lines({"SO_PRIORITY 4", "IP_ADD_MEMBERSHIP 224.22.33.44 0.0.0.0 3",
-                     "IP_MULTICAST_IF 224.22.33.44 0.0.0.0 3", "IP_MULTICAST_LOOP 0", "bind 0.0.0.0:50004"}));
+    EXPECT_EQ(socket_settings(), lines({"SO_PRIORITY 4", "IP_ADD_MEMBERSHIP 224.22.33.44 0.0.0.0 3",
+                                        "IP_MULTICAST_IF 224.22.33.44 0.0.0.0 3", "IP_MULTICAST_LOOP 0",
+                                        "bind 0.0.0.0:50004", "SO_RCVBUF 4194304"}));
     struct sigaction action = {};
     ASSERT_EQ(sigaction(SIGPIPE, nullptr, &action), 0);
     EXPECT_EQ(action.sa_handler, SIG_IGN) << "writing to a broker that has gone must not end the process";

@@ -567,8 +567,8 @@ namespace
 
 const char *option_name(int level, int option)
 {
-    if (level == SOL_SOCKET && option == SO_PRIORITY) {
-        return "SO_PRIORITY";
+    if (level == SOL_SOCKET) {
+        return option == SO_PRIORITY ? "SO_PRIORITY" : option == SO_RCVBUF ? "SO_RCVBUF" : "another option";
     }
     if (level == IPPROTO_IP) {
         switch (option) {
