@@ -14,11 +14,6 @@ inline const std::string PEER_IP_TOPIC = "local/diag/node/" + PEER_MAC_TEXT + "/
 inline const std::string OWN_TOPIC = "pub/diag/" + LOCAL_MAC_TEXT;
 inline constexpr const char *PEER_IP = "10.0.0.2";
 
-// What the end of the daemon logs after a packet whose handling failed: the socket is closed.
-inline const lines FATAL_PACKET = {"remote: couldn't process new packet",
-                                   "remote: couldn't send packet (errno 9)",
-                                   "remote: couldn't send goodbye message"};
-
 inline const uint8_t *peer_mac()
 {
     return reinterpret_cast<const uint8_t *>(PEER_MAC.data());

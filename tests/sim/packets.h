@@ -9,6 +9,11 @@ namespace sim
 inline const std::string PEER_MAC = bytes("02 00 00 00 00 09");
 inline const std::string PEER_MAC_TEXT = "02-00-00-00-00-09";
 
+// What the end of the daemon logs after a packet whose handling failed: the socket is closed.
+inline const lines FATAL_PACKET = {"remote: couldn't process new packet",
+                                   "remote: couldn't send packet (errno 9)",
+                                   "remote: couldn't send goodbye message"};
+
 inline std::string big_endian_16(size_t value)
 {
     return {static_cast<char>(value >> 8), static_cast<char>(value)};

@@ -396,6 +396,8 @@ TEST_F(statistics, messages_of_other_lengths_change_nothing)
         tell(topic, "");
     }
     EXPECT_EQ(take_published(), messages());
+    stats();
+    EXPECT_EQ(held("stats"), before);
 }
 
 //

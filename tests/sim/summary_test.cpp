@@ -331,14 +331,14 @@ TEST_P(publication, that_fails_is_logged_at_each_level_and_fatal)
         receive_summary(sections_of(data));
     }
     EXPECT_EQ(exit_status(), 1);
-    lines log = take_log();
-    EXPECT_EQ(log.at(0), "broker: couldn't publish message on topic " + row.topic + " (Out of memory.)");
-    log.erase(log.begin());
     const lines outer =
         row.is_goodbye ? lines{"summary.c: couldn't unpublish data from summary",
                                "remote: couldn't clear summary", "remote: couldn't process goodbye message"}
                        : lines{"summary.c: couldn't publish all information from summary",
                                "remote: couldn't process node summary"};
+    EXPECT_EQ(take_log(),
+              lines({"broker: couldn't publish message on topic " + row.topic + " (Out of memory.)"}) +
+                  row.log + outer + FATAL_PACKET);
 }
 
 publication_case received(const std::string &topic, int type, lines log)
