@@ -6,9 +6,13 @@
 //     bench_fire serve PID              send passes over 1,000 topics for 100 subscriptions; node 2's daemon is stopped
 //     bench_fire change PID COUNT       from a change on node 1's broker to the topic on node 2's
 //     bench_fire activate PID COUNT     activates 98 nodes that acknowledge; node 2's daemon is stopped
+//     bench_fire snapshot PID           how large a first send reaches node 2's broker whole
+//     bench_fire storm PID KIND RATE SECONDS    what becomes of the daemon in a storm of resets: of KIND port or all by
+//                                               datagrams, or by commands at node 2's broker
 #include "challenge.h"
 #include "client.h"
 #include "common/bytes.h"
+#include "records.h"
 #include "remote.h"
 #include "summary.h"
 
@@ -23,7 +27,9 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -140,6 +146,22 @@ double datagrams_read(int pid)
     return count;
 }
 
+// Bytes that wait at the fire socket of the process; nothing when the process has ended.
+std::optional<unsigned long> bytes_unread(int pid)
+{
+    constexpr size_t RECEIVE_QUEUE = 9; // behind the eight digits of the send queue and a colon
+    std::ifstream sockets(std::string("/proc/") + std::to_string(pid) + "/net/udp");
+    std::string line;
+    while (std::getline(sockets, line)) {
+        std::string slot, local, remote, state, queues;
+        std::istringstream(line) >> slot >> local >> remote >> state >> queues;
+        if (local.ends_with(":C354")) { // port 50004
+            return std::stoul(queues.substr(RECEIVE_QUEUE), nullptr, 16);
+        }
+    }
+    return std::nullopt;
+}
+
 // Waits until the process has next to nothing left to do, and returns its processor time.
 double settled_time(int pid)
 {
@@ -189,20 +211,26 @@ std::vector<load> all_types()
     };
 }
 
+// Calls send at a rate, 0 for as fast as it can, for some seconds.
+template <typename Send>
+void repeat(unsigned rate, int seconds, Send send)
+{
+    const auto start = bench_clock::now();
+    const auto end = start + std::chrono::seconds(seconds);
+    for (unsigned sent = 0; bench_clock::now() < end; sent++) {
+        if (rate > 0) {
+            std::this_thread::sleep_until(start + sent * std::chrono::nanoseconds(1'000'000'000 / rate));
+        }
+        send();
+    }
+}
+
 void measure(int fd, int pid, const load &given, int seconds)
 {
     send_to(fd, given.packet);
     const double time_before = settled_time(pid);
     const double read_before = datagrams_read(pid);
-    const auto start = bench_clock::now();
-    const auto end = start + std::chrono::seconds(seconds);
-    for (unsigned sent = 0; bench_clock::now() < end; sent++) {
-        if (given.rate > 0) {
-            std::this_thread::sleep_until(start +
-                                          sent * std::chrono::nanoseconds(1'000'000'000 / given.rate));
-        }
-        send_to(fd, given.packet);
-    }
+    repeat(given.rate, seconds, [&] { send_to(fd, given.packet); });
     const double time = settled_time(pid) - time_before;
     const double count = datagrams_read(pid) - read_before;
     printf("%-22s %4zu bytes %8.0f received, %7.2f us of processor time each: %8.0f/s of one core\n",
@@ -417,6 +445,109 @@ void activate(int pid, int count)
     mosquitto_destroy(client);
 }
 
+// Follows the daemon until it has ended or come to rest for longer than it waits for acknowledgements.
+void watch(int pid)
+{
+    constexpr auto SAMPLE = std::chrono::milliseconds(10);
+    constexpr auto REST = std::chrono::seconds(6);
+    constexpr double REST_TIME = 0.02; // processor time that a daemon at rest stays below
+    const auto start = bench_clock::now();
+    auto read_at = start;
+    auto resting_since = start;
+    auto longest = bench_clock::duration::zero();
+    double last_time = processor_time(pid);
+    auto now = start;
+    auto unread = bytes_unread(pid);
+    for (; unread && now - resting_since < REST; now = bench_clock::now(), unread = bytes_unread(pid)) {
+        if (*unread == 0) {
+            read_at = now;
+        }
+        longest = std::max(longest, now - read_at);
+        const double time = processor_time(pid);
+        if (time - last_time > REST_TIME || *unread > 0) {
+            last_time = time;
+            resting_since = now;
+        }
+        std::this_thread::sleep_for(SAMPLE);
+    }
+    const auto seconds = [](auto duration) { return microseconds(duration).count() / 1e6; };
+    printf("never quite read for %4.1f s at most, %s", seconds(longest), unread ? "goes on\n" : "ended ");
+    if (!unread) {
+        printf("after %.1f s\n", seconds(now - start));
+    }
+}
+
+void storm(int pid, std::string_view kind, unsigned rate, int seconds)
+{
+    const std::string packet =
+        kind == "port" ? packet_of(PACKET_RESET_STATS, be(0, 1)) : packet_of(PACKET_RESET_ALL_STATS, "");
+    const int fd = open_sender();
+    mosquitto *const client = connect_client("bench-storm");
+    printf("%-8.*s %4u/s for %d s: ", static_cast<int>(kind.size()), kind.data(), rate, seconds);
+    std::thread watcher(watch, pid);
+    repeat(rate, seconds, [&] {
+        if (kind == "commands") {
+            publish(client, "pub/diag/command/request", "1;1;reset-all-stats");
+            turn(client, 0);
+        } else {
+            send_to(fd, packet);
+        }
+    });
+    watcher.join();
+    mosquitto_destroy(client);
+}
+
+// The messages of a first send of so many topics that reach node 2's broker.
+unsigned snapshot(mosquitto *there, mosquitto *here, unsigned topics)
+{
+    static std::set<std::string> arrived;
+    static unsigned acknowledged;
+    const std::string root = std::string(SERVER_TOPICS) + std::to_string(topics) + "/";
+    const std::string record(PM_RECORD_SIZE, 'x');
+    acknowledged = 0;
+    mosquitto_publish_callback_set(there, [](mosquitto *, void *, int) { acknowledged++; });
+    for (unsigned topic = 0; topic < topics; topic++) {
+        publish(there, root + std::to_string(topic), record);
+    }
+    while (acknowledged < topics && turn(there, ANSWER_LIMIT_MS)) {
+    }
+    settle(there);
+    arrived.clear();
+    mosquitto_message_callback_set(
+        here, [](mosquitto *, void *, const mosquitto_message *message) { arrived.insert(message->topic); });
+    mosquitto_subscribe(here, nullptr, (root + "#").c_str(), 1);
+    settle(here);
+    publish(here, "pub/diag/command/request", "1;1;subscribe;" + root + "#;0");
+    while (turn(here, 2000)) {
+    }
+    publish(here, "pub/diag/command/request", "1;1;unsubscribe;" + root + "#");
+    mosquitto_unsubscribe(here, nullptr, (root + "#").c_str());
+    settle(here);
+    return static_cast<unsigned>(arrived.size());
+}
+
+void find_largest_snapshot(int pid)
+{
+    constexpr unsigned LADDER[] = {250, 500, 825, 1100, 1500, 2000, 3000, 4500, 7000, 10000, 15000};
+    constexpr int TRIES = 3;
+    mosquitto *const there = connect_through(pid, "bench-topics");
+    mosquitto *const here = connect_client("bench-following");
+    unsigned largest = 0;
+    for (const unsigned topics : LADDER) {
+        unsigned least = topics;
+        for (int i = 0; i < TRIES && least == topics; i++) {
+            least = std::min(least, snapshot(there, here, topics));
+        }
+        if (least < topics) {
+            printf("%u topics of 56 bytes arrive whole, %d times of %d; of %u arrive %u\n", largest, TRIES,
+                   TRIES, topics, least);
+            return;
+        }
+        largest = topics;
+    }
+    printf("%u topics of 56 bytes arrive whole\n", largest);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -434,8 +565,13 @@ int main(int argc, char **argv)
         change(pid, count);
     } else if (mode == "activate" && count > 0) {
         activate(pid, count);
+    } else if (mode == "snapshot" && pid > 0) {
+        find_largest_snapshot(pid);
+    } else if (mode == "storm" && argc > 5) {
+        storm(pid, argv[3], static_cast<unsigned>(atoi(argv[4])), atoi(argv[5]));
     } else {
-        die("usage: bench_fire handlers|bare PID SECONDS | serve PID | change|activate PID COUNT");
+        die("usage: bench_fire handlers|bare PID SECONDS | serve|snapshot PID | change|activate PID COUNT | "
+            "storm PID port|all|commands RATE SECONDS");
     }
     mosquitto_lib_cleanup();
     return EXIT_SUCCESS;

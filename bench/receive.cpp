@@ -1,8 +1,9 @@
-// Unchanged full summaries of many nodes through the receive path, against a bare recvfrom loop.
+// Unchanged full summaries of many nodes through the receive path, against loops that do nothing else.
 //
-//     bench_receive flood ADDRESS NODES SECONDS    sends them to ADDRESS, each node's in turn, as fast as it
-//     can bench_receive learn ADDRESS NODES            sends each once, slowly bench_receive bare receives on
-//     the daemon's socket settings and does nothing else
+//     bench_receive flood ADDRESS NODES SECONDS    sends them, each node's in turn, as fast as it can
+//     bench_receive learn ADDRESS NODES            sends each once, slowly
+//     bench_receive bare                           recvfrom on the daemon's socket settings
+//     bench_receive waiting                        epoll_wait before each: one datagram for each readiness
 #include "common/bytes.h"
 #include "remote.h"
 #include "summary.h"
@@ -10,6 +11,7 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -105,7 +107,7 @@ void flood(const char *address, unsigned nodes, unsigned seconds)
     }
 }
 
-[[noreturn]] void receive_bare()
+[[noreturn]] void receive(bool waits)
 {
     const int fd = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
     ip_mreqn group{};
@@ -120,7 +122,14 @@ void flood(const char *address, unsigned nodes, unsigned seconds)
         bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == -1) {
         die("socket");
     }
+    const int poll = epoll_create1(0);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    epoll_ctl(poll, EPOLL_CTL_ADD, fd, &event);
     for (;;) {
+        if (waits && epoll_wait(poll, &event, 1, -1) == -1) {
+            die("epoll_wait");
+        }
         uint8_t buffer[MAX_PACKET_SIZE];
         sockaddr_in sender;
         socklen_t length = sizeof sender;
@@ -136,14 +145,15 @@ void flood(const char *address, unsigned nodes, unsigned seconds)
 int main(int argc, char **argv)
 {
     const std::string_view mode = argc > 1 ? argv[1] : "";
-    if (mode == "bare") {
-        receive_bare();
+    if (mode == "bare" || mode == "waiting") {
+        receive(mode == "waiting");
     } else if (mode == "learn" && argc == 4) {
         learn(argv[2], static_cast<unsigned>(atoi(argv[3])));
     } else if (mode == "flood" && argc == 5) {
         flood(argv[2], static_cast<unsigned>(atoi(argv[3])), static_cast<unsigned>(atoi(argv[4])));
     } else {
-        fprintf(stderr, "usage: bench_receive flood ADDRESS NODES SECONDS | learn ADDRESS NODES | bare\n");
+        fprintf(stderr,
+                "usage: bench_receive flood ADDRESS NODES SECONDS | learn ADDRESS NODES | bare | waiting\n");
         return 2;
     }
     return 0;

@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace
 {
@@ -26,6 +27,7 @@ namespace
 constexpr const char *log_source = "main";
 
 constexpr int FIRE_WAIT_MS = 2000;
+constexpr timespec FIRE_RETRY_DELAY = {.tv_sec = 0, .tv_nsec = 50'000'000};
 constexpr long MAX_NODE_NUMBER = 255;
 
 bool install_signal_handlers()
@@ -69,6 +71,8 @@ bool wait_for_fire_network()
         if (is_terminated()) {
             return false;
         }
+        // Where no socket can be opened the wait above fails at once.
+        nanosleep(&FIRE_RETRY_DELAY, nullptr);
     }
     return true;
 }

@@ -120,9 +120,15 @@ int send_ack(const char *address, uint32_t request_id)
     return send_packet(address, buffer, sizeof buffer);
 }
 
+// Where answers to a packet go.
+struct address_text {
+    explicit address_text(const packet &received) { inet_ntop(AF_INET, &received.sender, text, sizeof text); }
+    char text[IP_STR_SIZE];
+};
+
 int acknowledge(const packet &request)
 {
-    if (send_ack(request.reply_address, load_be<uint32_t>(request.payload.data())) == -1) {
+    if (send_ack(address_text(request).text, load_be<uint32_t>(request.payload.data())) == -1) {
         log_error("couldn't send acknowledgement");
         return -1;
     }
@@ -546,7 +552,7 @@ std::unique_ptr<subscription> build_sub(const packet &request, uint32_t client_i
         return nullptr;
     }
     memcpy(record->requester_mac, request.source_mac, MAC_SIZE);
-    memcpy(record->requester_address, request.reply_address, IP_STR_SIZE);
+    memcpy(record->requester_address, address_text(request).text, IP_STR_SIZE);
     record->client_id = client_id;
     record->period = period;
     record->lives = get_lives(period);
@@ -849,7 +855,7 @@ int receive_packet()
     if (!packet_parse(buffer, size, received)) {
         return 0;
     }
-    inet_ntop(AF_INET, &sender.sin_addr, received.reply_address, sizeof received.reply_address);
+    received.sender = sender.sin_addr;
     return process_packet(received);
 }
 
@@ -1007,10 +1013,8 @@ bool packet_parse(const uint8_t *buffer, size_t size, packet &packet_out)
         log_error("%s", fault);
         return false;
     }
-    packet_out = {.type = type,
-                  .source_mac = buffer + PACKET_OFFSET_SOURCE_MAC,
-                  .payload = payload,
-                  .reply_address = {}};
+    packet_out = {
+        .type = type, .source_mac = buffer + PACKET_OFFSET_SOURCE_MAC, .payload = payload, .sender = {}};
     return true;
 }
 

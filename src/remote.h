@@ -13,6 +13,8 @@
 //     01 0C 00 11 22 33 44 55 00 00
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -78,11 +80,11 @@ struct packet {
     uint8_t type;
     const uint8_t *source_mac;
     std::span<const uint8_t> payload;
-    char reply_address[IP_STR_SIZE]; // dotted text
+    in_addr sender;
 };
 
 // Checks a datagram of true size size, of which buffer holds the first MAX_PACKET_SIZE bytes at most, and
-// fills packet_out with an empty reply address. False, after logging what is wrong, when it is to be dropped.
+// fills packet_out but for its sender. False, after logging what is wrong, when it is to be dropped.
 bool packet_parse(const uint8_t *buffer, size_t size, packet &packet_out);
 
 // Opens the multicast socket on the fire interface and makes the module's MQTT subscriptions; called at

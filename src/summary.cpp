@@ -15,6 +15,9 @@
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
+// An index that finds no memory fails like the allocation of the record that it is for.
+#define HASH_NONFATAL_OOM 1
+#include <uthash.h>
 #include <utlist.h>
 
 #include <algorithm>
@@ -23,6 +26,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -55,9 +59,11 @@ struct summary {
     bool seen[SUMMARY_INFO_COUNT]; // sections received since the record was made
     timespec last_heard;           // monotonic time of the last summary received
     summary *next;
+    UT_hash_handle hh;
 };
 
-summary *summaries; // newest remote node first, the local node last
+summary *summaries;        // newest remote node first, the local node last
+summary *summaries_by_mac; // the same: in a large network hundreds are looked up a second
 summary *local_summary;
 timespec info_updates[SUMMARY_INFO_COUNT]; // monotonic, each local section's last change; zero for never
 uint32_t num_sends;                        // expiries of the send timer
@@ -571,18 +577,21 @@ int apply_payload(summary &node, std::span<const uint8_t> payload)
 summary *find_summary(const uint8_t *mac)
 {
     summary *node;
-    LL_FOREACH (summaries, node) {
-        if (memcmp(node->mac, mac, MAC_SIZE) == 0) {
-            break;
-        }
-    }
+    HASH_FIND(hh, summaries_by_mac, mac, MAC_SIZE, node);
     return node;
 }
 
-void set_mac(summary &node, const uint8_t *mac)
+// Makes the node known by its MAC address, in front of the others; false when there is no memory.
+bool add_summary(summary &node, const uint8_t *mac)
 {
     memcpy(node.mac, mac, MAC_SIZE);
     memcpy(node.mac_str, mac_addr_to_str(mac), MAC_STR_SIZE);
+    HASH_ADD(hh, summaries_by_mac, mac, MAC_SIZE, &node);
+    if (node.hh.tbl == nullptr) {
+        return false;
+    }
+    LL_PREPEND(summaries, &node);
+    return true;
 }
 
 // Withdraws what is published for a node that is no longer in the list.
@@ -618,6 +627,7 @@ int unpublish_node(const summary &node)
 int remove_node(summary *node)
 {
     LL_DELETE(summaries, node);
+    HASH_DEL(summaries_by_mac, node);
     if (unpublish_node(*node) == -1) {
         log_error("couldn't unpublish data from summary");
         return -1;
@@ -1081,7 +1091,10 @@ int start_local_summary(uint8_t node_number)
         log_error("couldn't get local MAC address");
         return -1;
     }
-    set_mac(*local_summary, mac);
+    if (!add_summary(*local_summary, mac)) {
+        log_error("couldn't allocate local summary structure");
+        return -1;
+    }
     local_summary->data[SUMMARY_NODE_NUM] = node_number;
     if (fill_versions(local_summary->data) == -1) {
         log_error("couldn't get software versions");
@@ -1091,7 +1104,6 @@ int start_local_summary(uint8_t node_number)
         log_error("couldn't publish software versions");
         return -1;
     }
-    summaries = local_summary;
     if (publish_empty_lists() == -1) {
         log_error("couldn't publish empty lists to port topics");
         return -1;
@@ -1154,9 +1166,10 @@ int summary_init(uint8_t node_number)
         return -1;
     }
     if (start_local_summary(node_number) == -1) {
+        HASH_CLEAR(hh, summaries_by_mac);
+        summaries = nullptr;
         delete local_summary;
         local_summary = nullptr;
-        summaries = nullptr;
         return -1;
     }
     return 0;
@@ -1247,13 +1260,12 @@ int summary_process(const uint8_t *mac, const uint8_t *payload, size_t length)
     }
     summary *node = find_summary(mac);
     if (node == nullptr) {
-        node = new (std::nothrow) summary{};
-        if (node == nullptr) {
+        std::unique_ptr<summary> added(new (std::nothrow) summary{});
+        if (!added || !add_summary(*added, mac)) {
             log_error("couldn't allocate summary structure");
             return -1;
         }
-        set_mac(*node, mac);
-        LL_PREPEND(summaries, node);
+        node = added.release();
     }
     return apply_payload(*node, {payload, length});
 }
