@@ -47,6 +47,9 @@ constexpr int REQUEST_TRIES = 10;
 constexpr timespec AT_ONCE = {.tv_sec = 0, .tv_nsec = 1}; // zero would disarm a timer
 constexpr itimerspec REQUEST_PERIOD = {.it_interval = {.tv_sec = 1, .tv_nsec = 0}, .it_value = AT_ONCE};
 constexpr uint32_t SUBSCRIPTION_LIFETIME = 1200; // seconds
+// What a receiver with the kernel's usual buffer can take: each packet costs it a publication.
+constexpr unsigned SEND_BURST = 32;
+constexpr timespec SEND_PAUSE = {.tv_sec = 0, .tv_nsec = 3'000'000};
 
 // A request that waits for its acknowledgement or for its last try. Its timer is known to the event loop only.
 struct pending_request {
@@ -427,8 +430,18 @@ int delete_sub(subscription *record)
     return 0;
 }
 
+bool send_topic(const subscription &record, const topic_data &data)
+{
+    if (send_packet(record.requester_address, data.packet, data.packet_length) == -1) {
+        log_error("couldn't send topic data for %s", data.topic.get());
+        return false;
+    }
+    return true;
+}
+
 bool send_changed_topics(const subscription &record)
 {
+    unsigned num_sent = 0;
     const topic_data *data;
     const topic_data *next;
     HASH_ITER (hh, topic_data_hash, data, next) {
@@ -438,10 +451,14 @@ bool send_changed_topics(const subscription &record)
             log_error("couldn't check if %s matches %s", data->topic.get(), record.filter.get());
             return false;
         }
-        if (matches && timespec_cmp(&data->changed, &record.last_sent) >= 0 &&
-            send_packet(record.requester_address, data->packet, data->packet_length) == -1) {
-            log_error("couldn't send topic data for %s", data->topic.get());
+        if (!matches || timespec_cmp(&data->changed, &record.last_sent) < 0) {
+            continue;
+        }
+        if (!send_topic(record, *data)) {
             return false;
+        }
+        if (++num_sent % SEND_BURST == 0) {
+            nanosleep(&SEND_PAUSE, nullptr);
         }
     }
     return true;

@@ -3,7 +3,7 @@ import struct
 import time
 
 import pytest
-from panel import ACK, GOODBYE, REQUEST_TRIES, SUBSCRIBE, TOPIC_DATA, Client, Probe, packet
+from panel import ACK, GOODBYE, REQUEST_TRIES, SUBSCRIBE, TOPIC_DATA, Client, Probe, packet, wait_until
 
 PLAYED = "0A-00-00-00-00-01"
 
@@ -63,6 +63,18 @@ def test_restarted_server_still_serves_or_is_not_subscribed_again(lab):
     probe.await_value(client.node, probe.change())
     assert client.command("disconnect") == "ACK"
     server.await_descriptors(free)
+
+
+def test_part_of_a_large_first_data_is_lost(lab):
+    """As much as a card with eight ports publishes; the kernel's usual receive buffer holds a third of it."""
+    server, node = lab[4], lab[1]
+    topics = {f"pub/diag/{server.mac}/large/{number}" for number in range(825)}
+    server.publish(*((topic, bytes(56)) for topic in topics))
+    assert Client(server, 5).command("noop") == "ACK"  # it has seen them all
+    for number in range(10):
+        start = len(node.topics.items)
+        Client(node, number).ask(f"subscribe;pub/diag/{server.mac}/large/#;0")
+        wait_until(lambda: topics <= {topic for topic, _ in node.topics.items[start:]})
 
 
 def test_subscription_is_lost_with_a_link_of_the_ring(lab):
