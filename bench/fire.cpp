@@ -528,7 +528,7 @@ unsigned snapshot(mosquitto *there, mosquitto *here, unsigned topics)
 
 void find_largest_snapshot(int pid)
 {
-    constexpr unsigned LADDER[] = {250, 500, 825, 1100, 1500, 2000, 3000, 4500, 7000, 10000, 15000};
+    constexpr unsigned LADDER[] = {250, 500, 825, 1500, 3000, 6000};
     constexpr int TRIES = 3;
     mosquitto *const there = connect_through(pid, "bench-topics");
     mosquitto *const here = connect_client("bench-following");
@@ -545,7 +545,7 @@ void find_largest_snapshot(int pid)
         }
         largest = topics;
     }
-    printf("%u topics of 56 bytes arrive whole\n", largest);
+    printf("%u topics of 56 bytes arrive whole; more were not tried\n", largest);
 }
 
 } // namespace

@@ -53,9 +53,9 @@ constexpr size_t IP_STR_SIZE = 16;
 constexpr const char *ACTIVATE_TOPIC = "local/activate";
 constexpr const char *REMOTE_DOWNLOAD_TOPIC = "local/remotedl";
 
-// Requests (subscribe, unsubscribe, unsubscribe all, activate, remote download) start their payload with a request id;
-// all but unsubscribe all are repeated each second, ten times at most, until the target acknowledges that id. Layouts of
-// the payloads, offsets from their start:
+// Requests (subscribe, unsubscribe, unsubscribe all, activate, remote download) start their payload with a request id and
+// are sent each second, ten times at most, until the target acknowledges that id; unsubscribe all goes to all nodes, is
+// not acknowledged, and is sent ten times. Layouts of the payloads, offsets from their start:
 //
 //     SUBSCRIBE          request id (4)  client id (4)  period (2)  topic filter  00
 //     UNSUBSCRIBE        request id (4)  client id (4)  topic filter  00

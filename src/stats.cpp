@@ -777,7 +777,7 @@ bool handle_tick(int fd)
     port_record *record;
     LL_FOREACH (ports, record) {
         if (!tick.on_boundary) {
-            // The period goes on; what the clock's change has left of the day doesn't make one.
+            // The period goes on, and a day begins with it: only 96 boundaries in a row close one.
             record->day_start_index = record->period_index;
         } else if (!close_period(*record)) {
             log_error("couldn't update PM data");

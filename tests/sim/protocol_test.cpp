@@ -156,7 +156,7 @@ TEST_F(protocol_document, lists_the_types_as_they_are_sent_and_checked)
                 << row.at(1) << ' ' << length;
         }
         const lines log = take_log();
-        EXPECT_EQ(log.empty() ? "" : log.back(), row.at(4).empty() ? "" : "remote: " + row.at(4));
+        EXPECT_EQ(log.empty() ? "" : log.front(), row.at(4).empty() ? "" : "remote: " + row.at(4));
     }
 }
 
