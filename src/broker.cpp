@@ -1,6 +1,7 @@
 #include "broker.h"
 
 #include "common/lumlog.h"
+#include "common/record_list.h"
 #include "common/text.h"
 #include "common/unique_fd.h"
 #include "event.h"
@@ -9,7 +10,6 @@
 #include <mosquitto.h>
 #include <poll.h>
 #include <sys/epoll.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 // An index that finds no memory fails like the allocation of the record that it is for.
 #define HASH_NONFATAL_OOM 1
@@ -41,6 +41,7 @@ constexpr int CONNECT_POLL_MS = 50;
 constexpr int CONNECT_LIMIT_S = 5;
 constexpr int DISCONNECT_POLL_MS = 20;
 constexpr int DISCONNECT_LIMIT_S = 1;
+constexpr timer_names MAINTENANCE = {"maintenance", "mosquitto maintenance"};
 constexpr itimerspec MAINTENANCE_PERIOD = {.it_interval = {.tv_sec = 0, .tv_nsec = 500'000'000},
                                            .it_value = {.tv_sec = 0, .tv_nsec = 500'000'000}};
 constexpr time_t RETRY_AFTER_S = 1;
@@ -55,8 +56,8 @@ struct publication {
     bool retain;
     timespec sent; // monotonic time of the last sending
     unsigned retries;
-    publication *next;
     publication *prev;
+    publication *next;
     UT_hash_handle hh;
 };
 
@@ -72,6 +73,7 @@ struct subscription {
     bool removed;  // to be released, which waits for the end of a running dispatch
     timespec sent; // monotonic time of the last SUBSCRIBE
     unsigned retries;
+    subscription *prev;
     subscription *next;
     subscription *next_asked; // in asked_subscriptions
     UT_hash_handle hh;        // in subscriptions_by_filter
@@ -83,33 +85,28 @@ mosquitto *mosq;
 bool connected;
 bool dispatching; // message_cb walks the subscriptions: none may be released
 bool has_removed_subscriptions;
-publication *pending_publish;    // newest first
+record_list<publication> pending_publish;
 publication *publications_by_id; // the same by the mid of their last sending
-subscription *subscriptions;     // newest first
+record_list<subscription> subscriptions;
 // A message finds the one whose filter is its topic here, so that ports cost the messages of others nothing ...
 subscription *subscriptions_by_filter;
 // ... and asks these one by one, newest first: those with wildcards, and whatever repeats a filter.
 subscription *asked_subscriptions;
 uint64_t num_subscriptions; // ever made
 
-bool get_time(timespec &now)
-{
-    if (clock_gettime(CLOCK_MONOTONIC, &now) == -1) {
-        log_error("couldn't get time (errno %d)", errno);
-        return false;
-    }
-    return true;
-}
-
-bool is_due_for_retry(const timespec &now, const timespec &sent)
-{
-    return timespec_diff(&now, &sent).tv_sec >= RETRY_AFTER_S;
-}
-
 bool is_done_or_interrupted(int result)
 {
     return result == MOSQ_ERR_SUCCESS || (result == MOSQ_ERR_ERRNO && errno == EINTR);
 }
+
+bool has_wildcard(const char *text)
+{
+    return strpbrk(text, WILDCARDS) != nullptr;
+}
+
+//
+// Publications
+//
 
 int send_publication(publication &record)
 {
@@ -118,55 +115,48 @@ int send_publication(publication &record)
 }
 
 // More than 65,535 sendings may wait at once, and then some share an id: each acknowledgement settles one of them.
-bool index_publication(publication &record)
+int index_publication(publication &record)
 {
     HASH_ADD_KEYPTR_BYHASHVALUE(hh, publications_by_id, &record.mid, sizeof record.mid,
                                 static_cast<unsigned>(record.mid), &record);
     if (record.hh.tbl == nullptr) {
-        log_error("couldn't allocate publication structure");
-        return false;
+        return log_failure("couldn't allocate publication structure");
     }
-    return true;
+    return 0;
 }
 
 int publish(const char *topic, const void *payload, size_t length, bool retain)
 {
     std::unique_ptr<publication> record(new (std::nothrow) publication{});
     if (!record) {
-        log_error("couldn't allocate publication structure");
-        return -1;
+        return log_failure("couldn't allocate publication structure");
     }
     record->topic = copy_text(topic);
     if (!record->topic) {
-        log_error("couldn't duplicate topic string");
-        return -1;
+        return log_failure("couldn't duplicate topic string");
     }
     if (length > 0) {
         if (payload == nullptr) {
-            log_error("invalid message length");
-            return -1;
+            return log_failure("invalid message length");
         }
         record->payload = copy_bytes(payload, length);
         if (!record->payload) {
-            log_error("couldn't allocate message copy");
-            return -1;
+            return log_failure("couldn't allocate message copy");
         }
     }
     record->length = length;
     record->retain = retain;
-    if (!get_time(record->sent)) {
+    if (get_time(record->sent, log_source) == -1) {
         return -1;
     }
     const int result = send_publication(*record);
     if (result != MOSQ_ERR_SUCCESS) {
-        log_error("couldn't publish message on topic %s (%s)", topic, mosquitto_strerror(result));
+        return log_failure("couldn't publish message on topic %s (%s)", topic, mosquitto_strerror(result));
+    }
+    if (index_publication(*record) == -1) {
         return -1;
     }
-    if (!index_publication(*record)) {
-        return -1;
-    }
-    publication *const added = record.release();
-    DL_PREPEND(pending_publish, added);
+    pending_publish.add(std::move(record));
     return 0;
 }
 
@@ -177,66 +167,28 @@ void publish_cb(mosquitto *, void *, int mid)
     HASH_FIND_BYHASHVALUE(hh, publications_by_id, &mid, sizeof mid, static_cast<unsigned>(mid), record);
     if (record != nullptr) {
         HASH_DEL(publications_by_id, record);
-        DL_DELETE(pending_publish, record);
-        delete record;
+        pending_publish.remove(*record);
     }
 }
 
-// Sends the publication again, under a new id.
-bool retry_publication(publication &record)
-{
-    HASH_DEL(publications_by_id, &record);
-    const int result = send_publication(record);
-    if (result != MOSQ_ERR_SUCCESS) {
-        log_error("couldn't retry publish on topic %s (%s)", record.topic.get(), mosquitto_strerror(result));
-        return false;
-    }
-    return index_publication(record);
-}
+//
+// Subscriptions
+//
 
-// False when the maintenance tick has to end here.
-bool retry_publications()
-{
-    timespec now;
-    if (!get_time(now)) {
-        log_error("error while checking pending publish operations");
-        return false;
-    }
-    publication *record;
-    DL_FOREACH (pending_publish, record) {
-        if (!is_due_for_retry(now, record->sent)) {
-            continue;
-        }
-        if (record->retries >= MAX_RETRIES) {
-            log_error("publish on topic %s still failed after maximum number of retries, exiting",
-                      record->topic.get());
-            terminate();
-            break;
-        }
-        if (!retry_publication(*record)) {
-            log_error("error while checking pending publish operations");
-            return false;
-        }
-        record->retries++;
-        record->sent = now;
-    }
-    return true;
-}
-
-bool send_subscription(subscription &record)
+int send_subscription(subscription &record)
 {
     const int result = mosquitto_subscribe(mosq, &record.mid, record.filter.get(), QOS);
     if (result != MOSQ_ERR_SUCCESS) {
-        log_error("couldn't subscribe to topic %s (%s)", record.filter.get(), mosquitto_strerror(result));
-        return false;
+        return log_failure("couldn't subscribe to topic %s (%s)", record.filter.get(),
+                           mosquitto_strerror(result));
     }
-    return true;
+    return 0;
 }
 
 void subscribe_cb(mosquitto *, void *, int mid, int qos_count, const int *granted_qos)
 {
     subscription *record;
-    LL_SEARCH_SCALAR(subscriptions, record, mid, mid);
+    DL_SEARCH_SCALAR(subscriptions.newest(), record, mid, mid);
     if (record == nullptr) {
         return;
     }
@@ -248,40 +200,6 @@ void subscribe_cb(mosquitto *, void *, int mid, int qos_count, const int *grante
             return;
         }
     }
-}
-
-// False when the maintenance tick has to end here.
-bool retry_subscriptions()
-{
-    timespec now;
-    if (!get_time(now)) {
-        log_error("error while checking pending subscriptions");
-        return false;
-    }
-    subscription *record;
-    LL_FOREACH (subscriptions, record) {
-        if (record->acknowledged || !is_due_for_retry(now, record->sent)) {
-            continue;
-        }
-        if (record->retries >= MAX_RETRIES) {
-            log_error("subscription on topic %s still failed after maximum number of retries, exiting",
-                      record->filter.get());
-            terminate();
-            break;
-        }
-        if (!send_subscription(*record)) {
-            log_error("error while checking pending subscriptions");
-            return false;
-        }
-        record->retries++;
-        record->sent = now;
-    }
-    return true;
-}
-
-bool has_wildcard(const char *text)
-{
-    return strpbrk(text, WILDCARDS) != nullptr;
 }
 
 // The library takes long to find that a filter does not match, which hardly any does.
@@ -303,29 +221,18 @@ subscription *find_subscription(std::string_view filter)
 }
 
 // Makes the dispatch know a new subscription.
-bool index_subscription(subscription &record)
+int index_subscription(subscription &record)
 {
     const std::string_view filter = record.filter.get();
     if (has_wildcard(filter.data()) || find_subscription(filter) != nullptr) {
         LL_PREPEND2(asked_subscriptions, &record, next_asked);
-        return true;
+        return 0;
     }
     HASH_ADD_KEYPTR(hh, subscriptions_by_filter, filter.data(), filter.size(), &record);
     if (!record.is_indexed()) {
-        log_error("couldn't allocation subscription structure");
-        return false;
+        return log_failure("couldn't allocation subscription structure");
     }
-    return true;
-}
-
-void release_subscription(subscription *record)
-{
-    if (record->is_indexed()) {
-        HASH_DEL(subscriptions_by_filter, record);
-    } else {
-        LL_DELETE2(asked_subscriptions, record, next_asked);
-    }
-    delete record;
+    return 0;
 }
 
 void release_removed_subscriptions()
@@ -333,36 +240,41 @@ void release_removed_subscriptions()
     if (!std::exchange(has_removed_subscriptions, false)) {
         return;
     }
-    for (subscription **link = &subscriptions; *link != nullptr;) {
-        subscription *const record = *link;
-        if (record->removed) {
-            *link = record->next;
-            release_subscription(record);
-        } else {
-            link = &record->next;
+    for (subscription &record : subscriptions) {
+        if (!record.removed) {
+            continue;
         }
+        if (record.is_indexed()) {
+            HASH_DEL(subscriptions_by_filter, &record);
+        } else {
+            LL_DELETE2(asked_subscriptions, &record, next_asked);
+        }
+        subscriptions.remove(record);
     }
 }
 
-// Whether the subscription is to hear of the topic; false after logging why when the library can't tell.
-bool ask(const subscription &record, const char *topic, bool &matches_out)
+//
+// Dispatch
+//
+
+// Whether the subscription is to hear of the topic; -1 after logging why when the library can't tell.
+int ask(const subscription &record, const char *topic, bool &matches_out)
 {
     if (mosquitto_topic_matches_sub(record.filter.get(), topic, &matches_out) != MOSQ_ERR_SUCCESS) {
         log_error("couldn't check if topic %s matches %s", topic, record.filter.get());
         terminate();
-        return false;
+        return -1;
     }
-    return true;
+    return 0;
 }
 
 // A topic with wildcards matches nothing. It is a fault where the library gets as far as the wildcard, so that
 // every subscription is asked.
 void refuse_topic(const char *topic)
 {
-    const subscription *record;
-    LL_FOREACH (subscriptions, record) {
+    for (const subscription &record : subscriptions) {
         bool matches = false;
-        if (!ask(*record, topic, matches) || is_terminated()) {
+        if (ask(record, topic, matches) == -1 || is_terminated()) {
             return;
         }
     }
@@ -382,7 +294,7 @@ subscription *take_newer(subscription *&found, subscription *&asked)
 void dispatch(const mosquitto_message &message)
 {
     const std::string_view topic = message.topic;
-    const subscription *const newest = subscriptions;
+    const subscription *const newest = subscriptions.newest();
     subscription *found = find_subscription(topic);
     subscription *asked = asked_subscriptions;
     while (found != nullptr || asked != nullptr) {
@@ -393,7 +305,7 @@ void dispatch(const mosquitto_message &message)
         }
         bool matches = record->is_indexed();
         if (!matches && topic.starts_with(record->head) && topic.ends_with(record->tail) &&
-            !ask(*record, message.topic, matches)) {
+            ask(*record, message.topic, matches) == -1) {
             return;
         }
         if (matches && !record->removed) {
@@ -414,29 +326,113 @@ void message_cb(mosquitto *, void *, const mosquitto_message *message)
     release_removed_subscriptions();
 }
 
+//
+// The socket
+//
+
+int read_input()
+{
+    const int result = mosquitto_loop_read(mosq, 1);
+    if (!is_done_or_interrupted(result)) {
+        return log_failure("couldn't carry out read operations (%s)", mosquitto_strerror(result));
+    }
+    return 0;
+}
+
+int write_output()
+{
+    const int result = mosquitto_loop_write(mosq, 1);
+    if (!is_done_or_interrupted(result)) {
+        return log_failure("couldn't carry out write operations (%s)", mosquitto_strerror(result));
+    }
+    return 0;
+}
+
 void socket_cb(int, uint32_t events, void *)
 {
-    if (events != EPOLLIN) {
-        log_error("unexpected event(s) on file descriptor");
-        terminate();
-        return;
-    }
-    int result = mosquitto_loop_read(mosq, 1);
-    if (!is_done_or_interrupted(result)) {
-        log_error("couldn't carry out read operations (%s)", mosquitto_strerror(result));
+    if (event_check(events, log_source) == -1 || read_input() == -1) {
         terminate();
         return;
     }
     // What callbacks published stays in the library's queue until its next write. One write now carries it to
     // the broker at once; what a full socket leaves waits for the maintenance tick.
-    if (!mosquitto_want_write(mosq)) {
-        return;
-    }
-    result = mosquitto_loop_write(mosq, 1);
-    if (!is_done_or_interrupted(result)) {
-        log_error("couldn't carry out write operations (%s)", mosquitto_strerror(result));
+    if (mosquitto_want_write(mosq) && write_output() == -1) {
         terminate();
     }
+}
+
+//
+// Maintenance
+//
+
+bool is_due_for_retry(const timespec &now, const timespec &sent)
+{
+    return timespec_diff(&now, &sent).tv_sec >= RETRY_AFTER_S;
+}
+
+bool is_acknowledged(const publication &)
+{
+    return false; // those that are have been released
+}
+
+bool is_acknowledged(const subscription &record)
+{
+    return record.acknowledged;
+}
+
+// Under a new id.
+int send_again(publication &record)
+{
+    HASH_DEL(publications_by_id, &record);
+    const int result = send_publication(record);
+    if (result != MOSQ_ERR_SUCCESS) {
+        return log_failure("couldn't retry publish on topic %s (%s)", record.topic.get(),
+                           mosquitto_strerror(result));
+    }
+    return index_publication(record);
+}
+
+int send_again(subscription &record)
+{
+    return send_subscription(record);
+}
+
+void report_given_up(const publication &record)
+{
+    log_error("publish on topic %s still failed after maximum number of retries, exiting",
+              record.topic.get());
+}
+
+void report_given_up(const subscription &record)
+{
+    log_error("subscription on topic %s still failed after maximum number of retries, exiting",
+              record.filter.get());
+}
+
+// Sends what waits for longer than a second again, and gives up at the first record that has been sent four times.
+template <typename Record>
+int retry(const record_list<Record> &records, const char *failure)
+{
+    timespec now;
+    if (get_time(now, log_source) == -1) {
+        return log_failure("%s", failure);
+    }
+    for (Record &record : records) {
+        if (is_acknowledged(record) || !is_due_for_retry(now, record.sent)) {
+            continue;
+        }
+        if (record.retries >= MAX_RETRIES) {
+            report_given_up(record);
+            terminate();
+            return 0;
+        }
+        if (send_again(record) == -1) {
+            return log_failure("%s", failure);
+        }
+        record.retries++;
+        record.sent = now;
+    }
+    return 0;
 }
 
 // A broker that doesn't read fills the socket; the library then reports success with its output still
@@ -447,77 +443,54 @@ bool is_socket_writable()
     return poll(&socket, 1, 0) == 1;
 }
 
-bool maintain(int fd, uint32_t events)
+int maintain(int fd, uint32_t events)
 {
-    if (events != EPOLLIN) {
-        log_error("unexpected event(s) on file descriptor");
-        return false;
+    if (timer_take(fd, events, MAINTENANCE, log_source) == -1) {
+        return -1;
     }
-    uint64_t expiries;
-    if (read(fd, &expiries, sizeof expiries) != sizeof expiries) {
-        log_error("couldn't clear maintenance timer (errno %d)", errno);
-        return false;
-    }
-    int result = mosquitto_loop_misc(mosq);
+    const int result = mosquitto_loop_misc(mosq);
     if (result != MOSQ_ERR_SUCCESS) {
-        log_error("error while performing maintenance (%s)", mosquitto_strerror(result));
-        return false;
+        return log_failure("error while performing maintenance (%s)", mosquitto_strerror(result));
     }
     while (mosquitto_want_write(mosq) && is_socket_writable()) {
-        result = mosquitto_loop_write(mosq, 1);
-        if (!is_done_or_interrupted(result)) {
-            log_error("couldn't carry out write operations (%s)", mosquitto_strerror(result));
-            return false;
+        if (write_output() == -1) {
+            return -1;
         }
     }
-    return retry_publications() && retry_subscriptions();
+    if (retry(pending_publish, "error while checking pending publish operations") == -1) {
+        return -1;
+    }
+    return retry(subscriptions, "error while checking pending subscriptions");
 }
 
 void maintenance_cb(int fd, uint32_t events, void *)
 {
-    if (!maintain(fd, events)) {
+    if (maintain(fd, events) == -1) {
         close(fd);
         terminate();
     }
 }
 
-// Creates, arms and registers the maintenance timer; the caller closes it when a step fails.
-bool add_maintenance_timer(unique_fd &timer)
-{
-    timer.reset(timerfd_create(CLOCK_MONOTONIC, 0));
-    if (!timer.is_open()) {
-        log_error("couldn't create maintenance timer (errno %d)", errno);
-        return false;
-    }
-    if (timerfd_settime(timer.get(), 0, &MAINTENANCE_PERIOD, nullptr) == -1) {
-        log_error("couldn't arm maintenance timer (errno %d)", errno);
-        return false;
-    }
-    if (event_add(timer.get(), EPOLLIN, maintenance_cb, nullptr) == -1) {
-        log_error("couldn't add mosquitto maintenance event");
-        return false;
-    }
-    return true;
-}
+//
+// Session
+//
 
-bool add_events()
+int add_events()
 {
     const int socket = mosquitto_socket(mosq);
     if (socket == -1) {
-        log_error("couldn't get mosquitto socket file descriptor");
-        return false;
+        return log_failure("couldn't get mosquitto socket file descriptor");
     }
     if (event_add(socket, EPOLLIN, socket_cb, nullptr) == -1) {
-        log_error("couldn't add mosquitto socket handling events");
-        return false;
+        return log_failure("couldn't add mosquitto socket handling events");
     }
     unique_fd timer;
-    if (!add_maintenance_timer(timer)) {
+    if (timer_start(timer, MAINTENANCE, MAINTENANCE_PERIOD, maintenance_cb, nullptr, log_source) == -1) {
         event_remove(socket);
-        return false;
+        return -1;
     }
     timer.release(); // open until the process ends or a tick fails
-    return true;
+    return 0;
 }
 
 void connect_cb(mosquitto *, void *, int code)
@@ -525,7 +498,7 @@ void connect_cb(mosquitto *, void *, int code)
     if (code != 0) {
         log_error("broker connection refused (code %d)", code);
         terminate();
-    } else if (!add_events()) {
+    } else if (add_events() == -1) {
         log_error("couldn't add mosquitto events to event loop");
         terminate();
     } else {
@@ -549,7 +522,7 @@ int wait_for_connected(bool wanted, int poll_ms, int limit_s)
 {
     const timespec limit = {.tv_sec = limit_s, .tv_nsec = 0};
     timespec start;
-    if (!get_time(start)) {
+    if (get_time(start, log_source) == -1) {
         return -1;
     }
     while (connected != wanted) {
@@ -558,17 +531,15 @@ int wait_for_connected(bool wanted, int poll_ms, int limit_s)
         }
         const int result = mosquitto_loop(mosq, poll_ms, 1);
         if (!is_done_or_interrupted(result)) {
-            log_error("error while running the mosquitto loop (%s)", mosquitto_strerror(result));
-            return -1;
+            return log_failure("error while running the mosquitto loop (%s)", mosquitto_strerror(result));
         }
         timespec now;
-        if (!get_time(now)) {
+        if (get_time(now, log_source) == -1) {
             return -1;
         }
         const timespec elapsed = timespec_diff(&now, &start);
         if (timespec_cmp(&elapsed, &limit) > 0) {
-            log_error("mosquitto client status change timed out");
-            return -1;
+            return log_failure("mosquitto client status change timed out");
         }
     }
     return 0;
@@ -581,22 +552,12 @@ void destroy_client()
     mosq = nullptr;
 }
 
-// Logs a missing argument.
-bool check_argument(bool is_given)
-{
-    if (!is_given) {
-        log_error("NULL pointer received as argument");
-    }
-    return is_given;
-}
-
 } // namespace
 
 int broker_connect()
 {
     if (mosq != nullptr) {
-        log_error("already connected to the broker");
-        return -1;
+        return log_failure("already connected to the broker");
     }
     mosquitto_lib_init();
     mosq = mosquitto_new(CLIENT_ID, true, nullptr);
@@ -638,12 +599,10 @@ int broker_disconnect()
 {
     const int result = mosquitto_disconnect(mosq);
     if (result != MOSQ_ERR_SUCCESS) {
-        log_error("couldn't request mosquitto disconnect (%s)", mosquitto_strerror(result));
-        return -1;
+        return log_failure("couldn't request mosquitto disconnect (%s)", mosquitto_strerror(result));
     }
     if (wait_for_connected(false, DISCONNECT_POLL_MS, DISCONNECT_LIMIT_S) == -1) {
-        log_error("couldn't disconnect mosquitto instance");
-        return -1;
+        return log_failure("couldn't disconnect mosquitto instance");
     }
     destroy_client();
     return 0;
@@ -651,7 +610,7 @@ int broker_disconnect()
 
 int broker_publish(const char *topic, const void *payload, size_t length)
 {
-    if (!check_argument(topic != nullptr && payload != nullptr)) {
+    if (check_arguments(topic != nullptr && payload != nullptr, log_source) == -1) {
         return -1;
     }
     return publish(topic, payload, length, true);
@@ -659,7 +618,7 @@ int broker_publish(const char *topic, const void *payload, size_t length)
 
 int broker_publish_unretained(const char *topic, const void *payload, size_t length)
 {
-    if (!check_argument(topic != nullptr && payload != nullptr)) {
+    if (check_arguments(topic != nullptr && payload != nullptr, log_source) == -1) {
         return -1;
     }
     return publish(topic, payload, length, false);
@@ -667,7 +626,7 @@ int broker_publish_unretained(const char *topic, const void *payload, size_t len
 
 int broker_unpublish(const char *topic)
 {
-    if (!check_argument(topic != nullptr)) {
+    if (check_arguments(topic != nullptr, log_source) == -1) {
         return -1;
     }
     return publish(topic, nullptr, 0, true);
@@ -675,43 +634,39 @@ int broker_unpublish(const char *topic)
 
 int broker_subscribe(const char *filter, broker_callback callback, void *arg)
 {
-    if (!check_argument(filter != nullptr && callback != nullptr)) {
+    if (check_arguments(filter != nullptr && callback != nullptr, log_source) == -1) {
         return -1;
     }
     std::unique_ptr<subscription> record(new (std::nothrow) subscription{});
     if (!record) {
-        log_error("couldn't allocation subscription structure");
-        return -1;
+        return log_failure("couldn't allocation subscription structure");
     }
     record->filter = copy_text(filter);
     if (!record->filter) {
-        log_error("couldn't duplicate topic string");
-        return -1;
+        return log_failure("couldn't duplicate topic string");
     }
     set_head_and_tail(*record);
     record->number = ++num_subscriptions;
     record->callback = callback;
     record->arg = arg;
-    if (!get_time(record->sent)) {
+    if (get_time(record->sent, log_source) == -1) {
         return -1;
     }
-    if (!send_subscription(*record) || !index_subscription(*record)) {
+    if (send_subscription(*record) == -1 || index_subscription(*record) == -1) {
         return -1;
     }
-    subscription *const added = record.release();
-    LL_PREPEND(subscriptions, added);
+    subscriptions.add(std::move(record));
     return 0;
 }
 
 int broker_unsubscribe(const char *filter)
 {
-    if (!check_argument(filter != nullptr)) {
+    if (check_arguments(filter != nullptr, log_source) == -1) {
         return -1;
     }
-    subscription *record;
-    LL_FOREACH (subscriptions, record) {
-        if (strcmp(record->filter.get(), filter) == 0) {
-            record->removed = true;
+    for (subscription &record : subscriptions) {
+        if (strcmp(record.filter.get(), filter) == 0) {
+            record.removed = true;
             has_removed_subscriptions = true;
         }
     }
@@ -720,8 +675,7 @@ int broker_unsubscribe(const char *filter)
     }
     const int result = mosquitto_unsubscribe(mosq, nullptr, filter);
     if (result != MOSQ_ERR_SUCCESS) {
-        log_error("couldn't unsubscribe from topic %s (%s)", filter, mosquitto_strerror(result));
-        return -1;
+        return log_failure("couldn't unsubscribe from topic %s (%s)", filter, mosquitto_strerror(result));
     }
     return 0;
 }

@@ -4,6 +4,8 @@
 #include "utils.h"
 
 #include <sys/epoll.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
 #include <utlist.h>
 
 #include <cerrno>
@@ -32,38 +34,32 @@ volatile sig_atomic_t sigterm_received;
 int event_init()
 {
     if (event_loop_fd != -1) {
-        log_error("event loop is already initialized");
-        return -1;
+        return log_failure("event loop is already initialized");
     }
     event_loop_fd = epoll_create1(EPOLL_CLOEXEC);
     if (event_loop_fd == -1) {
-        log_error("couldn't create epoll instance (errno %d)", errno);
-        return -1;
+        return log_failure("couldn't create epoll instance (errno %d)", errno);
     }
     return 0;
 }
 
 int event_add(int fd, uint32_t events, event_callback callback, void *arg)
 {
-    if (callback == nullptr) {
-        log_error("NULL pointer received as argument");
+    if (check_arguments(callback != nullptr, log_source) == -1) {
         return -1;
     }
     if (event_loop_fd == -1) {
-        log_error("event loop is not initialized");
-        return -1;
+        return log_failure("event loop is not initialized");
     }
     std::unique_ptr<event> added(new (std::nothrow) event{fd, callback, arg, nullptr});
     if (!added) {
-        log_error("couldn't allocate new event");
-        return -1;
+        return log_failure("couldn't allocate new event");
     }
     epoll_event registration{};
     registration.events = events;
     registration.data.ptr = added.get();
     if (epoll_ctl(event_loop_fd, EPOLL_CTL_ADD, fd, &registration) == -1) {
-        log_error("couldn't add new event (errno %d)", errno);
-        return -1;
+        return log_failure("couldn't add new event (errno %d)", errno);
     }
     event *const record = added.release();
     LL_PREPEND(events_list, record);
@@ -73,21 +69,67 @@ int event_add(int fd, uint32_t events, event_callback callback, void *arg)
 int event_remove(int fd)
 {
     if (event_loop_fd == -1) {
-        log_error("event loop is not initialized");
-        return -1;
+        return log_failure("event loop is not initialized");
     }
     event *record = nullptr;
     LL_SEARCH_SCALAR(events_list, record, fd, fd);
     if (record == nullptr) {
-        log_error("no event registered for file descriptor %d", fd);
-        return -1;
+        return log_failure("no event registered for file descriptor %d", fd);
     }
     LL_DELETE(events_list, record);
     delete record;
     // ENOENT: the descriptor was closed meanwhile, and its number now belongs to another file.
     if (epoll_ctl(event_loop_fd, EPOLL_CTL_DEL, fd, nullptr) == -1 && errno != ENOENT) {
-        log_error("couldn't remove event (errno %d)", errno);
+        return log_failure("couldn't remove event (errno %d)", errno);
+    }
+    return 0;
+}
+
+int event_check(uint32_t events, log_place caller)
+{
+    return events == EPOLLIN ? 0 : log_failure_at(caller, "unexpected event(s) on file descriptor");
+}
+
+int timer_start(unique_fd &timer, const timer_names &names, const itimerspec &expiry, event_callback callback,
+                void *arg, log_place caller)
+{
+    timer.reset(timerfd_create(CLOCK_MONOTONIC, 0));
+    if (!timer.is_open()) {
+        return log_failure_at(caller, "couldn't create %s timer (errno %d)", names.timer, errno);
+    }
+    if (timer_arm(timer.get(), names, expiry, caller) == -1) {
         return -1;
+    }
+    if (event_add(timer.get(), EPOLLIN, callback, arg) == -1) {
+        return log_failure_at(caller, "couldn't add %s event", names.event);
+    }
+    return 0;
+}
+
+int timer_arm(int fd, const timer_names &names, const itimerspec &expiry, log_place caller)
+{
+    if (timerfd_settime(fd, 0, &expiry, nullptr) == -1) {
+        return log_failure_at(caller, "couldn't arm %s timer (errno %d)", names.timer, errno);
+    }
+    return 0;
+}
+
+void timer_stop(unique_fd &timer)
+{
+    if (timer.is_open()) {
+        event_remove(timer.get());
+        timer.reset();
+    }
+}
+
+int timer_take(int fd, uint32_t events, const timer_names &names, log_place caller)
+{
+    if (event_check(events, caller) == -1) {
+        return -1;
+    }
+    uint64_t expiries;
+    if (read(fd, &expiries, sizeof expiries) != sizeof expiries) {
+        return log_failure_at(caller, "couldn't clear %s timer (errno %d)", names.timer, errno);
     }
     return 0;
 }
@@ -95,8 +137,7 @@ int event_remove(int fd)
 int event_loop()
 {
     if (event_loop_fd == -1) {
-        log_error("event loop is not initialized");
-        return -1;
+        return log_failure("event loop is not initialized");
     }
     while (!is_terminated()) {
         // One event at a time: a callback may free any record, also of a descriptor that is ready too.
@@ -106,8 +147,7 @@ int event_loop()
             if (errno == EINTR) {
                 continue;
             }
-            log_error("error while polling events (errno %d)", errno);
-            return -1;
+            return log_failure("error while polling events (errno %d)", errno);
         }
         if (count == 0) {
             log_error("epoll_wait unexpectedly timed out");

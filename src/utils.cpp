@@ -5,6 +5,7 @@
 #include "hwinfo/hwinfo.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -41,8 +42,7 @@ using version_parser = int (*)(char *line, const text_field &name, const text_fi
 // Blanks both fields, then lets parse fill them from the first line of the file.
 int read_version(const char *path, version_parser parse, const text_field &name, const text_field &version)
 {
-    if (name.bytes == nullptr || version.bytes == nullptr) {
-        log_error("NULL pointer received as argument");
+    if (check_arguments(name.bytes != nullptr && version.bytes != nullptr, log_source) == -1) {
         return -1;
     }
     name.clear();
@@ -50,15 +50,13 @@ int read_version(const char *path, version_parser parse, const text_field &name,
 
     FILE *const file = fopen(path, "re");
     if (file == nullptr) {
-        log_error("couldn't open file %s", path);
-        return -1;
+        return log_failure("couldn't open file %s", path);
     }
     char line[LINE_SIZE];
     const bool is_read = fgets(line, sizeof line, file) != nullptr;
     (void)fclose(file);
     if (!is_read) {
-        log_error("couldn't read from file %s", path);
-        return -1;
+        return log_failure("couldn't read from file %s", path);
     }
     return parse(line, name, version);
 }
@@ -84,8 +82,7 @@ int parse_kernel_command_line(char *line, const text_field &name, const text_fie
     std::string_view value = line;
     const size_t start = value.find(key);
     if (start == std::string_view::npos) {
-        log_error("couldn't find bootrev string");
-        return -1;
+        return log_failure("couldn't find bootrev string");
     }
     value.remove_prefix(start + key.size());
     const size_t quote = value.find('"');
@@ -131,10 +128,17 @@ int is_terminated()
     return terminated == 1;
 }
 
+int get_time(timespec &now_out, log_place caller)
+{
+    if (clock_gettime(CLOCK_MONOTONIC, &now_out) == -1) {
+        return log_failure_at(caller, "couldn't get time (errno %d)", errno);
+    }
+    return 0;
+}
+
 int timespec_cmp(const timespec *a, const timespec *b)
 {
-    if (a == nullptr || b == nullptr) {
-        log_error("NULL pointer received as argument");
+    if (check_arguments(a != nullptr && b != nullptr, log_source) == -1) {
         return 0;
     }
     if (a->tv_sec != b->tv_sec) {
@@ -148,8 +152,7 @@ int timespec_cmp(const timespec *a, const timespec *b)
 
 timespec timespec_diff(const timespec *a, const timespec *b)
 {
-    if (a == nullptr || b == nullptr) {
-        log_error("NULL pointer received as argument");
+    if (check_arguments(a != nullptr && b != nullptr, log_source) == -1) {
         return {-1, -1};
     }
     if (timespec_cmp(a, b) < 0) {
@@ -165,8 +168,7 @@ timespec timespec_diff(const timespec *a, const timespec *b)
 
 timespec timespec_sum(const timespec *a, const timespec *b)
 {
-    if (a == nullptr || b == nullptr) {
-        log_error("NULL pointer received as argument");
+    if (check_arguments(a != nullptr && b != nullptr, log_source) == -1) {
         return {-1, -1};
     }
     timespec sum = {a->tv_sec + b->tv_sec, a->tv_nsec + b->tv_nsec};
@@ -179,8 +181,7 @@ timespec timespec_sum(const timespec *a, const timespec *b)
 
 const uint8_t *find_mac_addr_in_topic(const char *topic)
 {
-    if (topic == nullptr) {
-        log_error("NULL pointer received as argument");
+    if (check_arguments(topic != nullptr, log_source) == -1) {
         return nullptr;
     }
     for (const char *slash = strchr(topic, '/'); slash != nullptr; slash = strchr(slash + 1, '/')) {
@@ -199,16 +200,14 @@ const uint8_t *find_mac_addr_in_topic(const char *topic)
 
 int find_port_in_local_topic(const char *topic, int *port_out)
 {
-    if (topic == nullptr || port_out == nullptr) {
-        log_error("NULL pointer received as argument");
+    if (check_arguments(topic != nullptr && port_out != nullptr, log_source) == -1) {
         return -1;
     }
     constexpr std::string_view prefix = "port/";
     std::string_view rest = topic;
     const size_t start = rest.find(prefix);
     if (start == std::string_view::npos) {
-        log_error("couldn't find port in topic %s", topic);
-        return -1;
+        return log_failure("couldn't find port in topic %s", topic);
     }
     rest.remove_prefix(start + prefix.size());
     if (rest.size() >= 2 && rest[0] >= 'A' && rest[0] <= 'H' && rest[1] == '/') {
@@ -219,8 +218,7 @@ int find_port_in_local_topic(const char *topic, int *port_out)
         *port_out = LUM_PORT_CPU;
         return 0;
     }
-    log_error("invalid port identifier in topic %s", topic);
-    return -1;
+    return log_failure("invalid port identifier in topic %s", topic);
 }
 
 int get_eos_version(char *name, size_t name_size, char *version, size_t version_size)

@@ -1,6 +1,8 @@
 // What all modules share: the termination flag, time arithmetic, topic parsers, software versions.
 #pragma once
 
+#include "common/lumlog.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -9,6 +11,9 @@
 // Called by the SIGTERM handler and by every callback that meets a fault it can't handle.
 void terminate();
 int is_terminated();
+
+// The monotonic clock, which every interval is measured by. 0, or -1 after logging why.
+[[nodiscard]] int get_time(timespec &now_out, log_place caller);
 
 // 1 when a is later than b, -1 when earlier, 0 when equal or either is null (which is logged).
 int timespec_cmp(const timespec *a, const timespec *b);

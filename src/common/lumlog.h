@@ -36,3 +36,24 @@ int get_next_rcline(char **key, char **value);
 // constant log_source.
 #define log_error(...) log_component_error(LUMLOG_DIAG, __VA_ARGS__)
 #define log_component_error(facility, ...) lumlog(LUMLOG_ERROR, facility, log_source, __LINE__, __VA_ARGS__)
+
+// The same, and -1, which the function that has failed returns.
+#define log_failure(...) (log_error(__VA_ARGS__), -1)
+
+// What modules share logs for the module that calls it, which passes its log_source; the compiler adds the line.
+struct log_place {
+    log_place(const char *source_name, int source_line = __builtin_LINE())
+        : source(source_name), line(source_line)
+    {
+    }
+    const char *source;
+    int line;
+};
+#define log_failure_at(place, ...)                                                                           \
+    (lumlog(LUMLOG_ERROR, LUMLOG_DIAG, (place).source, (place).line, __VA_ARGS__), -1)
+
+// The first step of a function that needs its pointers: 0, or -1 after logging that one is missing.
+[[nodiscard]] inline int check_arguments(bool are_given, log_place caller)
+{
+    return are_given ? 0 : log_failure_at(caller, "NULL pointer received as argument");
+}

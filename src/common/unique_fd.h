@@ -10,8 +10,12 @@ class unique_fd
 public:
     explicit unique_fd(int fd = -1) : fd_(fd) {}
     ~unique_fd() { reset(); }
-    unique_fd(const unique_fd &) = delete;
-    unique_fd &operator=(const unique_fd &) = delete;
+    unique_fd(unique_fd &&other) noexcept : fd_(other.release()) {}
+    unique_fd &operator=(unique_fd &&other) noexcept
+    {
+        reset(other.release());
+        return *this;
+    }
 
     int get() const { return fd_; }
     bool is_open() const { return fd_ != -1; }
