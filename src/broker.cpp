@@ -5,6 +5,7 @@
 #include "common/text.h"
 #include "common/unique_fd.h"
 #include "event.h"
+#include "timer.h"
 #include "utils.h"
 
 #include <mosquitto.h>

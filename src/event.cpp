@@ -4,8 +4,6 @@
 #include "utils.h"
 
 #include <sys/epoll.h>
-#include <sys/timerfd.h>
-#include <unistd.h>
 #include <utlist.h>
 
 #include <cerrno>
@@ -81,55 +79,6 @@ int event_remove(int fd)
     // ENOENT: the descriptor was closed meanwhile, and its number now belongs to another file.
     if (epoll_ctl(event_loop_fd, EPOLL_CTL_DEL, fd, nullptr) == -1 && errno != ENOENT) {
         return log_failure("couldn't remove event (errno %d)", errno);
-    }
-    return 0;
-}
-
-int event_check(uint32_t events, log_place caller)
-{
-    return events == EPOLLIN ? 0 : log_failure_at(caller, "unexpected event(s) on file descriptor");
-}
-
-int timer_start(unique_fd &timer, const timer_names &names, const itimerspec &expiry, event_callback callback,
-                void *arg, log_place caller)
-{
-    timer.reset(timerfd_create(CLOCK_MONOTONIC, 0));
-    if (!timer.is_open()) {
-        return log_failure_at(caller, "couldn't create %s timer (errno %d)", names.timer, errno);
-    }
-    if (timer_arm(timer.get(), names, expiry, caller) == -1) {
-        return -1;
-    }
-    if (event_add(timer.get(), EPOLLIN, callback, arg) == -1) {
-        return log_failure_at(caller, "couldn't add %s event", names.event);
-    }
-    return 0;
-}
-
-int timer_arm(int fd, const timer_names &names, const itimerspec &expiry, log_place caller)
-{
-    if (timerfd_settime(fd, 0, &expiry, nullptr) == -1) {
-        return log_failure_at(caller, "couldn't arm %s timer (errno %d)", names.timer, errno);
-    }
-    return 0;
-}
-
-void timer_stop(unique_fd &timer)
-{
-    if (timer.is_open()) {
-        event_remove(timer.get());
-        timer.reset();
-    }
-}
-
-int timer_take(int fd, uint32_t events, const timer_names &names, log_place caller)
-{
-    if (event_check(events, caller) == -1) {
-        return -1;
-    }
-    uint64_t expiries;
-    if (read(fd, &expiries, sizeof expiries) != sizeof expiries) {
-        return log_failure_at(caller, "couldn't clear %s timer (errno %d)", names.timer, errno);
     }
     return 0;
 }

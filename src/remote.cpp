@@ -4,12 +4,14 @@
 #include "common/bytes.h"
 #include "common/lumlog.h"
 #include "common/netif.h"
+#include "common/record_list.h"
 #include "common/text.h"
 #include "common/unique_fd.h"
 #include "event.h"
 #include "hwinfo/hwinfo.h"
 #include "stats.h"
 #include "summary.h"
+#include "timer.h"
 #include "utils.h"
 
 #include <arpa/inet.h>
@@ -18,10 +20,8 @@
 #include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 #include <uthash.h>
-#include <utlist.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -45,7 +45,9 @@ constexpr size_t CLIENT_ID_SIZE = sizeof(uint32_t);
 constexpr size_t MAX_REQUEST_PAYLOAD = MAX_PACKET_SIZE - HEADER_SIZE - REQUEST_ID_SIZE;
 constexpr int REQUEST_TRIES = 10;
 constexpr timespec AT_ONCE = {.tv_sec = 0, .tv_nsec = 1}; // zero would disarm a timer
+constexpr timer_names REQUEST = {"request", "request timer"};
 constexpr itimerspec REQUEST_PERIOD = {.it_interval = {.tv_sec = 1, .tv_nsec = 0}, .it_value = AT_ONCE};
+constexpr timer_names SUBSCRIPTION = {"subscription", "subscription timer"};
 constexpr uint32_t SUBSCRIPTION_LIFETIME = 1200; // seconds
 // What a receiver with the kernel's usual buffer can take: each packet costs it a publication.
 constexpr unsigned SEND_BURST = 32;
@@ -81,7 +83,7 @@ struct subscription {
     std::unique_ptr<char[]> filter;
     char requester_address[IP_STR_SIZE];
     uint16_t period; // seconds, 0 for one send only
-    int timer;
+    unique_fd timer;
     uint32_t lives;     // sends left before it expires
     timespec last_sent; // monotonic
     subscription *prev;
@@ -96,11 +98,11 @@ struct fire_ip {
 
 int socket_fd = -1;
 uint8_t local_mac_addr[MAC_SIZE];
-uint32_t rid;                      // id of the next request
-pending_request *pending_requests; // newest first
-topic_data *topic_data_hash;       // by topic, in the order of their first messages; never removed
-subscription *subscriptions;       // newest first
-fire_ip *fire_ip_hash;             // by MAC
+uint32_t rid; // id of the next request
+record_list<pending_request> pending_requests;
+topic_data *topic_data_hash; // by topic, in the order of their first messages; never removed
+record_list<subscription> subscriptions;
+fire_ip *fire_ip_hash; // by MAC
 
 //
 // Packets
@@ -132,19 +134,9 @@ struct address_text {
 int acknowledge(const packet &request)
 {
     if (send_ack(address_text(request).text, load_be<uint32_t>(request.payload.data())) == -1) {
-        log_error("couldn't send acknowledgement");
-        return -1;
+        return log_failure("couldn't send acknowledgement");
     }
     return 0;
-}
-
-bool get_time(timespec &now)
-{
-    if (clock_gettime(CLOCK_MONOTONIC, &now) == -1) {
-        log_error("couldn't get time (errno %d)", errno);
-        return false;
-    }
-    return true;
 }
 
 //
@@ -171,6 +163,12 @@ const char *get_fire_ip(const uint8_t *mac)
     return found->text;
 }
 
+void forget_fire_ip(fire_ip *node)
+{
+    HASH_DEL(fire_ip_hash, node);
+    const std::unique_ptr<fire_ip> released(node);
+}
+
 void store_fire_ip(fire_ip &node, const void *payload, size_t length)
 {
     memcpy(node.text, payload, length);
@@ -192,8 +190,7 @@ void fire_ip_cb(const char *topic, const void *payload, int length, void *)
     fire_ip *node = find_fire_ip(mac);
     if (size == 0) {
         if (node != nullptr) {
-            HASH_DEL(fire_ip_hash, node);
-            delete node;
+            forget_fire_ip(node);
         }
         return;
     }
@@ -242,43 +239,35 @@ std::unique_ptr<pending_request> build_req(const char *destination, packet_type 
     return request;
 }
 
-// One expiry of the request's timer; false when the request is over.
-bool continue_request(int fd, uint32_t events, pending_request &request)
+// Reports the result, if the request is over; else sends it again. -1 after logging why.
+int continue_request(pending_request &request, bool &is_over_out)
 {
-    if (events != EPOLLIN) {
-        log_error("unexpected event(s) on file descriptor");
-        terminate();
-        return false;
-    }
-    uint64_t expiries;
-    if (read(fd, &expiries, sizeof expiries) != sizeof expiries) {
-        log_error("couldn't clear request timer (errno %d)", errno);
-        terminate();
-        return false;
-    }
-    if (request.acknowledged || request.tries_left <= 0) {
+    is_over_out = request.acknowledged || request.tries_left <= 0;
+    if (is_over_out) {
         if (request.callback != nullptr) {
             request.callback(request.acknowledged ? 1 : 0, request.arg);
         }
-        return false;
+        return 0;
     }
     if (send_packet(request.destination, request.packet, request.packet_length) == -1) {
-        log_error("couldn't send subscribe/unsubscribe request");
-        terminate();
-        return false;
+        return log_failure("couldn't send subscribe/unsubscribe request");
     }
     request.tries_left--;
-    return true;
+    return 0;
 }
 
 void pending_cb(int fd, uint32_t events, void *arg)
 {
-    auto *const request = static_cast<pending_request *>(arg);
-    if (continue_request(fd, events, *request)) {
+    pending_request &request = *static_cast<pending_request *>(arg);
+    bool is_over = true;
+    if (timer_take(fd, events, REQUEST, log_source) == -1 || continue_request(request, is_over) == -1) {
+        is_over = true;
+        terminate();
+    }
+    if (!is_over) {
         return;
     }
-    DL_DELETE(pending_requests, request);
-    delete request;
+    pending_requests.remove(request);
     if (event_remove(fd) == -1) {
         log_error("couldn't remove request timer event");
         terminate();
@@ -286,29 +275,16 @@ void pending_cb(int fd, uint32_t events, void *arg)
     close(fd);
 }
 
-// Starts the timer of a request. The event loop has it from then on until the request is over.
-int start_req(pending_request &request)
+// Starts the timer of a request and adds it. The event loop has the timer from then on until the request is over.
+int start_req(std::unique_ptr<pending_request> request)
 {
-    unique_fd timer(timerfd_create(CLOCK_MONOTONIC, 0));
-    if (!timer.is_open()) {
-        log_error("couldn't create request timer (errno %d)", errno);
+    unique_fd timer;
+    if (timer_start(timer, REQUEST, REQUEST_PERIOD, pending_cb, request.get(), log_source) == -1) {
         return -1;
     }
-    if (timerfd_settime(timer.get(), 0, &REQUEST_PERIOD, nullptr) == -1) {
-        log_error("couldn't arm request timer (errno %d)", errno);
-        return -1;
-    }
-    if (event_add(timer.get(), EPOLLIN, pending_cb, &request) == -1) {
-        log_error("couldn't add request timer event");
-        return -1;
-    }
-    return timer.release();
-}
-
-void add_request(std::unique_ptr<pending_request> request)
-{
-    pending_request *const added = request.release();
-    DL_PREPEND(pending_requests, added);
+    timer.release();
+    pending_requests.add(std::move(request));
+    return 0;
 }
 
 int setup_common_req(const uint8_t *mac, packet_type type, request_result_cb callback, void *arg,
@@ -321,24 +297,20 @@ int setup_common_req(const uint8_t *mac, packet_type type, request_result_cb cal
     std::unique_ptr<pending_request> request =
         build_req(destination, type, callback, arg, payload, payload_length);
     if (!request) {
-        log_error("couldn't build request");
-        return -1;
+        return log_failure("couldn't build request");
     }
-    if (start_req(*request) == -1) {
-        log_error("couldn't start pending request");
-        return -1;
+    if (start_req(std::move(request)) == -1) {
+        return log_failure("couldn't start pending request");
     }
-    add_request(std::move(request));
     return 0;
 }
 
 int process_ack(const packet &received)
 {
     const auto request_id = load_be<uint32_t>(received.payload.data());
-    pending_request *request;
-    DL_FOREACH (pending_requests, request) {
-        if (request->request_id == request_id) {
-            request->acknowledged = true;
+    for (pending_request &request : pending_requests) {
+        if (request.request_id == request_id) {
+            request.acknowledged = true;
         }
     }
     return 0;
@@ -405,7 +377,7 @@ void sub_msg_cb(const char *topic, const void *payload, int length, void *)
     record->packet_length = data_offset + size;
     write_header(record->packet, PACKET_TOPIC_DATA, record->packet_length - HEADER_SIZE);
     timespec now;
-    if (!get_time(now)) {
+    if (get_time(now, log_source) == -1) {
         terminate();
         return;
     }
@@ -418,28 +390,24 @@ uint32_t get_lives(uint16_t period)
     return period == 0 ? 1 : std::max(SUBSCRIPTION_LIFETIME / period, uint32_t{1});
 }
 
-int delete_sub(subscription *record)
+int delete_sub(subscription &record)
 {
-    if (event_remove(record->timer) == -1) {
-        log_error("couldn't remove subscription timer event");
-        return -1;
+    if (event_remove(record.timer.get()) == -1) {
+        return log_failure("couldn't remove subscription timer event");
     }
-    close(record->timer);
-    DL_DELETE(subscriptions, record);
-    delete record;
+    subscriptions.remove(record);
     return 0;
 }
 
-bool send_topic(const subscription &record, const topic_data &data)
+int send_topic(const subscription &record, const topic_data &data)
 {
     if (send_packet(record.requester_address, data.packet, data.packet_length) == -1) {
-        log_error("couldn't send topic data for %s", data.topic.get());
-        return false;
+        return log_failure("couldn't send topic data for %s", data.topic.get());
     }
-    return true;
+    return 0;
 }
 
-bool send_changed_topics(const subscription &record)
+int send_changed_topics(const subscription &record)
 {
     unsigned num_sent = 0;
     const topic_data *data;
@@ -448,56 +416,44 @@ bool send_changed_topics(const subscription &record)
         bool matches = false;
         if (mosquitto_topic_matches_sub(record.filter.get(), data->topic.get(), &matches) !=
             MOSQ_ERR_SUCCESS) {
-            log_error("couldn't check if %s matches %s", data->topic.get(), record.filter.get());
-            return false;
+            return log_failure("couldn't check if %s matches %s", data->topic.get(), record.filter.get());
         }
         if (!matches || timespec_cmp(&data->changed, &record.last_sent) < 0) {
             continue;
         }
-        if (!send_topic(record, *data)) {
-            return false;
+        if (send_topic(record, *data) == -1) {
+            return -1;
         }
         if (++num_sent % SEND_BURST == 0) {
             nanosleep(&SEND_PAUSE, nullptr);
         }
     }
-    return true;
+    return 0;
 }
 
-bool serve_subscription(int fd, uint32_t events, subscription *record)
+// Sends what has changed, or ends the subscription when it has expired. -1 after logging why.
+int serve_subscription(subscription &record)
 {
-    if (events != EPOLLIN) {
-        log_error("unexpected event(s) on file descriptor");
-        return false;
+    if (record.lives == 0) {
+        return delete_sub(record) == -1 ? log_failure("couldn't delete subscription") : 0;
     }
-    uint64_t expiries;
-    if (read(fd, &expiries, sizeof expiries) != sizeof expiries) {
-        log_error("couldn't clear subscription timer (errno %d)", errno);
-        return false;
-    }
-    if (record->lives == 0) {
-        if (delete_sub(record) == -1) {
-            log_error("couldn't delete subscription");
-            return false;
-        }
-        return true;
-    }
-    if (!send_changed_topics(*record)) {
-        return false;
+    if (send_changed_topics(record) == -1) {
+        return -1;
     }
     timespec now;
-    if (!get_time(now)) {
-        return false;
+    if (get_time(now, log_source) == -1) {
+        return -1;
     }
-    record->last_sent = now;
-    record->lives--;
-    return true;
+    record.last_sent = now;
+    record.lives--;
+    return 0;
 }
 
 void sub_send_cb(int fd, uint32_t events, void *arg)
 {
-    if (!serve_subscription(fd, events, static_cast<subscription *>(arg))) {
-        close(fd);
+    subscription &record = *static_cast<subscription *>(arg);
+    if (timer_take(fd, events, SUBSCRIPTION, log_source) == -1 || serve_subscription(record) == -1) {
+        record.timer.reset();
         terminate();
     }
 }
@@ -510,48 +466,23 @@ bool is_of_client(const subscription &record, const uint8_t *mac, uint32_t clien
 
 subscription *find_sub(const uint8_t *mac, uint32_t client_id, const char *filter)
 {
-    subscription *record;
-    DL_FOREACH (subscriptions, record) {
-        if (is_of_client(*record, mac, client_id) && strcmp(record->filter.get(), filter) == 0) {
-            break;
+    for (subscription &record : subscriptions) {
+        if (is_of_client(record, mac, client_id) && strcmp(record.filter.get(), filter) == 0) {
+            return &record;
         }
     }
-    return record;
+    return nullptr;
 }
 
 // Deletes the subscriptions that the predicate picks.
 template <typename Predicate>
 int delete_subs(Predicate is_picked)
 {
-    subscription *record;
-    subscription *next;
-    DL_FOREACH_SAFE (subscriptions, record, next) {
-        if (is_picked(*record) && delete_sub(record) == -1) {
-            log_error("couldn't delete subscription");
-            return -1;
+    for (subscription &record : subscriptions) {
+        if (is_picked(record) && delete_sub(record) == -1) {
+            return log_failure("couldn't delete subscription");
         }
     }
-    return 0;
-}
-
-// Starts the timer of a subscription; -1 after logging why.
-int start_sending(subscription &record)
-{
-    const itimerspec expiry = {.it_interval = {.tv_sec = record.period, .tv_nsec = 0}, .it_value = AT_ONCE};
-    unique_fd timer(timerfd_create(CLOCK_MONOTONIC, 0));
-    if (!timer.is_open()) {
-        log_error("couldn't create subscription timer (errno %d)", errno);
-        return -1;
-    }
-    if (timerfd_settime(timer.get(), 0, &expiry, nullptr) == -1) {
-        log_error("couldn't arm subscription timer (errno %d)", errno);
-        return -1;
-    }
-    if (event_add(timer.get(), EPOLLIN, sub_send_cb, &record) == -1) {
-        log_error("couldn't add subscription timer event");
-        return -1;
-    }
-    record.timer = timer.release();
     return 0;
 }
 
@@ -584,13 +515,12 @@ subscription *add_sub(const packet &request, uint32_t client_id, uint16_t period
         log_error("couldn't build subscription structure");
         return nullptr;
     }
-    if (start_sending(*record) == -1) {
+    const itimerspec expiry = {.it_interval = {.tv_sec = period, .tv_nsec = 0}, .it_value = AT_ONCE};
+    if (timer_start(record->timer, SUBSCRIPTION, expiry, sub_send_cb, record.get(), log_source) == -1) {
         log_error("couldn't start sending subscription data");
         return nullptr;
     }
-    subscription *const added = record.release();
-    DL_PREPEND(subscriptions, added);
-    return added;
+    return subscriptions.add(std::move(record));
 }
 
 int process_subscribe(const packet &received)
@@ -608,7 +538,7 @@ int process_subscribe(const packet &received)
     }
     if (acknowledge(received) == -1) {
         if (added != nullptr) {
-            delete_sub(added);
+            delete_sub(*added);
         }
         return -1;
     }
@@ -637,11 +567,10 @@ int process_unsubscribe_all(const packet &received)
 int process_client_keepalive(const packet &received)
 {
     const auto client_id = load_be<uint32_t>(received.payload.data());
-    subscription *record;
-    DL_FOREACH (subscriptions, record) {
+    for (subscription &record : subscriptions) {
         // A subscription of period 0 that has sent once stays silent: its timer is not armed again.
-        if (is_of_client(*record, received.source_mac, client_id)) {
-            record->lives = get_lives(record->period);
+        if (is_of_client(record, received.source_mac, client_id)) {
+            record.lives = get_lives(record.period);
         }
     }
     return 0;
@@ -656,8 +585,7 @@ int process_topic_data(const packet &received)
     const char *const topic = reinterpret_cast<const char *>(received.payload.data());
     const auto data = received.payload.subspan(strlen(topic) + 1);
     if (broker_publish_unretained(topic, data.data(), data.size()) == -1) {
-        log_error("couldn't publish data on topic %s", topic);
-        return -1;
+        return log_failure("couldn't publish data on topic %s", topic);
     }
     return 0;
 }
@@ -667,8 +595,7 @@ int process_download(const packet &received, const char *topic)
 {
     const uint8_t value = received.payload[DOWNLOAD_VALUE];
     if (broker_publish(topic, &value, sizeof value) == -1) {
-        log_error("couldn't publish %u to %s", value, topic);
-        return -1;
+        return log_failure("couldn't publish %u to %s", value, topic);
     }
     return acknowledge(received);
 }
@@ -692,8 +619,7 @@ int process_reset_stats(const packet &received)
 {
     const auto port = static_cast<int8_t>(received.payload[0]);
     if (stats_reset_port(port) == -1) {
-        log_error("couldn't reset port %s's statistics", port_name(port).text);
-        return -1;
+        return log_failure("couldn't reset port %s's statistics", port_name(port).text);
     }
     return 0;
 }
@@ -706,8 +632,7 @@ int process_reset_all_stats(const packet &)
 int process_goodbye(const packet &received)
 {
     if (summary_clear(received.source_mac) == -1) {
-        log_error("couldn't clear summary");
-        return -1;
+        return log_failure("couldn't clear summary");
     }
     return delete_subs([&](const subscription &record) {
         return memcmp(record.requester_mac, received.source_mac, MAC_SIZE) == 0;
@@ -848,8 +773,7 @@ int process_packet(const packet &received)
     const packet_handling &handling = handling_of(received.type);
     if (handling.process(received) == -1) {
         log_error("%s", handling.failure);
-        log_error("couldn't process new packet");
-        return -1;
+        return log_failure("couldn't process new packet");
     }
     return 0;
 }
@@ -863,8 +787,7 @@ int receive_packet()
     case reading::NOTHING:
         return 0;
     case reading::FAILURE:
-        log_error("couldn't receive new packet");
-        return -1;
+        return log_failure("couldn't receive new packet");
     case reading::DATAGRAM:
         break;
     }
@@ -884,9 +807,7 @@ void close_socket()
 
 void receive_cb(int, uint32_t events, void *)
 {
-    if (events != EPOLLIN) {
-        log_error("unexpected event(s) on file descriptor");
-    } else if (receive_packet() == 0) {
+    if (event_check(events, log_source) == 0 && receive_packet() == 0) {
         return;
     }
     // Closed and forgotten, so that the goodbye of the shutdown fails cleanly.
@@ -905,33 +826,27 @@ int configure_socket(int fd)
     inet_pton(AF_INET, MULTICAST_GROUP, &group.imr_multiaddr);
     group.imr_ifindex = static_cast<int>(if_nametoindex(FIRE_INTERFACE));
     if (group.imr_ifindex == 0) {
-        log_error("couldn't get index of interface %s (errno %d)", FIRE_INTERFACE, errno);
-        return -1;
+        return log_failure("couldn't get index of interface %s (errno %d)", FIRE_INTERFACE, errno);
     }
     if (setsockopt(fd, SOL_SOCKET, SO_PRIORITY, &SOCKET_PRIORITY, sizeof SOCKET_PRIORITY) == -1) {
-        log_error("couldn't set socket priority (errno %d)", errno);
-        return -1;
+        return log_failure("couldn't set socket priority (errno %d)", errno);
     }
     if (setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) == -1) {
-        log_error("couldn't join multicast group (errno %d)", errno);
-        return -1;
+        return log_failure("couldn't join multicast group (errno %d)", errno);
     }
     if (setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &group, sizeof group) == -1) {
-        log_error("couldn't set multicast interface (errno %d)", errno);
-        return -1;
+        return log_failure("couldn't set multicast interface (errno %d)", errno);
     }
     const int loop = 0;
     if (setsockopt(fd, IPPROTO_IP, IP_MULTICAST_LOOP, &loop, sizeof loop) == -1) {
-        log_error("couldn't disable multicast looping (errno %d)", errno);
-        return -1;
+        return log_failure("couldn't disable multicast looping (errno %d)", errno);
     }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(REMOTE_PORT);
     address.sin_addr.s_addr = htonl(INADDR_ANY);
     if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == -1) {
-        log_error("couldn't bind socket (errno %d)", errno);
-        return -1;
+        return log_failure("couldn't bind socket (errno %d)", errno);
     }
     // A new subscription's first data comes in one burst, and each packet costs a publication. The kernel grants
     // what net.core.rmem_max allows.
@@ -943,8 +858,7 @@ int open_socket()
 {
     unique_fd fd(socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP));
     if (!fd.is_open()) {
-        log_error("couldn't create new socket (errno %d)", errno);
-        return -1;
+        return log_failure("couldn't create new socket (errno %d)", errno);
     }
     if (configure_socket(fd.get()) == -1) {
         return -1;
@@ -956,18 +870,15 @@ int open_socket()
 int start_receiving()
 {
     if (event_add(socket_fd, EPOLLIN, receive_cb, nullptr) == -1) {
-        log_error("couldn't add socket receive event");
-        return -1;
+        return log_failure("couldn't add socket receive event");
     }
     if (broker_subscribe(FIRE_IP_FILTER, fire_ip_cb, nullptr) == -1) {
-        log_error("couldn't subscribe to %s", FIRE_IP_FILTER);
-        return -1;
+        return log_failure("couldn't subscribe to %s", FIRE_IP_FILTER);
     }
     char own_topics[64];
     snprintf(own_topics, sizeof own_topics, "pub/diag/%s/#", mac_addr_to_str(local_mac_addr));
     if (broker_subscribe(own_topics, sub_msg_cb, nullptr) == -1) {
-        log_error("couldn't subscribe to %s", own_topics);
-        return -1;
+        return log_failure("couldn't subscribe to %s", own_topics);
     }
     return 0;
 }
@@ -990,14 +901,6 @@ const uint8_t *find_filter_target(const char *filter, size_t max_length)
         return nullptr;
     }
     return mac;
-}
-
-bool check_argument(bool is_given)
-{
-    if (!is_given) {
-        log_error("NULL pointer received as argument");
-    }
-    return is_given;
 }
 
 } // namespace
@@ -1038,12 +941,10 @@ bool packet_parse(const uint8_t *buffer, size_t size, packet &packet_out)
 int remote_init()
 {
     if (hwinfo_get_local_mac_addr(local_mac_addr) == -1) {
-        log_error("couldn't get local MAC address");
-        return -1;
+        return log_failure("couldn't get local MAC address");
     }
     if (open_socket() == -1) {
-        log_error("couldn't open socket");
-        return -1;
+        return log_failure("couldn't open socket");
     }
     if (start_receiving() == -1) {
         event_remove(socket_fd);
@@ -1059,8 +960,7 @@ int send_packet(const char *ip, const uint8_t *buf, size_t len)
     address.sin_family = AF_INET;
     address.sin_port = htons(REMOTE_PORT);
     if (inet_pton(AF_INET, ip, &address.sin_addr) != 1) {
-        log_error("invalid IP address %s", ip);
-        return -1;
+        return log_failure("invalid IP address %s", ip);
     }
     for (;;) {
         const ssize_t sent =
@@ -1069,8 +969,7 @@ int send_packet(const char *ip, const uint8_t *buf, size_t len)
             return 0;
         }
         if (sent != -1 || errno != EINTR) {
-            log_error("couldn't send packet (errno %d)", errno);
-            return -1;
+            return log_failure("couldn't send packet (errno %d)", errno);
         }
         if (is_terminated()) {
             return -1;
@@ -1080,19 +979,17 @@ int send_packet(const char *ip, const uint8_t *buf, size_t len)
 
 int remote_send_summary(const uint8_t *data, size_t length)
 {
-    if (!check_argument(data != nullptr)) {
+    if (check_arguments(data != nullptr, log_source) == -1) {
         return -1;
     }
     if (length > MAX_PACKET_SIZE - HEADER_SIZE) {
-        log_error("summary data is too big");
-        return -1;
+        return log_failure("summary data is too big");
     }
     uint8_t buffer[MAX_PACKET_SIZE];
     write_header(buffer, PACKET_SUMMARY, length);
     memcpy(buffer + HEADER_SIZE, data, length);
     if (send_packet(MULTICAST_GROUP, buffer, HEADER_SIZE + length) == -1) {
-        log_error("couldn't send node summary");
-        return -1;
+        return log_failure("couldn't send node summary");
     }
     return 0;
 }
@@ -1102,15 +999,14 @@ int remote_send_goodbye()
     uint8_t buffer[HEADER_SIZE];
     write_header(buffer, PACKET_GOODBYE, 0);
     if (send_packet(MULTICAST_GROUP, buffer, sizeof buffer) == -1) {
-        log_error("couldn't send goodbye message");
-        return -1;
+        return log_failure("couldn't send goodbye message");
     }
     return 0;
 }
 
 int remote_reset_stats(const uint8_t *mac, int port)
 {
-    if (!check_argument(mac != nullptr)) {
+    if (check_arguments(mac != nullptr, log_source) == -1) {
         return -1;
     }
     const char *const address = get_fire_ip(mac);
@@ -1121,8 +1017,7 @@ int remote_reset_stats(const uint8_t *mac, int port)
     write_header(buffer, PACKET_RESET_STATS, 1);
     buffer[HEADER_SIZE] = static_cast<uint8_t>(port);
     if (send_packet(address, buffer, sizeof buffer) == -1) {
-        log_error("couldn't send reset-stats request");
-        return -1;
+        return log_failure("couldn't send reset-stats request");
     }
     return 0;
 }
@@ -1132,15 +1027,14 @@ int remote_reset_all_stats()
     uint8_t buffer[HEADER_SIZE];
     write_header(buffer, PACKET_RESET_ALL_STATS, 0);
     if (send_packet(MULTICAST_GROUP, buffer, sizeof buffer) == -1) {
-        log_error("couldn't send reset-all-stats request");
-        return -1;
+        return log_failure("couldn't send reset-all-stats request");
     }
     return 0;
 }
 
 int remote_activate(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg)
 {
-    if (!check_argument(mac != nullptr && callback != nullptr)) {
+    if (check_arguments(mac != nullptr && callback != nullptr, log_source) == -1) {
         return -1;
     }
     return setup_common_req(mac, PACKET_ACTIVATE, callback, arg, &value, sizeof value);
@@ -1148,7 +1042,7 @@ int remote_activate(const uint8_t *mac, uint8_t value, request_result_cb callbac
 
 int remote_set_remote_download(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg)
 {
-    if (!check_argument(mac != nullptr && callback != nullptr)) {
+    if (check_arguments(mac != nullptr && callback != nullptr, log_source) == -1) {
         return -1;
     }
     return setup_common_req(mac, PACKET_REMOTE_DOWNLOAD, callback, arg, &value, sizeof value);
@@ -1157,7 +1051,7 @@ int remote_set_remote_download(const uint8_t *mac, uint8_t value, request_result
 int remote_subscribe(const char *topic, uint32_t client_id, uint16_t period, request_result_cb callback,
                      void *arg)
 {
-    if (!check_argument(topic != nullptr && callback != nullptr)) {
+    if (check_arguments(topic != nullptr && callback != nullptr, log_source) == -1) {
         return -1;
     }
     constexpr size_t FILTER = SUBSCRIBE_FILTER - REQUEST_ID_SIZE;
@@ -1174,7 +1068,7 @@ int remote_subscribe(const char *topic, uint32_t client_id, uint16_t period, req
 
 int remote_unsubscribe(const char *topic, uint32_t client_id, request_result_cb callback, void *arg)
 {
-    if (!check_argument(topic != nullptr && callback != nullptr)) {
+    if (check_arguments(topic != nullptr && callback != nullptr, log_source) == -1) {
         return -1;
     }
     constexpr size_t FILTER = UNSUBSCRIBE_FILTER - REQUEST_ID_SIZE;
@@ -1195,14 +1089,11 @@ int remote_unsubscribe_all(uint32_t client_id)
     std::unique_ptr<pending_request> request =
         build_req(MULTICAST_GROUP, PACKET_UNSUBSCRIBE_ALL, nullptr, nullptr, payload, sizeof payload);
     if (!request) {
-        log_error("couldn't build unsubscribe all request");
-        return -1;
+        return log_failure("couldn't build unsubscribe all request");
     }
-    if (start_req(*request) == -1) {
-        log_error("couldn't start pending unsubscribe all request");
-        return -1;
+    if (start_req(std::move(request)) == -1) {
+        return log_failure("couldn't start pending unsubscribe all request");
     }
-    add_request(std::move(request));
     return 0;
 }
 
@@ -1212,8 +1103,7 @@ int remote_send_client_keepalive(uint32_t client_id)
     write_header(buffer, PACKET_CLIENT_KEEPALIVE, CLIENT_ID_SIZE);
     store_be(buffer + HEADER_SIZE, client_id);
     if (send_packet(MULTICAST_GROUP, buffer, sizeof buffer) == -1) {
-        log_error("couldn't send client keepalive");
-        return -1;
+        return log_failure("couldn't send client keepalive");
     }
     return 0;
 }

@@ -4,18 +4,17 @@
 #include "common/bytes.h"
 #include "common/lumlog.h"
 #include "common/netif.h"
+#include "common/record_list.h"
 #include "common/text.h"
 #include "common/unique_fd.h"
 #include "event.h"
 #include "hwinfo/hwinfo.h"
 #include "records.h"
 #include "summary.h"
+#include "timer.h"
 #include "utils.h"
 
 #include <sys/epoll.h>
-#include <sys/timerfd.h>
-#include <unistd.h>
-#include <utlist.h>
 
 #include <array>
 #include <cerrno>
@@ -33,6 +32,7 @@ namespace
 constexpr const char *log_source = "stats";
 
 constexpr const char *TYPE_FILTER = "local/diag/port/+/type";
+constexpr timer_names PM = {"PM", "PM timer"};
 constexpr time_t FIRST_TICK_SECONDS = 30;
 constexpr int PM_PERIOD_MINUTES = 15;
 constexpr time_t PM_PERIOD_SECONDS = 900;
@@ -74,14 +74,15 @@ struct port_record {
     unsigned day_index = 0; // slot of the next day
     std::array<pm_record, PM_DAYS> days = {};
     unsigned day_start_index = 0; // slot of the running day's first period
+    port_record *prev = nullptr;
     port_record *next = nullptr;
 };
 
-char *macstr;       // the local MAC address in topics
-port_record *ports; // newest first
+char *macstr; // the local MAC address in topics
+record_list<port_record> ports;
 // Ports whose subscriptions could only in part be made or dropped. The process is about to stop, but messages
 // for what is left can still come, so the records stay.
-port_record *abandoned_ports;
+record_list<port_record> abandoned_ports;
 
 //
 // Topics
@@ -277,7 +278,7 @@ void pmstats_in_be(pm_record &out, const pm_record &in)
 // Publishing
 //
 
-bool publish_stats(const port_record &record)
+int publish_stats(const port_record &record)
 {
     stats_block published;
     for (const stats_field &field : STATS_FIELDS) {
@@ -288,105 +289,97 @@ bool publish_stats(const port_record &record)
     }
     const char *const topic = record.stats_topic.text;
     if (broker_publish(topic, published.data(), published.size()) == -1) {
-        log_error("couldn't publish port statistics to %s", topic);
-        return false;
+        return log_failure("couldn't publish port statistics to %s", topic);
     }
-    return true;
+    return 0;
 }
 
 // Publishes the record of a slot and names the slot as the last one.
-bool publish_slot(int port, const pm_series &series, unsigned slot, const pm_record &pm)
+int publish_slot(int port, const pm_series &series, unsigned slot, const pm_record &pm)
 {
     pm_record published;
     pmstats_in_be(published, pm);
     const topic_text topic = slot_topic(port, series, slot);
     if (broker_publish(topic.text, published.data(), published.size()) == -1) {
-        log_error("couldn't publish %s to topic %s", series.description, topic.text);
-        return false;
+        return log_failure("couldn't publish %s to topic %s", series.description, topic.text);
     }
     const slot_text name = slot_name(series, slot);
     const topic_text last_topic = last_slot_topic(port, series);
     if (broker_publish(last_topic.text, name.text, strlen(name.text)) == -1) {
-        log_error("couldn't publish %s to %s", name.text, last_topic.text);
-        return false;
+        return log_failure("couldn't publish %s to %s", name.text, last_topic.text);
     }
-    return true;
+    return 0;
 }
 
-bool publish_pm(const port_record &record)
+int publish_pm(const port_record &record)
 {
     return publish_slot(record.port, PERIODS, record.period_index, record.periods[record.period_index]);
 }
 
-bool publish_day_pm(const port_record &record)
+int publish_day_pm(const port_record &record)
 {
     return publish_slot(record.port, DAYS, record.day_index, record.days[record.day_index]);
 }
 
-bool unpublish_topic(const topic_text &topic)
+int unpublish_topic(const topic_text &topic)
 {
     if (broker_unpublish(topic.text) == -1) {
-        log_error("couldn't unpublish topic %s", topic.text);
-        return false;
+        return log_failure("couldn't unpublish topic %s", topic.text);
     }
-    return true;
+    return 0;
 }
 
 // Clears every slot, published or not: an earlier run of the daemon may have left some.
-bool unpublish_port_pm(int port)
+int unpublish_port_pm(int port)
 {
     for (const pm_series *series : {&PERIODS, &DAYS}) {
-        if (!unpublish_topic(last_slot_topic(port, *series))) {
-            return false;
+        if (unpublish_topic(last_slot_topic(port, *series)) == -1) {
+            return -1;
         }
         for (unsigned slot = 0; slot < series->slots; slot++) {
-            if (!unpublish_topic(slot_topic(port, *series, slot))) {
-                return false;
+            if (unpublish_topic(slot_topic(port, *series, slot)) == -1) {
+                return -1;
             }
         }
     }
-    return true;
+    return 0;
 }
 
-bool unpublish_port(int port)
+int unpublish_port(int port)
 {
-    if (!unpublish_topic(stats_topic(port))) {
-        return false;
+    if (unpublish_topic(stats_topic(port)) == -1) {
+        return -1;
     }
-    if (!unpublish_port_pm(port)) {
-        log_error("couldn't unpublish port %s's PM data", port_name(port).text);
-        return false;
+    if (unpublish_port_pm(port) == -1) {
+        return log_failure("couldn't unpublish port %s's PM data", port_name(port).text);
     }
     if (summary_update_status(port, PORT_STATUS_NONE) == -1) {
-        log_error("couldn't update port %s's status", port_name(port).text);
-        return false;
+        return log_failure("couldn't update port %s's status", port_name(port).text);
     }
-    return true;
+    return 0;
 }
 
 //
 // Down time
 //
 
-bool get_current_time(timespec &now)
+int get_current_time(timespec &now)
 {
     if (clock_gettime(CLOCK_MONOTONIC, &now) == -1) {
-        log_error("couldn't get current time (errno %d)", errno);
-        return false;
+        return log_failure("couldn't get current time (errno %d)", errno);
     }
-    return true;
+    return 0;
 }
 
 // Adds what has passed of the running interval since it was last added.
-bool update_down_time(port_record &record, down_time &cause)
+int update_down_time(port_record &record, down_time &cause)
 {
     if (!cause.down || cause.since.tv_sec == UNKNOWN_TIME) {
-        return true;
+        return 0;
     }
     timespec now;
-    if (!get_current_time(now)) {
-        log_error("couldn't update port %s's %s down time", port_name(record.port).text, cause.name);
-        return false;
+    if (get_current_time(now) == -1) {
+        return log_failure("couldn't update port %s's %s down time", port_name(record.port).text, cause.name);
     }
     const timespec elapsed = timespec_diff(&now, &cause.since);
     cause.total = timespec_sum(&cause.total, &elapsed);
@@ -394,26 +387,26 @@ bool update_down_time(port_record &record, down_time &cause)
     const auto seconds =
         static_cast<uint32_t>(cause.total.tv_sec + (cause.total.tv_nsec >= HALF_SECOND_NS ? 1 : 0));
     store_host(record.current.data() + cause.seconds_offset, seconds);
-    return true;
+    return 0;
 }
 
 // Takes a report of whether the port is down in this way.
-bool report_down(port_record &record, down_time &cause, bool down)
+int report_down(port_record &record, down_time &cause, bool down)
 {
     timespec now;
-    if (!get_current_time(now)) {
-        return false;
+    if (get_current_time(now) == -1) {
+        return -1;
     }
     if (!down) {
-        if (!update_down_time(record, cause)) {
-            return false;
+        if (update_down_time(record, cause) == -1) {
+            return -1;
         }
     } else if (!cause.down || cause.since.tv_sec == UNKNOWN_TIME) { // else a repetition
         add_to_counter(record.current, cause.count_offset, 1);
         cause.since = now;
     }
     cause.down = down;
-    return true;
+    return 0;
 }
 
 //
@@ -442,25 +435,16 @@ port_status get_port_status(const port_record &record)
     return PORT_STATUS_GREEN;
 }
 
-bool update_port_status(port_record &record)
+int update_port_status(port_record &record)
 {
     const port_status old_status = record.status;
     record.status = get_port_status(record);
     if (record.status != old_status && summary_update_status(record.port, record.status) == -1) {
         log_error("couldn't update port %s's status", port_name(record.port).text);
-        return false;
+        // Once more for the callback or the reset that wants it.
+        return log_failure("couldn't update port %s's status", port_name(record.port).text);
     }
-    return true;
-}
-
-// The same with the message that a callback or a reset logs on top.
-bool refresh_port_status(port_record &record)
-{
-    if (!update_port_status(record)) {
-        log_error("couldn't update port %s's status", port_name(record.port).text);
-        return false;
-    }
-    return true;
+    return 0;
 }
 
 //
@@ -499,16 +483,15 @@ void port_media_cb(const char *, const void *payload, int length, void *arg)
     }
 }
 
-bool handle_link(port_record &record, bool down)
+int handle_link(port_record &record, bool down)
 {
-    if (!report_down(record, record.link, down)) {
-        return false;
+    if (report_down(record, record.link, down) == -1) {
+        return -1;
     }
     if (summary_update_link(record.port, down) == -1) {
-        log_error("couldn't update link status in summary");
-        return false;
+        return log_failure("couldn't update link status in summary");
     }
-    return refresh_port_status(record);
+    return update_port_status(record);
 }
 
 void port_down_cb(const char *, const void *payload, int length, void *arg)
@@ -516,7 +499,7 @@ void port_down_cb(const char *, const void *payload, int length, void *arg)
     if (!is_usable(length, 1, "invalid link status length")) {
         return;
     }
-    if (!handle_link(*static_cast<port_record *>(arg), first_byte(payload) == 1)) {
+    if (handle_link(*static_cast<port_record *>(arg), first_byte(payload) == 1) == -1) {
         terminate();
     }
 }
@@ -532,7 +515,7 @@ void port_ground_cb(const char *, const void *payload, int length, void *arg)
     }
 }
 
-bool handle_stats(port_record &record, const uint8_t *payload)
+int handle_stats(port_record &record, const uint8_t *payload)
 {
     take_payload(record, payload);
     uint32_t error_ratio = 0;
@@ -543,15 +526,14 @@ bool handle_stats(port_record &record, const uint8_t *payload)
         error_ratio = get_error_ratio(record);
     }
     store_host(record.current.data() + STATS_ERROR_RATIO_PPM, error_ratio);
-    if (!update_down_time(record, record.link) || !update_down_time(record, record.erps) ||
-        !refresh_port_status(record)) {
-        return false;
+    if (update_down_time(record, record.link) == -1 || update_down_time(record, record.erps) == -1 ||
+        update_port_status(record) == -1) {
+        return -1;
     }
-    if (!publish_stats(record)) {
-        log_error("couldn't publish statistics of port %s", port_name(record.port).text);
-        return false;
+    if (publish_stats(record) == -1) {
+        return log_failure("couldn't publish statistics of port %s", port_name(record.port).text);
     }
-    return true;
+    return 0;
 }
 
 void port_stats_cb(const char *, const void *payload, int length, void *arg)
@@ -559,7 +541,7 @@ void port_stats_cb(const char *, const void *payload, int length, void *arg)
     if (!is_usable(length, STATS_BLOCK_SIZE, "invalid statistics length")) {
         return;
     }
-    if (!handle_stats(*static_cast<port_record *>(arg), static_cast<const uint8_t *>(payload))) {
+    if (handle_stats(*static_cast<port_record *>(arg), static_cast<const uint8_t *>(payload)) == -1) {
         terminate();
     }
 }
@@ -572,7 +554,7 @@ void erps_port_stats_cb(const char *, const void *payload, int length, void *arg
     const auto state = load_host<uint32_t>(static_cast<const uint8_t *>(payload) + ERPS_STATUS_STATE);
     port_record &record = *static_cast<port_record *>(arg);
     // The status follows with the next statistics message, link message or tick.
-    if (!report_down(record, record.erps, (state & ~ERPS_STATE_UP_MASK) != 0)) {
+    if (report_down(record, record.erps, (state & ~ERPS_STATE_UP_MASK) != 0) == -1) {
         terminate();
     }
 }
@@ -593,82 +575,72 @@ constexpr data_topic DATA_TOPICS[] = {
 
 port_record *find_port(int port)
 {
-    port_record *record;
-    LL_SEARCH_SCALAR(ports, record, port, port);
-    return record;
+    for (port_record &record : ports) {
+        if (record.port == port) {
+            return &record;
+        }
+    }
+    return nullptr;
 }
 
-bool subscribe_port(port_record &record)
+int subscribe_port(port_record &record)
 {
     for (const data_topic &data : DATA_TOPICS) {
         const topic_text topic = local_topic(record.port, data.name);
         if (broker_subscribe(topic.text, data.callback, &record) == -1) {
-            log_error("couldn't subscribe to topic %s", topic.text);
-            return false;
+            return log_failure("couldn't subscribe to topic %s", topic.text);
         }
     }
-    return true;
+    return 0;
 }
 
-bool unsubscribe_port(int port)
+int unsubscribe_port(int port)
 {
     for (const data_topic &data : DATA_TOPICS) {
         const topic_text topic = local_topic(port, data.name);
         if (broker_unsubscribe(topic.text) == -1) {
-            log_error("couldn't unsubscribe %s topic %s", data.unsubscribe_preposition, topic.text);
-            return false;
+            return log_failure("couldn't unsubscribe %s topic %s", data.unsubscribe_preposition, topic.text);
         }
     }
-    return true;
+    return 0;
 }
 
-void abandon_port(port_record *record)
+int track_port(int port, summary_port_type type)
 {
-    LL_PREPEND(abandoned_ports, record);
-}
-
-bool track_port(int port, summary_port_type type)
-{
-    auto *const record = new (std::nothrow) port_record{.port = port, .stats_topic = stats_topic(port)};
-    if (record == nullptr) {
-        log_error("couldn't allocate port structure");
-        return false;
+    std::unique_ptr<port_record> record(new (std::nothrow)
+                                            port_record{.port = port, .stats_topic = stats_topic(port)});
+    if (!record) {
+        return log_failure("couldn't allocate port structure");
     }
-    if (!subscribe_port(*record)) {
-        log_error("couldn't subscribe to port %s's topics", port_name(port).text);
-        abandon_port(record);
-        return false;
+    if (subscribe_port(*record) == -1) {
+        abandoned_ports.add(std::move(record));
+        return log_failure("couldn't subscribe to port %s's topics", port_name(port).text);
     }
-    LL_PREPEND(ports, record);
+    ports.add(std::move(record));
     if (summary_update_type(port, type) == -1) {
-        log_error("couldn't update port %s's type", port_name(port).text);
-        return false;
+        return log_failure("couldn't update port %s's type", port_name(port).text);
     }
-    return true;
+    return 0;
 }
 
-bool untrack_port(port_record *record)
+int untrack_port(port_record &record)
 {
-    const int port = record->port;
-    LL_DELETE(ports, record);
-    if (!unsubscribe_port(port)) {
-        log_error("couldn't unsubscribe from port %s's topics", port_name(port).text);
-        abandon_port(record);
-        return false;
+    const int port = record.port;
+    std::unique_ptr<port_record> removed = ports.take(record);
+    if (unsubscribe_port(port) == -1) {
+        abandoned_ports.add(std::move(removed));
+        return log_failure("couldn't unsubscribe from port %s's topics", port_name(port).text);
     }
-    delete record;
-    if (!unpublish_port(port)) {
-        log_error("couldn't unpublish data for port %s", port_name(port).text);
-        return false;
+    if (unpublish_port(port) == -1) {
+        return log_failure("couldn't unpublish data for port %s", port_name(port).text);
     }
     if (summary_update_link(port, 0) == -1 || summary_update_ground(port, 0) == -1 ||
         summary_update_status(port, PORT_STATUS_NONE) == -1 ||
         summary_update_media(port, LUM_TYPE_NONE) == -1 ||
         summary_update_type(port, SUMMARY_PORT_OTHER) == -1) {
-        log_error("couldn't clear port status for port %s", port_name(port).text);
-        return false;
+        return log_failure("couldn't clear port status for port %s", port_name(port).text);
     }
-    return true;
+    return 0;
 }
 
 void port_type_cb(const char *topic, const void *payload, int length, void *)
@@ -682,13 +654,13 @@ void port_type_cb(const char *topic, const void *payload, int length, void *)
     const std::string_view type = payload_text(payload, length);
     const bool is_spur = type == "firespur";
     const bool is_fire_type = is_spur || type == "fire";
-    bool done = true;
+    int result = 0;
     if (record == nullptr && is_fire_type) {
-        done = track_port(port, is_spur ? SUMMARY_PORT_SPUR : SUMMARY_PORT_FIRE);
+        result = track_port(port, is_spur ? SUMMARY_PORT_SPUR : SUMMARY_PORT_FIRE);
     } else if (record != nullptr && !is_fire_type) {
-        done = untrack_port(record);
+        result = untrack_port(*record);
     }
-    if (!done) {
+    if (result == -1) {
         terminate();
     }
 }
@@ -697,49 +669,40 @@ void port_type_cb(const char *topic, const void *payload, int length, void *)
 // Periods and days
 //
 
-bool close_day(port_record &record)
+int close_day(port_record &record)
 {
     pm_record &day = record.days[record.day_index];
     fill_day(record, day);
     set_closing_time(day);
-    if (!publish_day_pm(record)) {
-        log_error("couldn't publish port %s's daily PM", port_name(record.port).text);
-        return false;
+    if (publish_day_pm(record) == -1) {
+        return log_failure("couldn't publish port %s's daily PM", port_name(record.port).text);
     }
     record.day_index = (record.day_index + 1) % PM_DAYS;
-    return true;
+    return 0;
 }
 
-bool close_period(port_record &record)
+int close_period(port_record &record)
 {
-    if (!update_down_time(record, record.link) || !update_down_time(record, record.erps)) {
-        return false;
+    if (update_down_time(record, record.link) == -1 || update_down_time(record, record.erps) == -1) {
+        return -1;
     }
     pm_record &period = record.periods[record.period_index];
     fill_pmstats(record, period);
     set_closing_time(period);
-    if (!publish_pm(record)) {
-        log_error("couldn't publish port %s's current PM period", port_name(record.port).text);
-        return false;
+    if (publish_pm(record) == -1) {
+        return log_failure("couldn't publish port %s's current PM period", port_name(record.port).text);
     }
     record.period_baseline = record.current;
     record.period_index = (record.period_index + 1) % PM_PERIODS;
-    if (record.period_index == record.day_start_index && !close_day(record)) {
-        log_error("couldn't update port %s's daily PM", port_name(record.port).text);
-        return false;
+    if (record.period_index == record.day_start_index && close_day(record) == -1) {
+        return log_failure("couldn't update port %s's daily PM", port_name(record.port).text);
     }
-    return true;
+    return 0;
 }
 
-bool arm_pm_timer(int fd, time_t seconds)
+itimerspec once_after(time_t seconds)
 {
-    const itimerspec once = {.it_interval = {.tv_sec = 0, .tv_nsec = 0},
-                             .it_value = {.tv_sec = seconds, .tv_nsec = 0}};
-    if (timerfd_settime(fd, 0, &once, nullptr) == -1) {
-        log_error("couldn't arm PM timer (errno %d)", errno);
-        return false;
-    }
-    return true;
+    return {.it_interval = {.tv_sec = 0, .tv_nsec = 0}, .it_value = {.tv_sec = seconds, .tv_nsec = 0}};
 }
 
 // Where a tick lies among the quarter hours of the wall clock.
@@ -760,58 +723,37 @@ pm_tick place_tick(int minute, int second)
     return {false, time_t{minutes_left} * 60 - second};
 }
 
-bool handle_tick(int fd)
+// Closes what ends now; next_out is the time to the next tick.
+int handle_tick(time_t &next_out)
 {
-    uint64_t expirations;
-    if (read(fd, &expirations, sizeof expirations) != sizeof expirations) {
-        log_error("couldn't clear PM timer (errno %d)", errno);
-        return false;
-    }
     const time_t now = time(nullptr);
     const tm *const utc = now == time_t{-1} ? nullptr : gmtime(&now);
     if (utc == nullptr) {
-        log_error("couldn't get current broken-down time");
-        return false;
+        return log_failure("couldn't get current broken-down time");
     }
     const pm_tick tick = place_tick(utc->tm_min, utc->tm_sec);
-    port_record *record;
-    LL_FOREACH (ports, record) {
+    for (port_record &record : ports) {
         if (!tick.on_boundary) {
             // The period goes on, and a day begins with it: only 96 boundaries in a row close one.
-            record->day_start_index = record->period_index;
-        } else if (!close_period(*record)) {
-            log_error("couldn't update PM data");
-            return false;
+            record.day_start_index = record.period_index;
+        } else if (close_period(record) == -1) {
+            return log_failure("couldn't update PM data");
         }
-        if (!refresh_port_status(*record)) {
-            return false;
+        if (update_port_status(record) == -1) {
+            return -1;
         }
     }
-    return arm_pm_timer(fd, tick.next);
+    next_out = tick.next;
+    return 0;
 }
 
 void pm_cb(int fd, uint32_t events, void *)
 {
-    if (events != EPOLLIN) {
-        log_error("unexpected event(s) on file descriptor");
-        terminate();
-        return;
-    }
-    if (!handle_tick(fd)) {
+    time_t next;
+    if (timer_take(fd, events, PM, log_source) == -1 || handle_tick(next) == -1 ||
+        timer_arm(fd, PM, once_after(next), log_source) == -1) {
         terminate();
     }
-}
-
-bool start_pm_timer(int fd)
-{
-    if (!arm_pm_timer(fd, FIRST_TICK_SECONDS)) {
-        return false;
-    }
-    if (event_add(fd, EPOLLIN, pm_cb, nullptr) == -1) {
-        log_error("couldn't add PM timer event");
-        return false;
-    }
-    return true;
 }
 
 //
@@ -819,36 +761,35 @@ bool start_pm_timer(int fd)
 //
 
 // A port that is down enters the new account down: one interval, and what has not been added yet of its time.
-bool carry_down_time(port_record &record, down_time &cause)
+int carry_down_time(port_record &record, down_time &cause)
 {
     if (!cause.down) {
-        return true;
+        return 0;
     }
     add_to_counter(record.current, cause.count_offset, 1);
     return update_down_time(record, cause);
 }
 
-bool reset_port(port_record &record)
+int reset_port(port_record &record)
 {
     // Before the down times are touched: what they add belongs to the new account.
     record.reset_baseline = record.current;
     record.period_baseline = record.current;
-    if (!carry_down_time(record, record.link) || !carry_down_time(record, record.erps)) {
-        return false;
+    if (carry_down_time(record, record.link) == -1 || carry_down_time(record, record.erps) == -1) {
+        return -1;
     }
     record.periods.fill({});
     record.days.fill({});
     record.day_index = 0;
     record.period_index = 0;
     record.day_start_index = 0;
-    if (!unpublish_port_pm(record.port)) {
+    if (unpublish_port_pm(record.port) == -1) {
         log_error("couldn't unpublish PM topics for port %s", port_name(record.port).text);
     }
-    if (!publish_stats(record)) {
-        log_error("couldn't publish statistics of port %s", port_name(record.port).text);
-        return false;
+    if (publish_stats(record) == -1) {
+        return log_failure("couldn't publish statistics of port %s", port_name(record.port).text);
     }
-    return refresh_port_status(record);
+    return update_port_status(record);
 }
 
 } // namespace
@@ -857,27 +798,19 @@ int stats_init()
 {
     uint8_t mac[MAC_SIZE];
     if (hwinfo_get_local_mac_addr(mac) == -1) {
-        log_error("couldn't get local MAC address");
-        return -1;
+        return log_failure("couldn't get local MAC address");
     }
     macstr = copy_text(mac_addr_to_str(mac)).release();
     if (macstr == nullptr) {
-        log_error("couldn't duplicate local MAC address string");
-        return -1;
+        return log_failure("couldn't duplicate local MAC address string");
     }
     if (broker_subscribe(TYPE_FILTER, port_type_cb, nullptr) == -1) {
-        log_error("couldn't subscribe to topic %s", TYPE_FILTER);
-        return -1;
+        return log_failure("couldn't subscribe to topic %s", TYPE_FILTER);
     }
-    unique_fd timer(timerfd_create(CLOCK_MONOTONIC, 0));
-    if (!timer.is_open()) {
-        log_error("couldn't create PM timer (errno %d)", errno);
-        broker_unsubscribe(TYPE_FILTER);
-        return -1;
-    }
-    if (!start_pm_timer(timer.get())) {
-        broker_unsubscribe(TYPE_FILTER);
-        event_remove(timer.get());
+    unique_fd timer;
+    if (timer_start(timer, PM, once_after(FIRST_TICK_SECONDS), pm_cb, nullptr, log_source) == -1) {
+        static_cast<void>(broker_unsubscribe(TYPE_FILTER));
+        timer_stop(timer);
         return -1;
     }
     timer.release(); // the event loop watches it until the process ends
@@ -888,20 +821,17 @@ int stats_reset_port(int port)
 {
     port_record *const record = find_port(port);
     if (record == nullptr) {
-        log_error("statistics reset: port %s does not exist", port_name(port).text);
-        return -1;
+        return log_failure("statistics reset: port %s does not exist", port_name(port).text);
     }
-    return reset_port(*record) ? 0 : -1;
+    return reset_port(*record);
 }
 
 int stats_reset_all()
 {
     int result = 0;
-    const port_record *record;
-    LL_FOREACH (ports, record) {
-        if (stats_reset_port(record->port) == -1) {
-            log_error("couldn't reset statistics of port %s", port_name(record->port).text);
-            result = -1;
+    for (const port_record &record : ports) {
+        if (stats_reset_port(record.port) == -1) {
+            result = log_failure("couldn't reset statistics of port %s", port_name(record.port).text);
         }
     }
     return result;

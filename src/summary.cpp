@@ -4,12 +4,14 @@
 #include "common/bytes.h"
 #include "common/lumlog.h"
 #include "common/netif.h"
+#include "common/record_list.h"
 #include "common/text.h"
 #include "common/unique_fd.h"
 #include "event.h"
 #include "hwinfo/hwinfo.h"
 #include "records.h"
 #include "remote.h"
+#include "timer.h"
 #include "utils.h"
 
 #include <sys/epoll.h>
@@ -37,9 +39,11 @@ namespace
 // Operators search for the messages of this file as they are, "subsribe" and "coudln't" included.
 constexpr const char *log_source = "summary.c";
 
-constexpr time_t SEND_PERIOD = 3;           // seconds
-constexpr time_t PURGE_AGE = 35;            // seconds
-constexpr time_t RECENT_CHANGE_WINDOW = 3;  // seconds
+constexpr time_t SEND_PERIOD = 3;          // seconds
+constexpr time_t PURGE_AGE = 35;           // seconds
+constexpr time_t RECENT_CHANGE_WINDOW = 3; // seconds
+constexpr timer_names SEND = {"send", "send"};
+constexpr timer_names PURGE = {"purge", "purge"};
 constexpr uint32_t PERIODIC_SEND_EVERY = 5; // ticks of the send timer
 constexpr uint32_t FULL_SEND_EVERY = 20;    // likewise
 
@@ -58,12 +62,13 @@ struct summary {
     uint8_t data[SUMMARY_SIZE];
     bool seen[SUMMARY_INFO_COUNT]; // sections received since the record was made
     timespec last_heard;           // monotonic time of the last summary received
+    summary *prev;
     summary *next;
     UT_hash_handle hh;
 };
 
-summary *summaries;        // newest remote node first, the local node last
-summary *summaries_by_mac; // the same: in a large network hundreds are looked up a second
+record_list<summary> summaries; // the local node is the oldest
+summary *summaries_by_mac;      // the same: in a large network hundreds are looked up a second
 summary *local_summary;
 timespec info_updates[SUMMARY_INFO_COUNT]; // monotonic, each local section's last change; zero for never
 uint32_t num_sends;                        // expiries of the send timer
@@ -98,21 +103,12 @@ size_t miswired_peer_offset(int port)
     return SUMMARY_MISWIRED_PEERS + static_cast<size_t>(port) * SUMMARY_MISWIRED_PEER_SIZE;
 }
 
-bool get_time(timespec &now)
-{
-    if (clock_gettime(CLOCK_MONOTONIC, &now) == -1) {
-        log_error("couldn't get time (errno %d)", errno);
-        return false;
-    }
-    return true;
-}
-
 // Notes that a section of the local summary has changed. Without the time the change goes out with the next
 // periodic summary.
 void stamp_change(summary_info type)
 {
     timespec now;
-    if (get_time(now)) {
+    if (get_time(now, log_source) == 0) {
         info_updates[type] = now;
     }
 }
@@ -125,18 +121,17 @@ void stamp_change(summary_info type)
 const uint8_t *format_port_list(size_t mask_offset, size_t &length_out)
 {
     size_t length = 0;
-    const summary *node;
-    LL_FOREACH (summaries, node) {
+    for (const summary &node : summaries) {
         if (length == sizeof port_list) {
             break;
         }
-        if (node->data[mask_offset] == 0) {
+        if (node.data[mask_offset] == 0) {
             continue;
         }
         uint8_t *const record = port_list + length;
-        memcpy(record + PORT_LIST_MAC, node->mac, MAC_SIZE);
-        record[PORT_LIST_NODE_NUM] = node->data[SUMMARY_NODE_NUM];
-        record[PORT_LIST_PORTS] = node->data[mask_offset];
+        memcpy(record + PORT_LIST_MAC, node.mac, MAC_SIZE);
+        record[PORT_LIST_NODE_NUM] = node.data[SUMMARY_NODE_NUM];
+        record[PORT_LIST_PORTS] = node.data[mask_offset];
         length += PORT_LIST_RECORD_SIZE;
     }
     if (length == 0) {
@@ -151,8 +146,7 @@ int publish_port_list(size_t mask_offset, const char *topic)
     size_t length;
     const uint8_t *const list = format_port_list(mask_offset, length);
     if (broker_publish(topic, list, length) == -1) {
-        log_error("couldn't publish port list to %s", topic);
-        return -1;
+        return log_failure("couldn't publish port list to %s", topic);
     }
     return 0;
 }
@@ -172,17 +166,16 @@ bool is_link_listed(size_t length, uint8_t node_number, uint8_t port)
 size_t format_miswired_links()
 {
     size_t length = 0;
-    const summary *node;
-    LL_FOREACH (summaries, node) {
+    for (const summary &node : summaries) {
         for (int port = LUM_PORT_A; port < LUM_FRONT_PORTS; port++) {
-            if ((node->data[SUMMARY_MISWIRED] & port_bit(port)) == 0) {
+            if ((node.data[SUMMARY_MISWIRED] & port_bit(port)) == 0) {
                 continue;
             }
             if (length == sizeof miswired_links) {
                 return length;
             }
-            const uint8_t *const peer = node->data + miswired_peer_offset(port);
-            const uint8_t node_number = node->data[SUMMARY_NODE_NUM];
+            const uint8_t *const peer = node.data + miswired_peer_offset(port);
+            const uint8_t node_number = node.data[SUMMARY_NODE_NUM];
             const uint8_t local_port = peer[SUMMARY_MISWIRED_LOCAL_PORT];
             if (is_link_listed(length, node_number, local_port)) {
                 continue;
@@ -204,8 +197,7 @@ int publish_miswired_lists()
         return -1;
     }
     if (broker_publish(MISWIRED_LINKS_TOPIC, miswired_links, format_miswired_links()) == -1) {
-        log_error("couldn't publish miswired links to %s", MISWIRED_LINKS_TOPIC);
-        return -1;
+        return log_failure("couldn't publish miswired links to %s", MISWIRED_LINKS_TOPIC);
     }
     return 0;
 }
@@ -213,8 +205,7 @@ int publish_miswired_lists()
 int publish_miswired()
 {
     if (publish_miswired_lists() == -1) {
-        log_error("couldn't publish miswired ports and links");
-        return -1;
+        return log_failure("couldn't publish miswired ports and links");
     }
     return 0;
 }
@@ -228,17 +219,15 @@ bool is_degraded_style7(const uint8_t *data)
 int publish_network_style7()
 {
     uint8_t degraded = 0;
-    const summary *node;
-    LL_FOREACH (summaries, node) {
-        if (is_degraded_style7(node->data)) {
+    for (const summary &node : summaries) {
+        if (is_degraded_style7(node.data)) {
             degraded = 1;
             break;
         }
     }
     if (broker_publish(NETWORK_STYLE7_TOPIC, &degraded, sizeof degraded) == -1) {
         log_error("couldn't publish 0x%02X to %s", degraded, NETWORK_STYLE7_TOPIC);
-        log_error("couldn't publish global style 7 status");
-        return -1;
+        return log_failure("couldn't publish global style 7 status");
     }
     return 0;
 }
@@ -289,8 +278,7 @@ int publish_text(const summary &node, const char *name, const char *text)
 {
     const node_topic topic(node, name);
     if (broker_publish(topic.text, text, strlen(text)) == -1) {
-        log_error("couldn't publish %s to %s", text, topic.text);
-        return -1;
+        return log_failure("couldn't publish %s to %s", text, topic.text);
     }
     return 0;
 }
@@ -299,8 +287,7 @@ int publish_port_summary(const summary &node)
 {
     char text[PORT_TEXT_SIZE];
     if (!format_ports(node, PORT_COLOURS, text)) {
-        log_error("buffer size too small for port summary");
-        return -1;
+        return log_failure("buffer size too small for port summary");
     }
     return publish_text(node, "port_summary", text);
 }
@@ -309,8 +296,7 @@ int publish_port_media(const summary &node)
 {
     char text[PORT_TEXT_SIZE];
     if (!format_ports(node, PORT_MEDIA, text)) {
-        log_error("buffer size too small for port media");
-        return -1;
+        return log_failure("buffer size too small for port media");
     }
     return publish_text(node, "port_media", text);
 }
@@ -381,8 +367,7 @@ int update_ports_dynamic(summary &node, const uint8_t *section)
     }
     if (store_bytes(node, seen, SUMMARY_RED, at(SUMMARY_RED), std::size(PORT_COLOURS)) &&
         publish_port_summary(node) == -1) {
-        log_error("couldn't publish port summary");
-        return -1;
+        return log_failure("couldn't publish port summary");
     }
     return 0;
 }
@@ -393,8 +378,7 @@ int update_ports_static(summary &node, const uint8_t *section)
     const auto at = [&](size_t offset) { return section + (offset - SUMMARY_MEDIA_ETH); };
     if (store_bytes(node, seen, SUMMARY_MEDIA_ETH, at(SUMMARY_MEDIA_ETH), std::size(PORT_MEDIA)) &&
         publish_port_media(node) == -1) {
-        log_error("couldn't publish port media");
-        return -1;
+        return log_failure("couldn't publish port media");
     }
     if (store_bytes(node, seen, SUMMARY_FIRE_PORTS, at(SUMMARY_FIRE_PORTS), 2) &&
         publish_network_style7() == -1) {
@@ -454,8 +438,7 @@ int update_job(summary &node, const uint8_t *section)
         const size_t length = strnlen(text, field.size);
         store_job_field(node.data, field, text, length);
         if (publish_node_bytes(node, field.topic, text, length) == -1) {
-            log_error("%s", field.failure);
-            return -1;
+            return log_failure("%s", field.failure);
         }
     }
     return 0;
@@ -484,15 +467,13 @@ int update_download(summary &node, const uint8_t *section)
     const uint8_t *const status = at(SUMMARY_DOWNLOAD_STATUS);
     if (store_bytes(node, seen, SUMMARY_DOWNLOAD_STATUS, status, SUMMARY_DOWNLOAD_STATUS_SIZE) &&
         publish_node_bytes(node, "download_status", status, SUMMARY_DOWNLOAD_STATUS_SIZE) == -1) {
-        log_error("couldn't publish download status");
-        return -1;
+        return log_failure("couldn't publish download status");
     }
     for (const download_flag &flag : DOWNLOAD_FLAGS) {
         const uint8_t *const value = at(flag.offset);
         if (store_bytes(node, seen, flag.offset, value, 1) &&
             publish_node_bytes(node, flag.topic, *value == 1 ? "1" : "0", 1) == -1) {
-            log_error("%s", flag.failure);
-            return -1;
+            return log_failure("%s", flag.failure);
         }
     }
     if (store_bytes(node, seen, SUMMARY_CF_FREE, at(SUMMARY_CF_FREE), sizeof(uint32_t))) {
@@ -500,8 +481,7 @@ int update_download(summary &node, const uint8_t *section)
         const int length = snprintf(text, sizeof text, "%u", load_le<uint32_t>(at(SUMMARY_CF_FREE)));
         if (publish_node_bytes(node, "CF_free_space", text,
                                std::min(static_cast<size_t>(length), CF_FREE_DIGITS)) == -1) {
-            log_error("couldn't publish free space in CF");
-            return -1;
+            return log_failure("couldn't publish free space in CF");
         }
     }
     return 0;
@@ -516,8 +496,7 @@ int update_repeater(summary &node, const uint8_t *section)
     char text[4];
     const int length = snprintf(text, sizeof text, "%u", static_cast<unsigned>(section[0]));
     if (publish_node_bytes(node, "repeater", text, static_cast<size_t>(length)) == -1) {
-        log_error("couldn't publish repeater source");
-        return -1;
+        return log_failure("couldn't publish repeater source");
     }
     return 0;
 }
@@ -527,8 +506,7 @@ int update_versions(summary &node, const uint8_t *section)
     const bool seen = mark_seen(node, SUMMARY_INFO_VERSIONS);
     if (store_bytes(node, seen, SUMMARY_EBOOT_NAME, section, summary_info_lengths[SUMMARY_INFO_VERSIONS]) &&
         publish_versions(node) == -1) {
-        log_error("couldn't publish software versions");
-        return -1;
+        return log_failure("couldn't publish software versions");
     }
     return 0;
 }
@@ -547,8 +525,7 @@ int apply_payload(summary &node, std::span<const uint8_t> payload)
         case summary_walk::SECTION:
             if (update_funcs[section.type](node, section.data.data()) == -1) {
                 log_error("couldn't update info for type 0x%02X", section.type);
-                log_error("couldn't publish all information from summary");
-                return -1;
+                return log_failure("couldn't publish all information from summary");
             }
             break;
         case summary_walk::UNKNOWN_TYPE:
@@ -567,7 +544,7 @@ int apply_payload(summary &node, std::span<const uint8_t> payload)
         }
     }
     timespec now;
-    if (!get_time(now)) {
+    if (get_time(now, log_source) == -1) {
         return -1;
     }
     node.last_heard = now;
@@ -581,17 +558,19 @@ summary *find_summary(const uint8_t *mac)
     return node;
 }
 
-// Makes the node known by its MAC address, in front of the others; false when there is no memory.
-bool add_summary(summary &node, const uint8_t *mac)
+// Makes the node known by its MAC address, in front of the others; null when there is no memory.
+summary *add_summary(std::unique_ptr<summary> node, const uint8_t *mac)
 {
-    memcpy(node.mac, mac, MAC_SIZE);
-    memcpy(node.mac_str, mac_addr_to_str(mac), MAC_STR_SIZE);
-    HASH_ADD(hh, summaries_by_mac, mac, MAC_SIZE, &node);
-    if (node.hh.tbl == nullptr) {
-        return false;
-    }
-    LL_PREPEND(summaries, &node);
-    return true;
+    memcpy(node->mac, mac, MAC_SIZE);
+    memcpy(node->mac_str, mac_addr_to_str(mac), MAC_STR_SIZE);
+    HASH_ADD(hh, summaries_by_mac, mac, MAC_SIZE, node.get());
+    return node->hh.tbl == nullptr ? nullptr : summaries.add(std::move(node));
+}
+
+std::unique_ptr<summary> take_summary(summary &node)
+{
+    HASH_DEL(summaries_by_mac, &node);
+    return summaries.take(node);
 }
 
 // Withdraws what is published for a node that is no longer in the list.
@@ -615,8 +594,7 @@ int unpublish_node(const summary &node)
     for (const char *name : TOPICS) {
         const node_topic topic(node, name);
         if (broker_unpublish(topic.text) == -1) {
-            log_error("couldn't unpublish topic %s", topic.text);
-            return -1;
+            return log_failure("couldn't unpublish topic %s", topic.text);
         }
     }
     return 0;
@@ -624,15 +602,13 @@ int unpublish_node(const summary &node)
 
 // Removes a remote node. When its topics can't be withdrawn the daemon is about to end: the record stays
 // unlinked and is not freed.
-int remove_node(summary *node)
+int remove_node(summary &node)
 {
-    LL_DELETE(summaries, node);
-    HASH_DEL(summaries_by_mac, node);
-    if (unpublish_node(*node) == -1) {
-        log_error("couldn't unpublish data from summary");
-        return -1;
+    std::unique_ptr<summary> removed = take_summary(node);
+    if (unpublish_node(*removed) == -1) {
+        static_cast<void>(removed.release());
+        return log_failure("couldn't unpublish data from summary");
     }
-    delete node;
     return 0;
 }
 
@@ -839,19 +815,18 @@ void repeater_cb(const char *, const void *payload, int length, void *)
 // This node's ports, from the port statistics
 //
 
-bool check_initialized()
+int check_initialized()
 {
     if (!is_ready()) {
-        log_error("local summary is not initialized");
-        return false;
+        return log_failure("local summary is not initialized");
     }
-    return true;
+    return 0;
 }
 
 // A change of a port's bit in a mask that a network-wide list shows.
 int update_listed_mask(int port, bool on, size_t mask_offset, const char *topic)
 {
-    if (!check_initialized()) {
+    if (check_initialized() == -1) {
         return -1;
     }
     uint8_t &mask = local_summary->data[mask_offset];
@@ -887,20 +862,11 @@ unsigned sections_to_send(const timespec &now)
     return types;
 }
 
-bool send_tick(int fd, uint32_t events)
+int send_summary()
 {
-    if (events != EPOLLIN) {
-        log_error("unexpected event(s) on file descriptor");
-        return false;
-    }
-    uint64_t expiries;
-    if (read(fd, &expiries, sizeof expiries) != sizeof expiries) {
-        log_error("couldn't clear send timer (errno %d)", errno);
-        return false;
-    }
     timespec now;
-    if (!get_time(now)) {
-        return false;
+    if (get_time(now, log_source) == -1) {
+        return -1;
     }
     const unsigned types = sections_to_send(now);
     if (types != 0) {
@@ -908,64 +874,63 @@ bool send_tick(int fd, uint32_t events)
         const size_t length =
             summary_encode(local_summary->data, types | 1U << SUMMARY_INFO_NODE_NUM, payload);
         if (remote_send_summary(payload, length) == -1) {
-            log_error("coudln't send summary to remote nodes");
-            return false;
+            return log_failure("coudln't send summary to remote nodes");
         }
     }
     num_sends++;
-    return true;
+    return 0;
 }
 
 void send_cb(int fd, uint32_t events, void *)
 {
-    if (!send_tick(fd, events)) {
+    if (timer_take(fd, events, SEND, log_source) == -1 || send_summary() == -1) {
         close(fd);
         terminate();
     }
 }
 
-// Removes the nodes silent for 35 s and checks again after the age of the node heard last. Setting the timer
-// also clears its expiry, so that nothing needs to be read.
-bool purge_tick(int fd, uint32_t events)
+// Removes the nodes silent for 35 s; time_out is the age of the node heard last, after which to check again.
+int purge_silent(timespec &time_out)
 {
-    if (events != EPOLLIN) {
-        log_error("unexpected event(s) on file descriptor");
-        return false;
-    }
     timespec now;
-    if (!get_time(now)) {
-        return false;
+    if (get_time(now, log_source) == -1) {
+        return -1;
     }
-    timespec next_check = {.tv_sec = PURGE_AGE, .tv_nsec = 0};
-    summary *node;
-    summary *next;
-    LL_FOREACH_SAFE (summaries, node, next) {
-        if (node == local_summary) {
+    time_out = {.tv_sec = PURGE_AGE, .tv_nsec = 0};
+    for (summary &node : summaries) {
+        if (&node == local_summary) {
             continue;
         }
-        const timespec age = timespec_diff(&now, &node->last_heard);
+        const timespec age = timespec_diff(&now, &node.last_heard);
         if (age.tv_sec >= PURGE_AGE) {
             if (remove_node(node) == -1) {
-                return false;
+                return -1;
             }
-        } else if (timespec_cmp(&age, &next_check) < 0) {
-            next_check = age;
+        } else if (timespec_cmp(&age, &time_out) < 0) {
+            time_out = age;
         }
     }
-    if (next_check.tv_sec == 0 && next_check.tv_nsec == 0) {
-        next_check.tv_nsec = 1; // zero would disarm the timer for good
+    if (time_out.tv_sec == 0 && time_out.tv_nsec == 0) {
+        time_out.tv_nsec = 1; // zero would disarm the timer for good
     }
-    const itimerspec expiry = {.it_interval = {}, .it_value = next_check};
+    return 0;
+}
+
+// Setting the timer also clears its expiry, so that nothing needs to be read.
+int set_purge_timer(int fd, const timespec &time)
+{
+    const itimerspec expiry = {.it_interval = {}, .it_value = time};
     if (timerfd_settime(fd, 0, &expiry, nullptr) == -1) {
-        log_error("couldn't set purge timer (errno %d)", errno);
-        return false;
+        return log_failure("couldn't set purge timer (errno %d)", errno);
     }
-    return true;
+    return 0;
 }
 
 void purge_cb(int fd, uint32_t events, void *)
 {
-    if (!purge_tick(fd, events)) {
+    timespec next_check;
+    if (event_check(events, log_source) == -1 || purge_silent(next_check) == -1 ||
+        set_purge_timer(fd, next_check) == -1) {
         close(fd);
         terminate();
     }
@@ -975,25 +940,6 @@ void purge_cb(int fd, uint32_t events, void *)
 // Start-up
 //
 
-// Creates, arms and registers a timer; the caller removes and closes it, open, when a later step fails.
-bool add_timer(const char *name, const itimerspec &expiry, event_callback callback, unique_fd &timer)
-{
-    timer.reset(timerfd_create(CLOCK_MONOTONIC, 0));
-    if (!timer.is_open()) {
-        log_error("couldn't create %s timer (errno %d)", name, errno);
-        return false;
-    }
-    if (timerfd_settime(timer.get(), 0, &expiry, nullptr) == -1) {
-        log_error("couldn't arm %s timer (errno %d)", name, errno);
-        return false;
-    }
-    if (event_add(timer.get(), EPOLLIN, callback, nullptr) == -1) {
-        log_error("couldn't add %s event", name);
-        return false;
-    }
-    return true;
-}
-
 int add_timers()
 {
     // Nodes that start together send their first summaries spread over three seconds.
@@ -1002,12 +948,10 @@ int add_timers()
     const itimerspec purge = {.it_interval = {}, .it_value = {.tv_sec = PURGE_AGE, .tv_nsec = 0}};
     unique_fd send_timer;
     unique_fd purge_timer;
-    if (!add_timer("send", send, send_cb, send_timer) || !add_timer("purge", purge, purge_cb, purge_timer)) {
-        for (const unique_fd *timer : {&send_timer, &purge_timer}) {
-            if (timer->is_open()) {
-                event_remove(timer->get());
-            }
-        }
+    if (timer_start(send_timer, SEND, send, send_cb, nullptr, log_source) == -1 ||
+        timer_start(purge_timer, PURGE, purge, purge_cb, nullptr, log_source) == -1) {
+        timer_stop(send_timer);
+        timer_stop(purge_timer);
         return -1;
     }
     send_timer.release(); // open until the process ends or a tick fails
@@ -1034,18 +978,15 @@ int subscribe_local_topics()
     constexpr const char *PORT_STATUS_FILTER = "local/diag/port/+/status";
     constexpr const char *RING_STATUS_FILTER = "local/diag/ring/+/status";
     if (broker_subscribe(PORT_STATUS_FILTER, miswired_cb, nullptr) == -1) {
-        log_error("couldn't subscribe to topic %s", PORT_STATUS_FILTER);
-        return -1;
+        return log_failure("couldn't subscribe to topic %s", PORT_STATUS_FILTER);
     }
     if (broker_subscribe(RING_STATUS_FILTER, style7_cb, nullptr) == -1) {
-        log_error("couldn't subsribe to topic %s", RING_STATUS_FILTER);
-        return -1;
+        return log_failure("couldn't subsribe to topic %s", RING_STATUS_FILTER);
     }
     for (const auto &row : NODE_TOPICS) {
         const node_topic filter(*local_summary, row.name);
         if (broker_subscribe(filter.text, row.callback, nullptr) == -1) {
-            log_error("couldn't subsribe to topic %s", filter.text);
-            return -1;
+            return log_failure("couldn't subsribe to topic %s", filter.text);
         }
     }
     return 0;
@@ -1056,8 +997,7 @@ int publish_empty_lists()
     const uint8_t empty_list = 0;
     for (const char *topic : {LINK_DOWN_TOPIC, GROUND_TOPIC, MISWIRED_TOPIC}) {
         if (broker_publish(topic, &empty_list, sizeof empty_list) == -1) {
-            log_error("couldn't publish empty port list to %s", topic);
-            return -1;
+            return log_failure("couldn't publish empty port list to %s", topic);
         }
     }
     return 0;
@@ -1083,38 +1023,36 @@ int fill_versions(uint8_t *data)
     return 0;
 }
 
-// The steps of summary_init that need the local record; the caller frees it when one fails.
+// The steps of summary_init, which undoes what they leave when one fails.
 int start_local_summary(uint8_t node_number)
 {
+    std::unique_ptr<summary> record(new (std::nothrow) summary{});
+    if (!record) {
+        return log_failure("couldn't allocate local summary structure");
+    }
     uint8_t mac[MAC_SIZE];
     if (hwinfo_get_local_mac_addr(mac) == -1) {
-        log_error("couldn't get local MAC address");
-        return -1;
+        return log_failure("couldn't get local MAC address");
     }
-    if (!add_summary(*local_summary, mac)) {
-        log_error("couldn't allocate local summary structure");
-        return -1;
+    local_summary = add_summary(std::move(record), mac);
+    if (local_summary == nullptr) {
+        return log_failure("couldn't allocate local summary structure");
     }
     local_summary->data[SUMMARY_NODE_NUM] = node_number;
     if (fill_versions(local_summary->data) == -1) {
-        log_error("couldn't get software versions");
-        return -1;
+        return log_failure("couldn't get software versions");
     }
     if (publish_versions(*local_summary) == -1) {
-        log_error("couldn't publish software versions");
-        return -1;
+        return log_failure("couldn't publish software versions");
     }
     if (publish_empty_lists() == -1) {
-        log_error("couldn't publish empty lists to port topics");
-        return -1;
+        return log_failure("couldn't publish empty lists to port topics");
     }
     if (subscribe_local_topics() == -1) {
-        log_error("couldn't add MQTT-based summary events");
-        return -1;
+        return log_failure("couldn't add MQTT-based summary events");
     }
     if (add_timers() == -1) {
-        log_error("couldn't add timer-based summary events");
-        return -1;
+        return log_failure("couldn't add timer-based summary events");
     }
     return 0;
 }
@@ -1160,19 +1098,14 @@ size_t summary_encode(const uint8_t (&data)[SUMMARY_SIZE], unsigned types,
 
 int summary_init(uint8_t node_number)
 {
-    local_summary = new (std::nothrow) summary{};
-    if (local_summary == nullptr) {
-        log_error("couldn't allocate local summary structure");
-        return -1;
+    if (start_local_summary(node_number) == 0) {
+        return 0;
     }
-    if (start_local_summary(node_number) == -1) {
-        HASH_CLEAR(hh, summaries_by_mac);
-        summaries = nullptr;
-        delete local_summary;
+    if (local_summary != nullptr) {
+        take_summary(*local_summary);
         local_summary = nullptr;
-        return -1;
     }
-    return 0;
+    return -1;
 }
 
 int summary_update_link(int port, int down)
@@ -1189,7 +1122,7 @@ int summary_update_status(int port, int status)
 {
     static constexpr size_t MASKS[] = {SUMMARY_GREEN, SUMMARY_YELLOW, SUMMARY_RED}; // by status
     static_assert(PORT_STATUS_GREEN == 0 && PORT_STATUS_YELLOW == 1 && PORT_STATUS_RED == 2);
-    if (!check_initialized()) {
+    if (check_initialized() == -1) {
         return -1;
     }
     const uint8_t bit = port_bit(port);
@@ -1199,20 +1132,18 @@ int summary_update_status(int port, int status)
     if (status >= PORT_STATUS_GREEN && status <= PORT_STATUS_RED) {
         set_bits(local_summary->data[MASKS[status]], bit, true);
     } else if (status != PORT_STATUS_NONE) {
-        log_error("invalid port status %d", status);
-        return -1;
+        return log_failure("invalid port status %d", status);
     }
     stamp_change(SUMMARY_INFO_PORTS_DYNAMIC);
     if (publish_port_summary(*local_summary) == -1) {
-        log_error("couldn't publish local port summary");
-        return -1;
+        return log_failure("couldn't publish local port summary");
     }
     return 0;
 }
 
 int summary_update_media(int port, int media)
 {
-    if (!check_initialized()) {
+    if (check_initialized() == -1) {
         return -1;
     }
     const uint8_t bit = port_bit(port);
@@ -1222,19 +1153,17 @@ int summary_update_media(int port, int media)
     if (media >= LUM_TYPE_ETH && media <= LUM_TYPE_MMF) {
         set_bits(local_summary->data[PORT_MEDIA[media].offset], bit, true);
     } else if (media != LUM_TYPE_NONE) {
-        log_error("invalid media type %d", media);
-        return -1;
+        return log_failure("invalid media type %d", media);
     }
     if (publish_port_media(*local_summary) == -1) {
-        log_error("couldn't publish local port media");
-        return -1;
+        return log_failure("couldn't publish local port media");
     }
     return 0;
 }
 
 int summary_update_type(int port, int type)
 {
-    if (!check_initialized()) {
+    if (check_initialized() == -1) {
         return -1;
     }
     uint8_t *const data = local_summary->data;
@@ -1243,8 +1172,7 @@ int summary_update_type(int port, int type)
     set_bits(data[SUMMARY_FIRE_PORTS], bit, type == SUMMARY_PORT_FIRE);
     set_bits(data[SUMMARY_SPUR_PORTS], bit, type == SUMMARY_PORT_SPUR);
     if (type < SUMMARY_PORT_FIRE || type > SUMMARY_PORT_OTHER) {
-        log_error("invalid port type %d", type);
-        return -1;
+        return log_failure("invalid port type %d", type);
     }
     if (is_degraded_style7(data) != was_degraded && publish_network_style7() == -1) {
         return -1;
@@ -1254,52 +1182,47 @@ int summary_update_type(int port, int type)
 
 int summary_process(const uint8_t *mac, const uint8_t *payload, size_t length)
 {
-    if (mac == nullptr || payload == nullptr) {
-        log_error("NULL pointer received as argument");
+    if (check_arguments(mac != nullptr && payload != nullptr, log_source) == -1) {
         return -1;
     }
     summary *node = find_summary(mac);
     if (node == nullptr) {
         std::unique_ptr<summary> added(new (std::nothrow) summary{});
-        if (!added || !add_summary(*added, mac)) {
-            log_error("couldn't allocate summary structure");
-            return -1;
+        node = added ? add_summary(std::move(added), mac) : nullptr;
+        if (node == nullptr) {
+            return log_failure("couldn't allocate summary structure");
         }
-        node = added.release();
     }
     return apply_payload(*node, {payload, length});
 }
 
 int summary_clear(const uint8_t *mac)
 {
-    if (mac == nullptr) {
-        log_error("NULL pointer received as argument");
+    if (check_arguments(mac != nullptr, log_source) == -1) {
         return -1;
     }
     summary *const node = find_summary(mac);
     if (node == nullptr || node == local_summary) {
         return 0;
     }
-    return remove_node(node);
+    return remove_node(*node);
 }
 
 size_t summary_get_mac_addrs(uint8_t node_number, uint8_t *macs_out, size_t capacity)
 {
-    if (macs_out == nullptr) {
-        log_error("NULL pointer received as argument");
+    if (check_arguments(macs_out != nullptr, log_source) == -1) {
         return 0;
     }
     size_t count = 0;
-    const summary *node;
-    LL_FOREACH (summaries, node) {
-        if (node->data[SUMMARY_NODE_NUM] != node_number) {
+    for (const summary &node : summaries) {
+        if (node.data[SUMMARY_NODE_NUM] != node_number) {
             continue;
         }
         if (capacity - count * MAC_SIZE < MAC_SIZE) {
             log_error("ignoring MAC address(es) since result array is too small");
             break;
         }
-        memcpy(macs_out + count * MAC_SIZE, node->mac, MAC_SIZE);
+        memcpy(macs_out + count * MAC_SIZE, node.mac, MAC_SIZE);
         count++;
     }
     return count;
