@@ -47,15 +47,13 @@ int update_secret()
         length += static_cast<size_t>(snprintf(text + length, sizeof text - length, "%d ", index));
         // The last blank, which is taken away below, may be cut off.
         if (length > sizeof text) {
-            log_error("list of indices is too long");
-            return -1;
+            return log_failure("list of indices is too long");
         }
     }
     MD5_Final(secret_md5sum, &md5);
     text[length - 1] = '\0';
     if (broker_publish(CHALLENGE_TOPIC, text, strlen(text)) == -1) {
-        log_error("couldn't publish %s to %s", text, CHALLENGE_TOPIC);
-        return -1;
+        return log_failure("couldn't publish %s to %s", text, CHALLENGE_TOPIC);
     }
     return 0;
 }
@@ -86,16 +84,14 @@ bool is_right(const char *response)
 int auth_init()
 {
     if (update_secret() == -1) {
-        log_error("couldn't set initial secret indices");
-        return -1;
+        return log_failure("couldn't set initial secret indices");
     }
     return 0;
 }
 
 int auth_check(const char *response, bool *ok)
 {
-    if (response == nullptr || ok == nullptr) {
-        log_error("NULL pointer received as argument");
+    if (check_arguments(response != nullptr && ok != nullptr, log_source) == -1) {
         return -1;
     }
     *ok = is_right(response);
@@ -104,8 +100,7 @@ int auth_check(const char *response, bool *ok)
         return 0;
     }
     if (update_secret() == -1) {
-        log_error("couldn't change secret indices");
-        return -1;
+        return log_failure("couldn't change secret indices");
     }
     return 0;
 }

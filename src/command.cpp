@@ -11,11 +11,9 @@
 #include "remote.h"
 #include "stats.h"
 #include "summary.h"
+#include "timer.h"
 #include "utils.h"
 
-#include <sys/epoll.h>
-#include <sys/timerfd.h>
-#include <unistd.h>
 #include <uthash.h>
 
 #include <cctype>
@@ -37,6 +35,7 @@ constexpr const char *log_source = "command";
 constexpr const char *REQUEST_TOPIC = "pub/diag/command/request";
 constexpr const char *RESPONSE_TOPIC = "pub/diag/command/response";
 constexpr uint8_t ACTIVATE_VALUE = 5;
+constexpr timer_names KEEPALIVE = {"keepalive", "keepalive"};
 constexpr itimerspec KEEPALIVE_PERIOD = {.it_interval = {.tv_sec = 300, .tv_nsec = 0},
                                          .it_value = {.tv_sec = 300, .tv_nsec = 0}};
 constexpr uint16_t DEFAULT_PERIOD = 10; // of a subscription, in seconds
@@ -107,12 +106,10 @@ int send_response(const command_record &record, const char *verdict, const char 
 {
     const std::unique_ptr<char[]> text = build_response(record, verdict, reason);
     if (!text) {
-        log_error("couldn't build %s response", verdict);
-        return -1;
+        return log_failure("couldn't build %s response", verdict);
     }
     if (broker_publish_unretained(RESPONSE_TOPIC, text.get(), strlen(text.get())) == -1) {
-        log_error("couldn't publish response %s to %s", text.get(), RESPONSE_TOPIC);
-        return -1;
+        return log_failure("couldn't publish response %s to %s", text.get(), RESPONSE_TOPIC);
     }
     return 0;
 }
@@ -130,8 +127,7 @@ int send_nack(const command_record &record, const char *reason)
 int acknowledge(const command_record &record)
 {
     if (send_ack(record) == -1) {
-        log_error("couldn't send ACK response");
-        return -1;
+        return log_failure("couldn't send ACK response");
     }
     return 0;
 }
@@ -139,8 +135,7 @@ int acknowledge(const command_record &record)
 int refuse(const command_record &record, const char *reason)
 {
     if (send_nack(record, reason) == -1) {
-        log_error("couldn't send NACK response");
-        return -1;
+        return log_failure("couldn't send NACK response");
     }
     return 0;
 }
@@ -176,7 +171,7 @@ client *find_client(uint32_t cid)
 void remove_client(client *removed)
 {
     HASH_DEL(clients, removed);
-    delete removed;
+    const std::unique_ptr<client> released(removed);
 }
 
 int count_subscription(uint32_t cid)
@@ -185,8 +180,7 @@ int count_subscription(uint32_t cid)
     if (holder == nullptr) {
         holder = new (std::nothrow) client{};
         if (holder == nullptr) {
-            log_error("couldn't allocate client structure");
-            return -1;
+            return log_failure("couldn't allocate client structure");
         }
         holder->cid = cid;
         HASH_ADD(hh, clients, cid, sizeof holder->cid, holder);
@@ -227,25 +221,20 @@ void unitarget_cb(int acknowledged, void *arg)
     }
 }
 
-void keepalive_cb(int fd, uint32_t events, void *)
+int send_keepalives()
 {
-    if (events != EPOLLIN) {
-        log_error("unexpected event(s) on file descriptor");
-        terminate();
-        return;
-    }
-    uint64_t expiries;
-    if (read(fd, &expiries, sizeof expiries) != sizeof expiries) {
-        log_error("couldn't clear keepalive timer (errno %d)", errno);
-        terminate();
-        return;
-    }
     for (const client *each = clients; each != nullptr; each = static_cast<const client *>(each->hh.next)) {
         if (remote_send_client_keepalive(each->cid) == -1) {
-            log_error("couldn't send keepalive for client %u", each->cid);
-            terminate();
-            return;
+            return log_failure("couldn't send keepalive for client %u", each->cid);
         }
+    }
+    return 0;
+}
+
+void keepalive_cb(int fd, uint32_t events, void *)
+{
+    if (timer_take(fd, events, KEEPALIVE, log_source) == -1 || send_keepalives() == -1) {
+        terminate();
     }
 }
 
@@ -337,8 +326,7 @@ int send_nack_multitarget(const command_record &record)
         length += static_cast<size_t>(
             snprintf(reason + length, sizeof reason - length, " %u", record.targets[i].node));
         if (length >= sizeof reason) {
-            log_error("NACK message is too long");
-            return -1;
+            return log_failure("NACK message is too long");
         }
     }
     return send_nack(record, reason);
@@ -368,15 +356,13 @@ int dispatch(target_entry &entry, const target_operation &operation, uint8_t val
 {
     if (entry.node == local_nodenum) {
         if (broker_publish(operation.local_topic, &value, sizeof value) == -1) {
-            log_error("couldn't publish %u to %s", value, operation.local_topic);
-            return -1;
+            return log_failure("couldn't publish %u to %s", value, operation.local_topic);
         }
         entry.record->ok_count++;
         return 0;
     }
     if (operation.request(entry.mac, value, multitarget_cb, &entry) == -1) {
-        log_error("couldn't dispatch to node %u", entry.node);
-        return -1;
+        return log_failure("couldn't dispatch to node %u", entry.node);
     }
     return 0;
 }
@@ -656,36 +642,19 @@ void request_cb(const char *, const void *payload, int length, void *)
     end_unless_sent(refuse(*record, "unknown command"));
 }
 
-bool start_serving(int timer)
-{
-    if (timerfd_settime(timer, 0, &KEEPALIVE_PERIOD, nullptr) == -1) {
-        log_error("couldn't arm keepalive timer (errno %d)", errno);
-        return false;
-    }
-    if (event_add(timer, EPOLLIN, keepalive_cb, nullptr) == -1) {
-        log_error("couldn't add keepalive event");
-        return false;
-    }
-    if (broker_subscribe(REQUEST_TOPIC, request_cb, nullptr) == -1) {
-        log_error("couldn't subscribe to %s", REQUEST_TOPIC);
-        return false;
-    }
-    return true;
-}
-
 } // namespace
 
 int command_init(uint8_t node_number)
 {
     local_nodenum = node_number;
-    unique_fd timer(timerfd_create(CLOCK_MONOTONIC, 0));
-    if (!timer.is_open()) {
-        log_error("couldn't create keepalive timer (errno %d)", errno);
+    unique_fd timer;
+    if (timer_start(timer, KEEPALIVE, KEEPALIVE_PERIOD, keepalive_cb, nullptr, log_source) == -1) {
+        timer_stop(timer);
         return -1;
     }
-    if (!start_serving(timer.get())) {
-        event_remove(timer.get());
-        return -1;
+    if (broker_subscribe(REQUEST_TOPIC, request_cb, nullptr) == -1) {
+        timer_stop(timer);
+        return log_failure("couldn't subscribe to %s", REQUEST_TOPIC);
     }
     timer.release(); // the event loop watches it until the process ends
     return 0;

@@ -1,15 +1,16 @@
 #include "event.h"
 
 #include "common/lumlog.h"
+#include "common/record_list.h"
 #include "utils.h"
 
 #include <sys/epoll.h>
-#include <utlist.h>
 
 #include <cerrno>
 #include <csignal>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace
 {
@@ -20,12 +21,23 @@ struct event {
     int fd;
     event_callback callback;
     void *arg;
+    event *prev;
     event *next;
 };
 
 int event_loop_fd = -1;
-event *events_list;
+record_list<event> events_list;
 volatile sig_atomic_t sigterm_received;
+
+event *find_event(int fd)
+{
+    for (event &record : events_list) {
+        if (record.fd == fd) {
+            return &record;
+        }
+    }
+    return nullptr;
+}
 
 } // namespace
 
@@ -49,7 +61,8 @@ int event_add(int fd, uint32_t events, event_callback callback, void *arg)
     if (event_loop_fd == -1) {
         return log_failure("event loop is not initialized");
     }
-    std::unique_ptr<event> added(new (std::nothrow) event{fd, callback, arg, nullptr});
+    std::unique_ptr<event> added(new (std::nothrow) event{
+        .fd = fd, .callback = callback, .arg = arg, .prev = nullptr, .next = nullptr});
     if (!added) {
         return log_failure("couldn't allocate new event");
     }
@@ -59,8 +72,7 @@ int event_add(int fd, uint32_t events, event_callback callback, void *arg)
     if (epoll_ctl(event_loop_fd, EPOLL_CTL_ADD, fd, &registration) == -1) {
         return log_failure("couldn't add new event (errno %d)", errno);
     }
-    event *const record = added.release();
-    LL_PREPEND(events_list, record);
+    events_list.add(std::move(added));
     return 0;
 }
 
@@ -69,13 +81,11 @@ int event_remove(int fd)
     if (event_loop_fd == -1) {
         return log_failure("event loop is not initialized");
     }
-    event *record = nullptr;
-    LL_SEARCH_SCALAR(events_list, record, fd, fd);
+    event *const record = find_event(fd);
     if (record == nullptr) {
         return log_failure("no event registered for file descriptor %d", fd);
     }
-    LL_DELETE(events_list, record);
-    delete record;
+    events_list.remove(*record);
     // ENOENT: the descriptor was closed meanwhile, and its number now belongs to another file.
     if (epoll_ctl(event_loop_fd, EPOLL_CTL_DEL, fd, nullptr) == -1 && errno != ENOENT) {
         return log_failure("couldn't remove event (errno %d)", errno);

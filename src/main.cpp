@@ -30,22 +30,21 @@ constexpr int FIRE_WAIT_MS = 2000;
 constexpr timespec FIRE_RETRY_DELAY = {.tv_sec = 0, .tv_nsec = 50'000'000};
 constexpr long MAX_NODE_NUMBER = 255;
 
-bool install_signal_handlers()
+int install_signal_handlers()
 {
     struct sigaction action {
     };
     sigemptyset(&action.sa_mask);
     action.sa_handler = sigterm_handler;
     if (sigaction(SIGTERM, &action, nullptr) == -1) {
-        log_error("couldn't set SIGTERM handler (errno %d)", errno);
-        return false;
+        return log_failure("couldn't set SIGTERM handler (errno %d)", errno);
     }
     // Writing to a broker that has gone is an error like any other, never the end by a signal.
     signal(SIGPIPE, SIG_IGN);
-    return true;
+    return 0;
 }
 
-bool parse_options(int argc, char **argv, uint8_t &node_number)
+int parse_options(int argc, char **argv, uint8_t &node_number)
 {
     int option;
     while ((option = getopt(argc, argv, "n:")) != -1) {
@@ -57,24 +56,23 @@ bool parse_options(int argc, char **argv, uint8_t &node_number)
         errno = 0;
         const long number = strtol(optarg, &end, 0);
         if (errno != 0 || number < 1 || number > MAX_NODE_NUMBER || *end != '\0') {
-            log_error("invalid node number (%ld)", number);
-            return false;
+            return log_failure("invalid node number (%ld)", number);
         }
         node_number = static_cast<uint8_t>(number);
     }
-    return true;
+    return 0;
 }
 
-bool wait_for_fire_network()
+int wait_for_fire_network()
 {
     while (netif_wait_for_up(FIRE_INTERFACE, FIRE_WAIT_MS) != 0) {
         if (is_terminated()) {
-            return false;
+            return -1;
         }
         // Where no socket can be opened the wait above fails at once.
         nanosleep(&FIRE_RETRY_DELAY, nullptr);
     }
-    return true;
+    return 0;
 }
 
 // The local MAC address as text, null after logging why.
@@ -92,95 +90,83 @@ const char *get_local_mac_text()
     return text;
 }
 
-bool publish_text(const char *topic, const char *text)
+int publish_text(const char *topic, const char *text)
 {
     if (broker_publish(topic, text, strlen(text)) == -1) {
-        log_error("couldn't publish %s to %s", text, topic);
-        return false;
+        return log_failure("couldn't publish %s to %s", text, topic);
     }
-    return true;
+    return 0;
 }
 
-bool publish_local_node()
+int publish_local_node()
 {
     const char *const mac = get_local_mac_text();
-    return mac != nullptr && publish_text("pub/diag/local_node", mac);
+    return mac == nullptr ? -1 : publish_text("pub/diag/local_node", mac);
 }
 
-bool publish_card_addr()
+int publish_card_addr()
 {
     const char *const mac = get_local_mac_text();
     if (mac == nullptr) {
-        return false;
+        return -1;
     }
     const int card_addr = hwinfo_get_card_addr();
     if (card_addr == -1) {
-        log_error("couldn't get local card address");
-        return false;
+        return log_failure("couldn't get local card address");
     }
     char topic[64];
     snprintf(topic, sizeof topic, "pub/diag/%s/card_addr", mac);
     char payload[4];
     if (snprintf(payload, sizeof payload, "%d", card_addr) >= static_cast<int>(sizeof payload)) {
-        log_error("couldn't format local card address");
-        return false;
+        return log_failure("couldn't format local card address");
     }
     return publish_text(topic, payload);
 }
 
-bool init_modules(uint8_t node_number)
+int init_modules(uint8_t node_number)
 {
-    if (stats_init() == -1) {
-        log_error("couldn't initialize port statistics module");
-        return false;
+    const struct {
+        int (*init)(uint8_t node_number);
+        const char *failure;
+    } modules[] = {
+        {[](uint8_t) { return stats_init(); }, "couldn't initialize port statistics module"},
+        {[](uint8_t) { return remote_init(); }, "couldn't initialize fire communications module"},
+        {summary_init, "couldn't initialize node summary module"},
+        {[](uint8_t) { return auth_init(); }, "couldn't initialize authentication module"},
+        {command_init, "couldn't initialize command module"},
+    };
+    for (const auto &module : modules) {
+        if (module.init(node_number) == -1) {
+            return log_failure("%s", module.failure);
+        }
     }
-    if (remote_init() == -1) {
-        log_error("couldn't initialize fire communications module");
-        return false;
-    }
-    if (summary_init(node_number) == -1) {
-        log_error("couldn't initialize node summary module");
-        return false;
-    }
-    if (auth_init() == -1) {
-        log_error("couldn't initialize authentication module");
-        return false;
-    }
-    if (command_init(node_number) == -1) {
-        log_error("couldn't initialize command module");
-        return false;
-    }
-    return true;
+    return 0;
 }
 
 // Every step of the start-up in order, up to the running event loop; false when one has failed.
-bool start(int argc, char **argv, uint8_t &node_number)
+int start(int argc, char **argv, uint8_t &node_number)
 {
-    if (!install_signal_handlers() || !parse_options(argc, argv, node_number)) {
-        return false;
+    if (install_signal_handlers() == -1 || parse_options(argc, argv, node_number) == -1) {
+        return -1;
     }
     srand(node_number);
     if (event_init() == -1) {
-        log_error("couldn't initialize event loop");
-        return false;
+        return log_failure("couldn't initialize event loop");
     }
-    if (!wait_for_fire_network()) {
-        return false;
+    if (wait_for_fire_network() == -1) {
+        return -1;
     }
     if (broker_connect() == -1) {
-        log_error("couldn't connect to the broker");
-        return false;
+        return log_failure("couldn't connect to the broker");
     }
     // The client library has seeded the generator from the clock meanwhile. A node's first delays and
     // challenges follow from its number.
     srand(node_number);
-    if (!publish_local_node()) {
-        log_error("couldn't publish local node information");
-        return false;
+    if (publish_local_node() == -1) {
+        return log_failure("couldn't publish local node information");
     }
-    if (!publish_card_addr()) {
-        log_error("couldn't publish card address");
-        return false;
+    if (publish_card_addr() == -1) {
+        return log_failure("couldn't publish card address");
     }
     return init_modules(node_number);
 }
@@ -190,7 +176,7 @@ bool start(int argc, char **argv, uint8_t &node_number)
 int main(int argc, char **argv)
 {
     uint8_t node_number = 0;
-    if (start(argc, argv, node_number)) {
+    if (start(argc, argv, node_number) == 0) {
         event_loop();
     }
     // Whatever ended the run; each logs its own failure.
