@@ -320,7 +320,7 @@ void end_node()
         }
         check_for_leaks();
     }
-    remote_send_goodbye();
+    static_cast<void>(remote_send_goodbye());
     free_all();
 }
 

@@ -11,8 +11,8 @@
 #pragma once
 
 // Publishes the first challenge; called once at start-up, with the broker connected.
-int auth_init();
+[[nodiscard]] int auth_init();
 
 // Whether response, the digits and anything behind them, answers the challenge in force. -1 also when the
 // next challenge could not be published: no client can answer then until the one after it.
-int auth_check(const char *response, bool *ok);
+[[nodiscard]] int auth_check(const char *response, bool *ok);

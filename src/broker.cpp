@@ -487,7 +487,7 @@ int add_events()
     }
     unique_fd timer;
     if (timer_start(timer, MAINTENANCE, MAINTENANCE_PERIOD, maintenance_cb, nullptr, log_source) == -1) {
-        event_remove(socket);
+        static_cast<void>(event_remove(socket));
         return -1;
     }
     timer.release(); // open until the process ends or a tick fails

@@ -15,21 +15,21 @@ using broker_callback = void (*)(const char *topic, const void *payload, int len
 // Connects and waits for the broker's answer, 5 s at most once the TCP connection stands; while nobody
 // listens it tries again every 50 ms without limit. Returns 0 without a session when termination is requested
 // meanwhile.
-int broker_connect();
+[[nodiscard]] int broker_connect();
 
 // Closes the session and frees the client.
-int broker_disconnect();
+[[nodiscard]] int broker_disconnect();
 
 // Publishes retained, and not retained. Neither pointer may be null, also where length is 0.
-int broker_publish(const char *topic, const void *payload, size_t length);
-int broker_publish_unretained(const char *topic, const void *payload, size_t length);
+[[nodiscard]] int broker_publish(const char *topic, const void *payload, size_t length);
+[[nodiscard]] int broker_publish_unretained(const char *topic, const void *payload, size_t length);
 
 // Removes the retained value of the topic.
-int broker_unpublish(const char *topic);
+[[nodiscard]] int broker_unpublish(const char *topic);
 
 // Calls callback for every message whose topic matches the filter, until broker_unsubscribe. Filters may
 // repeat: each record is called, the newest first.
-int broker_subscribe(const char *filter, broker_callback callback, void *arg);
+[[nodiscard]] int broker_subscribe(const char *filter, broker_callback callback, void *arg);
 
 // Forgets every subscription of exactly this filter and tells the broker.
-int broker_unsubscribe(const char *filter);
+[[nodiscard]] int broker_unsubscribe(const char *filter);

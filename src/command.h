@@ -12,4 +12,4 @@
 
 // Starts serving requests; called once at start-up, after all other modules. Lists of nodes address this card,
 // and every other that carries it, by node_number: 1..255, or 0 for none. 0, or -1 after logging why.
-int command_init(uint8_t node_number);
+[[nodiscard]] int command_init(uint8_t node_number);

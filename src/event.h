@@ -19,7 +19,7 @@ using event_callback = void (*)(int fd, uint32_t events, void *arg);
 [[nodiscard]] int event_add(int fd, uint32_t events, event_callback callback, void *arg);
 
 // Forgets fd without closing it; callbacks may remove any descriptor, their own included. 0, or -1.
-int event_remove(int fd);
+[[nodiscard]] int event_remove(int fd);
 
 // The first step of every callback: 0, or -1 after logging that the descriptor has another event than EPOLLIN.
 [[nodiscard]] inline int event_check(uint32_t events, log_place caller)
@@ -28,7 +28,7 @@ int event_remove(int fd);
 }
 
 // Runs callbacks until terminate() is called (0), or until polling fails (-1).
-int event_loop();
+[[nodiscard]] int event_loop();
 
 // Signal handler that main installs for SIGTERM: notes the signal and calls terminate().
 void sigterm_handler(int signum);

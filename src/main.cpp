@@ -176,11 +176,11 @@ int start(int argc, char **argv, uint8_t &node_number)
 int main(int argc, char **argv)
 {
     uint8_t node_number = 0;
+    // Whatever ends the run; each logs its own failure.
     if (start(argc, argv, node_number) == 0) {
-        event_loop();
+        static_cast<void>(event_loop());
     }
-    // Whatever ended the run; each logs its own failure.
-    remote_send_goodbye();
-    broker_disconnect();
+    static_cast<void>(remote_send_goodbye());
+    static_cast<void>(broker_disconnect());
     return is_sigterm_received() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

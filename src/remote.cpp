@@ -947,7 +947,7 @@ int remote_init()
         return log_failure("couldn't open socket");
     }
     if (start_receiving() == -1) {
-        event_remove(socket_fd);
+        static_cast<void>(event_remove(socket_fd));
         close_socket();
         return -1;
     }

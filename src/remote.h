@@ -89,16 +89,16 @@ bool packet_parse(const uint8_t *buffer, size_t size, packet &packet_out);
 
 // Opens the multicast socket on the fire interface and makes the module's MQTT subscriptions; called at
 // start-up.
-int remote_init();
+[[nodiscard]] int remote_init();
 
 // Sends a whole packet to ip, an IPv4 address in dotted text, with one sendto.
-int send_packet(const char *ip, const uint8_t *buf, size_t len);
+[[nodiscard]] int send_packet(const char *ip, const uint8_t *buf, size_t len);
 
 // Multicasts this node's encoded summary (1014 bytes at most).
-int remote_send_summary(const uint8_t *data, size_t length);
+[[nodiscard]] int remote_send_summary(const uint8_t *data, size_t length);
 
 // Tells all nodes that this one leaves; called at shutdown.
-int remote_send_goodbye();
+[[nodiscard]] int remote_send_goodbye();
 
 // The outcome of a request that was accepted (returned 0), called once: acknowledged is 1, within about a second of the
 // acknowledgement, or 0, ten seconds after the first of ten unanswered transmissions. A refused request (-1) never
@@ -108,20 +108,22 @@ using request_result_cb = void (*)(int acknowledged, void *arg);
 // Requests to the node that topic, a filter pub/diag/<MAC>/..., names: to send what changes on its matching topics to
 // this node every period seconds (0: once), for this client, and to stop. Filters are valid and of 1003 and 1005
 // characters at most.
-int remote_subscribe(const char *topic, uint32_t client_id, uint16_t period, request_result_cb callback,
-                     void *arg);
-int remote_unsubscribe(const char *topic, uint32_t client_id, request_result_cb callback, void *arg);
+[[nodiscard]] int remote_subscribe(const char *topic, uint32_t client_id, uint16_t period,
+                                   request_result_cb callback, void *arg);
+[[nodiscard]] int remote_unsubscribe(const char *topic, uint32_t client_id, request_result_cb callback,
+                                     void *arg);
 
 // Ends every subscription of the client on all nodes; sent ten times, never acknowledged.
-int remote_unsubscribe_all(uint32_t client_id);
+[[nodiscard]] int remote_unsubscribe_all(uint32_t client_id);
 
 // Renews the client's subscriptions on all nodes, which otherwise expire 1200 s after they were made.
-int remote_send_client_keepalive(uint32_t client_id);
+[[nodiscard]] int remote_send_client_keepalive(uint32_t client_id);
 
 // Resets the statistics of a port of the node mac, and of all ports of all other nodes. Sent once, not acknowledged.
-int remote_reset_stats(const uint8_t *mac, int port);
-int remote_reset_all_stats();
+[[nodiscard]] int remote_reset_stats(const uint8_t *mac, int port);
+[[nodiscard]] int remote_reset_all_stats();
 
 // Requests that make the node mac publish value on its ACTIVATE_TOPIC or REMOTE_DOWNLOAD_TOPIC.
-int remote_activate(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg);
-int remote_set_remote_download(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg);
+[[nodiscard]] int remote_activate(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg);
+[[nodiscard]] int remote_set_remote_download(const uint8_t *mac, uint8_t value, request_result_cb callback,
+                                             void *arg);

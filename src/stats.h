@@ -14,11 +14,11 @@
 #pragma once
 
 // Subscribes to the port types and starts the PM timer; called once at start-up, with the broker connected.
-int stats_init();
+[[nodiscard]] int stats_init();
 
 // Lets the statistics of a port (hwinfo's numbers) start again from zero, without a PM history; its status is
 // computed anew. Fails for a port that is not tracked.
-int stats_reset_port(int port);
+[[nodiscard]] int stats_reset_port(int port);
 
 // Resets every tracked port; -1 when one of them failed, the others being reset all the same.
-int stats_reset_all();
+[[nodiscard]] int stats_reset_all();

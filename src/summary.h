@@ -140,22 +140,22 @@ enum summary_port_type {
 
 // Starts the module; called once at start-up, after the fire communications. node_number: 1..255, or 0 for
 // none.
-int summary_init(uint8_t node_number);
+[[nodiscard]] int summary_init(uint8_t node_number);
 
 // Changes of this node's ports, from the port statistics. port: hwinfo's numbers; down and grounded: 0 or 1;
 // status: port_status; media: hwinfo's numbers up to LUM_TYPE_NONE; type: summary_port_type. The CPU port has
 // no place in the summary: no byte changes for it.
-int summary_update_link(int port, int down);
-int summary_update_ground(int port, int grounded);
-int summary_update_status(int port, int status);
-int summary_update_media(int port, int media);
-int summary_update_type(int port, int type);
+[[nodiscard]] int summary_update_link(int port, int down);
+[[nodiscard]] int summary_update_ground(int port, int grounded);
+[[nodiscard]] int summary_update_status(int port, int status);
+[[nodiscard]] int summary_update_media(int port, int media);
+[[nodiscard]] int summary_update_type(int port, int type);
 
 // Applies a summary received from the node mac; a node not heard of before gets a record.
-int summary_process(const uint8_t *mac, const uint8_t *payload, size_t length);
+[[nodiscard]] int summary_process(const uint8_t *mac, const uint8_t *payload, size_t length);
 
 // Forgets the node mac and withdraws what was published for it. The local node is never forgotten.
-int summary_clear(const uint8_t *mac);
+[[nodiscard]] int summary_clear(const uint8_t *mac);
 
 // Writes the MAC addresses of the nodes with this number, 6 bytes each, as many as fit; returns how many.
 size_t summary_get_mac_addrs(uint8_t node_number, uint8_t *macs_out, size_t capacity);

@@ -32,7 +32,7 @@ int timer_arm(int fd, const timer_names &names, const itimerspec &expiry, log_pl
 void timer_stop(unique_fd &timer)
 {
     if (timer.is_open()) {
-        event_remove(timer.get());
+        static_cast<void>(event_remove(timer.get()));
         timer.reset();
     }
 }

@@ -16,7 +16,7 @@ int is_terminated();
 [[nodiscard]] int get_time(timespec &now_out, log_place caller);
 
 // 1 when a is later than b, -1 when earlier, 0 when equal or either is null (which is logged).
-int timespec_cmp(const timespec *a, const timespec *b);
+[[nodiscard]] int timespec_cmp(const timespec *a, const timespec *b);
 // |a - b| and a + b of normalised times, normalised; {-1, -1} when either is null (which is logged).
 timespec timespec_diff(const timespec *a, const timespec *b);
 timespec timespec_sum(const timespec *a, const timespec *b);
@@ -27,7 +27,7 @@ timespec timespec_sum(const timespec *a, const timespec *b);
 const uint8_t *find_mac_addr_in_topic(const char *topic);
 
 // The port (hwinfo's numbers) in a topic local/diag/port/<PORT>/...: 0, or -1 with *port_out untouched.
-int find_port_in_local_topic(const char *topic, int *port_out);
+[[nodiscard]] int find_port_in_local_topic(const char *topic, int *port_out);
 
 // Software versions of the card: each fills two fields of fixed width, padded with blanks and not terminated,
 // with the text before and after the first colon of its source. 0, or -1 with both fields blank.
@@ -36,6 +36,6 @@ int find_port_in_local_topic(const char *topic, int *port_out);
 //     get_priapp_version   first line of /REVISION_PRIAPP
 //     get_eboot_version    bootrev="NAME:VERSION TAIL" in /proc/cmdline; of the tail, what follows its first
 //                          dash is set against the right edge of the version field
-int get_eos_version(char *name, size_t name_size, char *version, size_t version_size);
-int get_priapp_version(char *name, size_t name_size, char *version, size_t version_size);
-int get_eboot_version(char *name, size_t name_size, char *version, size_t version_size);
+[[nodiscard]] int get_eos_version(char *name, size_t name_size, char *version, size_t version_size);
+[[nodiscard]] int get_priapp_version(char *name, size_t name_size, char *version, size_t version_size);
+[[nodiscard]] int get_eboot_version(char *name, size_t name_size, char *version, size_t version_size);

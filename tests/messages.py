@@ -12,7 +12,11 @@ from pathlib import Path
 
 SOURCE = Path(__file__).resolve().parent.parent / "src"
 LITERALS = r'(?:"(?:[^"\\\n]|\\.)*"\s*)+'
-CALL = re.compile(r"log_(?:component_)?error\(\s*(?:LUMLOG_\w+\s*,\s*)?(" + LITERALS + ")")
+CALL = re.compile(r"log_(?:component_)?(?:error|failure|failure_at)\(\s*(?:(?:LUMLOG_\w+|caller)\s*,\s*)?(" + LITERALS + ")")
+# Messages of timers name the timer; a module gives its names in a constant.
+TIMER_FORMATS = "timer.cpp"
+TIMER_NAMES = re.compile(r'timer_names (\w+) = \{"([^"]+)", "([^"]+)"\}')
+TIMER_CALLS = {"start": ["create", "arm", "add"], "arm": ["arm"], "take": ["clear"]}
 # A format of these begins with a text out of a table in the same file.
 VARIABLE = re.compile(r"%s(?: \(|$)")
 LOG_SOURCE = re.compile(r'log_source = "([^"]+)"')
@@ -26,12 +30,29 @@ def joined(literals):
     return text.replace('\\"', '"')
 
 
+def sources():
+    """Pairs of source file, as in src/, and its text without comments."""
+    for path in sorted([*SOURCE.rglob("*.cpp"), *SOURCE.rglob("*.h")]):
+        yield str(path.relative_to(SOURCE)), re.sub(r"//[^\n]*", "", path.read_text(encoding="utf-8"))
+
+
+def timer_messages(text, formats):
+    """What the formats say of the timers that the source text starts, arms and takes."""
+    for constant, timer, event in TIMER_NAMES.findall(text):
+        for call, verbs in TIMER_CALLS.items():
+            if re.search(rf"timer_{call}\([^;]*?\b{constant}\b", text):
+                for form in formats:
+                    if form.split()[1] in verbs:
+                        yield form.replace("%s", event if form.endswith("event") else timer)
+
+
 def messages():
     """Pairs of source file, as in src/, and format."""
     found = {("common/lumlog.cpp", text) for text in LOGGED_BY_LUMLOG}
-    for path in sorted(SOURCE.rglob("*.cpp")):
-        text = re.sub(r"//[^\n]*", "", path.read_text(encoding="utf-8"))
-        name = str(path.relative_to(SOURCE))
+    texts = dict(sources())
+    timer_formats = {joined(match) for match in CALL.findall(texts.pop(TIMER_FORMATS))}
+    for name, text in texts.items():
+        found |= {(name, form) for form in timer_messages(text, timer_formats)}
         formats = {joined(match) for match in CALL.findall(text)}
         variable = {form for form in formats if VARIABLE.match(form)}
         found |= {(name, form) for form in formats - variable}
@@ -64,16 +85,17 @@ def check(document):
 
 def calls():
     """(file, its log source, first line, last line, format) of each call."""
-    for path in sorted(SOURCE.rglob("*.cpp")):
-        text = re.sub(r"//[^\n]*", "", path.read_text(encoding="utf-8"))
+    for name, text in sources():
         source = LOG_SOURCE.search(text)
         for match in CALL.finditer(text):
+            if not source:  # logs for its callers, at their places
+                continue
             depth, end = 1, match.end()
             while depth:
                 depth += {"(": 1, ")": -1}.get(text[end], 0)
                 end += 1
             first, last = (text.count("\n", 0, place) + 1 for place in (match.start(), end))
-            yield str(path.relative_to(SOURCE)), source[1], first, last, joined(match[1])
+            yield name, source[1], first, last, joined(match[1])
 
 
 def seen(lines_file):
