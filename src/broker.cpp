@@ -29,6 +29,7 @@
 namespace
 {
 
+// Operators search for the messages of this file as they are, "couldn't allocation" included.
 constexpr const char *log_source = "broker";
 
 constexpr const char *CLIENT_ID = "diag";

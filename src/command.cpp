@@ -379,11 +379,11 @@ void dispatch_targets(command_record &record, const target_operation &operation,
 }
 
 void run_on_targets(command_ptr record, const target_operation &operation, uint8_t value, const char *list,
-                    const char *response)
+                    const char *digest)
 {
     bool is_authentic;
-    if (auth_check(response, &is_authentic) == -1) {
-        log_error("couldn't check authentication of %s", response);
+    if (auth_check(digest, &is_authentic) == -1) {
+        log_error("couldn't check authentication of %s", digest);
         end_unless_sent(refuse(*record, "internal error"));
         return;
     }
@@ -403,7 +403,7 @@ void run_on_targets(command_ptr record, const target_operation &operation, uint8
         return;
     }
     if ((record->failed_count > 0 ? send_nack_multitarget(*record) : send_ack(*record)) == -1) {
-        log_error("couldn't send NACK response");
+        log_error("couldn't send NACK digest");
         terminate();
     }
 }
@@ -572,15 +572,15 @@ void process_remote_download(char *arguments, command_ptr record)
 {
     char *const flag = find_field(arguments);
     char *const list = find_field(find_field_end(flag));
-    char *const response = find_field(find_field_end(list));
-    if (*response == '\0' || find_field_end(flag) != flag + 1 || (*flag != '0' && *flag != '1')) {
+    char *const digest = find_field(find_field_end(list));
+    if (*digest == '\0' || find_field_end(flag) != flag + 1 || (*flag != '0' && *flag != '1')) {
         log_error("couldn't parse remote download command %s", arguments);
         end_unless_sent(refuse(*record, "invalid input"));
         return;
     }
     *find_field_end(list) = '\0';
-    *find_field_end(response) = '\0';
-    run_on_targets(std::move(record), REMOTE_DOWNLOAD, *flag == '1' ? 1 : 0, list, response);
+    *find_field_end(digest) = '\0';
+    run_on_targets(std::move(record), REMOTE_DOWNLOAD, *flag == '1' ? 1 : 0, list, digest);
 }
 
 struct command {

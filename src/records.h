@@ -136,7 +136,7 @@ inline constexpr std::array<stats_field, 15> STATS_FIELDS = {{
 }};
 
 // The field at this offset; only for offsets of fields.
-constexpr const stats_field &stats_field_at(size_t offset)
+consteval const stats_field &stats_field_at(size_t offset)
 {
     size_t i = 0;
     while (STATS_FIELDS[i].offset != offset) {

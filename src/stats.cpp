@@ -29,6 +29,7 @@
 namespace
 {
 
+// Operators search for the messages of this file as they are, "udpate" included.
 constexpr const char *log_source = "stats";
 
 constexpr const char *TYPE_FILTER = "local/diag/port/+/type";

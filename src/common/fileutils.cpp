@@ -20,8 +20,7 @@ int read_start(const char *path, char *buffer, int length)
 {
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd == -1) {
-        log_component_error(LUMLOG_LUMLOG, "couldn't open file %s for reading", path);
-        return -1;
+        return log_component_failure(LUMLOG_LUMLOG, "couldn't open file %s for reading", path);
     }
     int count = 0;
     while (count < length) {
@@ -32,13 +31,11 @@ int read_start(const char *path, char *buffer, int length)
         count += static_cast<int>(result);
     }
     if (close(fd) == -1) {
-        log_component_error(LUMLOG_LUMLOG, "error closing file %s", path);
-        return -1;
+        return log_component_failure(LUMLOG_LUMLOG, "error closing file %s", path);
     }
     if (count < length) {
-        log_component_error(LUMLOG_LUMLOG, "error reading from file %s (read %d bytes, expected %d)", path,
-                            count, length);
-        return -1;
+        return log_component_failure(LUMLOG_LUMLOG, "error reading from file %s (read %d bytes, expected %d)",
+                                     path, count, length);
     }
     return 0;
 }
@@ -48,16 +45,14 @@ int read_start(const char *path, char *buffer, int length)
 int fileutils_read_gpio(const char *path)
 {
     if (path == nullptr) {
-        log_component_error(LUMLOG_LUMLOG, "no path specified");
-        return -1;
+        return log_component_failure(LUMLOG_LUMLOG, "no path specified");
     }
     char value = 0;
     if (read_start(path, &value, 1) == -1) {
         return -1;
     }
     if (value != '0' && value != '1') {
-        log_component_error(LUMLOG_LUMLOG, "value read (%c) is not 0 or 1", value);
-        return -1;
+        return log_component_failure(LUMLOG_LUMLOG, "value read (%c) is not 0 or 1", value);
     }
     return value - '0';
 }
@@ -65,12 +60,10 @@ int fileutils_read_gpio(const char *path)
 int fileutils_read_register_u8(const char *path, uint8_t *value_out)
 {
     if (path == nullptr) {
-        log_component_error(LUMLOG_LUMLOG, "no path specified");
-        return -1;
+        return log_component_failure(LUMLOG_LUMLOG, "no path specified");
     }
     if (value_out == nullptr) {
-        log_component_error(LUMLOG_LUMLOG, "no value destination specified");
-        return -1;
+        return log_component_failure(LUMLOG_LUMLOG, "no value destination specified");
     }
     char text[REGISTER_LENGTH + 1] = {};
     if (read_start(path, text, REGISTER_LENGTH) == -1) {
@@ -80,9 +73,8 @@ int fileutils_read_register_u8(const char *path, uint8_t *value_out)
     errno = 0;
     const unsigned long value = strtoul(text, &end, 0);
     if (errno != 0 || end != text + REGISTER_LENGTH) {
-        log_component_error(LUMLOG_LUMLOG, "error converting string \"%s\" to unsigned long (errno %d)", text,
-                            errno);
-        return -1;
+        return log_component_failure(
+            LUMLOG_LUMLOG, "error converting string \"%s\" to unsigned long (errno %d)", text, errno);
     }
     *value_out = static_cast<uint8_t>(value);
     return 0;

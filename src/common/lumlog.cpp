@@ -23,7 +23,7 @@ struct facility_row {
 };
 
 // The components of the whole platform share one rc file; this program logs as three of them only.
-constexpr std::array<facility_row, LUMLOG_FACILITIES> facilities = {{
+constexpr std::array<facility_row, LUMLOG_FACILITIES> FACILITIES = {{
     {"LUMLOG_BOOT", "boot", LOG_LOCAL4},         {"LUMLOG_SYSTEM", "system", LOG_LOCAL4},
     {"LUMLOG_CONFIG", "config", LOG_LOCAL4},     {"LUMLOG_LUMLOG", "lumlog", LOG_LOCAL4},
     {"LUMLOG_WATCHDOG", "watchdog", LOG_LOCAL4}, {"LUMLOG_CLOCK", "clock", LOG_LOCAL4},
@@ -39,7 +39,7 @@ constexpr std::array<facility_row, LUMLOG_FACILITIES> facilities = {{
 
 constexpr bool has_key(int facility, std::string_view key)
 {
-    return facilities[static_cast<size_t>(facility)].rc_key == key;
+    return FACILITIES[static_cast<size_t>(facility)].rc_key == key;
 }
 static_assert(has_key(LUMLOG_LUMLOG, "LUMLOG_LUMLOG") && has_key(LUMLOG_HWINFO, "LUMLOG_HWINFO") &&
               has_key(LUMLOG_DIAG, "LUMLOG_DIAG"));
@@ -50,7 +50,7 @@ struct level_row {
 };
 
 // The first row whose name starts the text wins: "warn" also serves "warning".
-constexpr std::array<level_row, 11> rc_levels = {{
+constexpr std::array<level_row, 11> RC_LEVELS = {{
     {"alert", LOG_ALERT},
     {"crit", LOG_CRIT},
     {"debug", LOG_DEBUG},
@@ -64,7 +64,7 @@ constexpr std::array<level_row, 11> rc_levels = {{
     {"warning", LOG_WARNING},
 }};
 
-constexpr std::array<level_row, 4> printed_levels = {{
+constexpr std::array<level_row, 4> PRINTED_LEVELS = {{
     {"CRITICAL", LOG_CRIT},
     {"ERROR", LOG_ERR},
     {"INFO", LOG_INFO},
@@ -95,11 +95,11 @@ private:
 
 void apply_rc_line(const char *key, const char *value)
 {
-    for (size_t facility = 0; facility < facilities.size(); facility++) {
-        if (strcasecmp(facilities[facility].rc_key, key) != 0) {
+    for (size_t facility = 0; facility < FACILITIES.size(); facility++) {
+        if (strcasecmp(FACILITIES[facility].rc_key, key) != 0) {
             continue;
         }
-        for (const level_row &row : rc_levels) {
+        for (const level_row &row : RC_LEVELS) {
             if (strncasecmp(row.name, value, strlen(row.name)) == 0) {
                 state.thresholds[facility] = row.level;
                 return;
@@ -111,7 +111,7 @@ void apply_rc_line(const char *key, const char *value)
 
 const char *printed_level(int level)
 {
-    for (const level_row &row : printed_levels) {
+    for (const level_row &row : PRINTED_LEVELS) {
         if (row.level == level) {
             return row.name;
         }
@@ -187,8 +187,8 @@ void lumlog(int level, int facility, const char *file, int line, const char *for
         return;
     }
 
-    const char *const component = facilities[row].component;
-    const int priority = level | facilities[row].syslog_facility;
+    const char *const component = FACILITIES[row].component;
+    const int priority = level | FACILITIES[row].syslog_facility;
     char *message = nullptr;
     va_list arguments;
     va_start(arguments, format);

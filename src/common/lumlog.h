@@ -39,6 +39,7 @@ int get_next_rcline(char **key, char **value);
 
 // The same, and -1, which the function that has failed returns.
 #define log_failure(...) (log_error(__VA_ARGS__), -1)
+#define log_component_failure(facility, ...) (log_component_error(facility, __VA_ARGS__), -1)
 
 // What modules share logs for the module that calls it, which passes its log_source; the compiler adds the line.
 struct log_place {

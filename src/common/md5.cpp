@@ -11,7 +11,7 @@ namespace
 {
 
 // floor(2^32 * |sin(i + 1)|)
-constexpr std::array<uint32_t, 64> sines = {
+constexpr std::array<uint32_t, 64> SINES = {
     0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf, 0x4787c62a, 0xa8304613, 0xfd469501,
     0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be, 0x6b901122, 0xfd987193, 0xa679438e, 0x49b40821,
     0xf61e2562, 0xc040b340, 0x265e5a51, 0xe9b6c7aa, 0xd62f105d, 0x02441453, 0xd8a1e681, 0xe7d3fbc8,
@@ -21,7 +21,7 @@ constexpr std::array<uint32_t, 64> sines = {
     0xf4292244, 0x432aff97, 0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1,
     0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391};
 
-constexpr std::array<std::array<int, 4>, 4> rotations = {
+constexpr std::array<std::array<int, 4>, 4> ROTATIONS = {
     {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}}};
 
 constexpr uint8_t PADDING_START = 0x80;
@@ -33,7 +33,7 @@ void transform(uint32_t *state, const uint8_t *block)
     uint32_t b = state[1];
     uint32_t c = state[2];
     uint32_t d = state[3];
-    for (size_t i = 0; i < sines.size(); i++) {
+    for (size_t i = 0; i < SINES.size(); i++) {
         const size_t round = i / 16;
         uint32_t mixed = 0;
         size_t word = 0;
@@ -55,11 +55,11 @@ void transform(uint32_t *state, const uint8_t *block)
             word = 7 * i;
             break;
         }
-        mixed += a + sines[i] + load_le<uint32_t>(block + sizeof(uint32_t) * (word % 16));
+        mixed += a + SINES[i] + load_le<uint32_t>(block + sizeof(uint32_t) * (word % 16));
         a = d;
         d = c;
         c = b;
-        b += std::rotl(mixed, rotations[round][i % 4]);
+        b += std::rotl(mixed, ROTATIONS[round][i % 4]);
     }
     state[0] += a;
     state[1] += b;

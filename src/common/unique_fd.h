@@ -8,7 +8,8 @@
 class unique_fd
 {
 public:
-    explicit unique_fd(int fd = -1) : fd_(fd) {}
+    unique_fd() = default;
+    explicit unique_fd(int fd) : fd_(fd) {}
     ~unique_fd() { reset(); }
     unique_fd(unique_fd &&other) noexcept : fd_(other.release()) {}
     unique_fd &operator=(unique_fd &&other) noexcept
@@ -30,5 +31,5 @@ public:
     }
 
 private:
-    int fd_;
+    int fd_ = -1;
 };

@@ -46,7 +46,7 @@ struct named_port {
     const char *lower;
     const char *upper;
 };
-constexpr std::array<named_port, LUM_PORT_CPU + 1> port_names = {{
+constexpr std::array<named_port, LUM_PORT_CPU + 1> PORT_NAMES = {{
     {"a", "A"},
     {"b", "B"},
     {"c", "C"},
@@ -58,18 +58,18 @@ constexpr std::array<named_port, LUM_PORT_CPU + 1> port_names = {{
     {"cpu", "CPU"},
 }};
 
-constexpr std::array<const char *, LUM_TYPE_UNKNOWN + 1> type_names = {"eth", "dsl",  "smf",
+constexpr std::array<const char *, LUM_TYPE_UNKNOWN + 1> TYPE_NAMES = {"eth", "dsl",  "smf",
                                                                        "mmf", "none", "unknown"};
 
-constexpr std::array<uint8_t, MAC_SIZE> management_mac = {0x01, 0x50, 0x43, 0x00, 0x00, 0x00};
+constexpr std::array<uint8_t, MAC_SIZE> MANAGEMENT_MAC = {0x01, 0x50, 0x43, 0x00, 0x00, 0x00};
 
 constexpr size_t GPIO_BITS = 4;
 using gpio_paths = std::array<const char *, GPIO_BITS>; // lowest bit first
-constexpr gpio_paths flavor_variables = {"VEXA_GPIO_FLAVOR0", "VEXA_GPIO_FLAVOR1", "VEXA_GPIO_FLAVOR2",
+constexpr gpio_paths FLAVOR_VARIABLES = {"VEXA_GPIO_FLAVOR0", "VEXA_GPIO_FLAVOR1", "VEXA_GPIO_FLAVOR2",
                                          "VEXA_GPIO_FLAVOR3"};
-constexpr gpio_paths hw_ver_variables = {"VEXA_GPIO_HW_VER0", "VEXA_GPIO_HW_VER1", "VEXA_GPIO_HW_VER2",
+constexpr gpio_paths HW_VER_VARIABLES = {"VEXA_GPIO_HW_VER0", "VEXA_GPIO_HW_VER1", "VEXA_GPIO_HW_VER2",
                                          "VEXA_GPIO_HW_VER3"};
-constexpr gpio_paths hw_ver_default_paths = {"/sys/class/gpio/p1.15/value", "/sys/class/gpio/p1.16/value",
+constexpr gpio_paths HW_VER_DEFAULT_PATHS = {"/sys/class/gpio/p1.15/value", "/sys/class/gpio/p1.16/value",
                                              "/sys/class/gpio/p1.17/value", "/sys/class/gpio/p1.18/value"};
 
 struct port_map_entry {
@@ -145,7 +145,7 @@ port_map *lum_map;
 
 const named_port *find_port_name(int port)
 {
-    return port >= 0 && static_cast<size_t>(port) < port_names.size() ? &port_names[static_cast<size_t>(port)]
+    return port >= 0 && static_cast<size_t>(port) < PORT_NAMES.size() ? &PORT_NAMES[static_cast<size_t>(port)]
                                                                       : nullptr;
 }
 
@@ -188,12 +188,10 @@ int init_card_type()
     }
     uint8_t value = 0;
     if (fileutils_read_register_u8(path, &value) == -1) {
-        log_component_error(LUMLOG_HWINFO, "error reading card type value (path %s)", path);
-        return -1;
+        return log_component_failure(LUMLOG_HWINFO, "error reading card type value (path %s)", path);
     }
     if (value != KNOWN_CARD_TYPE) {
-        log_component_error(LUMLOG_HWINFO, "unknown card type 0x%x", value);
-        return -1;
+        return log_component_failure(LUMLOG_HWINFO, "unknown card type 0x%x", value);
     }
     hardware_card_type = value;
     return 0;
@@ -202,7 +200,7 @@ int init_card_type()
 int init_flavor()
 {
     uint32_t value = 0;
-    if (read_gpios(get_gpio_paths(flavor_variables), value) == -1) {
+    if (read_gpios(get_gpio_paths(FLAVOR_VARIABLES), value) == -1) {
         return -1;
     }
     switch (value) {
@@ -213,16 +211,15 @@ int init_flavor()
         card_flavor = value;
         return 0;
     default:
-        log_component_error(LUMLOG_HWINFO, "unknown flavor value: %d", static_cast<int>(value));
-        return -1;
+        return log_component_failure(LUMLOG_HWINFO, "unknown flavor value: %d", static_cast<int>(value));
     }
 }
 
 int init_hw_ver()
 {
-    gpio_paths paths = get_gpio_paths(hw_ver_variables);
+    gpio_paths paths = get_gpio_paths(HW_VER_VARIABLES);
     if (std::find(paths.begin(), paths.end(), nullptr) != paths.end()) {
-        paths = hw_ver_default_paths;
+        paths = HW_VER_DEFAULT_PATHS;
     }
     return read_gpios(paths, card_hw_ver);
 }
@@ -235,8 +232,7 @@ int init_fpga_rev()
     }
     uint8_t value = 0;
     if (fileutils_read_register_u8(path, &value) == -1) {
-        log_component_error(LUMLOG_HWINFO, "error reading FPGA rev (path %s)", path);
-        return -1;
+        return log_component_failure(LUMLOG_HWINFO, "error reading FPGA rev (path %s)", path);
     }
     is_old_card = value <= LAST_OLD_FPGA_REV;
     return 0;
@@ -253,8 +249,8 @@ int select_map()
         lum_map = &lum_map_nic_box;
         return 0;
     default:
-        log_component_error(LUMLOG_HWINFO, "unsupported card flavor %d", static_cast<int>(card_flavor));
-        return -1;
+        return log_component_failure(LUMLOG_HWINFO, "unsupported card flavor %d",
+                                     static_cast<int>(card_flavor));
     }
 }
 
@@ -264,17 +260,15 @@ int set_port_types()
         const char *presence_variable;
         const char *type_variable;
     };
-    constexpr std::array<media_card, MEDIA_CARDS> media_cards = {{
+    constexpr std::array<media_card, MEDIA_CARDS> SLOTS = {{
         {"VEXA_MEDIACARD0_PRESENCE", "VEXA_MEDIACARD0_FILE"},
         {"VEXA_MEDIACARD1_PRESENCE", "VEXA_MEDIACARD1_FILE"},
     }};
     std::array<int32_t, MEDIA_CARDS + 1> types{};
-    for (size_t i = 0; i < media_cards.size(); i++) {
-        types[i] = hwinfo_mc_type_get(getenv(media_cards[i].presence_variable),
-                                      getenv(media_cards[i].type_variable));
+    for (size_t i = 0; i < SLOTS.size(); i++) {
+        types[i] = hwinfo_mc_type_get(getenv(SLOTS[i].presence_variable), getenv(SLOTS[i].type_variable));
         if (types[i] == LUM_TYPE_UNKNOWN) {
-            log_component_error(LUMLOG_HWINFO, "mc%zu error", i);
-            return -1;
+            return log_component_failure(LUMLOG_HWINFO, "mc%zu error", i);
         }
     }
     types[ON_CARD] = LUM_TYPE_ETH;
@@ -288,8 +282,7 @@ int set_port_types()
 int get_count(int32_t port_map::*count, uint32_t *count_out)
 {
     if (count_out == nullptr) {
-        log_component_error(LUMLOG_HWINFO, "NULL pointer received as argument");
-        return -1;
+        return log_component_failure(LUMLOG_HWINFO, "NULL pointer received as argument");
     }
     if (lum_map == nullptr) {
         return -1;
@@ -321,8 +314,7 @@ template <typename T>
 int copy_out(const T &value, T *value_out)
 {
     if (value_out == nullptr) {
-        log_component_error(LUMLOG_HWINFO, "NULL pointer received as argument");
-        return -1;
+        return log_component_failure(LUMLOG_HWINFO, "NULL pointer received as argument");
     }
     *value_out = value;
     return 0;
@@ -363,7 +355,7 @@ int hwinfo_lumport_str_to_enum(const char *text, int *port_out)
 
 const char *hwinfo_lumtype_enum_to_str(int type)
 {
-    return type >= 0 && static_cast<size_t>(type) < type_names.size() ? type_names[static_cast<size_t>(type)]
+    return type >= 0 && static_cast<size_t>(type) < TYPE_NAMES.size() ? TYPE_NAMES[static_cast<size_t>(type)]
                                                                       : nullptr;
 }
 
@@ -373,7 +365,7 @@ int hwinfo_lumtype_str_to_enum(const char *text)
         return LUM_TYPE_UNKNOWN;
     }
     int type = LUM_TYPE_ETH;
-    while (type < LUM_TYPE_UNKNOWN && strcasecmp(text, type_names[static_cast<size_t>(type)]) != 0) {
+    while (type < LUM_TYPE_UNKNOWN && strcasecmp(text, TYPE_NAMES[static_cast<size_t>(type)]) != 0) {
         type++;
     }
     return type;
@@ -392,19 +384,16 @@ port_name::port_name(int port)
 int hwinfo_get_local_mac_addr(uint8_t *mac_out)
 {
     if (mac_out == nullptr) {
-        log_component_error(LUMLOG_HWINFO, "NULL pointer received as argument");
-        return -1;
+        return log_component_failure(LUMLOG_HWINFO, "NULL pointer received as argument");
     }
     const unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!sock.is_open()) {
-        log_component_error(LUMLOG_HWINFO, "couldn't create socket (errno %d)", errno);
-        return -1;
+        return log_component_failure(LUMLOG_HWINFO, "couldn't create socket (errno %d)", errno);
     }
     ifreq request{};
     (void)snprintf(request.ifr_name, sizeof request.ifr_name, "eth0");
     if (ioctl(sock.get(), SIOCGIFHWADDR, &request) == -1) {
-        log_component_error(LUMLOG_HWINFO, "couldn't get MAC address (errno %d)", errno);
-        return -1;
+        return log_component_failure(LUMLOG_HWINFO, "couldn't get MAC address (errno %d)", errno);
     }
     memcpy(mac_out, request.ifr_hwaddr.sa_data, MAC_SIZE);
     return 0;
@@ -418,8 +407,7 @@ int hwinfo_get_dipswitch()
     }
     uint8_t value = 0;
     if (fileutils_read_register_u8(path, &value) == -1) {
-        log_component_error(LUMLOG_HWINFO, "error reading card address (path %s)", path);
-        return -1;
+        return log_component_failure(LUMLOG_HWINFO, "error reading card address (path %s)", path);
     }
     return value;
 }
@@ -442,7 +430,7 @@ int hwinfo_init()
         int (*run)();
         const char *failure; // null where the step's own message says it all
     };
-    constexpr std::array<init_step, 6> steps = {{
+    constexpr std::array<init_step, 6> STEPS = {{
         {init_card_type, "HW card type initialization failed"},
         {init_flavor, "HW card flavor initialization failed"},
         {init_hw_ver, "HW card ver initialization failed"},
@@ -450,7 +438,7 @@ int hwinfo_init()
         {select_map, nullptr},
         {set_port_types, "map port types failed"},
     }};
-    for (const init_step &step : steps) {
+    for (const init_step &step : STEPS) {
         if (step.run() == -1) {
             if (step.failure != nullptr) {
                 log_component_error(LUMLOG_HWINFO, "%s", step.failure);
@@ -580,9 +568,8 @@ int hwinfo_get_switch_downstream_port(int switch_number, int *port_out)
 int hwinfo_get_management_mac_addr(uint8_t *mac_out)
 {
     if (mac_out == nullptr) {
-        log_component_error(LUMLOG_HWINFO, "NULL pointer received as argument");
-        return -1;
+        return log_component_failure(LUMLOG_HWINFO, "NULL pointer received as argument");
     }
-    std::copy(management_mac.begin(), management_mac.end(), mac_out);
+    std::copy(MANAGEMENT_MAC.begin(), MANAGEMENT_MAC.end(), mac_out);
     return 0;
 }
