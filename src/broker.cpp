@@ -173,6 +173,35 @@ void publish_cb(mosquitto *, void *, int mid)
     }
 }
 
+} // namespace
+
+int broker_publish(const char *topic, const void *payload, size_t length)
+{
+    if (check_arguments(topic != nullptr && payload != nullptr, log_source) == -1) {
+        return -1;
+    }
+    return publish(topic, payload, length, true);
+}
+
+int broker_publish_unretained(const char *topic, const void *payload, size_t length)
+{
+    if (check_arguments(topic != nullptr && payload != nullptr, log_source) == -1) {
+        return -1;
+    }
+    return publish(topic, payload, length, false);
+}
+
+int broker_unpublish(const char *topic)
+{
+    if (check_arguments(topic != nullptr, log_source) == -1) {
+        return -1;
+    }
+    return publish(topic, nullptr, 0, true);
+}
+
+namespace
+{
+
 //
 // Subscriptions
 //
@@ -254,6 +283,59 @@ void release_removed_subscriptions()
         subscriptions.remove(record);
     }
 }
+
+} // namespace
+
+int broker_subscribe(const char *filter, broker_callback callback, void *arg)
+{
+    if (check_arguments(filter != nullptr && callback != nullptr, log_source) == -1) {
+        return -1;
+    }
+    std::unique_ptr<subscription> record(new (std::nothrow) subscription{});
+    if (!record) {
+        return log_failure("couldn't allocation subscription structure");
+    }
+    record->filter = copy_text(filter);
+    if (!record->filter) {
+        return log_failure("couldn't duplicate topic string");
+    }
+    set_head_and_tail(*record);
+    record->number = ++num_subscriptions;
+    record->callback = callback;
+    record->arg = arg;
+    if (get_time(record->sent, log_source) == -1) {
+        return -1;
+    }
+    if (send_subscription(*record) == -1 || index_subscription(*record) == -1) {
+        return -1;
+    }
+    subscriptions.add(std::move(record));
+    return 0;
+}
+
+int broker_unsubscribe(const char *filter)
+{
+    if (check_arguments(filter != nullptr, log_source) == -1) {
+        return -1;
+    }
+    for (subscription &record : subscriptions) {
+        if (strcmp(record.filter.get(), filter) == 0) {
+            record.removed = true;
+            has_removed_subscriptions = true;
+        }
+    }
+    if (!dispatching) {
+        release_removed_subscriptions();
+    }
+    const int result = mosquitto_unsubscribe(mosq, nullptr, filter);
+    if (result != MOSQ_ERR_SUCCESS) {
+        return log_failure("couldn't unsubscribe from topic %s (%s)", filter, mosquitto_strerror(result));
+    }
+    return 0;
+}
+
+namespace
+{
 
 //
 // Dispatch
@@ -607,77 +689,5 @@ int broker_disconnect()
         return log_failure("couldn't disconnect mosquitto instance");
     }
     destroy_client();
-    return 0;
-}
-
-int broker_publish(const char *topic, const void *payload, size_t length)
-{
-    if (check_arguments(topic != nullptr && payload != nullptr, log_source) == -1) {
-        return -1;
-    }
-    return publish(topic, payload, length, true);
-}
-
-int broker_publish_unretained(const char *topic, const void *payload, size_t length)
-{
-    if (check_arguments(topic != nullptr && payload != nullptr, log_source) == -1) {
-        return -1;
-    }
-    return publish(topic, payload, length, false);
-}
-
-int broker_unpublish(const char *topic)
-{
-    if (check_arguments(topic != nullptr, log_source) == -1) {
-        return -1;
-    }
-    return publish(topic, nullptr, 0, true);
-}
-
-int broker_subscribe(const char *filter, broker_callback callback, void *arg)
-{
-    if (check_arguments(filter != nullptr && callback != nullptr, log_source) == -1) {
-        return -1;
-    }
-    std::unique_ptr<subscription> record(new (std::nothrow) subscription{});
-    if (!record) {
-        return log_failure("couldn't allocation subscription structure");
-    }
-    record->filter = copy_text(filter);
-    if (!record->filter) {
-        return log_failure("couldn't duplicate topic string");
-    }
-    set_head_and_tail(*record);
-    record->number = ++num_subscriptions;
-    record->callback = callback;
-    record->arg = arg;
-    if (get_time(record->sent, log_source) == -1) {
-        return -1;
-    }
-    if (send_subscription(*record) == -1 || index_subscription(*record) == -1) {
-        return -1;
-    }
-    subscriptions.add(std::move(record));
-    return 0;
-}
-
-int broker_unsubscribe(const char *filter)
-{
-    if (check_arguments(filter != nullptr, log_source) == -1) {
-        return -1;
-    }
-    for (subscription &record : subscriptions) {
-        if (strcmp(record.filter.get(), filter) == 0) {
-            record.removed = true;
-            has_removed_subscriptions = true;
-        }
-    }
-    if (!dispatching) {
-        release_removed_subscriptions();
-    }
-    const int result = mosquitto_unsubscribe(mosq, nullptr, filter);
-    if (result != MOSQ_ERR_SUCCESS) {
-        return log_failure("couldn't unsubscribe from topic %s (%s)", filter, mosquitto_strerror(result));
-    }
     return 0;
 }
