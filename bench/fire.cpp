@@ -12,9 +12,10 @@
 #include "challenge.h"
 #include "client.h"
 #include "common/bytes.h"
+#include "common/netif.h"
+#include "packet.h"
 #include "records.h"
-#include "remote.h"
-#include "summary.h"
+#include "summary_record.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -62,8 +63,11 @@ std::string be(uint64_t value, unsigned size)
 
 std::string packet_of(packet_type type, const std::string &payload, unsigned node = FIRST_NODE)
 {
-    return std::string{PACKET_VERSION, static_cast<char>(type), 0x06, 0} + be(node, 4) +
-           be(payload.size(), 2) + payload;
+    uint8_t mac[MAC_SIZE] = {0x06};
+    store_be(mac + 2, node);
+    uint8_t header[HEADER_SIZE];
+    packet_write_header(header, type, mac, payload.size());
+    return std::string(std::begin(header), std::end(header)) + payload;
 }
 
 std::string terminated(const std::string &text)

@@ -5,8 +5,9 @@
 //     bench_receive bare                           recvfrom on the daemon's socket settings
 //     bench_receive waiting                        epoll_wait before each: one datagram for each readiness
 #include "common/bytes.h"
-#include "remote.h"
-#include "summary.h"
+#include "common/netif.h"
+#include "packet.h"
+#include "summary_record.h"
 
 #include <arpa/inet.h>
 #include <net/if.h>
@@ -48,11 +49,9 @@ packet_bytes full_summary(unsigned node)
     const size_t length = summary_encode(data, (1U << SUMMARY_INFO_COUNT) - 1, payload);
 
     packet_bytes packet{};
-    packet[PACKET_OFFSET_VERSION] = PACKET_VERSION;
-    packet[PACKET_OFFSET_TYPE] = PACKET_SUMMARY;
-    packet[PACKET_OFFSET_SOURCE_MAC] = 0x06;
-    store_be(&packet[PACKET_OFFSET_SOURCE_MAC + 2], node);
-    store_be(&packet[PACKET_OFFSET_LENGTH], static_cast<uint16_t>(length));
+    uint8_t mac[MAC_SIZE] = {0x06};
+    store_be(mac + 2, node);
+    packet_write_header(packet.data(), PACKET_SUMMARY, mac, length);
     memcpy(&packet[HEADER_SIZE], payload, length);
     return packet;
 }

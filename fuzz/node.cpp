@@ -5,6 +5,7 @@
 #include "challenge.h"
 #include "command.h"
 #include "event.h"
+#include "packet.h"
 #include "remote.h"
 #include "stats.h"
 #include "summary.h"

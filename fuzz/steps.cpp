@@ -2,7 +2,7 @@
 
 #include "common/bytes.h"
 #include "common/netif.h"
-#include "remote.h"
+#include "packet.h"
 
 #include <algorithm>
 #include <array>
@@ -119,10 +119,8 @@ void receive_packet(input_reader &input)
     const uint8_t type = input.take_byte();
     const mac_address mac = mac_of(input.take_byte());
     const bytes payload = input.take(input.take_u16());
-    std::vector<uint8_t> datagram = {PACKET_VERSION, type};
-    datagram.insert(datagram.end(), mac.begin(), mac.end());
-    datagram.resize(HEADER_SIZE);
-    store_be(&datagram[PACKET_OFFSET_LENGTH], static_cast<uint16_t>(payload.size()));
+    std::vector<uint8_t> datagram(HEADER_SIZE);
+    packet_write_header(datagram.data(), static_cast<packet_type>(type), mac.data(), payload.size());
     datagram.insert(datagram.end(), payload.begin(), payload.end());
     receive_datagram(sender, datagram);
 }

@@ -6,6 +6,7 @@
 #include "common/netif.h"
 #include "event.h"
 #include "hwinfo/hwinfo.h"
+#include "packet.h"
 #include "remote.h"
 #include "stats.h"
 #include "summary.h"

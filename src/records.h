@@ -44,6 +44,14 @@ constexpr size_t VERSIONS_TEXT_NAME_SIZE = 10;
 constexpr size_t VERSIONS_TEXT_VERSION_SIZE = 40;
 constexpr size_t VERSIONS_TEXT_SIZE = 3 * (VERSIONS_TEXT_NAME_SIZE + 1 + VERSIONS_TEXT_VERSION_SIZE + 1);
 
+// Status of a port, published by its colour in pub/diag/<MAC>/port_summary.
+enum port_status {
+    PORT_STATUS_GREEN,
+    PORT_STATUS_YELLOW,
+    PORT_STATUS_RED,
+    PORT_STATUS_NONE,
+};
+
 // local/diag/ring/<n>/status: a 32-bit signed integer in host byte order, below 0 for a ring that isn't configured;
 // a ring in any state but closed is open.
 constexpr size_t RING_STATUS_SIZE = sizeof(int32_t);

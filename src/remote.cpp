@@ -9,6 +9,7 @@
 #include "common/unique_fd.h"
 #include "event.h"
 #include "hwinfo/hwinfo.h"
+#include "packet.h"
 #include "stats.h"
 #include "summary.h"
 #include "timer.h"
@@ -40,8 +41,6 @@ constexpr int SOCKET_PRIORITY = 4;
 constexpr int RECEIVE_BUFFER_SIZE = 4 * 1024 * 1024; // bytes
 constexpr const char *FIRE_IP_FILTER = "local/diag/node/+/fire_ip";
 
-constexpr size_t REQUEST_ID_SIZE = sizeof(uint32_t);
-constexpr size_t CLIENT_ID_SIZE = sizeof(uint32_t);
 constexpr size_t MAX_REQUEST_PAYLOAD = MAX_PACKET_SIZE - HEADER_SIZE - REQUEST_ID_SIZE;
 constexpr int REQUEST_TRIES = 10;
 constexpr timespec AT_ONCE = {.tv_sec = 0, .tv_nsec = 1}; // zero would disarm a timer
@@ -108,13 +107,10 @@ fire_ip *fire_ip_hash; // by MAC
 // Packets
 //
 
-// Writes the header of a packet; the payload follows it directly.
+// Writes the header of a packet of this node; the payload follows it directly.
 void write_header(uint8_t *header, packet_type type, size_t payload_length)
 {
-    header[PACKET_OFFSET_VERSION] = PACKET_VERSION;
-    header[PACKET_OFFSET_TYPE] = type;
-    memcpy(header + PACKET_OFFSET_SOURCE_MAC, local_mac_addr, MAC_SIZE);
-    store_be(header + PACKET_OFFSET_LENGTH, static_cast<uint16_t>(payload_length));
+    packet_write_header(header, type, local_mac_addr, payload_length);
 }
 
 int send_ack(const char *address, uint32_t request_id)
@@ -639,103 +635,38 @@ int process_goodbye(const packet &received)
     });
 }
 
-// How packets of one type are checked and handled, and what is logged where that fails.
-constexpr size_t NO_TEXT = SIZE_MAX;
+// How packets of one type are handled, and what is logged where that fails.
 struct packet_handling {
     packet_type type;
-    size_t min_payload = 0;
-    size_t text_offset = NO_TEXT;  // of the topic or filter, up to its NUL, in the payload
-    const char *invalid = nullptr; // the payload is too short or its text has no NUL
-    const char *empty = nullptr;   // nothing follows the text; null where nothing has to
-    int (*process)(const packet &received) = nullptr;
+    int (*process)(const packet &received);
     const char *failure = nullptr; // null where handling cannot fail
 };
 
 constexpr packet_handling HANDLING[PACKET_TYPES] = {
     {.type = PACKET_SUMMARY, .process = process_summary, .failure = "couldn't process node summary"},
-    {.type = PACKET_SUBSCRIBE,
-     .min_payload = SUBSCRIBE_FILTER + 2, // one character and the NUL
-     .text_offset = SUBSCRIBE_FILTER,
-     .invalid = "received invalid subscribe request, ignoring",
-     .process = process_subscribe,
-     .failure = "couldn't process subscribe request"},
+    {.type = PACKET_SUBSCRIBE, .process = process_subscribe, .failure = "couldn't process subscribe request"},
     {.type = PACKET_UNSUBSCRIBE,
-     .min_payload = UNSUBSCRIBE_FILTER + 2,
-     .text_offset = UNSUBSCRIBE_FILTER,
-     .invalid = "received invalid unsubscribe request, ignoring",
      .process = process_unsubscribe,
      .failure = "couldn't process unsubscribe request"},
     {.type = PACKET_UNSUBSCRIBE_ALL,
-     .min_payload = REQUEST_CLIENT_ID + CLIENT_ID_SIZE,
-     .invalid = "received invalid unsubscribe all request, ignoring",
      .process = process_unsubscribe_all,
      .failure = "couldn't process unsubscribe all request"},
-    {.type = PACKET_ACK,
-     .min_payload = REQUEST_ID_SIZE,
-     .invalid = "received invalid acknowledgement, ignoring",
-     .process = process_ack},
-    {.type = PACKET_TOPIC_DATA,
-     .text_offset = 0,
-     .invalid = "received invalid topic data, ignoring",
-     .empty = "received empty topic data, ignoring",
-     .process = process_topic_data,
-     .failure = "couldn't process topic data"},
-    {.type = PACKET_CLIENT_KEEPALIVE,
-     .min_payload = CLIENT_ID_SIZE,
-     .invalid = "received invalid client keepalive, ignoring",
-     .process = process_client_keepalive},
+    {.type = PACKET_ACK, .process = process_ack},
+    {.type = PACKET_TOPIC_DATA, .process = process_topic_data, .failure = "couldn't process topic data"},
+    {.type = PACKET_CLIENT_KEEPALIVE, .process = process_client_keepalive},
     {.type = PACKET_RESET_STATS,
-     .min_payload = 1,
-     .invalid = "received invalid reset-stats request, ignoring",
      .process = process_reset_stats,
      .failure = "couldn't process reset-stats request"},
     {.type = PACKET_RESET_ALL_STATS,
      .process = process_reset_all_stats,
      .failure = "couldn't process reset-all-stats request"},
-    {.type = PACKET_ACTIVATE,
-     .min_payload = DOWNLOAD_VALUE + 1,
-     .invalid = "received invalid activate or remote download request, ignoring",
-     .process = process_activate,
-     .failure = "couldn't process activate request"},
+    {.type = PACKET_ACTIVATE, .process = process_activate, .failure = "couldn't process activate request"},
     {.type = PACKET_REMOTE_DOWNLOAD,
-     .min_payload = DOWNLOAD_VALUE + 1,
-     .invalid = "received invalid activate or remote download request, ignoring",
      .process = process_remote_download,
      .failure = "couldn't process remote download request"},
     {.type = PACKET_GOODBYE, .process = process_goodbye, .failure = "couldn't process goodbye message"},
 };
-
-// Rows stand in the order of the types.
-static_assert([] {
-    for (size_t i = 0; i < PACKET_TYPES; i++) {
-        if (HANDLING[i].type != i + 1) {
-            return false;
-        }
-    }
-    return true;
-}());
-
-const packet_handling &handling_of(uint8_t type)
-{
-    return HANDLING[type - 1];
-}
-
-// What is wrong with the payload, null when it may be handled.
-const char *find_fault(const packet_handling &handling, std::span<const uint8_t> payload)
-{
-    if (payload.size() < handling.min_payload) {
-        return handling.invalid;
-    }
-    if (handling.text_offset == NO_TEXT) {
-        return nullptr;
-    }
-    const auto nul =
-        std::find(payload.begin() + static_cast<ptrdiff_t>(handling.text_offset), payload.end(), uint8_t{0});
-    if (nul == payload.end()) {
-        return handling.invalid;
-    }
-    return nul + 1 == payload.end() ? handling.empty : nullptr;
-}
+static_assert(packet_rows_in_order(HANDLING));
 
 //
 // Receiving
@@ -770,7 +701,7 @@ reading read_datagram(uint8_t (&buffer)[MAX_PACKET_SIZE], size_t &size_out, sock
 
 int process_packet(const packet &received)
 {
-    const packet_handling &handling = handling_of(received.type);
+    const packet_handling &handling = HANDLING[received.type - 1];
     if (handling.process(received) == -1) {
         log_error("%s", handling.failure);
         return log_failure("couldn't process new packet");
@@ -904,39 +835,6 @@ const uint8_t *find_filter_target(const char *filter, size_t max_length)
 }
 
 } // namespace
-
-bool packet_parse(const uint8_t *buffer, size_t size, packet &packet_out)
-{
-    if (size > MAX_PACKET_SIZE) {
-        log_error("received packet is too large for buffer (%zd bytes, buffer is %zu)",
-                  static_cast<ssize_t>(size), MAX_PACKET_SIZE);
-        return false;
-    }
-    if (size < HEADER_SIZE) {
-        log_error("packet is too small (%zd bytes), ignoring", static_cast<ssize_t>(size));
-        return false;
-    }
-    const uint16_t length = load_be<uint16_t>(buffer + PACKET_OFFSET_LENGTH);
-    if (length > size - HEADER_SIZE) {
-        log_error("received packet has wrong length (%u, should be %zu), ignoring", length,
-                  size - HEADER_SIZE);
-        return false;
-    }
-    const uint8_t type = buffer[PACKET_OFFSET_TYPE];
-    if (type == 0 || type > PACKET_TYPES) {
-        log_error("packet has invalid type (%02X), ignoring", type);
-        return false;
-    }
-    const std::span<const uint8_t> payload(buffer + HEADER_SIZE, length);
-    const char *const fault = find_fault(handling_of(type), payload);
-    if (fault != nullptr) {
-        log_error("%s", fault);
-        return false;
-    }
-    packet_out = {
-        .type = type, .source_mac = buffer + PACKET_OFFSET_SOURCE_MAC, .payload = payload, .sender = {}};
-    return true;
-}
 
 int remote_init()
 {

@@ -98,21 +98,28 @@ def calls():
             yield name, source[1], first, last, joined(match[1])
 
 
+def pattern(form):
+    """Of the lines that come from a format."""
+    return re.compile(".*".join(map(re.escape, CONVERSION.split(form))))
+
+
 def seen(lines_file):
-    """Both ways are needed: several calls share a format, and one call takes its texts out of a table."""
+    """Both ways are needed: several calls share a format, and one call takes its texts out of a table. A call is known
+    by its source, line and text, as the files of one source have the same lines."""
     with open(lines_file, encoding="utf-8", errors="replace") as lines:
         logged = {match.group("source", "line", "text") for match in map(LOG_LINE.search, lines) if match}
-    places = {(source, int(line)) for source, line, _ in logged}
     texts = {text for _, _, text in logged}
     all_calls = list(calls())
     unseen = [
         f"src/{file}:{first}: never called: {form}"
         for file, source, first, last, form in all_calls
-        if not any((source, line) in places for line in range(first, last + 1))
+        if not any(
+            line_source == source and first <= int(line) <= last and pattern(form).fullmatch(text)
+            for line_source, line, text in logged
+        )
     ]
     for file, form in messages():
-        pattern = re.compile(".*".join(map(re.escape, CONVERSION.split(form))))
-        if not any(map(pattern.fullmatch, texts)):
+        if not any(map(pattern(form).fullmatch, texts)):
             unseen.append(f"src/{file}: never logged: {form}")
     print("\n".join(unseen))
     print(f"{len(logged)} different lines, {len(all_calls)} calls, {len(messages())} messages, {len(unseen)} never seen")

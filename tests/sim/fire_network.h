@@ -1,8 +1,8 @@
 // A node with one peer on the fire network.
 #pragma once
 
+#include "packet.h"
 #include "packets.h"
-#include "remote.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 // Performance-monitoring periods and days, and resets.
+#include "packet.h"
 #include "packets.h"
-#include "remote.h"
 #include "stats.h"
 #include "stats_node.h"
 

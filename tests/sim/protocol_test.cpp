@@ -1,7 +1,8 @@
 // docs/protocol.md says what the daemon does.
 #include "common/bytes.h"
 #include "fire_network.h"
-#include "summary.h"
+#include "remote.h"
+#include "summary_record.h"
 
 #include <fstream>
 #include <sstream>

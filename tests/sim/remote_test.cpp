@@ -1,4 +1,5 @@
 // Packets and the multicast socket.
+#include "packet.h"
 #include "packets.h"
 #include "remote.h"
 #include "utils.h"

@@ -1,5 +1,6 @@
 // Requests to other nodes, the addresses they go to, and the other operations on nodes.
 #include "fire_network.h"
+#include "remote.h"
 #include "utils.h"
 
 #include <mosquitto.h>

@@ -1,7 +1,7 @@
 // Every step of the port statistics that can fail once the daemon runs: what is logged, and that the daemon
 // stops.
+#include "packet.h"
 #include "packets.h"
-#include "remote.h"
 #include "stats_node.h"
 
 #include <mosquitto.h>

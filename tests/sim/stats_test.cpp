@@ -1,7 +1,7 @@
 // Tracking of ports, their statistics, down times and status.
-#include "remote.h"
+#include "packet.h"
 #include "stats_node.h"
-#include "summary.h"
+#include "summary_record.h"
 
 #include <mosquitto.h>
 

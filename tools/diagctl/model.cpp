@@ -2,7 +2,7 @@
 
 #include "common/bytes.h"
 #include "common/text.h"
-#include "summary.h"
+#include "summary_record.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,7 +1,5 @@
 #include "reports.h"
 
-#include "summary.h"
-
 #include <algorithm>
 #include <cctype>
 #include <cmath>
