@@ -2,6 +2,7 @@
 //
 //     bench_commands COUNT
 #include "client.h"
+#include "topics.h"
 
 #include <string>
 
@@ -41,13 +42,13 @@ int main(int argc, char **argv)
     mosquitto *const client = connect_client("bench-commands");
     mosquitto_message_callback_set(
         client, [](mosquitto *, void *, const mosquitto_message *message) { answers += !message->retain; });
-    mosquitto_subscribe(client, nullptr, "pub/diag/command/response", 1);
+    mosquitto_subscribe(client, nullptr, RESPONSE_TOPIC, 1);
     mosquitto_subscribe(client, nullptr, BARE_ANSWER, 1);
     settle(client);
     double daemon = 0;
     double bare = 0;
     for (int i = 0; i < ROUNDS; i++) {
-        daemon += run(client, "pub/diag/command/request", count) / ROUNDS;
+        daemon += run(client, REQUEST_TOPIC, count) / ROUNDS;
         bare += run(client, BARE_QUESTION, count) / ROUNDS;
     }
     printf("diag         %7.0f noops/s\nbare client  %7.0f messages/s\nratio        %7.2f\n", daemon, bare,

@@ -25,6 +25,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -42,7 +43,6 @@ namespace
 
 constexpr const char *SERVER = "10.22.0.1";
 constexpr const char *OWN_ADDRESS = "10.22.0.2";
-constexpr const char *CHALLENGE_TOPIC = "pub/diag/command/aut/tbl_idx";
 constexpr const char *SERVER_TOPICS = "pub/diag/02-00-00-00-00-01/bench";
 constexpr unsigned NODES = 98;
 constexpr unsigned FIRST_NODE = 2;
@@ -61,12 +61,17 @@ std::string be(uint64_t value, unsigned size)
     return bytes;
 }
 
+std::array<uint8_t, MAC_SIZE> node_mac(unsigned node)
+{
+    std::array<uint8_t, MAC_SIZE> mac = {0x06};
+    store_be(&mac[2], node);
+    return mac;
+}
+
 std::string packet_of(packet_type type, const std::string &payload, unsigned node = FIRST_NODE)
 {
-    uint8_t mac[MAC_SIZE] = {0x06};
-    store_be(mac + 2, node);
     uint8_t header[HEADER_SIZE];
-    packet_write_header(header, type, mac, payload.size());
+    packet_write_header(header, type, node_mac(node).data(), payload.size());
     return std::string(std::begin(header), std::end(header)) + payload;
 }
 
@@ -403,6 +408,7 @@ void change(int pid, int count)
 
 const word_table words = {
 #include "secrets.inc"
+#include "topics.h"
 };
 
 void activate(int pid, int count)
@@ -421,12 +427,11 @@ void activate(int pid, int count)
         target.assign(static_cast<const char *>(message->payload), static_cast<size_t>(message->payloadlen));
     });
     mosquitto_subscribe(client, nullptr, CHALLENGE_TOPIC, 1);
-    mosquitto_subscribe(client, nullptr, "pub/diag/command/response", 1);
+    mosquitto_subscribe(client, nullptr, RESPONSE_TOPIC, 1);
     std::string targets;
     for (unsigned node = FIRST_NODE; node < FIRST_NODE + NODES; node++) {
-        char topic[64];
-        snprintf(topic, sizeof topic, "local/diag/node/06-00-00-00-00-%02X/fire_ip", node);
-        publish(client, topic, OWN_ADDRESS, true);
+        publish(client, std::string(FIRE_IP_PREFIX) + mac_addr_to_str(node_mac(node).data()) + FIRE_IP_SUFFIX,
+                OWN_ADDRESS, true);
         send_to(fd, summary(node));
         targets += std::to_string(node) + " ";
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -437,7 +442,7 @@ void activate(int pid, int count)
     for (int i = 0; i < count; i++) {
         const std::string numbers = std::string("1;") + std::to_string(i) + ";";
         const auto start = bench_clock::now();
-        publish(client, "pub/diag/command/request",
+        publish(client, REQUEST_TOPIC,
                 numbers + "activate;" + targets + ";" + challenge_response(challenge, words).value());
         times.push_back(await_value(client, numbers + "ACK", start));
         settle(client);
@@ -491,7 +496,7 @@ void storm(int pid, std::string_view kind, unsigned rate, int seconds)
     std::thread watcher(watch, pid);
     repeat(rate, seconds, [&] {
         if (kind == "commands") {
-            publish(client, "pub/diag/command/request", "1;1;reset-all-stats");
+            publish(client, REQUEST_TOPIC, "1;1;reset-all-stats");
             turn(client, 0);
         } else {
             send_to(fd, packet);
@@ -521,10 +526,10 @@ unsigned snapshot(mosquitto *there, mosquitto *here, unsigned topics)
         here, [](mosquitto *, void *, const mosquitto_message *message) { arrived.insert(message->topic); });
     mosquitto_subscribe(here, nullptr, (root + "#").c_str(), 1);
     settle(here);
-    publish(here, "pub/diag/command/request", "1;1;subscribe;" + root + "#;0");
+    publish(here, REQUEST_TOPIC, "1;1;subscribe;" + root + "#;0");
     while (turn(here, 2000)) {
     }
-    publish(here, "pub/diag/command/request", "1;1;unsubscribe;" + root + "#");
+    publish(here, REQUEST_TOPIC, "1;1;unsubscribe;" + root + "#");
     mosquitto_unsubscribe(here, nullptr, (root + "#").c_str());
     settle(here);
     return static_cast<unsigned>(arrived.size());

@@ -3,6 +3,7 @@
 //
 //     bench_latency COUNT
 #include "client.h"
+#include "topics.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -50,7 +51,7 @@ double percentile(std::vector<double> &times, double share)
 int main(int argc, char **argv)
 {
     const int count = argc > 1 ? atoi(argv[1]) : 2000;
-    path daemon = {"diag", "local/diag/ring/0/status", "local/diag/network_style7", {}};
+    path daemon = {"diag", RING_0_TOPIC, NETWORK_STYLE7_TOPIC, {}};
     path bare = {"bare client", BARE_QUESTION, BARE_ANSWER, {}};
     mosquitto_lib_init();
     const pid_t answering = start_bare_client();

@@ -8,6 +8,7 @@
 #include "client.h"
 #include "hwinfo/hwinfo.h"
 #include "records.h"
+#include "topics.h"
 
 #include <cstdint>
 #include <cstring>
@@ -38,7 +39,7 @@ void count_message(mosquitto *, void *, const mosquitto_message *message)
 
 std::string local_topic(int port, const char *name)
 {
-    return std::string("local/diag/port/") + hwinfo_lumport_enum_to_str_bigcap(port) + "/" + name;
+    return PORT_PREFIX + std::string(hwinfo_lumport_enum_to_str_bigcap(port)) + "/" + name;
 }
 
 void publish(mosquitto *client, const std::string &topic, const void *payload, size_t length, bool retain)
@@ -60,9 +61,9 @@ void track(mosquitto *client, int ports)
     const uint8_t up = 0;
     const uint8_t forwarding[ERPS_STATUS_SIZE] = {};
     for (int port = 0; port < ports; port++) {
-        publish(client, local_topic(port, "type"), "fire", 4, true);
-        publish(client, local_topic(port, "link_down"), &up, sizeof up, true);
-        publish(client, local_topic(port, "status"), forwarding, sizeof forwarding, true);
+        publish(client, local_topic(port, FACT_TYPE), "fire", 4, true);
+        publish(client, local_topic(port, FACT_LINK_DOWN), &up, sizeof up, true);
+        publish(client, local_topic(port, FACT_STATUS), forwarding, sizeof forwarding, true);
     }
     settle(client);
 }
@@ -86,7 +87,7 @@ double run_statistics(mosquitto *client, int count)
     uint8_t block[STATS_BLOCK_SIZE] = {};
     return run(client, count, [&](int asked) {
         block[STATS_GOOD_FRAMES] = static_cast<uint8_t>(asked / LUM_FRONT_PORTS);
-        publish(client, local_topic(asked % LUM_FRONT_PORTS, "stats"), block, sizeof block, false);
+        publish(client, local_topic(asked % LUM_FRONT_PORTS, FACT_STATS), block, sizeof block, false);
     });
 }
 
@@ -136,7 +137,7 @@ int main(int argc, char **argv)
                microseconds(last_time - first_time).count());
     } else if (mode == "untrack") {
         const auto start = bench_clock::now();
-        publish(client, local_topic(LUM_PORT_A, "type"), nullptr, 0, true);
+        publish(client, local_topic(LUM_PORT_A, FACT_TYPE), nullptr, 0, true);
         wait_for(client, TOPICS_PER_PORT, ANSWER_LIMIT_MS);
         printf("%d topics cleared within %.0f us\n", received, microseconds(last_time - start).count());
     } else {

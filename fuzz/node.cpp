@@ -9,6 +9,7 @@
 #include "remote.h"
 #include "stats.h"
 #include "summary.h"
+#include "topics.h"
 #include "utils.h"
 
 #include <arpa/inet.h>
@@ -56,7 +57,6 @@ constexpr int FIRST_DESCRIPTOR = 20000; // no descriptor of the kernel
 constexpr nanoseconds MONOTONIC_START = seconds(1000);
 constexpr time_t WALL_START = 1'700'000'000;
 char any_file[] = "bootrev=\"name:1.2.3\"\n";
-constexpr const char *CHALLENGE_TOPIC = "pub/diag/command/aut/tbl_idx";
 
 // The faults that end the daemon by intent, by a message that is logged on their paths only.
 constexpr const char *MEANT_TO_END[] = {

@@ -3,10 +3,12 @@
 #include "common/bytes.h"
 #include "common/netif.h"
 #include "packet.h"
+#include "topics.h"
 
 #include <algorithm>
 #include <array>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace fuzz
@@ -16,33 +18,32 @@ namespace
 {
 
 constexpr int MAX_RUN_SECONDS = 16; // more would cost more than it finds
-constexpr const char *REQUEST_TOPIC = "pub/diag/command/request";
 constexpr const char *PORTS[] = {"A", "B", "C", "D", "E", "F", "G", "H", "CPU", "I"};
 
 // Topics of facts; the port, the ring or the node stands between the two parts.
 enum class part { PORT, RING, NODE, NONE };
 constexpr struct {
-    const char *start;
+    std::string_view start;
     part which;
-    const char *end;
+    std::string_view end;
 } FACTS[] = {
-    {"local/diag/port/", part::PORT, "/type"},
-    {"local/diag/port/", part::PORT, "/media"},
-    {"local/diag/port/", part::PORT, "/link_down"},
-    {"local/diag/port/", part::PORT, "/grnd"},
-    {"local/diag/port/", part::PORT, "/stats"},
-    {"local/diag/port/", part::PORT, "/status"},
-    {"local/diag/ring/", part::RING, "/status"},
-    {"local/diag/node/", part::NODE, "/fire_ip"},
-    {OWN_TOPICS, part::NONE, "job_rev"},
-    {OWN_TOPICS, part::NONE, "job_name"},
-    {OWN_TOPICS, part::NONE, "download_status"},
-    {OWN_TOPICS, part::NONE, "CF_free_space"},
-    {OWN_TOPICS, part::NONE, "M301"},
-    {OWN_TOPICS, part::NONE, "M702"},
-    {OWN_TOPICS, part::NONE, "comm_loss"},
-    {OWN_TOPICS, part::NONE, "download_pending"},
-    {OWN_TOPICS, part::NONE, "repeater"},
+    {PORT_PREFIX, part::PORT, FACT_TYPE},
+    {PORT_PREFIX, part::PORT, FACT_MEDIA},
+    {PORT_PREFIX, part::PORT, FACT_LINK_DOWN},
+    {PORT_PREFIX, part::PORT, FACT_GROUND},
+    {PORT_PREFIX, part::PORT, FACT_STATS},
+    {PORT_PREFIX, part::PORT, FACT_STATUS},
+    {RING_PREFIX, part::RING, RING_SUFFIX},
+    {FIRE_IP_PREFIX, part::NODE, FIRE_IP_SUFFIX},
+    {OWN_TOPICS, part::NONE, NODE_JOB_REV},
+    {OWN_TOPICS, part::NONE, NODE_JOB_NAME},
+    {OWN_TOPICS, part::NONE, NODE_DOWNLOAD_STATUS},
+    {OWN_TOPICS, part::NONE, NODE_CF_FREE_SPACE},
+    {OWN_TOPICS, part::NONE, NODE_M301},
+    {OWN_TOPICS, part::NONE, NODE_M702},
+    {OWN_TOPICS, part::NONE, NODE_COMM_LOSS},
+    {OWN_TOPICS, part::NONE, NODE_DOWNLOAD_PENDING},
+    {OWN_TOPICS, part::NONE, NODE_REPEATER},
 };
 
 using mac_address = std::array<uint8_t, MAC_SIZE>;
@@ -67,7 +68,7 @@ std::string fact_topic(uint8_t topic, uint8_t which)
     std::string name;
     switch (fact.which) {
     case part::PORT:
-        name = PORTS[which % std::size(PORTS)];
+        name = std::string(PORTS[which % std::size(PORTS)]) + "/";
         break;
     case part::RING:
         name = std::to_string(which);
@@ -78,7 +79,7 @@ std::string fact_topic(uint8_t topic, uint8_t which)
     case part::NONE:
         break;
     }
-    return fact.start + name + fact.end;
+    return std::string(fact.start) + name + std::string(fact.end);
 }
 
 class input_reader

@@ -18,6 +18,7 @@
 #include "node_log.h"
 #include "records.h"
 #include "ring.h"
+#include "topics.h"
 
 #include <linux/if_bridge.h>
 #include <poll.h>
@@ -57,7 +58,7 @@ constexpr uint32_t ERPS_SIGNAL_FAIL = 1;
 constexpr int32_t RING_INTACT = 2;
 constexpr int32_t RING_DEGRADED = 1;
 
-constexpr const char *FLAGS[] = {"M301", "M702", "comm_loss", "download_pending"};
+constexpr const char *FLAGS[] = {NODE_M301, NODE_M702, NODE_COMM_LOSS, NODE_DOWNLOAD_PENDING};
 
 struct peer {
     uint32_t node = 0;
@@ -83,12 +84,12 @@ unsigned seconds_up = 0;
 
 std::string port_topic(const card_port &port, const char *leaf)
 {
-    return "local/diag/port/" + port.name + '/' + leaf;
+    return PORT_PREFIX + port.name + '/' + leaf;
 }
 
 std::string own_topic(const char *leaf)
 {
-    return "pub/diag/" + mac_text + '/' + leaf;
+    return std::string(DIAG_PREFIX) + mac_text + '/' + leaf;
 }
 
 void byte_fact(const std::string &topic, uint8_t value)
@@ -98,9 +99,9 @@ void byte_fact(const std::string &topic, uint8_t value)
 
 void publish_settings(const card_port &port)
 {
-    fact(port_topic(port, "type"), port.type);
-    byte_fact(port_topic(port, "media"), static_cast<uint8_t>(port.media));
-    byte_fact(port_topic(port, "grnd"), port.ground_fault);
+    fact(port_topic(port, FACT_TYPE), port.type);
+    byte_fact(port_topic(port, FACT_MEDIA), static_cast<uint8_t>(port.media));
+    byte_fact(port_topic(port, FACT_GROUND), port.ground_fault);
 }
 
 uint32_t erps_state(const link_facts &link)
@@ -127,7 +128,7 @@ void publish_erps_status(const card_port &port)
         store_host(status + ERPS_STATUS_PEER_PORT, seen->port);
         store_host(status + ERPS_STATUS_PEER_NODE, seen->node);
     }
-    fact(port_topic(port, "status"), status);
+    fact(port_topic(port, FACT_STATUS), status);
 }
 
 // The statistics block; what its unnamed columns count is this card's choice.
@@ -145,33 +146,33 @@ void publish_counters(const card_port &port)
     store_host<uint32_t>(block + STATS_COUNT32_52, low(counters.tx_dropped + counters.tx_errors));
     store_host<uint32_t>(block + STATS_VALUE32_56, port.link.carrier_changes);
     store_host<uint16_t>(block + STATS_VALUE16_64, static_cast<uint16_t>(std::max(port.link.stp_state, 0)));
-    fact_again(port_topic(port, "stats"), block);
+    fact_again(port_topic(port, FACT_STATS), block);
 }
 
 void publish_ring()
 {
     uint8_t state[sizeof(int32_t)];
     store_host(state, ring_is_intact() ? RING_INTACT : RING_DEGRADED);
-    fact("local/diag/ring/0/status", state);
+    fact(RING_0_TOPIC, state);
 }
 
 void publish_free_space()
 {
     struct statvfs filesystem;
     if (statvfs("/", &filesystem) == 0) {
-        fact(own_topic("CF_free_space"), std::to_string(filesystem.f_bavail * filesystem.f_frsize / 1024));
+        fact(own_topic(NODE_CF_FREE_SPACE), std::to_string(filesystem.f_bavail * filesystem.f_frsize / 1024));
     }
 }
 
 void publish_card()
 {
-    fact(own_topic("job_name"), "LAB");
-    fact(own_topic("job_rev"), "1");
-    fact(own_topic("download_status"), std::string_view("\0\0", 2));
+    fact(own_topic(NODE_JOB_NAME), "LAB");
+    fact(own_topic(NODE_JOB_REV), "1");
+    fact(own_topic(NODE_DOWNLOAD_STATUS), std::string_view("\0\0", 2));
     for (const char *flag : FLAGS) {
         fact(own_topic(flag), "0");
     }
-    fact(own_topic("repeater"), "0");
+    fact(own_topic(NODE_REPEATER), "0");
 }
 
 void publish_addresses(const char *nodes_file)
@@ -181,7 +182,7 @@ void publish_addresses(const char *nodes_file)
     std::string mac;
     std::string address;
     while (nodes >> number >> mac >> address) {
-        fact("local/diag/node/" + mac + "/fire_ip", address);
+        fact(FIRE_IP_PREFIX + mac + FIRE_IP_SUFFIX, address);
     }
 }
 
@@ -196,7 +197,7 @@ void update_links()
     for (card_port &port : ports) {
         port.link = links[port.interface];
         failed = failed || !port.link.carrier;
-        byte_fact(port_topic(port, "link_down"), !port.link.carrier);
+        byte_fact(port_topic(port, FACT_LINK_DOWN), !port.link.carrier);
         publish_erps_status(port);
     }
     ring_set_own_failure(failed);
@@ -300,8 +301,8 @@ answer set_miswired(card_port &port, const words &arguments)
 
 answer set_job(const words &arguments)
 {
-    fact(own_topic("job_name"), arguments[0]);
-    fact(own_topic("job_rev"), arguments[1]);
+    fact(own_topic(NODE_JOB_NAME), arguments[0]);
+    fact(own_topic(NODE_JOB_REV), arguments[1]);
     return {};
 }
 

@@ -1,5 +1,7 @@
 #include "facts.h"
 
+#include "topics.h"
+
 #include <mosquitto.h>
 
 #include <map>
@@ -10,8 +12,6 @@ namespace
 
 constexpr int BROKER_PORT = 1885;
 constexpr int KEEPALIVE_SECONDS = 10;
-// The daemon announces its node here when it has connected.
-constexpr const char *LOCAL_NODE_TOPIC = "pub/diag/local_node";
 
 mosquitto *session = nullptr;
 bool connected = false;
@@ -32,6 +32,7 @@ void connect_cb(mosquitto *, void *, int result)
         return;
     }
     connected = true;
+    // The daemon announces its node there when it has connected.
     mosquitto_subscribe(session, nullptr, LOCAL_NODE_TOPIC, 0);
     for (const auto &[topic, value] : values) {
         publish(topic, value);

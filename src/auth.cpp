@@ -4,6 +4,7 @@
 #include "common/lumlog.h"
 #include "common/md5.h"
 #include "common/text.h"
+#include "topics.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -16,7 +17,6 @@ namespace
 
 constexpr const char *log_source = "auth";
 
-constexpr const char *CHALLENGE_TOPIC = "pub/diag/command/aut/tbl_idx";
 constexpr size_t CHALLENGE_SIZE = 42;
 constexpr int MIN_WORDS = 2;
 constexpr int MAX_WORDS = 10;

@@ -12,6 +12,7 @@
 #include "stats.h"
 #include "summary.h"
 #include "timer.h"
+#include "topics.h"
 #include "utils.h"
 
 #include <uthash.h>
@@ -32,8 +33,6 @@ namespace
 
 constexpr const char *log_source = "command";
 
-constexpr const char *REQUEST_TOPIC = "pub/diag/command/request";
-constexpr const char *RESPONSE_TOPIC = "pub/diag/command/response";
 constexpr uint8_t ACTIVATE_VALUE = 5;
 constexpr timer_names KEEPALIVE = {"keepalive", "keepalive"};
 constexpr itimerspec KEEPALIVE_PERIOD = {.it_interval = {.tv_sec = 300, .tv_nsec = 0},

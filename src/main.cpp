@@ -10,6 +10,7 @@
 #include "remote.h"
 #include "stats.h"
 #include "summary.h"
+#include "topics.h"
 #include "utils.h"
 
 #include <unistd.h>
@@ -102,7 +103,7 @@ int publish_text(const char *topic, const char *text)
 int publish_local_node()
 {
     const char *const mac = get_local_mac_text();
-    return mac == nullptr ? -1 : publish_text("pub/diag/local_node", mac);
+    return mac == nullptr ? -1 : publish_text(LOCAL_NODE_TOPIC, mac);
 }
 
 int publish_card_addr()
@@ -116,7 +117,7 @@ int publish_card_addr()
         return log_failure("couldn't get local card address");
     }
     char topic[64];
-    snprintf(topic, sizeof topic, "pub/diag/%s/card_addr", mac);
+    snprintf(topic, sizeof topic, NODE_TOPIC_FORMAT, mac, NODE_CARD_ADDR);
     char payload[4];
     if (snprintf(payload, sizeof payload, "%d", card_addr) >= static_cast<int>(sizeof payload)) {
         return log_failure("couldn't format local card address");

@@ -13,6 +13,7 @@
 #include "stats.h"
 #include "summary.h"
 #include "timer.h"
+#include "topics.h"
 #include "utils.h"
 
 #include <arpa/inet.h>
@@ -39,7 +40,6 @@ constexpr const char *log_source = "remote";
 
 constexpr int SOCKET_PRIORITY = 4;
 constexpr int RECEIVE_BUFFER_SIZE = 4 * 1024 * 1024; // bytes
-constexpr const char *FIRE_IP_FILTER = "local/diag/node/+/fire_ip";
 
 constexpr size_t MAX_REQUEST_PAYLOAD = MAX_PACKET_SIZE - HEADER_SIZE - REQUEST_ID_SIZE;
 constexpr int REQUEST_TRIES = 10;
@@ -807,7 +807,7 @@ int start_receiving()
         return log_failure("couldn't subscribe to %s", FIRE_IP_FILTER);
     }
     char own_topics[64];
-    snprintf(own_topics, sizeof own_topics, "pub/diag/%s/#", mac_addr_to_str(local_mac_addr));
+    snprintf(own_topics, sizeof own_topics, NODE_FILTER_FORMAT, mac_addr_to_str(local_mac_addr));
     if (broker_subscribe(own_topics, sub_msg_cb, nullptr) == -1) {
         return log_failure("couldn't subscribe to %s", own_topics);
     }

@@ -7,10 +7,6 @@
 
 constexpr size_t IP_STR_SIZE = 16;
 
-// Where the byte of an activate or remote download goes, retained, on the broker of the node that it is for.
-constexpr const char *ACTIVATE_TOPIC = "local/activate";
-constexpr const char *REMOTE_DOWNLOAD_TOPIC = "local/remotedl";
-
 // Opens the multicast socket on the fire interface and makes the module's MQTT subscriptions; called at
 // start-up.
 [[nodiscard]] int remote_init();

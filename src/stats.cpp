@@ -12,6 +12,7 @@
 #include "records.h"
 #include "summary.h"
 #include "timer.h"
+#include "topics.h"
 #include "utils.h"
 
 #include <sys/epoll.h>
@@ -32,7 +33,6 @@ namespace
 // Operators search for the messages of this file as they are, "udpate" included.
 constexpr const char *log_source = "stats";
 
-constexpr const char *TYPE_FILTER = "local/diag/port/+/type";
 constexpr timer_names PM = {"PM", "PM timer"};
 constexpr time_t FIRST_TICK_SECONDS = 30;
 constexpr int PM_PERIOD_MINUTES = 15;
@@ -92,14 +92,14 @@ record_list<port_record> abandoned_ports;
 topic_text local_topic(int port, const char *name)
 {
     topic_text topic;
-    snprintf(topic.text, sizeof topic.text, "local/diag/port/%s/%s", port_name(port).text, name);
+    snprintf(topic.text, sizeof topic.text, PORT_FACT_FORMAT, port_name(port).text, name);
     return topic;
 }
 
 topic_text stats_topic(int port)
 {
     topic_text topic;
-    snprintf(topic.text, sizeof topic.text, "pub/diag/%s/%s/stats", macstr, port_name(port).text);
+    snprintf(topic.text, sizeof topic.text, STATS_FORMAT, macstr, port_name(port).text);
     return topic;
 }
 
@@ -109,8 +109,8 @@ struct pm_series {
     unsigned slots;
     const char *description;
 };
-constexpr pm_series PERIODS = {"period", PM_PERIODS, "PM period"};
-constexpr pm_series DAYS = {"day", PM_DAYS, "daily PM"};
+constexpr pm_series PERIODS = {PM_PERIOD, PM_PERIODS, "PM period"};
+constexpr pm_series DAYS = {PM_DAY, PM_DAYS, "daily PM"};
 
 struct slot_text {
     char text[20];
@@ -126,7 +126,7 @@ slot_text slot_name(const pm_series &series, unsigned slot)
 topic_text slot_topic(int port, const pm_series &series, unsigned slot)
 {
     topic_text topic;
-    snprintf(topic.text, sizeof topic.text, "pub/diag/%s/%s/pm/%s", macstr, port_name(port).text,
+    snprintf(topic.text, sizeof topic.text, PM_FORMAT, macstr, port_name(port).text,
              slot_name(series, slot).text);
     return topic;
 }
@@ -134,8 +134,7 @@ topic_text slot_topic(int port, const pm_series &series, unsigned slot)
 topic_text last_slot_topic(int port, const pm_series &series)
 {
     topic_text topic;
-    snprintf(topic.text, sizeof topic.text, "pub/diag/%s/%s/pm/last_%s", macstr, port_name(port).text,
-             series.name);
+    snprintf(topic.text, sizeof topic.text, PM_LAST_FORMAT, macstr, port_name(port).text, series.name);
     return topic;
 }
 
@@ -570,8 +569,9 @@ struct data_topic {
     const char *unsubscribe_preposition; // of the message
 };
 constexpr data_topic DATA_TOPICS[] = {
-    {"media", port_media_cb, "from"}, {"link_down", port_down_cb, "from"},  {"grnd", port_ground_cb, "from"},
-    {"stats", port_stats_cb, "from"}, {"status", erps_port_stats_cb, "to"},
+    {FACT_MEDIA, port_media_cb, "from"},     {FACT_LINK_DOWN, port_down_cb, "from"},
+    {FACT_GROUND, port_ground_cb, "from"},   {FACT_STATS, port_stats_cb, "from"},
+    {FACT_STATUS, erps_port_stats_cb, "to"},
 };
 
 port_record *find_port(int port)
@@ -805,12 +805,12 @@ int stats_init()
     if (macstr == nullptr) {
         return log_failure("couldn't duplicate local MAC address string");
     }
-    if (broker_subscribe(TYPE_FILTER, port_type_cb, nullptr) == -1) {
-        return log_failure("couldn't subscribe to topic %s", TYPE_FILTER);
+    if (broker_subscribe(PORT_TYPE_FILTER, port_type_cb, nullptr) == -1) {
+        return log_failure("couldn't subscribe to topic %s", PORT_TYPE_FILTER);
     }
     unique_fd timer;
     if (timer_start(timer, PM, once_after(FIRST_TICK_SECONDS), pm_cb, nullptr, log_source) == -1) {
-        static_cast<void>(broker_unsubscribe(TYPE_FILTER));
+        static_cast<void>(broker_unsubscribe(PORT_TYPE_FILTER));
         timer_stop(timer);
         return -1;
     }

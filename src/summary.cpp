@@ -13,6 +13,7 @@
 #include "remote.h"
 #include "summary_record.h"
 #include "timer.h"
+#include "topics.h"
 #include "utils.h"
 
 #include <sys/epoll.h>
@@ -48,12 +49,6 @@ constexpr timer_names PURGE = {"purge", "purge"};
 constexpr uint32_t PERIODIC_SEND_EVERY = 5; // ticks of the send timer
 constexpr uint32_t FULL_SEND_EVERY = 20;    // likewise
 
-constexpr const char *LINK_DOWN_TOPIC = "pub/diag/net/fire/link_down";
-constexpr const char *GROUND_TOPIC = "pub/diag/net/fire/grnd_list";
-constexpr const char *MISWIRED_TOPIC = "pub/diag/net/fire/miswired";
-constexpr const char *MISWIRED_LINKS_TOPIC = "pub/diag/net/fire/miswired_links";
-constexpr const char *NETWORK_STYLE7_TOPIC = "local/diag/network_style7";
-
 constexpr size_t PORT_TEXT_SIZE = 128;
 
 // What is known of a node.
@@ -82,7 +77,7 @@ uint8_t miswired_links[MISWIRED_LINKS_MAX * MISWIRED_LINK_SIZE];
 struct node_topic {
     node_topic(const summary &node, const char *name)
     {
-        snprintf(text, sizeof text, "pub/diag/%s/%s", node.mac_str, name);
+        snprintf(text, sizeof text, NODE_TOPIC_FORMAT, node.mac_str, name);
     }
     char text[64];
 };
@@ -290,7 +285,7 @@ int publish_port_summary(const summary &node)
     if (!format_ports(node, PORT_COLOURS, text)) {
         return log_failure("buffer size too small for port summary");
     }
-    return publish_text(node, "port_summary", text);
+    return publish_text(node, NODE_PORT_SUMMARY, text);
 }
 
 int publish_port_media(const summary &node)
@@ -299,7 +294,7 @@ int publish_port_media(const summary &node)
     if (!format_ports(node, PORT_MEDIA, text)) {
         return log_failure("buffer size too small for port media");
     }
-    return publish_text(node, "port_media", text);
+    return publish_text(node, NODE_PORT_MEDIA, text);
 }
 
 int publish_versions(const summary &node)
@@ -312,7 +307,7 @@ int publish_versions(const summary &node)
              NAME, NAME, field(SUMMARY_EOS_NAME), VERSION, VERSION, field(SUMMARY_EOS_VERSION), NAME, NAME,
              field(SUMMARY_EBOOT_NAME), VERSION, VERSION, field(SUMMARY_EBOOT_VERSION), NAME, NAME,
              field(SUMMARY_PRIAPP_NAME), VERSION, VERSION, field(SUMMARY_PRIAPP_VERSION));
-    return publish_text(node, "software_versions", text);
+    return publish_text(node, NODE_SOFTWARE_VERSIONS, text);
 }
 
 //
@@ -417,8 +412,8 @@ struct job_field {
 };
 
 constexpr job_field JOB_FIELDS[] = {
-    {"job_rev", SUMMARY_JOB_REVISION, SUMMARY_JOB_REVISION_SIZE, "couldn't publish job revision"},
-    {"job_name", SUMMARY_JOB_NAME, SUMMARY_JOB_NAME_SIZE, "couldn't publish job name"},
+    {NODE_JOB_REV, SUMMARY_JOB_REVISION, SUMMARY_JOB_REVISION_SIZE, "couldn't publish job revision"},
+    {NODE_JOB_NAME, SUMMARY_JOB_NAME, SUMMARY_JOB_NAME_SIZE, "couldn't publish job name"},
 };
 
 void store_job_field(uint8_t *data, const job_field &field, const void *text, size_t length)
@@ -453,10 +448,10 @@ struct download_flag {
 };
 
 constexpr download_flag DOWNLOAD_FLAGS[] = {
-    {"M301", SUMMARY_M301, "couldn't publish M301 status"},
-    {"M702", SUMMARY_M702, "couldn't publish M702 status"},
-    {"comm_loss", SUMMARY_COMM_LOSS, "couldn't publish comm loss LED status"},
-    {"download_pending", SUMMARY_DOWNLOAD_PENDING, "couldn't publish download pending status"},
+    {NODE_M301, SUMMARY_M301, "couldn't publish M301 status"},
+    {NODE_M702, SUMMARY_M702, "couldn't publish M702 status"},
+    {NODE_COMM_LOSS, SUMMARY_COMM_LOSS, "couldn't publish comm loss LED status"},
+    {NODE_DOWNLOAD_PENDING, SUMMARY_DOWNLOAD_PENDING, "couldn't publish download pending status"},
 };
 
 int update_download(summary &node, const uint8_t *section)
@@ -467,7 +462,7 @@ int update_download(summary &node, const uint8_t *section)
     const auto at = [&](size_t offset) { return section + (offset - SUMMARY_DOWNLOAD_STATUS); };
     const uint8_t *const status = at(SUMMARY_DOWNLOAD_STATUS);
     if (store_bytes(node, seen, SUMMARY_DOWNLOAD_STATUS, status, SUMMARY_DOWNLOAD_STATUS_SIZE) &&
-        publish_node_bytes(node, "download_status", status, SUMMARY_DOWNLOAD_STATUS_SIZE) == -1) {
+        publish_node_bytes(node, NODE_DOWNLOAD_STATUS, status, SUMMARY_DOWNLOAD_STATUS_SIZE) == -1) {
         return log_failure("couldn't publish download status");
     }
     for (const download_flag &flag : DOWNLOAD_FLAGS) {
@@ -480,7 +475,7 @@ int update_download(summary &node, const uint8_t *section)
     if (store_bytes(node, seen, SUMMARY_CF_FREE, at(SUMMARY_CF_FREE), sizeof(uint32_t))) {
         char text[16];
         const int length = snprintf(text, sizeof text, "%u", load_le<uint32_t>(at(SUMMARY_CF_FREE)));
-        if (publish_node_bytes(node, "CF_free_space", text,
+        if (publish_node_bytes(node, NODE_CF_FREE_SPACE, text,
                                std::min(static_cast<size_t>(length), CF_FREE_DIGITS)) == -1) {
             return log_failure("couldn't publish free space in CF");
         }
@@ -496,7 +491,7 @@ int update_repeater(summary &node, const uint8_t *section)
     }
     char text[4];
     const int length = snprintf(text, sizeof text, "%u", static_cast<unsigned>(section[0]));
-    if (publish_node_bytes(node, "repeater", text, static_cast<size_t>(length)) == -1) {
+    if (publish_node_bytes(node, NODE_REPEATER, text, static_cast<size_t>(length)) == -1) {
         return log_failure("couldn't publish repeater source");
     }
     return 0;
@@ -577,9 +572,10 @@ std::unique_ptr<summary> take_summary(summary &node)
 // Withdraws what is published for a node that is no longer in the list.
 int unpublish_node(const summary &node)
 {
-    static constexpr const char *TOPICS[] = {"port_summary",    "port_media",       "job_rev", "job_name",
-                                             "download_status", "CF_free_space",    "M301",    "M702",
-                                             "comm_loss",       "download_pending", "repeater"};
+    static constexpr const char *TOPICS[] = {
+        NODE_PORT_SUMMARY,    NODE_PORT_MEDIA,       NODE_JOB_REV, NODE_JOB_NAME,
+        NODE_DOWNLOAD_STATUS, NODE_CF_FREE_SPACE,    NODE_M301,    NODE_M702,
+        NODE_COMM_LOSS,       NODE_DOWNLOAD_PENDING, NODE_REPEATER};
     if (node.data[SUMMARY_LINK_DOWN] != 0 && publish_port_list(SUMMARY_LINK_DOWN, LINK_DOWN_TOPIC) == -1) {
         return -1;
     }
@@ -681,12 +677,11 @@ void miswired_cb(const char *topic, const void *payload, int length, void *)
 // The ring that the topic names; every number too large for ring_out is the largest.
 bool parse_ring(const char *topic, uint64_t &ring_out)
 {
-    constexpr std::string_view parent = "local/diag/ring/";
-    const char *const found = strstr(topic, parent.data());
+    const char *const found = strstr(topic, RING_PREFIX.data());
     if (found == nullptr) {
         return false;
     }
-    const char *const number = found + parent.size();
+    const char *const number = found + RING_PREFIX.size();
     char *end;
     ring_out = strtoull(number, &end, 10);
     return end != number;
@@ -966,18 +961,16 @@ int subscribe_local_topics()
         const char *name;
         broker_callback callback;
     } NODE_TOPICS[] = {
-        {"job_rev", job_info_cb},
-        {"job_name", job_info_cb},
-        {"download_status", download_status_cb},
-        {"CF_free_space", cf_free_cb},
-        {"M301", download_info_cb},
-        {"M702", download_info_cb},
-        {"comm_loss", download_info_cb},
-        {"download_pending", download_info_cb},
-        {"repeater", repeater_cb},
+        {NODE_JOB_REV, job_info_cb},
+        {NODE_JOB_NAME, job_info_cb},
+        {NODE_DOWNLOAD_STATUS, download_status_cb},
+        {NODE_CF_FREE_SPACE, cf_free_cb},
+        {NODE_M301, download_info_cb},
+        {NODE_M702, download_info_cb},
+        {NODE_COMM_LOSS, download_info_cb},
+        {NODE_DOWNLOAD_PENDING, download_info_cb},
+        {NODE_REPEATER, repeater_cb},
     };
-    constexpr const char *PORT_STATUS_FILTER = "local/diag/port/+/status";
-    constexpr const char *RING_STATUS_FILTER = "local/diag/ring/+/status";
     if (broker_subscribe(PORT_STATUS_FILTER, miswired_cb, nullptr) == -1) {
         return log_failure("couldn't subscribe to topic %s", PORT_STATUS_FILTER);
     }

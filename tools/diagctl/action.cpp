@@ -2,6 +2,7 @@
 
 #include "challenge.h"
 #include "signals.h"
+#include "topics.h"
 
 #include <poll.h>
 #include <unistd.h>
@@ -17,8 +18,6 @@ using std::chrono::duration_cast;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-constexpr const char *REQUEST_TOPIC = "pub/diag/command/request";
-constexpr const char *RESPONSE_TOPIC = "pub/diag/command/response";
 constexpr seconds PATIENCE(1); // no node is waited for longer where all is well
 constexpr int POLL_TIME_MS = 1000;
 
@@ -106,8 +105,8 @@ exit_status open_action(const broker_address &address, action_state &state, mess
             network_apply(state.net, topic, payload, is_retained, current_moment());
         }
     };
-    const exit_status opened = open_session(
-        address, {"pub/diag/local_node", "pub/diag/+/+", "pub/diag/net/fire/+", CHALLENGE_TOPIC}, take);
+    const exit_status opened =
+        open_session(address, {LOCAL_NODE_TOPIC, NODE_TOPICS_FILTER, LISTS_FILTER, CHALLENGE_TOPIC}, take);
     if (opened == STATUS_SUCCESS && !state.net.local.is_published) {
         session_close();
         return report_no_daemon(address);

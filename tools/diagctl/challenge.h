@@ -6,7 +6,6 @@
 #include <string>
 #include <string_view>
 
-constexpr const char *CHALLENGE_TOPIC = "pub/diag/command/aut/tbl_idx";
 constexpr size_t CHALLENGE_WORDS = 127;
 using word_table = std::array<std::string, CHALLENGE_WORDS>;
 

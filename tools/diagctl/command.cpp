@@ -1,5 +1,7 @@
 #include "command.h"
 
+#include "topics.h"
+
 #include <cstdio>
 
 namespace
@@ -73,9 +75,9 @@ exit_status open_session(const broker_address &address, const std::vector<std::s
 exit_status report_no_daemon(const broker_address &address)
 {
     fprintf(stderr,
-            "diagctl: no daemon has announced itself on the broker at %s: pub/diag/local_node is missing\n"
+            "diagctl: no daemon has announced itself on the broker at %s: %s is missing\n"
             "Is diag running on that card? Its system log says why it ended.\n",
-            address_text(address).c_str());
+            address_text(address).c_str(), LOCAL_NODE_TOPIC);
     return STATUS_NO_BROKER;
 }
 

@@ -2,6 +2,7 @@
 #include "action.h"
 #include "metrics.h"
 #include "signals.h"
+#include "topics.h"
 
 #include <prometheus/collectable.h>
 #include <prometheus/exposer.h>
@@ -97,8 +98,8 @@ exit_status run_export(const broker_address &address)
         fprintf(stderr, "diagctl: couldn't watch for signals: %s\n", strerror(errno));
         return STATUS_FAILURE;
     }
-    const exit_status opened = open_session(
-        address, {"pub/diag/#", "local/diag/network_style7", "local/diag/ring/+/status"}, take_message);
+    const exit_status opened =
+        open_session(address, {DIAG_FILTER, NETWORK_STYLE7_TOPIC, RING_STATUS_FILTER}, take_message);
     if (opened != STATUS_SUCCESS) {
         return opened;
     }

@@ -1,6 +1,7 @@
 #include "guarded.h"
 
 #include "challenge.h"
+#include "topics.h"
 
 #include <cstdio>
 

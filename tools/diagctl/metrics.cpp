@@ -1,5 +1,7 @@
 #include "metrics.h"
 
+#include "topics.h"
+
 #include <algorithm>
 
 namespace
@@ -106,7 +108,7 @@ void add_performance(families &out, const labels &port, const port_records &reco
     uint64_t down_seconds = 0;
     uint64_t last_time = 0;
     for (const auto &[slot, record] : records.pm) {
-        if (!record.value || !slot.starts_with("period")) {
+        if (!record.value || !slot.starts_with(PM_PERIOD)) {
             continue;
         }
         const pm_record &value = *record.value;
@@ -178,8 +180,8 @@ void add_node(families &out, const network &net, const node &shown)
               {{"mac", mac},
                {"number", shown.number ? std::to_string(*shown.number) : ""},
                {"location", net.is_local(shown.mac) ? "local" : "remote"},
-               {"job_name", fact_of(TOPIC_JOB_NAME).value_or("")},
-               {"job_rev", fact_of(TOPIC_JOB_REV).value_or("")},
+               {NODE_JOB_NAME, fact_of(TOPIC_JOB_NAME).value_or("")},
+               {NODE_JOB_REV, fact_of(TOPIC_JOB_REV).value_or("")},
                {"os_version", version(0)},
                {"boot_version", version(1)},
                {"app_version", version(2)}},

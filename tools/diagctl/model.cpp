@@ -3,6 +3,7 @@
 #include "common/bytes.h"
 #include "common/text.h"
 #include "summary_record.h"
+#include "topics.h"
 
 #include <algorithm>
 #include <charconv>
@@ -16,15 +17,9 @@ namespace
 using bytes = std::span<const uint8_t>;
 using changes = std::vector<std::string>;
 
-constexpr std::string_view DIAG_PREFIX = "pub/diag/";
-constexpr std::string_view RING_PREFIX = "local/diag/ring/";
-constexpr std::string_view RING_SUFFIX = "/status";
 constexpr const char *PORT_LIST_NAMES[PORT_LISTS] = {"link-down list", "ground list", "miswired list"};
-constexpr const char *PORT_LIST_TOPICS[PORT_LISTS] = {
-    "pub/diag/net/fire/link_down", "pub/diag/net/fire/grnd_list", "pub/diag/net/fire/miswired"};
+constexpr const char *PORT_LIST_TOPICS[PORT_LISTS] = {LINK_DOWN_TOPIC, GROUND_TOPIC, MISWIRED_TOPIC};
 constexpr const char *COLOUR_NAMES[] = {"green", "yellow", "red"}; // by port_status
-constexpr std::string_view PERIOD_PREFIX = "period";
-constexpr std::string_view DAY_PREFIX = "day";
 
 std::string quoted(const std::string &text)
 {
@@ -272,19 +267,19 @@ constexpr uint32_t CARD_ADDR_MAX = 127;
 
 // By node_topic.
 constexpr std::array<node_topic_row, NODE_TOPICS> node_topics = {{
-    {"port_summary", "port colours", value_kind::STRUCTURE, decode_port_summary},
-    {"port_media", "port media", value_kind::STRUCTURE, decode_port_media},
-    {"job_rev", "job revision", value_kind::TEXT, decode_text<SUMMARY_JOB_REVISION_SIZE>},
-    {"job_name", "job name", value_kind::TEXT, decode_text<SUMMARY_JOB_NAME_SIZE>},
-    {"download_status", "download status", value_kind::TEXT, decode_download_status},
-    {"CF_free_space", "free space in CF", value_kind::NUMBER, decode_number<ANY_U32>},
-    {"M301", "M301", value_kind::FLAG, decode_flag},
-    {"M702", "M702", value_kind::FLAG, decode_flag},
-    {"comm_loss", "comm loss", value_kind::FLAG, decode_flag},
-    {"download_pending", "download pending", value_kind::FLAG, decode_flag},
-    {"repeater", "repeater", value_kind::NUMBER, decode_number<REPEATER_MAX>},
-    {"software_versions", "versions", value_kind::STRUCTURE, decode_versions},
-    {"card_addr", "card address", value_kind::NUMBER, decode_number<CARD_ADDR_MAX>},
+    {NODE_PORT_SUMMARY, "port colours", value_kind::STRUCTURE, decode_port_summary},
+    {NODE_PORT_MEDIA, "port media", value_kind::STRUCTURE, decode_port_media},
+    {NODE_JOB_REV, "job revision", value_kind::TEXT, decode_text<SUMMARY_JOB_REVISION_SIZE>},
+    {NODE_JOB_NAME, "job name", value_kind::TEXT, decode_text<SUMMARY_JOB_NAME_SIZE>},
+    {NODE_DOWNLOAD_STATUS, "download status", value_kind::TEXT, decode_download_status},
+    {NODE_CF_FREE_SPACE, "free space in CF", value_kind::NUMBER, decode_number<ANY_U32>},
+    {NODE_M301, "M301", value_kind::FLAG, decode_flag},
+    {NODE_M702, "M702", value_kind::FLAG, decode_flag},
+    {NODE_COMM_LOSS, "comm loss", value_kind::FLAG, decode_flag},
+    {NODE_DOWNLOAD_PENDING, "download pending", value_kind::FLAG, decode_flag},
+    {NODE_REPEATER, "repeater", value_kind::NUMBER, decode_number<REPEATER_MAX>},
+    {NODE_SOFTWARE_VERSIONS, "versions", value_kind::STRUCTURE, decode_versions},
+    {NODE_CARD_ADDR, "card address", value_kind::NUMBER, decode_number<CARD_ADDR_MAX>},
 }};
 
 node &node_of(network &net, const mac_address &mac)
@@ -514,7 +509,7 @@ void apply_port_topic(network &net, const mac_address &mac, int port, std::strin
             out.push_back(who + " malformed " + std::string(name) + " (" + counted(value.size) + ")");
         }
     };
-    if (name == "stats") {
+    if (name == PORT_STATS) {
         if (!records.stats.is_published) {
             records.is_reset_seen = false;
         }
@@ -530,13 +525,13 @@ void apply_port_topic(network &net, const mac_address &mac, int port, std::strin
         report_malformed(records.stats);
         return;
     }
-    if (!name.starts_with("pm/")) {
+    if (!name.starts_with(PM_PREFIX)) {
         return;
     }
-    const std::string_view slot = name.substr(3);
-    if (slot == "last_period") {
+    const std::string_view slot = name.substr(PM_PREFIX.size());
+    if (name == PM_LAST_PERIOD) {
         const bool had_period = records.last_period.is_published;
-        set_fact(records.last_period, payload, parse_slot(as_text(payload), PERIOD_PREFIX, PM_PERIODS));
+        set_fact(records.last_period, payload, parse_slot(as_text(payload), PM_PERIOD, PM_PERIODS));
         report_malformed(records.last_period);
         records.period_start.reset();
         records.period_start_time.reset();
@@ -549,10 +544,10 @@ void apply_port_topic(network &net, const mac_address &mac, int port, std::strin
         if (had_period && payload.empty()) {
             out.push_back(who + " performance records cleared");
         }
-    } else if (slot == "last_day") {
-        set_fact(records.last_day, payload, parse_slot(as_text(payload), DAY_PREFIX, PM_DAYS));
+    } else if (name == PM_LAST_DAY) {
+        set_fact(records.last_day, payload, parse_slot(as_text(payload), PM_DAY, PM_DAYS));
         report_malformed(records.last_day);
-    } else if (parse_slot(slot, PERIOD_PREFIX, PM_PERIODS) || parse_slot(slot, DAY_PREFIX, PM_DAYS)) {
+    } else if (parse_slot(slot, PM_PERIOD, PM_PERIODS) || parse_slot(slot, PM_DAY, PM_DAYS)) {
         fact<pm_record> &record = records.pm[std::string(slot)];
         set_fact(record, payload, parse_record<PM_RECORD_SIZE>(payload));
         if (record.value && detail == change_detail::RECORDS) {
@@ -830,16 +825,16 @@ std::vector<std::string> network_apply(network &net, std::string_view topic, std
         apply_port_list(net, *list, payload, out);
     } else if (topic == MISWIRED_LINKS_TOPIC) {
         apply_miswired_links(net, payload, out);
-    } else if (topic == RING_STATUS_TOPIC) {
+    } else if (topic == NETWORK_STYLE7_TOPIC) {
         apply_ring_status(net, payload, out);
     } else if (topic.starts_with(RING_PREFIX) && topic.ends_with(RING_SUFFIX) &&
                topic.size() > RING_PREFIX.size() + RING_SUFFIX.size()) {
         apply_ring(net,
                    topic.substr(RING_PREFIX.size(), topic.size() - RING_PREFIX.size() - RING_SUFFIX.size()),
                    payload, out);
-    } else if (topic == "pub/diag/local_node") {
+    } else if (topic == LOCAL_NODE_TOPIC) {
         apply_local_node(net, payload, is_retained, out);
-    } else if (topic == "pub/diag/command/request" || topic == "pub/diag/command/response") {
+    } else if (topic == REQUEST_TOPIC || topic == RESPONSE_TOPIC) {
         out.push_back(std::string("command ") + std::string(topic.substr(topic.rfind('/') + 1)) + " " +
                       printable(as_text(payload)));
     } else if (const std::optional<topic_place> place = parse_topic_place(topic)) {

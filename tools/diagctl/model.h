@@ -178,8 +178,6 @@ std::optional<topic_place> parse_topic_place(std::string_view topic);
 // A node_topic, -1 for other names.
 int node_topic_named(std::string_view name);
 
-constexpr const char *MISWIRED_LINKS_TOPIC = "pub/diag/net/fire/miswired_links";
-constexpr const char *RING_STATUS_TOPIC = "local/diag/network_style7";
 std::optional<int> port_list_of_topic(std::string_view topic); // a port_list
 
 enum class change_detail {

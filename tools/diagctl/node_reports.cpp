@@ -1,4 +1,5 @@
 #include "reports.h"
+#include "topics.h"
 
 #include <algorithm>
 
@@ -242,14 +243,14 @@ json port_topic_json(const node &shown, int port, std::string_view name)
         return {};
     }
     const port_records &records = found->second;
-    if (name == "stats") {
+    if (name == PORT_STATS) {
         return records.stats.value ? stats_json(*records.stats.value) : malformed_or_null(records.stats);
     }
     const auto slot = records.pm.find(name.substr(name.find('/') + 1));
     if (slot != records.pm.end()) {
         return slot->second.value ? pm_json(*slot->second.value) : malformed_or_null(slot->second);
     }
-    const fact<std::string> &last = name == "pm/last_day" ? records.last_day : records.last_period;
+    const fact<std::string> &last = name == PM_LAST_DAY ? records.last_day : records.last_period;
     return last.value ? json(*last.value) : malformed_or_null(last);
 }
 
@@ -326,7 +327,7 @@ json topic_json(const network &net, std::string_view topic)
     if (topic == MISWIRED_LINKS_TOPIC) {
         return miswired_links_json(net);
     }
-    if (topic == RING_STATUS_TOPIC) {
+    if (topic == NETWORK_STYLE7_TOPIC) {
         return ring_json(net);
     }
     const std::optional<topic_place> place = parse_topic_place(topic);

@@ -1,6 +1,7 @@
 // diagctl pm: the performance-monitoring records of a port.
 #include "reading.h"
 #include "terminal.h"
+#include "topics.h"
 
 #include <langinfo.h>
 
@@ -42,9 +43,11 @@ exit_status run_pm(const broker_address &address)
         }
         return result;
     };
-    return reading_of_node(
-        address, pm.options,
-        {.reference = pm.node, .suffix = port_text(pm.port) + "/pm/+", .prepare = check, .build = build});
+    return reading_of_node(address, pm.options,
+                           {.reference = pm.node,
+                            .suffix = port_text(pm.port) + "/" + std::string(PM_PREFIX) + "+",
+                            .prepare = check,
+                            .build = build});
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 #include "reports.h"
+#include "topics.h"
 
 #include <algorithm>
 #include <cctype>
@@ -114,7 +115,7 @@ std::vector<period> closed_periods(const node &shown, int port, pm_kind kind)
     const bool is_day = kind == pm_kind::DAYS;
     const fact<std::string> &last = is_day ? records.last_day : records.last_period;
     for (const auto &[slot, record] : records.pm) {
-        if (slot.starts_with("day") == is_day && record.is_published) {
+        if (slot.starts_with(PM_DAY) == is_day && record.is_published) {
             periods.push_back({slot, record, last.value == slot});
         }
     }

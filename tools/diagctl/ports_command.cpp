@@ -1,5 +1,6 @@
 // diagctl ports: the statistics of a node's ports, with rates.
 #include "reading.h"
+#include "topics.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -44,7 +45,7 @@ exit_status run_ports(const broker_address &address)
     return reading_of_node(
         address, ports.options,
         {.reference = ports.node,
-         .suffix = "+/stats",
+         .suffix = std::string("+/") + PORT_STATS,
          .prepare = measure,
          .build = [](const network &, const node &found) { return report_ports(found, {}); }});
 }

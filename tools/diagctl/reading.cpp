@@ -1,6 +1,7 @@
 #include "reading.h"
 
 #include "live.h"
+#include "topics.h"
 
 #include <cstdio>
 
@@ -64,10 +65,10 @@ exit_status watch(const broker_address &address, const reading_options &options,
 exit_status open_reading(const broker_address &address, network &net)
 {
     read_network = &net;
-    const exit_status opened = open_session(address,
-                                            {"pub/diag/local_node", "pub/diag/+/+", "pub/diag/net/fire/+",
-                                             "local/diag/network_style7", "local/diag/ring/+/status"},
-                                            take_message);
+    const exit_status opened = open_session(
+        address,
+        {LOCAL_NODE_TOPIC, NODE_TOPICS_FILTER, LISTS_FILTER, NETWORK_STYLE7_TOPIC, RING_STATUS_FILTER},
+        take_message);
     if (opened != STATUS_SUCCESS) {
         return opened;
     }
@@ -146,7 +147,7 @@ exit_status reading_of_node(const broker_address &address, const reading_options
         };
         std::string error;
         if (!reading.suffix.empty() &&
-            !session_subscribe("pub/diag/" + mac_text(mac) + "/" + reading.suffix, error)) {
+            !session_subscribe(std::string(DIAG_PREFIX) + mac_text(mac) + "/" + reading.suffix, error)) {
             status = report_lost(address, error);
         }
         if (status == STATUS_SUCCESS && reading.prepare) {

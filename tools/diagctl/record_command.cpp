@@ -3,6 +3,7 @@
 #include "lines.h"
 #include "recording.h"
 #include "signals.h"
+#include "topics.h"
 
 #include <mosquitto.h>
 
@@ -17,7 +18,7 @@ using std::chrono::steady_clock;
 
 struct {
     std::string path;
-    std::vector<std::string> filters = {"pub/diag/#", "local/#"};
+    std::vector<std::string> filters = {DIAG_FILTER, LOCAL_FILTER};
     unsigned seconds = 0; // 0: until a signal
     FILE *file = nullptr;
     bool is_running = false; // false while the broker hands over what it has retained

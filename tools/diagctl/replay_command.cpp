@@ -2,6 +2,7 @@
 #include "action.h"
 #include "recording.h"
 #include "signals.h"
+#include "topics.h"
 
 #include <algorithm>
 #include <array>
@@ -20,8 +21,8 @@ using std::chrono::steady_clock;
 constexpr milliseconds DAEMON_ANSWER_TIME(1000);
 constexpr size_t MAX_PENDING = 100; // messages on their way
 // Whoever listens to these acts on them.
-constexpr std::array<std::string_view, 3> NEVER_REPLAYED = {"pub/diag/command/request", "local/activate",
-                                                            "local/remotedl"};
+constexpr std::array<std::string_view, 3> NEVER_REPLAYED = {REQUEST_TOPIC, ACTIVATE_TOPIC,
+                                                            REMOTE_DOWNLOAD_TOPIC};
 
 struct {
     std::string path;

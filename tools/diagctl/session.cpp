@@ -1,6 +1,7 @@
 #include "session.h"
 
 #include "signals.h"
+#include "topics.h"
 
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
@@ -29,7 +30,7 @@ constexpr int SUBSCRIPTION_QOS = 0;
 constexpr int PUBLISH_QOS = 1;
 // A topic that never has a retained value. The broker answers in the order in which it was asked, so that the answer
 // to a subscription of this one comes behind everything that was retained for the one before.
-constexpr const char *BARRIER_FILTER = "pub/diag/command/response";
+constexpr const char *BARRIER_FILTER = RESPONSE_TOPIC;
 
 constexpr int NO_ANSWER = -1;
 constexpr int REFUSED_SUBSCRIPTION = 0x80;

@@ -4,6 +4,7 @@
 #include "live.h"
 #include "recording.h"
 #include "signals.h"
+#include "topics.h"
 
 #include <mosquitto.h>
 
@@ -16,7 +17,6 @@ namespace
 
 constexpr unsigned DEFAULT_PERIOD = 10;
 constexpr unsigned MAX_PERIOD = 65535;
-constexpr const char *TOPIC_START = "pub/diag/";
 
 struct {
     std::string place; // NODE, NODE/PORT or NODE/TOPIC
@@ -58,7 +58,7 @@ std::string filter_of(const mac_address &mac, std::string rest)
     if (port) {
         rest = port_text(*port) + (slash == std::string::npos ? "/#" : rest.substr(slash));
     }
-    return TOPIC_START + mac_text(mac) + "/" + (rest.empty() ? "#" : rest);
+    return std::string(DIAG_PREFIX) + mac_text(mac) + "/" + (rest.empty() ? "#" : rest);
 }
 
 exit_status follow(const broker_address &address, const std::string &mac)

@@ -1,5 +1,6 @@
 // diagctl top: the network as one broker sees it, live.
 #include "live.h"
+#include "topics.h"
 #include "view.h"
 
 #include <algorithm>
@@ -105,8 +106,8 @@ std::vector<screen_line> render(size_t width, size_t height)
 exit_status run_top(const broker_address &address)
 {
     top.broker = address.host + ":" + std::to_string(address.port);
-    const exit_status opened = open_session(
-        address, {"pub/diag/#", "local/diag/network_style7", "local/diag/ring/+/status"}, take_message);
+    const exit_status opened =
+        open_session(address, {DIAG_FILTER, NETWORK_STYLE7_TOPIC, RING_STATUS_FILTER}, take_message);
     if (opened != STATUS_SUCCESS) {
         return opened;
     }

@@ -1,6 +1,7 @@
 // diagctl watch: every change, one line each.
 #include "changes.h"
 #include "live.h"
+#include "topics.h"
 
 #include <mosquitto.h>
 
@@ -50,8 +51,8 @@ exit_status run_watch(const broker_address &address)
     if (!watch.filter.empty()) {
         watch.node = parse_node_reference(watch.filter);
     }
-    const exit_status opened = open_session(
-        address, {"pub/diag/#", "local/diag/network_style7", "local/diag/ring/+/status"}, take_message);
+    const exit_status opened =
+        open_session(address, {DIAG_FILTER, NETWORK_STYLE7_TOPIC, RING_STATUS_FILTER}, take_message);
     if (opened != STATUS_SUCCESS) {
         return opened;
     }
