@@ -402,7 +402,7 @@ void run_on_targets(command_ptr record, const target_operation &operation, uint8
         return;
     }
     if ((record->failed_count > 0 ? send_nack_multitarget(*record) : send_ack(*record)) == -1) {
-        log_error("couldn't send NACK digest");
+        log_error("couldn't send NACK response");
         terminate();
     }
 }
