@@ -113,12 +113,18 @@ void write_header(uint8_t *header, packet_type type, size_t payload_length)
     packet_write_header(header, type, local_mac_addr, payload_length);
 }
 
-int send_ack(const char *address, uint32_t request_id)
+// Sends a packet that is sent only once. failure is logged when that fails.
+int send_once(const char *address, packet_type type, std::span<const uint8_t> payload, const char *failure)
 {
-    uint8_t buffer[HEADER_SIZE + REQUEST_ID_SIZE];
-    write_header(buffer, PACKET_ACK, REQUEST_ID_SIZE);
-    store_be(buffer + HEADER_SIZE, request_id);
-    return send_packet(address, buffer, sizeof buffer);
+    uint8_t buffer[MAX_PACKET_SIZE];
+    write_header(buffer, type, payload.size());
+    if (!payload.empty()) {
+        memcpy(buffer + HEADER_SIZE, payload.data(), payload.size());
+    }
+    if (send_packet(address, buffer, HEADER_SIZE + payload.size()) == -1) {
+        return log_failure("%s", failure);
+    }
+    return 0;
 }
 
 // Where answers to a packet go.
@@ -129,11 +135,65 @@ struct address_text {
 
 int acknowledge(const packet &request)
 {
-    if (send_ack(address_text(request).text, load_be<uint32_t>(request.payload.data())) == -1) {
-        return log_failure("couldn't send acknowledgement");
-    }
-    return 0;
+    return send_once(address_text(request).text, PACKET_ACK, request.payload.first(REQUEST_ID_SIZE),
+                     "couldn't send acknowledgement");
 }
+
+} // namespace
+
+int send_packet(const char *ip, const uint8_t *buf, size_t len)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(REMOTE_PORT);
+    if (inet_pton(AF_INET, ip, &address.sin_addr) != 1) {
+        return log_failure("invalid IP address %s", ip);
+    }
+    for (;;) {
+        const ssize_t sent =
+            sendto(socket_fd, buf, len, 0, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+        if (sent == static_cast<ssize_t>(len)) {
+            return 0;
+        }
+        if (sent != -1 || errno != EINTR) {
+            return log_failure("couldn't send packet (errno %d)", errno);
+        }
+        if (is_terminated()) {
+            return -1;
+        }
+    }
+}
+
+int remote_send_summary(const uint8_t *data, size_t length)
+{
+    if (check_arguments(data != nullptr, log_source) == -1) {
+        return -1;
+    }
+    if (length > MAX_PACKET_SIZE - HEADER_SIZE) {
+        return log_failure("summary data is too big");
+    }
+    return send_once(MULTICAST_GROUP, PACKET_SUMMARY, {data, length}, "couldn't send node summary");
+}
+
+int remote_send_goodbye()
+{
+    return send_once(MULTICAST_GROUP, PACKET_GOODBYE, {}, "couldn't send goodbye message");
+}
+
+int remote_reset_all_stats()
+{
+    return send_once(MULTICAST_GROUP, PACKET_RESET_ALL_STATS, {}, "couldn't send reset-all-stats request");
+}
+
+int remote_send_client_keepalive(uint32_t client_id)
+{
+    uint8_t payload[CLIENT_ID_SIZE];
+    store_be(payload, client_id);
+    return send_once(MULTICAST_GROUP, PACKET_CLIENT_KEEPALIVE, payload, "couldn't send client keepalive");
+}
+
+namespace
+{
 
 //
 // Fire addresses of the nodes
@@ -202,6 +262,24 @@ void fire_ip_cb(const char *topic, const void *payload, int length, void *)
     }
     store_fire_ip(*node, payload, size);
 }
+
+} // namespace
+
+int remote_reset_stats(const uint8_t *mac, int port)
+{
+    if (check_arguments(mac != nullptr, log_source) == -1) {
+        return -1;
+    }
+    const char *const address = get_fire_ip(mac);
+    if (address == nullptr) {
+        return -1;
+    }
+    const auto port_byte = static_cast<uint8_t>(port);
+    return send_once(address, PACKET_RESET_STATS, {&port_byte, 1}, "couldn't send reset-stats request");
+}
+
+namespace
+{
 
 //
 // Requests to other nodes
@@ -311,6 +389,96 @@ int process_ack(const packet &received)
     }
     return 0;
 }
+
+// The node that a topic filter names, null after logging why the filter can't be sent. An invalid one would end the
+// daemon that serves it.
+const uint8_t *find_filter_target(const char *filter, size_t max_length)
+{
+    const uint8_t *const mac = find_mac_addr_in_topic(filter);
+    if (mac == nullptr) {
+        log_error("couldn't find MAC address in topic %s", filter);
+        return nullptr;
+    }
+    if (strlen(filter) > max_length) {
+        log_error("topic %s is too long (%zu, must be at most %zu)", filter, strlen(filter), max_length);
+        return nullptr;
+    }
+    if (mosquitto_sub_topic_check(filter) != MOSQ_ERR_SUCCESS) {
+        log_error("%s is not a valid topic filter", filter);
+        return nullptr;
+    }
+    return mac;
+}
+
+} // namespace
+
+int remote_subscribe(const char *topic, uint32_t client_id, uint16_t period, request_result_cb callback,
+                     void *arg)
+{
+    if (check_arguments(topic != nullptr && callback != nullptr, log_source) == -1) {
+        return -1;
+    }
+    constexpr size_t FILTER = SUBSCRIBE_FILTER - REQUEST_ID_SIZE;
+    const uint8_t *const mac = find_filter_target(topic, MAX_REQUEST_PAYLOAD - FILTER - 1);
+    if (mac == nullptr) {
+        return -1;
+    }
+    uint8_t payload[MAX_REQUEST_PAYLOAD];
+    store_be(payload + REQUEST_CLIENT_ID - REQUEST_ID_SIZE, client_id);
+    store_be(payload + SUBSCRIBE_PERIOD - REQUEST_ID_SIZE, period);
+    memcpy(payload + FILTER, topic, strlen(topic) + 1);
+    return setup_common_req(mac, PACKET_SUBSCRIBE, callback, arg, payload, FILTER + strlen(topic) + 1);
+}
+
+int remote_unsubscribe(const char *topic, uint32_t client_id, request_result_cb callback, void *arg)
+{
+    if (check_arguments(topic != nullptr && callback != nullptr, log_source) == -1) {
+        return -1;
+    }
+    constexpr size_t FILTER = UNSUBSCRIBE_FILTER - REQUEST_ID_SIZE;
+    const uint8_t *const mac = find_filter_target(topic, MAX_REQUEST_PAYLOAD - FILTER - 1);
+    if (mac == nullptr) {
+        return -1;
+    }
+    uint8_t payload[MAX_REQUEST_PAYLOAD];
+    store_be(payload + REQUEST_CLIENT_ID - REQUEST_ID_SIZE, client_id);
+    memcpy(payload + FILTER, topic, strlen(topic) + 1);
+    return setup_common_req(mac, PACKET_UNSUBSCRIBE, callback, arg, payload, FILTER + strlen(topic) + 1);
+}
+
+int remote_unsubscribe_all(uint32_t client_id)
+{
+    uint8_t payload[CLIENT_ID_SIZE];
+    store_be(payload, client_id);
+    std::unique_ptr<pending_request> request =
+        build_req(MULTICAST_GROUP, PACKET_UNSUBSCRIBE_ALL, nullptr, nullptr, payload, sizeof payload);
+    if (!request) {
+        return log_failure("couldn't build unsubscribe all request");
+    }
+    if (start_req(std::move(request)) == -1) {
+        return log_failure("couldn't start pending unsubscribe all request");
+    }
+    return 0;
+}
+
+int remote_activate(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg)
+{
+    if (check_arguments(mac != nullptr && callback != nullptr, log_source) == -1) {
+        return -1;
+    }
+    return setup_common_req(mac, PACKET_ACTIVATE, callback, arg, &value, sizeof value);
+}
+
+int remote_set_remote_download(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg)
+{
+    if (check_arguments(mac != nullptr && callback != nullptr, log_source) == -1) {
+        return -1;
+    }
+    return setup_common_req(mac, PACKET_REMOTE_DOWNLOAD, callback, arg, &value, sizeof value);
+}
+
+namespace
+{
 
 //
 // Subscriptions served to other nodes
@@ -814,26 +982,6 @@ int start_receiving()
     return 0;
 }
 
-// The node that a topic filter names, null after logging why the filter can't be sent. An invalid one would end the
-// daemon that serves it.
-const uint8_t *find_filter_target(const char *filter, size_t max_length)
-{
-    const uint8_t *const mac = find_mac_addr_in_topic(filter);
-    if (mac == nullptr) {
-        log_error("couldn't find MAC address in topic %s", filter);
-        return nullptr;
-    }
-    if (strlen(filter) > max_length) {
-        log_error("topic %s is too long (%zu, must be at most %zu)", filter, strlen(filter), max_length);
-        return nullptr;
-    }
-    if (mosquitto_sub_topic_check(filter) != MOSQ_ERR_SUCCESS) {
-        log_error("%s is not a valid topic filter", filter);
-        return nullptr;
-    }
-    return mac;
-}
-
 } // namespace
 
 int remote_init()
@@ -848,160 +996,6 @@ int remote_init()
         static_cast<void>(event_remove(socket_fd));
         close_socket();
         return -1;
-    }
-    return 0;
-}
-
-int send_packet(const char *ip, const uint8_t *buf, size_t len)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(REMOTE_PORT);
-    if (inet_pton(AF_INET, ip, &address.sin_addr) != 1) {
-        return log_failure("invalid IP address %s", ip);
-    }
-    for (;;) {
-        const ssize_t sent =
-            sendto(socket_fd, buf, len, 0, reinterpret_cast<const sockaddr *>(&address), sizeof address);
-        if (sent == static_cast<ssize_t>(len)) {
-            return 0;
-        }
-        if (sent != -1 || errno != EINTR) {
-            return log_failure("couldn't send packet (errno %d)", errno);
-        }
-        if (is_terminated()) {
-            return -1;
-        }
-    }
-}
-
-int remote_send_summary(const uint8_t *data, size_t length)
-{
-    if (check_arguments(data != nullptr, log_source) == -1) {
-        return -1;
-    }
-    if (length > MAX_PACKET_SIZE - HEADER_SIZE) {
-        return log_failure("summary data is too big");
-    }
-    uint8_t buffer[MAX_PACKET_SIZE];
-    write_header(buffer, PACKET_SUMMARY, length);
-    memcpy(buffer + HEADER_SIZE, data, length);
-    if (send_packet(MULTICAST_GROUP, buffer, HEADER_SIZE + length) == -1) {
-        return log_failure("couldn't send node summary");
-    }
-    return 0;
-}
-
-int remote_send_goodbye()
-{
-    uint8_t buffer[HEADER_SIZE];
-    write_header(buffer, PACKET_GOODBYE, 0);
-    if (send_packet(MULTICAST_GROUP, buffer, sizeof buffer) == -1) {
-        return log_failure("couldn't send goodbye message");
-    }
-    return 0;
-}
-
-int remote_reset_stats(const uint8_t *mac, int port)
-{
-    if (check_arguments(mac != nullptr, log_source) == -1) {
-        return -1;
-    }
-    const char *const address = get_fire_ip(mac);
-    if (address == nullptr) {
-        return -1;
-    }
-    uint8_t buffer[HEADER_SIZE + 1];
-    write_header(buffer, PACKET_RESET_STATS, 1);
-    buffer[HEADER_SIZE] = static_cast<uint8_t>(port);
-    if (send_packet(address, buffer, sizeof buffer) == -1) {
-        return log_failure("couldn't send reset-stats request");
-    }
-    return 0;
-}
-
-int remote_reset_all_stats()
-{
-    uint8_t buffer[HEADER_SIZE];
-    write_header(buffer, PACKET_RESET_ALL_STATS, 0);
-    if (send_packet(MULTICAST_GROUP, buffer, sizeof buffer) == -1) {
-        return log_failure("couldn't send reset-all-stats request");
-    }
-    return 0;
-}
-
-int remote_activate(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg)
-{
-    if (check_arguments(mac != nullptr && callback != nullptr, log_source) == -1) {
-        return -1;
-    }
-    return setup_common_req(mac, PACKET_ACTIVATE, callback, arg, &value, sizeof value);
-}
-
-int remote_set_remote_download(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg)
-{
-    if (check_arguments(mac != nullptr && callback != nullptr, log_source) == -1) {
-        return -1;
-    }
-    return setup_common_req(mac, PACKET_REMOTE_DOWNLOAD, callback, arg, &value, sizeof value);
-}
-
-int remote_subscribe(const char *topic, uint32_t client_id, uint16_t period, request_result_cb callback,
-                     void *arg)
-{
-    if (check_arguments(topic != nullptr && callback != nullptr, log_source) == -1) {
-        return -1;
-    }
-    constexpr size_t FILTER = SUBSCRIBE_FILTER - REQUEST_ID_SIZE;
-    const uint8_t *const mac = find_filter_target(topic, MAX_REQUEST_PAYLOAD - FILTER - 1);
-    if (mac == nullptr) {
-        return -1;
-    }
-    uint8_t payload[MAX_REQUEST_PAYLOAD];
-    store_be(payload + REQUEST_CLIENT_ID - REQUEST_ID_SIZE, client_id);
-    store_be(payload + SUBSCRIBE_PERIOD - REQUEST_ID_SIZE, period);
-    memcpy(payload + FILTER, topic, strlen(topic) + 1);
-    return setup_common_req(mac, PACKET_SUBSCRIBE, callback, arg, payload, FILTER + strlen(topic) + 1);
-}
-
-int remote_unsubscribe(const char *topic, uint32_t client_id, request_result_cb callback, void *arg)
-{
-    if (check_arguments(topic != nullptr && callback != nullptr, log_source) == -1) {
-        return -1;
-    }
-    constexpr size_t FILTER = UNSUBSCRIBE_FILTER - REQUEST_ID_SIZE;
-    const uint8_t *const mac = find_filter_target(topic, MAX_REQUEST_PAYLOAD - FILTER - 1);
-    if (mac == nullptr) {
-        return -1;
-    }
-    uint8_t payload[MAX_REQUEST_PAYLOAD];
-    store_be(payload + REQUEST_CLIENT_ID - REQUEST_ID_SIZE, client_id);
-    memcpy(payload + FILTER, topic, strlen(topic) + 1);
-    return setup_common_req(mac, PACKET_UNSUBSCRIBE, callback, arg, payload, FILTER + strlen(topic) + 1);
-}
-
-int remote_unsubscribe_all(uint32_t client_id)
-{
-    uint8_t payload[CLIENT_ID_SIZE];
-    store_be(payload, client_id);
-    std::unique_ptr<pending_request> request =
-        build_req(MULTICAST_GROUP, PACKET_UNSUBSCRIBE_ALL, nullptr, nullptr, payload, sizeof payload);
-    if (!request) {
-        return log_failure("couldn't build unsubscribe all request");
-    }
-    if (start_req(std::move(request)) == -1) {
-        return log_failure("couldn't start pending unsubscribe all request");
-    }
-    return 0;
-}
-
-int remote_send_client_keepalive(uint32_t client_id)
-{
-    uint8_t buffer[HEADER_SIZE + CLIENT_ID_SIZE];
-    write_header(buffer, PACKET_CLIENT_KEEPALIVE, CLIENT_ID_SIZE);
-    store_be(buffer + HEADER_SIZE, client_id);
-    if (send_packet(MULTICAST_GROUP, buffer, sizeof buffer) == -1) {
-        return log_failure("couldn't send client keepalive");
     }
     return 0;
 }
