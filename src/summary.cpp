@@ -609,6 +609,59 @@ int remove_node(summary &node)
     return 0;
 }
 
+} // namespace
+
+int summary_process(const uint8_t *mac, const uint8_t *payload, size_t length)
+{
+    if (check_arguments(mac != nullptr && payload != nullptr, log_source) == -1) {
+        return -1;
+    }
+    summary *node = find_summary(mac);
+    if (node == nullptr) {
+        std::unique_ptr<summary> added(new (std::nothrow) summary{});
+        node = added ? add_summary(std::move(added), mac) : nullptr;
+        if (node == nullptr) {
+            return log_failure("couldn't allocate summary structure");
+        }
+    }
+    return apply_payload(*node, {payload, length});
+}
+
+int summary_clear(const uint8_t *mac)
+{
+    if (check_arguments(mac != nullptr, log_source) == -1) {
+        return -1;
+    }
+    summary *const node = find_summary(mac);
+    if (node == nullptr || node == local_summary) {
+        return 0;
+    }
+    return remove_node(*node);
+}
+
+size_t summary_get_mac_addrs(uint8_t node_number, uint8_t *macs_out, size_t capacity)
+{
+    if (check_arguments(macs_out != nullptr, log_source) == -1) {
+        return 0;
+    }
+    size_t count = 0;
+    for (const summary &node : summaries) {
+        if (node.data[SUMMARY_NODE_NUM] != node_number) {
+            continue;
+        }
+        if (capacity - count * MAC_SIZE < MAC_SIZE) {
+            log_error("ignoring MAC address(es) since result array is too small");
+            break;
+        }
+        memcpy(macs_out + count * MAC_SIZE, node.mac, MAC_SIZE);
+        count++;
+    }
+    return count;
+}
+
+namespace
+{
+
 //
 // This node's facts, from the other processes of the card. A message may still come while the session is
 // closed after a failed start-up, when there is no record for it.
@@ -834,6 +887,83 @@ int update_listed_mask(int port, bool on, size_t mask_offset, const char *topic)
     stamp_change(SUMMARY_INFO_PORTS_DYNAMIC);
     return publish_port_list(mask_offset, topic);
 }
+
+} // namespace
+
+int summary_update_link(int port, int down)
+{
+    return update_listed_mask(port, down != 0, SUMMARY_LINK_DOWN, LINK_DOWN_TOPIC);
+}
+
+int summary_update_ground(int port, int grounded)
+{
+    return update_listed_mask(port, grounded != 0, SUMMARY_GROUND, GROUND_TOPIC);
+}
+
+int summary_update_status(int port, int status)
+{
+    static constexpr size_t MASKS[] = {SUMMARY_GREEN, SUMMARY_YELLOW, SUMMARY_RED}; // by status
+    static_assert(PORT_STATUS_GREEN == 0 && PORT_STATUS_YELLOW == 1 && PORT_STATUS_RED == 2);
+    if (check_initialized() == -1) {
+        return -1;
+    }
+    const uint8_t bit = port_bit(port);
+    for (const size_t mask : MASKS) {
+        set_bits(local_summary->data[mask], bit, false);
+    }
+    if (status >= PORT_STATUS_GREEN && status <= PORT_STATUS_RED) {
+        set_bits(local_summary->data[MASKS[status]], bit, true);
+    } else if (status != PORT_STATUS_NONE) {
+        return log_failure("invalid port status %d", status);
+    }
+    stamp_change(SUMMARY_INFO_PORTS_DYNAMIC);
+    if (publish_port_summary(*local_summary) == -1) {
+        return log_failure("couldn't publish local port summary");
+    }
+    return 0;
+}
+
+int summary_update_media(int port, int media)
+{
+    if (check_initialized() == -1) {
+        return -1;
+    }
+    const uint8_t bit = port_bit(port);
+    for (const mask_name &mask : PORT_MEDIA) {
+        set_bits(local_summary->data[mask.offset], bit, false);
+    }
+    if (media >= LUM_TYPE_ETH && media <= LUM_TYPE_MMF) {
+        set_bits(local_summary->data[PORT_MEDIA[media].offset], bit, true);
+    } else if (media != LUM_TYPE_NONE) {
+        return log_failure("invalid media type %d", media);
+    }
+    if (publish_port_media(*local_summary) == -1) {
+        return log_failure("couldn't publish local port media");
+    }
+    return 0;
+}
+
+int summary_update_type(int port, int type)
+{
+    if (check_initialized() == -1) {
+        return -1;
+    }
+    uint8_t *const data = local_summary->data;
+    const bool was_degraded = is_degraded_style7(data);
+    const uint8_t bit = port_bit(port);
+    set_bits(data[SUMMARY_FIRE_PORTS], bit, type == SUMMARY_PORT_FIRE);
+    set_bits(data[SUMMARY_SPUR_PORTS], bit, type == SUMMARY_PORT_SPUR);
+    if (type < SUMMARY_PORT_FIRE || type > SUMMARY_PORT_OTHER) {
+        return log_failure("invalid port type %d", type);
+    }
+    if (is_degraded_style7(data) != was_degraded && publish_network_style7() == -1) {
+        return -1;
+    }
+    return 0;
+}
+
+namespace
+{
 
 //
 // Timers
@@ -1063,124 +1193,4 @@ int summary_init(uint8_t node_number)
         local_summary = nullptr;
     }
     return -1;
-}
-
-int summary_update_link(int port, int down)
-{
-    return update_listed_mask(port, down != 0, SUMMARY_LINK_DOWN, LINK_DOWN_TOPIC);
-}
-
-int summary_update_ground(int port, int grounded)
-{
-    return update_listed_mask(port, grounded != 0, SUMMARY_GROUND, GROUND_TOPIC);
-}
-
-int summary_update_status(int port, int status)
-{
-    static constexpr size_t MASKS[] = {SUMMARY_GREEN, SUMMARY_YELLOW, SUMMARY_RED}; // by status
-    static_assert(PORT_STATUS_GREEN == 0 && PORT_STATUS_YELLOW == 1 && PORT_STATUS_RED == 2);
-    if (check_initialized() == -1) {
-        return -1;
-    }
-    const uint8_t bit = port_bit(port);
-    for (const size_t mask : MASKS) {
-        set_bits(local_summary->data[mask], bit, false);
-    }
-    if (status >= PORT_STATUS_GREEN && status <= PORT_STATUS_RED) {
-        set_bits(local_summary->data[MASKS[status]], bit, true);
-    } else if (status != PORT_STATUS_NONE) {
-        return log_failure("invalid port status %d", status);
-    }
-    stamp_change(SUMMARY_INFO_PORTS_DYNAMIC);
-    if (publish_port_summary(*local_summary) == -1) {
-        return log_failure("couldn't publish local port summary");
-    }
-    return 0;
-}
-
-int summary_update_media(int port, int media)
-{
-    if (check_initialized() == -1) {
-        return -1;
-    }
-    const uint8_t bit = port_bit(port);
-    for (const mask_name &mask : PORT_MEDIA) {
-        set_bits(local_summary->data[mask.offset], bit, false);
-    }
-    if (media >= LUM_TYPE_ETH && media <= LUM_TYPE_MMF) {
-        set_bits(local_summary->data[PORT_MEDIA[media].offset], bit, true);
-    } else if (media != LUM_TYPE_NONE) {
-        return log_failure("invalid media type %d", media);
-    }
-    if (publish_port_media(*local_summary) == -1) {
-        return log_failure("couldn't publish local port media");
-    }
-    return 0;
-}
-
-int summary_update_type(int port, int type)
-{
-    if (check_initialized() == -1) {
-        return -1;
-    }
-    uint8_t *const data = local_summary->data;
-    const bool was_degraded = is_degraded_style7(data);
-    const uint8_t bit = port_bit(port);
-    set_bits(data[SUMMARY_FIRE_PORTS], bit, type == SUMMARY_PORT_FIRE);
-    set_bits(data[SUMMARY_SPUR_PORTS], bit, type == SUMMARY_PORT_SPUR);
-    if (type < SUMMARY_PORT_FIRE || type > SUMMARY_PORT_OTHER) {
-        return log_failure("invalid port type %d", type);
-    }
-    if (is_degraded_style7(data) != was_degraded && publish_network_style7() == -1) {
-        return -1;
-    }
-    return 0;
-}
-
-int summary_process(const uint8_t *mac, const uint8_t *payload, size_t length)
-{
-    if (check_arguments(mac != nullptr && payload != nullptr, log_source) == -1) {
-        return -1;
-    }
-    summary *node = find_summary(mac);
-    if (node == nullptr) {
-        std::unique_ptr<summary> added(new (std::nothrow) summary{});
-        node = added ? add_summary(std::move(added), mac) : nullptr;
-        if (node == nullptr) {
-            return log_failure("couldn't allocate summary structure");
-        }
-    }
-    return apply_payload(*node, {payload, length});
-}
-
-int summary_clear(const uint8_t *mac)
-{
-    if (check_arguments(mac != nullptr, log_source) == -1) {
-        return -1;
-    }
-    summary *const node = find_summary(mac);
-    if (node == nullptr || node == local_summary) {
-        return 0;
-    }
-    return remove_node(*node);
-}
-
-size_t summary_get_mac_addrs(uint8_t node_number, uint8_t *macs_out, size_t capacity)
-{
-    if (check_arguments(macs_out != nullptr, log_source) == -1) {
-        return 0;
-    }
-    size_t count = 0;
-    for (const summary &node : summaries) {
-        if (node.data[SUMMARY_NODE_NUM] != node_number) {
-            continue;
-        }
-        if (capacity - count * MAC_SIZE < MAC_SIZE) {
-            log_error("ignoring MAC address(es) since result array is too small");
-            break;
-        }
-        memcpy(macs_out + count * MAC_SIZE, node.mac, MAC_SIZE);
-        count++;
-    }
-    return count;
 }
