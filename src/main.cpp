@@ -4,6 +4,7 @@
 #include "command.h"
 #include "common/lumlog.h"
 #include "common/netif.h"
+#include "common/text.h"
 #include "event.h"
 #include "hwinfo/hwinfo.h"
 #include "packet.h"
@@ -116,13 +117,11 @@ int publish_card_addr()
     if (card_addr == -1) {
         return log_failure("couldn't get local card address");
     }
-    char topic[64];
-    snprintf(topic, sizeof topic, NODE_TOPIC_FORMAT, mac, NODE_CARD_ADDR);
     char payload[4];
     if (snprintf(payload, sizeof payload, "%d", card_addr) >= static_cast<int>(sizeof payload)) {
         return log_failure("couldn't format local card address");
     }
-    return publish_text(topic, payload);
+    return publish_text(topic_text(NODE_TOPIC_FORMAT, mac, NODE_CARD_ADDR).text, payload);
 }
 
 int init_modules(uint8_t node_number)

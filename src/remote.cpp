@@ -974,10 +974,9 @@ int start_receiving()
     if (broker_subscribe(FIRE_IP_FILTER, fire_ip_cb, nullptr) == -1) {
         return log_failure("couldn't subscribe to %s", FIRE_IP_FILTER);
     }
-    char own_topics[64];
-    snprintf(own_topics, sizeof own_topics, NODE_FILTER_FORMAT, mac_addr_to_str(local_mac_addr));
-    if (broker_subscribe(own_topics, sub_msg_cb, nullptr) == -1) {
-        return log_failure("couldn't subscribe to %s", own_topics);
+    const topic_text own_topics(NODE_FILTER_FORMAT, mac_addr_to_str(local_mac_addr));
+    if (broker_subscribe(own_topics.text, sub_msg_cb, nullptr) == -1) {
+        return log_failure("couldn't subscribe to %s", own_topics.text);
     }
     return 0;
 }

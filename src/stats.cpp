@@ -53,10 +53,6 @@ struct down_time {
     timespec total = {.tv_sec = 0, .tv_nsec = 0}; // accrued
 };
 
-struct topic_text {
-    char text[64];
-};
-
 // A tracked port. It exists as long as the port's last type was a fire type, and its subscriptions refer to
 // it.
 struct port_record {
@@ -91,16 +87,12 @@ record_list<port_record> abandoned_ports;
 
 topic_text local_topic(int port, const char *name)
 {
-    topic_text topic;
-    snprintf(topic.text, sizeof topic.text, PORT_FACT_FORMAT, port_name(port).text, name);
-    return topic;
+    return topic_text(PORT_FACT_FORMAT, port_name(port).text, name);
 }
 
 topic_text stats_topic(int port)
 {
-    topic_text topic;
-    snprintf(topic.text, sizeof topic.text, STATS_FORMAT, macstr, port_name(port).text);
-    return topic;
+    return topic_text(STATS_FORMAT, macstr, port_name(port).text);
 }
 
 // Periods and days are published alike.
@@ -112,30 +104,21 @@ struct pm_series {
 constexpr pm_series PERIODS = {PM_PERIOD, PM_PERIODS, "PM period"};
 constexpr pm_series DAYS = {PM_DAY, PM_DAYS, "daily PM"};
 
-struct slot_text {
-    char text[20];
-};
+using slot_text = formatted_text<20>;
 
 slot_text slot_name(const pm_series &series, unsigned slot)
 {
-    slot_text name;
-    snprintf(name.text, sizeof name.text, "%s%u", series.name, slot);
-    return name;
+    return slot_text("%s%u", series.name, slot);
 }
 
 topic_text slot_topic(int port, const pm_series &series, unsigned slot)
 {
-    topic_text topic;
-    snprintf(topic.text, sizeof topic.text, PM_FORMAT, macstr, port_name(port).text,
-             slot_name(series, slot).text);
-    return topic;
+    return topic_text(PM_FORMAT, macstr, port_name(port).text, slot_name(series, slot).text);
 }
 
 topic_text last_slot_topic(int port, const pm_series &series)
 {
-    topic_text topic;
-    snprintf(topic.text, sizeof topic.text, PM_LAST_FORMAT, macstr, port_name(port).text, series.name);
-    return topic;
+    return topic_text(PM_LAST_FORMAT, macstr, port_name(port).text, series.name);
 }
 
 //

@@ -73,14 +73,10 @@ uint32_t num_sends;                        // expiries of the send timer
 uint8_t port_list[PORT_LIST_MAX * PORT_LIST_RECORD_SIZE];
 uint8_t miswired_links[MISWIRED_LINKS_MAX * MISWIRED_LINK_SIZE];
 
-// A topic of one node, pub/diag/<MAC>/<name>.
-struct node_topic {
-    node_topic(const summary &node, const char *name)
-    {
-        snprintf(text, sizeof text, NODE_TOPIC_FORMAT, node.mac_str, name);
-    }
-    char text[64];
-};
+topic_text node_topic(const summary &node, const char *name)
+{
+    return topic_text(NODE_TOPIC_FORMAT, node.mac_str, name);
+}
 
 // The bit of a port in a mask, 0 for a port that has none: the CPU port.
 uint8_t port_bit(int port)
@@ -272,7 +268,7 @@ bool format_ports(const summary &node, std::span<const mask_name> masks, char (&
 // Logs a failure, other than publish_node_bytes below, whose callers name what they publish.
 int publish_text(const summary &node, const char *name, const char *text)
 {
-    const node_topic topic(node, name);
+    const topic_text topic = node_topic(node, name);
     if (broker_publish(topic.text, text, strlen(text)) == -1) {
         return log_failure("couldn't publish %s to %s", text, topic.text);
     }
@@ -589,7 +585,7 @@ int unpublish_node(const summary &node)
         return -1;
     }
     for (const char *name : TOPICS) {
-        const node_topic topic(node, name);
+        const topic_text topic = node_topic(node, name);
         if (broker_unpublish(topic.text) == -1) {
             return log_failure("couldn't unpublish topic %s", topic.text);
         }
@@ -1108,7 +1104,7 @@ int subscribe_local_topics()
         return log_failure("couldn't subsribe to topic %s", RING_STATUS_FILTER);
     }
     for (const auto &row : NODE_TOPICS) {
-        const node_topic filter(*local_summary, row.name);
+        const topic_text filter = node_topic(*local_summary, row.name);
         if (broker_subscribe(filter.text, row.callback, nullptr) == -1) {
             return log_failure("couldn't subsribe to topic %s", filter.text);
         }

@@ -1,10 +1,26 @@
 // Text received from outside: MQTT payloads are not NUL-terminated and may hold anything.
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <string_view>
+
+// A short text that is formatted in place and cut off at its size.
+template <size_t SIZE>
+struct formatted_text {
+    [[gnu::format(printf, 2, 3)]] explicit formatted_text(const char *format, ...)
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        static_cast<void>(vsnprintf(text, sizeof text, format, arguments));
+        va_end(arguments);
+    }
+    char text[SIZE];
+};
+using topic_text = formatted_text<64>;
 
 // The payload as text: up to its first NUL, or whole. A null payload is the empty text.
 std::string_view payload_text(const void *payload, int length);
