@@ -6,7 +6,9 @@
                                output lines TIME SOURCE_ADDRESS HEX
     in_node.py burst           sends every HEX of the input to the node's own daemon, as fast as it reads them;
                                a line "end" is answered when it has read all
-    in_node.py publish RETAIN  publishes lines TOPIC HEX of the input, RETAIN being 0 or 1
+    in_node.py publish RETAIN CLIENT
+                               publishes lines TOPIC HEX of the input, RETAIN being 0 or 1; with QoS 1 if CLIENT, its
+                               id, is not empty
     in_node.py broker HOW...   a broker that misbehaves; prints TIME KIND TOPIC HEX for each packet it gets
 """
 import os
@@ -119,7 +121,7 @@ def cut_text(body):
     return body[2 : 2 + size].decode(), body[2 + size :]
 
 
-def publish(retain):
+def publish(retain, client):
     """In one session, which ends when the broker has taken everything."""
     broker = socket.create_connection(("127.0.0.1", 1885))
 
@@ -127,10 +129,12 @@ def publish(retain):
         size = bytes([len(body) % 128 | 128, len(body) // 128]) if len(body) > 127 else bytes([len(body)])
         broker.sendall(bytes([head]) + size + body)
 
-    send(CONNECT << 4, b"\0\4MQTT\4\2\0\0\0\0")
-    for line in sys.stdin:
+    send(CONNECT << 4, b"\0\4MQTT\4\2\0\0" + struct.pack(">H", len(client)) + client.encode())
+    for number, line in enumerate(sys.stdin, 1):
         topic, payload = line.rstrip("\n").split(" ")
-        send(PUBLISH << 4 | int(retain), struct.pack(">H", len(topic)) + topic.encode() + bytes.fromhex(payload))
+        identifier = struct.pack(">H", number) if client else b""
+        head = PUBLISH << 4 | bool(client) << 1 | int(retain)
+        send(head, struct.pack(">H", len(topic)) + topic.encode() + identifier + bytes.fromhex(payload))
     send(DISCONNECT << 4, b"")
     while broker.recv(4096):
         pass

@@ -162,26 +162,28 @@ class Node:
 
     # --- the broker
 
-    def publish(self, *messages, retain=True):
-        """Publishes each (topic, payload) in this order, as the card's other processes would."""
+    def publish(self, *messages, retain=True, client=""):
+        """Publishes each (topic, payload) in this order, as the card's other processes would, or with QoS 1 as
+        this client."""
         lines = [
             f"{topic} {(payload.encode() if isinstance(payload, str) else payload).hex()}\n"
             for topic, payload in messages
         ]
-        self.exec(PYTHON, str(HERE / "in_node.py"), "publish", str(int(retain)), stdin="".join(lines))
+        self.exec(PYTHON, str(HERE / "in_node.py"), "publish", str(int(retain)), client, stdin="".join(lines))
 
-    def watch(self):
-        """Starts collecting what is published: items of (topic, payload)."""
-        self.shell("until mosquitto_pub -p 1885 -t test/ready -r -m 1 2>/dev/null; do sleep 0.02; done")
+    def watch(self, *client):
+        """Starts collecting what is published, as seen by a client on the card: items of (topic, payload)."""
+        client = client or ("-p", "1885")
+        self.shell(f"until mosquitto_pub {' '.join(client)} -t local/ready -r -m 1 2>/dev/null; do sleep 0.02; done")
 
         def parse(line):
             topic, _, payload = line.partition(" ")
             return topic, bytes.fromhex(payload)
 
-        command = ["mosquitto_sub", "-p", "1885", "-q", "1", "-t", "#", "-F", "%t %x"]
+        command = ["mosquitto_sub", *client, "-q", "1", "-t", "#", "-F", "%t %x"]
         self.topics = Stream(self.command(*command), parse)
-        self.topics.wait(lambda item: item[0] == "test/ready")
-        self.publish(("test/ready", ""))
+        self.topics.wait(lambda item: item[0] == "local/ready")
+        self.publish(("local/ready", ""))
 
     def fake_broker(self, how):
         """Starts a broker that misbehaves: items of (time, kind, topic, payload)."""
