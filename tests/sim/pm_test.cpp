@@ -156,6 +156,16 @@ TEST_F(periods, slots_wrap_after_a_day_and_days_after_a_week)
     EXPECT_EQ(pm("day1", "time"), uint64_t{TEN_O_CLOCK + 2 * 86400});
 }
 
+TEST_F(periods, quarter_hour_and_day_close_when_the_time_has_outgrown_32_bits)
+{
+    constexpr time_t NEW_YEAR_2040 = 2'208'988'800;
+    tick_at(NEW_YEAR_2040);
+    EXPECT_EQ(pm("period0", "time"), uint64_t{NEW_YEAR_2040});
+    ticks(95);
+    EXPECT_EQ(held("pm/last_day"), "day0");
+    EXPECT_EQ(pm("day0", "time"), uint64_t{NEW_YEAR_2040 + 95 * 900});
+}
+
 TEST_F(periods, day_adds_up_its_periods_and_takes_the_present_error_ratio)
 {
     media(1);
