@@ -2,13 +2,11 @@
 // facts on which the daemon builds: what the kernel knows of the real ring links, and on command the faults
 // that a kernel has not. It also takes the node's system log.
 //
-//     card run NODES PORT=INTERFACE[:NODE:PORT]...
+//     card NODES PORT=INTERFACE[:NODE:PORT]...
 //         NODES is a file with a line "NUMBER MAC ADDRESS" for every node of the network. Each port has a
-//         network interface, and in a ring the neighbour to which it leads: card run /run/lab/nodes A=A:5:B
+//         network interface, and in a ring the neighbour to which it leads: card /run/lab/nodes A=A:5:B
 //
-//     card control SOCKET WORD...
-//         Hands a command to the card that listens on the socket and prints its answer. The commands are in
-//         the table COMMANDS below.
+// The commands come through the socket /run/lab/card.sock; they are in the tables CARD_COMMANDS and PORT_COMMANDS.
 #include "common/bytes.h"
 #include "common/netif.h"
 #include "common/unique_fd.h"
@@ -44,9 +42,9 @@
 namespace
 {
 
-constexpr const char *CONTROL_SOCKET = "/run/lab/card.sock";
+constexpr sockaddr_un CONTROL_SOCKET = {AF_UNIX, "/run/lab/card.sock"};
 constexpr const char *LOG_FILE = "/run/lab/log";
-constexpr int USAGE_ERROR = 2; // exit status of a command line or a command that is refused
+constexpr int USAGE_ERROR = 2; // exit status of a command line that is refused
 constexpr size_t CONTROL_MAX = 4096;
 constexpr int RECONNECT_MS = 100;
 constexpr unsigned FREE_SPACE_PERIOD = 60;
@@ -392,25 +390,12 @@ answer run_command(words command)
 
 // A command is one packet of words, each ended by a NUL; its answer is one packet, '+' or '-' and a text.
 
-bool control_address(const char *path, sockaddr_un &address)
-{
-    address = {};
-    address.sun_family = AF_UNIX;
-    size_t size = strlen(path) + 1;
-    if (size > sizeof address.sun_path) {
-        return false;
-    }
-    memcpy(address.sun_path, path, size);
-    return true;
-}
-
 int control_open()
 {
-    sockaddr_un address;
     unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    unlink(CONTROL_SOCKET);
-    if (!fd.is_open() || !control_address(CONTROL_SOCKET, address) ||
-        bind(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == -1 ||
+    unlink(CONTROL_SOCKET.sun_path);
+    if (!fd.is_open() ||
+        bind(fd.get(), reinterpret_cast<const sockaddr *>(&CONTROL_SOCKET), sizeof CONTROL_SOCKET) == -1 ||
         listen(fd.get(), SOMAXCONN) == -1) {
         return -1;
     }
@@ -440,30 +425,6 @@ void control_accept(int listener)
     answer reply = run_command(command);
     std::string packet_out = (reply.good ? '+' : '-') + reply.text;
     send(client.get(), packet_out.data(), packet_out.size(), MSG_NOSIGNAL);
-}
-
-int control(const char *path, char **arguments)
-{
-    std::string command;
-    for (; *arguments != nullptr; arguments++) {
-        command.append(*arguments);
-        command += '\0';
-    }
-    sockaddr_un address;
-    unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    char reply[CONTROL_MAX];
-    ssize_t received = -1;
-    if (!fd.is_open() || !control_address(path, address) ||
-        connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == -1 ||
-        send(fd.get(), command.data(), command.size(), MSG_NOSIGNAL) == -1 ||
-        (received = recv(fd.get(), reply, sizeof reply, 0)) <= 0) {
-        fputs("the card doesn't answer\n", stderr);
-        return EXIT_FAILURE;
-    }
-    bool good = reply[0] == '+';
-    std::string text(reply + 1, static_cast<size_t>(received - 1));
-    fputs(good ? text.c_str() : (text + '\n').c_str(), good ? stdout : stderr);
-    return good ? EXIT_SUCCESS : USAGE_ERROR;
 }
 
 // PORT=INTERFACE[:NODE:PORT]
@@ -573,20 +534,14 @@ int run(const char *nodes_file)
 
 int main(int argc, char **argv)
 {
-    std::string_view mode = argc > 2 ? argv[1] : "";
-    if (mode == "control") {
-        return control(argv[2], argv + 3);
-    }
-    bool good = mode == "run" && argc > 3;
-    for (int i = 3; good && i < argc; i++) {
+    bool good = argc > 2;
+    for (int i = 2; good && i < argc; i++) {
         good = add_port(argv[i]);
     }
     if (!good) {
-        fputs("usage: card run NODES PORT=INTERFACE[:NODE:PORT]...\n"
-              "       card control SOCKET WORD...\n",
-              stderr);
+        fputs("usage: card NODES PORT=INTERFACE[:NODE:PORT]...\n", stderr);
         return USAGE_ERROR;
     }
     signal(SIGPIPE, SIG_IGN);
-    return run(argv[2]);
+    return run(argv[1]);
 }

@@ -8,6 +8,7 @@ import re
 import signal
 import struct
 import subprocess
+import sys
 import threading
 import time
 from ast import literal_eval
@@ -17,6 +18,8 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 LAB = HERE.parent.parent / "lab" / "lab"
+sys.path.insert(0, str(LAB.parent))
+import diaglab  # noqa: E402
 BUILD = Path(os.environ.get("DIAG_BUILD", HERE.parent.parent / "build" / "release"))
 PYTHON = "/usr/bin/python3"
 GROUP = "224.22.33.44"
@@ -125,12 +128,12 @@ class Daemon(Stream):
 class Node:
     def __init__(self, lab, number):
         self.lab, self.number = lab, number
-        self.mac = f"02-00-00-00-00-{number:02X}"
-        self.address = f"10.22.0.{number}"
+        self.inside = lab.inside.nodes[number]
+        self.mac, self.address = self.inside.mac, self.inside.address
         self.topics = self.log = self.daemon = None
 
     def command(self, *words):
-        return [*self.lab.command("exec"), str(self.number), *words]
+        return self.inside.command(*words)
 
     def exec(self, *words, stdin=None):
         return run(*self.command(*words), stdin=stdin)
@@ -360,22 +363,19 @@ class Probe:
 class Lab:
     """A lab that lives as long as the tests: it ends with this process, however that ends."""
 
-    def __init__(self, count, *options):
+    def __init__(self, count, shape="ring", daemons=True):
         self.name = f"test-{os.getpid()}-{next(_numbers)}"
+        config = diaglab.Config(shape, count, str(BUILD), diaglab.DEFAULT_DAEMON if daemons else "", attached=True)
+        self.process = diaglab.launch(self.name, config)
+        self.inside = diaglab.attach(self.name)
         self.nodes = {number: Node(self, number) for number in range(1, count + 1)}
-        words = ["setpriv", "--pdeathsig", "TERM", *self.command("up"), str(count), "--foreground", *options]
-        self.front = Stream([*words, "--build", str(BUILD)], stderr=subprocess.STDOUT)
-        wait_until(lambda: "lab: Ctrl-C ends it" in self.front.items or self.front.process.poll() is not None, 60)
-        assert self.front.process.poll() is None, self.front.items
 
     def __getitem__(self, number):
         return self.nodes[number]
 
-    def command(self, word):
-        return [str(LAB), "--name", self.name, word]
-
     def run(self, word, *words):
-        return run(*self.command(word), *words)
+        """A command of the lab, as it is typed."""
+        return run(LAB, "--name", self.name, word, *words)
 
     def silence_cards(self, brokers=True):
         """Leaves nodes with empty brokers, or none, and facts and log to the test."""
@@ -392,8 +392,7 @@ class Lab:
         return self
 
     def down(self):
-        subprocess.run(self.command("down"), capture_output=True, timeout=60, check=False)
-        self.front.end()
+        diaglab.kill(self.process)
 
 
 # --- packets

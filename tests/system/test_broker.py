@@ -63,7 +63,7 @@ CASES = {
 
 @pytest.fixture(scope="module")
 def lab(make_lab):
-    return make_lab(len(CASES) + 5, "--star", "--no-daemon").silence_cards(brokers=False)
+    return make_lab(len(CASES) + 5, "star", daemons=False).silence_cards(brokers=False)
 
 
 @pytest.fixture(scope="module")

@@ -16,7 +16,7 @@ with open(re.search("DIAG_SECRETS_FILE:FILEPATH=(.*)", CACHE)[1], encoding="asci
 
 @pytest.fixture(scope="module")
 def nodes(make_lab):
-    nodes = make_lab(3, "--star", "--no-daemon").nodes.values()
+    nodes = make_lab(3, "star", daemons=False).nodes.values()
     for node in nodes:
         node.watch()
         node.take_log()

@@ -53,7 +53,7 @@ def lab(make_lab):
 @pytest.fixture(scope="module")
 def played(make_lab):
     """A node whose broker has what the test publishes, and no daemon."""
-    return make_lab(1, "--star", "--no-daemon").silence_cards()[1]
+    return make_lab(1, "star", daemons=False).silence_cards()[1]
 
 
 @pytest.fixture(autouse=True)

@@ -33,7 +33,7 @@ def put(node, path, text):
 
 @pytest.fixture(scope="module")
 def lab(make_lab):
-    lab = make_lab(3, "--star")
+    lab = make_lab(3, "star")
     for node in lab.nodes.values():
         node.watch()
     wait_until(lambda: len(json.loads(act(lab[1], "nodes", "--json"))["nodes"]) == 3, BUSY)
@@ -129,7 +129,7 @@ def test_recording_loses_or_changes_what_was_published(lab, make_lab):
     assert "File exists" in act(node, "record", RECORDING, status=FAILURE)
     assert "a daemon runs" in act(node, "replay", RECORDING, status=FAILURE)
 
-    empty = make_lab(1, "--star", "--no-daemon").silence_cards()[1]
+    empty = make_lab(1, "star", daemons=False).silence_cards()[1]
     empty.watch()
     recording = node.exec("cat", RECORDING)
     put(empty, RECORDING, recording)

@@ -56,7 +56,7 @@ class Exchange:
 
 @pytest.fixture(scope="module")
 def exchange(make_lab):
-    exchange = Exchange(make_lab(2, "--star", "--no-daemon").silence_cards())
+    exchange = Exchange(make_lab(2, "star", daemons=False).silence_cards())
     yield exchange
     assert exchange.daemon.stop() == 0
 

@@ -101,7 +101,7 @@ MALFORMED = [
 def started(make_lab):
     """A node that was given all facts, and then the malformed ones before it sent its first summary: the node, its
     daemon, what it logged, and that summary."""
-    lab = make_lab(2, "--star", "--no-daemon").silence_cards()
+    lab = make_lab(2, "star", daemons=False).silence_cards()
     node = lab[1]
     number = late_number()
     node.publish(*FACTS)

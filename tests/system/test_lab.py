@@ -1,27 +1,17 @@
 """The lab itself: it comes up for root and others, one beside another, and leaves nothing behind, however it ends."""
+import json
 import os
 import pwd
+import re
 import shutil
 import signal
 import subprocess
 import tempfile
 from pathlib import Path
 
+import diaglab
 import pytest
 from panel import BUILD, LAB, Lab, Stream, run, wait_until
-
-
-def supervisor(name):
-    """The first process of a lab; None without one."""
-    for process in Path("/proc").glob("[0-9]*"):
-        try:
-            words = (process / "cmdline").read_bytes().split(b"\0")
-            status = (process / "status").read_text(encoding="utf-8")
-        except OSError:
-            continue
-        if words[0] == f"diag-lab:{name}".encode() and "\t1\n" in status.partition("NSpid:")[2][:40]:
-            return process
-    return None
 
 
 def processes_in(namespace):
@@ -35,6 +25,10 @@ def processes_in(namespace):
     return found
 
 
+def namespace_of(supervisor):
+    return os.readlink(f"/proc/{supervisor}/ns/pid")
+
+
 def traces():
     """What a lab might leave on the machine."""
     return Path("/proc/mounts").read_text(encoding="utf-8"), run("ip", "-o", "link"), sorted(os.listdir("/run"))
@@ -46,37 +40,47 @@ def assert_gone(namespace, before):
     assert traces() == before
 
 
+def refused(*words, status=2, **environment):
+    """What the lab says on standard error."""
+    words = [str(LAB), *map(str, words)]
+    done = subprocess.run(
+        words, env={**os.environ, **environment}, capture_output=True, text=True, timeout=60, check=False
+    )
+    assert (done.returncode, done.stdout) == (status, "")
+    return done.stderr.splitlines()
+
+
 @pytest.fixture(params=["self", "nobody"])
 def user(request):
-    """Words that run a command as a user, and a copy of the lab and its programs that this user can read."""
+    """Words that run a command as a user, the user, and a copy of the lab and its programs that this user can read."""
     if os.getuid() != 0 and request.param == "nobody":
         pytest.skip("the tests run as an ordinary user already")
     if request.param == "self":
-        yield [], LAB, BUILD
+        yield [], os.getuid(), LAB, BUILD
         return
     with tempfile.TemporaryDirectory() as copy:
         ids = pwd.getpwnam("nobody")
         programs = Path(copy)
         programs.chmod(0o755)
         (programs / "build" / "lab").mkdir(parents=True)
-        shutil.copy(LAB, programs)
+        shutil.copytree(LAB.parent, programs / "lab", ignore=shutil.ignore_patterns("__pycache__"))
         shutil.copy(BUILD / "diag", programs / "build")
         shutil.copy(BUILD / "lab" / "card", programs / "build" / "lab")
         prefix = ["setpriv", f"--reuid={ids.pw_uid}", f"--regid={ids.pw_gid}", "--clear-groups"]
-        yield prefix, programs / "lab", programs / "build"
+        yield prefix, ids.pw_uid, programs / "lab" / "lab", programs / "build"
 
 
 def test_lab_fails_for_a_user_or_leaves_traces(user):
-    prefix, program, build = user
+    prefix, owner, program, build = user
     name = f"smoke-{os.getpid()}-{len(prefix)}"
 
     def lab(*words):
         return run(*prefix, program, "--name", name, *words)
 
     before = traces()
+    lab("up", 3, "--build", build)
     try:
-        lab("up", 3, "--build", build)
-        namespace = os.readlink(supervisor(name) / "ns" / "pid")
+        namespace = namespace_of(diaglab.find(name, owner))
         assert lab("exec", 2, "id", "-u") == "0\n"
         wait_until(lambda: lab("status").count(":up,forwarding") == 5, what=lambda: lab("status"))
         lab("cut", 1, "B")
@@ -89,57 +93,129 @@ def test_lab_fails_for_a_user_or_leaves_traces(user):
 
 
 def test_killed_lab_leaves_traces_or_takes_another_one_down():
+    """Killed by its first process or by the one that waits for that."""
     before = traces()
-    first, second = Lab(2, "--star"), Lab(2, "--star")
+    labs = [Lab(2, "star") for _ in range(3)]
     try:
-        root = supervisor(first.name)
-        namespace = os.readlink(root / "ns" / "pid")
-        os.kill(int(root.name), signal.SIGKILL)
-        assert first.front.end() == 1
-        assert second[1].exec("hostname") == "node1\n"
-        assert second.run("status").count(" A:up") == 2
+        namespaces = [namespace_of(lab.inside.supervisor) for lab in labs]
+        os.kill(labs[0].inside.supervisor, signal.SIGKILL)
+        os.kill(labs[1].process.pid, signal.SIGKILL)
+        for lab in labs[:2]:
+            assert lab.process.wait(10) != 0
+        assert labs[2][1].exec("hostname") == "node1\n"
+        assert labs[2].run("status").count(" A:up") == 2
     finally:
-        second.down()
-    assert_gone(namespace, before)
+        for lab in labs:
+            lab.down()
+    for namespace in namespaces:
+        assert_gone(namespace, before)
 
 
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGKILL])
 @pytest.mark.parametrize("late", [False, True])
-def test_interrupted_lab_leaves_traces(late):
+def test_interrupted_lab_leaves_traces(late, number):
     """As by Ctrl-C, which goes to the whole process group: as soon as the supervisor is there, or some time later."""
-    name = f"interrupted-{os.getpid()}-{late}"
+    name = f"interrupted-{os.getpid()}-{late}-{number}"
     before = traces()
     up = [str(LAB), "--name", name, "up", "5", "--build", str(BUILD)]
     front = Stream(up, stderr=subprocess.STDOUT, start_new_session=True)
-    root = wait_until(lambda: supervisor(name), what=lambda: front.items)
-    namespace = os.readlink(root / "ns" / "pid")
+    namespace = namespace_of(wait_until(lambda: diaglab.find(name), what=lambda: front.items))
     if late:
         wait_until(lambda: len(processes_in(namespace)) > 10)
-    os.killpg(front.process.pid, signal.SIGINT)
-    assert front.end() == 130
+    os.killpg(front.process.pid, number)
+    assert front.end() == (130 if number == signal.SIGINT else -number)
     assert_gone(namespace, before)
 
 
-def test_second_lab_of_a_name_comes_up():
-    lab = Lab(1, "--star", "--no-daemon")
+def test_ended_process_is_shown_as_running_or_stays():
+    """A daemon, a broker and a card that die under the lab; what the lab then says, and that it starts them again."""
+    lab = Lab(2, "star")
     try:
-        done = subprocess.run(lab.command("up") + ["1"], capture_output=True, text=True, timeout=60, check=False)
-        assert (done.returncode, done.stderr) == (1, f"lab: a lab named {lab.name} is up already\n")
+
+        def state(process):
+            return json.loads(lab.run("status", "--json"))["nodes"][0][process]
+
+        for process in ("daemon", "broker", "card"):
+            pid = state(process)
+            lab[1].exec("sh", "-c", f"kill -KILL {pid}")
+            wait_until(lambda process=process: state(process) is None)
+            assert lab[1].exec("sh", "-c", f"[ ! -e /proc/{pid} ] && echo gone") == "gone\n"
+            assert lab.run("wait", 1) == "137\n"
+        assert " exit:137 " in lab.run("status")
+        for words in (["broker", "start", 1], ["card", "start", 1], ["start", 1]):
+            lab.run(*words)
+        assert all(map(state, ("daemon", "broker", "card")))
     finally:
         lab.down()
 
 
-def test_lab_that_fails_says_nothing(tmp_path):
-    """A command inside the lab that fails without a message of its own."""
-    silent = tmp_path / "hostname"
-    silent.write_text("#!/bin/sh\n[ $1 != node2 ]\n", encoding="ascii")
-    silent.chmod(0o755)
+def test_status_differs_from_its_document():
+    """Of each object the fields, in their order."""
+    text = (LAB.parent / "README.md").read_text(encoding="utf-8")
+    documented = re.findall(r"^\| `(\w+)` \|", text.partition("## Status for programs")[2], re.MULTILINE)
+    lab = Lab(2)
+    try:
+        report = json.loads(lab.run("status", "--json"))
+    finally:
+        lab.down()
+    shown = [*report, *report["nodes"][0], *report["nodes"][0]["ports"][0]]
+    assert shown == documented
+
+
+def test_wrong_command_line_is_taken_or_not_explained():
+    lab = Lab(2, "star", daemons=False)
+    try:
+        name = ("--name", lab.name)
+        again = f"lab: a lab named {lab.name} is up already"
+        assert refused(*name, "up", 1, "--build", BUILD, status=1) == [again]
+        for words, reason, topic in [
+            (["frobnicate"], "unknown command frobnicate", ""),
+            (["help", "frobnicate"], "unknown command frobnicate", ""),
+            (["status", "--star"], "unknown option --star", " status"),
+            (["up", "2", "--build"], "--build needs a value", " up"),
+            (["cut", "1"], "usage: lab cut NODE PORT", " cut"),
+            (["down", "1"], "usage: lab down", " down"),
+            (["miswire", 1, "A", 2, "A", 3], "usage: lab miswire NODE PORT PEER_NODE PEER_PORT|off", " miswire"),
+            (["exec", "1"], "usage: lab exec NODE COMMAND...", " exec"),
+            (["status", "--name", "a b"], "a name has letters, digits, - and _ only: a b", " status"),
+            (["up", "251"], "1 to 250 nodes, not 251", " up"),
+            (["up", "11"], "a ring has at most 10 nodes, use --star for more", " up"),
+            (["stop", "3"], "unknown node 3, the lab has 1 to 2", " stop"),
+            (["cut", "1", "B"], "unknown port B, a node of this lab has A", " cut"),
+            (["broker", "kill", "1"], "start or stop, not kill", " broker"),
+            (["wait", "1", "--timeout", "x"], "not a number of seconds: x", " wait"),
+            (["ground", "1", "A", "maybe"], "on or off", " ground"),
+        ]:
+            assert refused(*name, *words) == [f"lab: {reason}", f"lab: try: lab help{topic}"]
+        assert refused(*name, "stop", 1, status=1) == ["lab: node 1: the daemon doesn't run"]
+        assert refused("--name", "nowhere", "status", status=1) == ["lab: no lab named nowhere is up"]
+        assert refused("--name", "nowhere")[0].startswith("A panel network on one machine")
+    finally:
+        lab.down()
+
+
+def script(path, text):
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_text(f"#!/bin/sh\n{text}\n", encoding="ascii")
+    path.chmod(0o755)
+
+
+def test_lab_that_fails_does_not_say_where_or_why(tmp_path):
+    """A command that fails without a message of its own, and a daemon that does."""
     name = f"failing-{os.getpid()}"
     before = traces()
-    up = [str(LAB), "--name", name, "up", "3", "--no-daemon", "--build", str(BUILD)]
-    environment = {**os.environ, "PATH": f"{tmp_path}:{os.environ['PATH']}"}
-    done = subprocess.run(up, env=environment, capture_output=True, text=True, timeout=60, check=False)
-    assert done.returncode == 1
-    reason, *rest = done.stderr.splitlines()
-    assert reason.startswith("lab: node 2: ") and reason.endswith('hostname "node$node"')
-    assert rest == ["lab: make_node has failed for nodes 2", f"lab: lab {name} ended before it was up"]
-    wait_until(lambda: traces() == before, what=traces)
+
+    def reasons(build, **environment):
+        *found, last = refused("--name", name, "up", 3, "--build", build, status=1, **environment)
+        assert last == f"lab: lab {name} ended before it was up"
+        wait_until(lambda: traces() == before, what=traces)
+        return found
+
+    script(tmp_path / "bin" / "ip", f'[ "$*" != "-n 2 -batch -" ] && exec {shutil.which("ip")} "$@"')
+    silent = reasons(BUILD, PATH=f"{tmp_path}/bin:{os.environ['PATH']}")
+    assert silent == ["lab: node 2: configure links: ip -n 2 -batch -: exit status 1"]
+
+    script(tmp_path / "build" / "diag", "echo no luck >&2; exit 3")
+    script(tmp_path / "build" / "lab" / "card", f"exec {BUILD / 'lab' / 'card'} $*")
+    ended = "lab: node {}: start programs: the daemon ended with exit status 3: no luck"
+    assert reasons(tmp_path / "build") == [ended.format(number) for number in (1, 2, 3)]

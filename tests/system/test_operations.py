@@ -51,7 +51,7 @@ def service(node, password="secret"):
 @pytest.fixture(scope="module")
 def panel(make_lab):
     """A card and a site, whose brokers don't run yet, and the bridge between them."""
-    lab = make_lab(2, "--star", "--no-daemon").silence_cards(brokers=False)
+    lab = make_lab(2, "star", daemons=False).silence_cards(brokers=False)
     card, site = lab[1], lab[2]
     for node in (card, site):
         prepare(node)

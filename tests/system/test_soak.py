@@ -156,7 +156,7 @@ def test_soak_shows_a_lost_answer_a_leak_or_an_end():
     print(f"seed {seed}")
     random.seed(seed)
     counts = collections.Counter()
-    lab = Lab(NODES, "--no-daemon")
+    lab = Lab(NODES, daemons=False)
     try:
         for node in lab.nodes.values():
             lose_datagrams(node, 20)

@@ -17,7 +17,7 @@ NO_SESSION = [("diag", "broker", f"couldn't request mosquitto disconnect ({NOT_C
 
 @pytest.fixture(scope="module")
 def lab(make_lab):
-    return make_lab(8, "--star", "--no-daemon").silence_cards()
+    return make_lab(8, "star", daemons=False).silence_cards()
 
 
 def main_says(*texts):

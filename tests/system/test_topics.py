@@ -58,7 +58,7 @@ def check(name, payload):
 @pytest.fixture(scope="module")
 def seen(make_lab):
     """All that node 1 has published and heard: (topic, payload), and the topics retained at the end."""
-    lab = make_lab(2, "--star", "--no-daemon")
+    lab = make_lab(2, "star", daemons=False)
     first, second = lab[1], lab[2]
     first.watch()
     second.watch()
@@ -118,7 +118,7 @@ def test_layout_differs_from_the_declared_records():
 
 
 def test_subscription_of_the_daemon_reads_no_documented_topic(make_lab):
-    node = make_lab(1, "--star", "--no-daemon").silence_cards(brokers=False)[1]
+    node = make_lab(1, "star", daemons=False).silence_cards(brokers=False)[1]
     broker = node.fake_broker("good")
     node.start("-n", "1")
     broker.wait(lambda item: item[2] == "pub/diag/command/request")

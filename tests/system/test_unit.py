@@ -48,7 +48,7 @@ def test_unit_is_exposed():
 
 @pytest.mark.limit(90)
 def test_confined_daemon_fails(make_lab):
-    lab = make_lab(2, "--star")
+    lab = make_lab(2, "star")
     node, other = lab[1], lab[2]
     lab.run("stop", 1)
     node.watch()
