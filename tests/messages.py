@@ -59,7 +59,12 @@ def messages():
         for form in variable:
             rest = form[2:]
             for literal in map(joined, re.findall(LITERALS, text)):
-                if len(literal.split()) > 2 and not literal.startswith(" ") and "%" not in literal and literal not in formats:
+                if (
+                    len(literal.split()) > 2
+                    and not literal.startswith(" ")
+                    and "%" not in literal
+                    and literal not in formats
+                ):
                     found.add((name, literal + rest))
     return sorted(found)
 
@@ -122,7 +127,9 @@ def seen(lines_file):
         if not any(map(pattern(form).fullmatch, texts)):
             unseen.append(f"src/{file}: never logged: {form}")
     print("\n".join(unseen))
-    print(f"{len(logged)} different lines, {len(all_calls)} calls, {len(messages())} messages, {len(unseen)} never seen")
+    print(
+        f"{len(logged)} different lines, {len(all_calls)} calls, {len(messages())} messages, {len(unseen)} never seen"
+    )
 
 
 if __name__ == "__main__":

@@ -15,4 +15,17 @@ from .failure import Failure, UsageError
 from .lab import DEFAULT_BUILD, Config, Lab, attach, end, find, kill, launch
 from .node import DEFAULT_DAEMON, Node
 
-__all__ = ["DEFAULT_BUILD", "DEFAULT_DAEMON", "Config", "Failure", "Lab", "Node", "UsageError", "attach", "end", "find", "kill", "launch"]
+__all__ = [
+    "DEFAULT_BUILD",
+    "DEFAULT_DAEMON",
+    "Config",
+    "Failure",
+    "Lab",
+    "Node",
+    "UsageError",
+    "attach",
+    "end",
+    "find",
+    "kill",
+    "launch",
+]

@@ -58,7 +58,9 @@ def configure(options: Options) -> Config:
     daemon = "" if options.no_daemon else options.daemon or DEFAULT_DAEMON
     rc = Path(os.environ.get("LUMLOG_RC") or os.devnull)
     thresholds = rc.read_text(encoding="utf-8") if os.access(rc, os.R_OK) else ""
-    return Config("star" if options.star else "ring", int(options.n), str(build), daemon, thresholds, options.foreground)
+    return Config(
+        "star" if options.star else "ring", int(options.n), str(build), daemon, thresholds, options.foreground
+    )
 
 
 @command("up N [--star] [--build DIR] [--no-daemon] [--daemon CMD] [--foreground]")
@@ -334,8 +336,8 @@ def wrong_words(entry: Command) -> UsageError:
 class Parser(argparse.ArgumentParser):
     """Of one command, or of them all: argparse in the lab's own words."""
 
-    def __init__(self, entry: Command | None = None):
-        super().__init__(allow_abbrev=False, exit_on_error=False)
+    def __init__(self, entry: Command | None = None, **words: Any):
+        super().__init__(allow_abbrev=False, exit_on_error=False, **words)
         self.entry = entry
         self.add_argument("--name", default=argparse.SUPPRESS)
         if entry:
@@ -361,7 +363,7 @@ class Parser(argparse.ArgumentParser):
 
 def parse(words: list[str], options: Options) -> None:
     parser = Parser()
-    subparsers: Any = parser.add_subparsers(dest="command", parser_class=lambda entry, **_: Parser(entry))
+    subparsers: Any = parser.add_subparsers(dest="command")
     for name, entry in COMMANDS.items():
         subparsers.add_parser(name, entry=entry)
     try:

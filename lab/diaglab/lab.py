@@ -105,8 +105,8 @@ def check(config: Config) -> None:
 
 
 def launch(name: str, config: Config) -> "subprocess.Popen[str]":
-    """Returns when the lab is up: the process that waits for the supervisor and whose end, too, is the lab's. A lab that
-    is attached ends with its input: with this process, however that ends."""
+    """Returns when the lab is up: the process that waits for the supervisor, and whose end is the lab's as well. A lab
+    that is attached ends with its input: with this process, however that ends."""
     check(config)
     if find(name):
         raise Failure(f"a lab named {name} is up already")

@@ -81,7 +81,7 @@ def make_root(node: int, directories: list[Path], files: dict[str, str]) -> None
     root = STATE / str(node)
     root.mkdir()
     linux.mount(f"node{node}", root, "tmpfs", data="mode=755")
-    for path in ("dev/pts", "dev/shm", "proc", "sys", "tmp", NODE_DIR):
+    for path in ("dev/pts", "dev/shm", "proc", "sys", "tmp", str(NODE_DIR)):
         (root / path).mkdir(parents=True)
     for path in ("tmp", "dev/shm"):
         (root / path).chmod(0o1777)

@@ -20,6 +20,7 @@ HERE = Path(__file__).resolve().parent
 LAB = HERE.parent.parent / "lab" / "lab"
 sys.path.insert(0, str(LAB.parent))
 import diaglab  # noqa: E402
+
 BUILD = Path(os.environ.get("DIAG_BUILD", HERE.parent.parent / "build" / "release"))
 PYTHON = "/usr/bin/python3"
 GROUP = "224.22.33.44"
@@ -50,9 +51,7 @@ class Stream:
     def __init__(self, command, parse=str, **options):
         self.items, self.times = [], []
         self.ended = None
-        self.process = subprocess.Popen(
-            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, **options
-        )
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, **options)
         self._reader = threading.Thread(target=self._read, args=(parse,), daemon=True)
         self._reader.start()
 

@@ -141,8 +141,17 @@ def test_wrong_exit_status_or_an_error_that_helps_nobody(played):
     assert LOCAL in ambiguous and PEER in ambiguous
     assert "use its MAC address" in diagctl(played, "show", "10", status=FAILURE)
     assert "--host" in diagctl(played, "pm", PEER, "A", status=FAILURE), "only that card has its records"
-    for words in (["show"], ["show", "x"], ["show", "0"], ["pm", "local", "I"], ["nothing"], [], ["watch", "abc"],
-                  ["nodes", "--port", "0"], ["pm", "local", "A", "--csv", "--json"]):
+    for words in (
+        ["show"],
+        ["show", "x"],
+        ["show", "0"],
+        ["pm", "local", "I"],
+        ["nothing"],
+        [],
+        ["watch", "abc"],
+        ["nodes", "--port", "0"],
+        ["pm", "local", "A", "--csv", "--json"],
+    ):
         diagctl(played, *words, status=USAGE)
     refused = diagctl(played, "nodes", "--port", "1", status=NO_BROKER)
     assert "no broker at 127.0.0.1:1: Connection refused" in refused and "DIAG_HOST" in refused
@@ -152,11 +161,14 @@ def test_wrong_exit_status_or_an_error_that_helps_nobody(played):
     assert "pub/diag/local_node is missing" in diagctl(played, "nodes", status=NO_BROKER)
 
 
-@pytest.mark.parametrize("how, error", [
-    ("silent", "it does not answer"),
-    ("refuse 5", "not authorised"),
-    ("grant 128", "it refuses the subscription"),
-])
+@pytest.mark.parametrize(
+    "how, error",
+    [
+        ("silent", "it does not answer"),
+        ("refuse 5", "not authorised"),
+        ("grant 128", "it refuses the subscription"),
+    ],
+)
 def test_broker_that_refuses_taken_for_an_empty_one(played, how, error):
     played.stop_broker()
     try:

@@ -12,7 +12,9 @@ LOSS = "add rule inet loss input udp dport 50004 numgen random mod 100 < 20 coun
 @pytest.fixture
 def lossy(make_lab):
     """Two nodes that drop a fifth of the datagrams that come to them."""
-    able = subprocess.run(["unshare", "-Urn", "nft", "add table inet loss"], capture_output=True, text=True, check=False)
+    able = subprocess.run(
+        ["unshare", "-Urn", "nft", "add table inet loss"], capture_output=True, text=True, check=False
+    )
     if able.returncode != 0:
         pytest.exit(f"SKIPPED: no packet filter on this machine: {able.stderr.strip()}", SKIPPED)
     nodes = list(make_lab(2).nodes.values())

@@ -128,7 +128,9 @@ class Card:
         if time.monotonic() - self.started > WARM_UP_SECONDS:
             memory = self.node.daemon.memory()
             self.warm_memory = self.warm_memory or memory
-            self.counts["largest growth in kB"] = max(self.counts["largest growth in kB"], (memory - self.warm_memory) >> 10)
+            self.counts["largest growth in kB"] = max(
+                self.counts["largest growth in kB"], (memory - self.warm_memory) >> 10
+            )
             assert memory - self.warm_memory < GROWTH_LIMIT
         self.counts["most open files"] = max(self.counts["most open files"], self.open_files())
 

@@ -35,7 +35,11 @@ def allowed_calls():
         words = [
             name
             for word in words
-            for name in (re.findall(r"^    ([@\w]+)$", analyze("syscall-filter", word), re.MULTILINE) if word[0] == "@" else [word])
+            for name in (
+                re.findall(r"^    ([@\w]+)$", analyze("syscall-filter", word), re.MULTILINE)
+                if word[0] == "@"
+                else [word]
+            )
         ]
     return sorted(set(words))
 
@@ -66,7 +70,9 @@ def test_confined_daemon_fails(make_lab):
     answer("1;2;reset-all-stats", "1;2;ACK")
     answer("1;3;disconnect", "1;3;ACK")
     answer("1;4;frobnicate", "1;4;NACK;unknown command")
-    wait_until(lambda: "unknown command type in 1;4;frobnicate" in lab.run("logs", 1), what="the line in the system log")
+    wait_until(
+        lambda: "unknown command type in 1;4;frobnicate" in lab.run("logs", 1), what="the line in the system log"
+    )
     lab.run("ground", 2, "A", "on")
     node.topics.wait(lambda item: item[0] == "pub/diag/net/fire/grnd_list" and len(item[1]) > 1)
     assert node.daemon.stop() == 0
