@@ -34,15 +34,15 @@ In another terminal, for example:
         flush=True,
     )
     start_daemons(lab)
-    # Ctrl-C is for the viewer.
-    signal.signal(signal.SIGINT, lambda *_: None)
+    interrupted: list[int] = []
+    signal.signal(signal.SIGINT, lambda number, _: interrupted.append(number))
     terminal = termios.tcgetattr(0) if os.isatty(0) else None
     status = subprocess.call(lab.nodes[1].command(f"{lab.config.build}/diagctl", "top", "--stats", "local/A"))
-    if terminal and status not in (0, 1, 2, 3):
-        # The lab was taken away under the viewer: put the terminal right in its stead.
+    if terminal and status < 0:
+        # Ctrl-C, or the lab was taken away under the viewer: put the terminal right in its stead.
         termios.tcsetattr(0, termios.TCSADRAIN, terminal)
         print(LEAVE_FULL_SCREEN, end="")
-    return status
+    return 0 if interrupted else status if status >= 0 else 128 - status
 
 
 def leave(number: int, _: object) -> NoReturn:

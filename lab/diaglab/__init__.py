@@ -11,21 +11,8 @@ is in a tmpfs that only its own processes see; what runs outside finds it by the
     supervisor   brings a lab up, and is what it hangs on
     commands     the command line of lab/lab
 """
-from .failure import Failure, UsageError
-from .lab import DEFAULT_BUILD, Config, Lab, attach, end, find, kill, launch
+from .failure import Failure
+from .lab import DEFAULT_BUILD, Config, Lab, attach, find, kill, launch
 from .node import DEFAULT_DAEMON, Node
 
-__all__ = [
-    "DEFAULT_BUILD",
-    "DEFAULT_DAEMON",
-    "Config",
-    "Failure",
-    "Lab",
-    "Node",
-    "UsageError",
-    "attach",
-    "end",
-    "find",
-    "kill",
-    "launch",
-]
+__all__ = ["DEFAULT_BUILD", "DEFAULT_DAEMON", "Config", "Failure", "Lab", "Node", "attach", "find", "kill", "launch"]

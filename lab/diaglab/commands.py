@@ -1,6 +1,5 @@
 """The command line of lab/lab. A command's usage says which arguments it takes, its docstring is its help."""
 import argparse
-import inspect
 import json
 import math
 import os
@@ -8,23 +7,21 @@ import re
 import signal
 import sys
 from collections.abc import Callable
-from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, NoReturn
+from textwrap import dedent
+from typing import Any, NamedTuple, NoReturn
 
 from . import lab as labs
 from .failure import Failure, UsageError
 from .lab import DEFAULT_BUILD, Config, Lab
 from .network import MAX_NODES, MAX_RING
-from .node import DEFAULT_DAEMON, Node
-from .rootfs import NODE_DIR
+from .node import DEFAULT_DAEMON, NODE_DIR, Node
 
 Options = argparse.Namespace
 Action = Callable[[Options], None]
 
 
-@dataclass(frozen=True)
-class Command:
+class Command(NamedTuple):
     usage: str
     text: str
     run: Action
@@ -38,9 +35,13 @@ class Command:
 COMMANDS: dict[str, Command] = {}
 
 
+def add(usage: str, run: Action, text: str, words: int | str | None = None) -> None:
+    COMMANDS[usage.split()[0]] = Command(usage, text, run, words)
+
+
 def command(usage: str, words: int | str | None = None) -> Callable[[Action], Action]:
     def register(run: Action) -> Action:
-        COMMANDS[usage.split()[0]] = Command(usage, inspect.cleandoc(run.__doc__ or ""), run, words)
+        add(usage, run, dedent(f"    {run.__doc__}").strip(), words)
         return run
 
     return register
@@ -88,7 +89,7 @@ def up(options: Options) -> None:
         signal.signal(number, leave)
     config = configure(options)
     process = labs.launch(options.name, config)
-    print(f"lab: a {config.shape} of {config.count} is up", flush=True)
+    print(f"lab: a {config.shape} of {config.nodes} is up", flush=True)
     if config.attached:
         try:
             print("lab: Ctrl-C ends it", flush=True)
@@ -140,24 +141,9 @@ def place(options: Options) -> tuple[Lab, Node]:
     return lab, node
 
 
-@command("cut NODE PORT")
-def cut(options: Options) -> None:
-    """take a link down
-
-    Both ends lose their carrier. Either end may be named. A ring is whole again 4 to 10 s later.
-    """
+def set_link(options: Options) -> None:
     lab, node = place(options)
-    lab.set_link(node.number, options.port, "down")
-
-
-@command("mend NODE PORT")
-def mend(options: Options) -> None:
-    """bring a link back
-
-    The link comes back; spanning tree needs 4 s to use it.
-    """
-    lab, node = place(options)
-    lab.set_link(node.number, options.port, "up")
+    lab.set_link(node.number, options.port, "up" if options.command == "mend" else "down")
 
 
 def tell_card(options: Options) -> None:
@@ -167,27 +153,39 @@ def tell_card(options: Options) -> None:
     place(options)[1].ask_card(options.command, *port, *options.words)
 
 
-ERRORS = """report more errored frames
+def switch(options: Options) -> None:
+    """The broker or the card, as the command is called."""
+    if options.action not in ("start", "stop"):
+        raise UsageError(f"start or stop, not {options.action}")
+    node = place(options)[1]
+    if options.action == "stop":
+        node.stop(options.command)
+        return
+    {"broker": node.start_broker, "card": node.start_card}[options.command]()
+    if node.pid("broker") and node.pid("card"):
+        node.await_card()
 
-The port's statistics count COUNT more frames received with error."""
-TYPE = """a port's type
 
-gone removes the announcement of the port."""
-MISWIRE = """report a wrong peer on a port
-
+CUT = "Both ends lose their carrier. Either end may be named. A ring is whole again 4 to 10 s later."
+MEND = "The link comes back; spanning tree needs 4 s to use it."
+ERRORS = "The port's statistics count COUNT more frames received with error."
+GONE = "gone removes the announcement of the port."
+MISWIRE = """\
 The ring-protection status of this end of the link reports PEER_NODE and PEER_PORT as its peer,
 in a way that counts as miswired. off reports the true neighbour again."""
+CARD = """\
+The card stands in for the other processes of the node: without it no facts are published and
+nobody takes the system log. lab exec NODE mosquitto_pub -p 1885 ... can then play its part."""
 
-for entry in (
-    Command("errors NODE PORT COUNT", ERRORS, tell_card, 1),
-    Command("ground NODE PORT on|off", "ground fault on a port", tell_card, 1),
-    Command("media NODE PORT eth|dsl|smf|mmf|none", "a port's media", tell_card, 1),
-    Command("type NODE PORT fire|firespur|NAME|gone", TYPE, tell_card, 1),
-    Command("miswire NODE PORT PEER_NODE PEER_PORT|off", MISWIRE, tell_card, "+"),
-    Command("job NODE NAME REV", "job name and revision", tell_card, 2),
-    Command("flag NODE M301|M702|comm_loss|download_pending on|off", "download flags", tell_card, 2),
-):
-    COMMANDS[entry.usage.split()[0]] = entry
+add("cut NODE PORT", set_link, f"take a link down\n\n{CUT}")
+add("mend NODE PORT", set_link, f"bring a link back\n\n{MEND}")
+add("errors NODE PORT COUNT", tell_card, f"report more errored frames\n\n{ERRORS}", 1)
+add("ground NODE PORT on|off", tell_card, "ground fault on a port", 1)
+add("media NODE PORT eth|dsl|smf|mmf|none", tell_card, "a port's media", 1)
+add("type NODE PORT fire|firespur|NAME|gone", tell_card, f"a port's type\n\n{GONE}", 1)
+add("miswire NODE PORT PEER_NODE PEER_PORT|off", tell_card, f"report a wrong peer on a port\n\n{MISWIRE}", "+")
+add("job NODE NAME REV", tell_card, "job name and revision", 2)
+add("flag NODE M301|M702|comm_loss|download_pending on|off", tell_card, "download flags", 2)
 
 
 # --- processes
@@ -244,32 +242,8 @@ def wait(options: Options) -> None:
     print(place(options)[1].wait("daemon", seconds))
 
 
-@command("broker start|stop NODE")
-def broker(options: Options) -> None:
-    """start or stop the broker"""
-    switch(options, "broker", Node.start_broker)
-
-
-@command("card start|stop NODE")
-def card(options: Options) -> None:
-    """start or stop the stand-in
-
-    The card stands in for the other processes of the node: without it no facts are published and
-    nobody takes the system log. lab exec NODE mosquitto_pub -p 1885 ... can then play its part.
-    """
-    switch(options, "card", Node.start_card)
-
-
-def switch(options: Options, process: str, start_process: Callable[[Node], None]) -> None:
-    if options.action not in ("start", "stop"):
-        raise UsageError(f"start or stop, not {options.action}")
-    node = place(options)[1]
-    if options.action == "stop":
-        node.stop(process)
-        return
-    start_process(node)
-    if node.pid("broker") and node.pid("card"):
-        node.await_card()
+add("broker start|stop NODE", switch, "start or stop the broker")
+add("card start|stop NODE", switch, f"start or stop the stand-in\n\n{CARD}")
 
 
 # --- inside a node

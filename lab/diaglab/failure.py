@@ -18,7 +18,7 @@ class UsageError(Failure):
 
 def search_path() -> str:
     """Where an ordinary user, too, finds ip."""
-    return os.environ["PATH"] + ":/usr/sbin:/sbin"
+    return os.environ.get("PATH", os.defpath) + ":/usr/sbin:/sbin"
 
 
 def run(words: list[str], stdin: str = "") -> None:

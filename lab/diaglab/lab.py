@@ -8,14 +8,12 @@ import shutil
 import signal
 import subprocess
 from contextlib import suppress
-from dataclasses import asdict, dataclass
 from pathlib import Path
-from typing import Any
+from typing import Any, NamedTuple
 
 from .failure import Failure, UsageError, run, search_path
 from .network import SHAPES
-from .node import DEFAULT_DAEMON, Node
-from .rootfs import STATE
+from .node import DEFAULT_DAEMON, STATE, Node
 
 SOURCE = Path(__file__).resolve().parent.parent.parent
 DEFAULT_BUILD = Path(os.environ.get("DIAG_BUILD") or SOURCE / "build" / "release").resolve()
@@ -25,12 +23,11 @@ READY = "ready"
 END_SECONDS = 10
 
 
-@dataclass(frozen=True)
-class Config:
+class Config(NamedTuple):
     """What a lab is made from."""
 
     shape: str
-    count: int
+    nodes: int
     build: str = str(DEFAULT_BUILD)
     daemon: str = DEFAULT_DAEMON  # a shell command; empty: none is started
     rc: str = ""  # every node's file of thresholds
@@ -41,7 +38,7 @@ class Lab:
     """Seen from outside, given the supervisor's process id, or by the supervisor itself."""
 
     def __init__(self, config: Config, supervisor: int | None = None):
-        self.config, self.network = config, SHAPES[config.shape](config.count)
+        self.config, self.network = config, SHAPES[config.shape](config.nodes)
         self.supervisor = supervisor
         self.entry = ["nsenter"]
         if supervisor:
@@ -131,8 +128,9 @@ def launch(name: str, config: Config) -> "subprocess.Popen[str]":
 
 def _await_ready(process: "subprocess.Popen[str]", name: str, config: Config) -> None:
     assert process.stdin and process.stdout
-    process.stdin.write(json.dumps(asdict(config)) + "\n")
-    process.stdin.flush()
+    with suppress(BrokenPipeError):
+        process.stdin.write(json.dumps(config._asdict()) + "\n")
+        process.stdin.flush()
     reasons = []
     for line in process.stdout:
         if line.rstrip() == READY:
@@ -144,15 +142,19 @@ def _await_ready(process: "subprocess.Popen[str]", name: str, config: Config) ->
 def kill(process: "subprocess.Popen[str]") -> None:
     """Ends a lab that was launched, and returns when it is over."""
     assert process.stdout
-    process.kill()
-    process.stdout.read()  # ends when the supervisor does
-    process.wait()
+    with process:
+        process.kill()
+        process.stdout.read()  # ends when the supervisor does
+
+
+def require(name: str) -> int:
+    if supervisor := find(name):
+        return supervisor
+    raise Failure(f"no lab named {name} is up")
 
 
 def attach(name: str) -> Lab:
-    supervisor = find(name)
-    if supervisor is None:
-        raise Failure(f"no lab named {name} is up")
+    supervisor = require(name)
     try:
         text = Path(f"/proc/{supervisor}/root{STATE}/config").read_text(encoding="utf-8")
     except OSError:
@@ -162,10 +164,7 @@ def attach(name: str) -> Lab:
 
 def end(name: str) -> None:
     """Ends the supervisor, whose end comes when all processes of the lab have ended."""
-    supervisor = find(name)
-    if supervisor is None:
-        raise Failure(f"no lab named {name} is up")
-    with suppress(ProcessLookupError), open(os.pidfd_open(supervisor), "rb", buffering=0) as process:
+    with suppress(ProcessLookupError), open(os.pidfd_open(require(name)), "rb", buffering=0) as process:
         signal.pidfd_send_signal(process.fileno(), signal.SIGKILL)
         if not select.select([process], [], [], END_SECONDS)[0]:
-            raise Failure(f"lab {name} ends when its stopped processes do")
+            raise Failure(f"lab {name} has been killed, but a process of it is stopped from outside and can't end")

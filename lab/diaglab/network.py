@@ -2,7 +2,6 @@
 
 Links are described in the language of ip -batch, once for the lab and once for each node.
 """
-from dataclasses import dataclass
 
 MAX_NODES = 250
 MAX_RING = 10  # so that no node is more than 5 s, a hello a hop, away from the root of the spanning tree
@@ -23,15 +22,12 @@ def interface_mac(kind: int, node: int) -> str:
     return f"02:00:00:{kind:02x}:00:{node:02x}"
 
 
-@dataclass(frozen=True)
 class Nodes:
     """Numbered 1 to count."""
 
-    count: int
-
-    @property
-    def nodes(self) -> range:
-        return range(1, self.count + 1)
+    def __init__(self, count: int):
+        self.count = count
+        self.nodes = range(1, count + 1)
 
     def eth0(self) -> list[str]:
         """Leads out of each node, to nowhere: its address is what counts."""

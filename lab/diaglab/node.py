@@ -1,15 +1,18 @@
 """A node of a lab that is up: its broker, its card and its daemon."""
 import socket
 import subprocess
+from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
 from .failure import Failure, UsageError, run, search_path, wait_until
 from .network import address_of, mac_of
-from .rootfs import NAMESPACES, NODE_DIR, STATE
 
 if TYPE_CHECKING:
     from .lab import Lab
 
+STATE = Path("/run/lab")  # inside the lab's mount namespace: config, uts/, machine/ and a root for each node
+NAMESPACES = Path("/run/netns")
+NODE_DIR = Path("run/lab")  # inside a node's root: what the lab keeps for the node
 START_SECONDS = 30
 STOP_SECONDS = 10
 CARD_SECONDS = 5

@@ -3,21 +3,12 @@ import socket
 from pathlib import Path
 
 from . import linux
+from .node import NAMESPACES, NODE_DIR, STATE
 
-STATE = Path("/run/lab")  # inside the lab's mount namespace: config, uts/, machine/ and a root for each node
-NAMESPACES = Path("/run/netns")
 MACHINE = STATE / "machine"
-NODE_DIR = Path("run/lab")  # inside a node's root: what the lab keeps for the node
 OWN = {"dev", "proc", "run", "sys", "tmp"}  # of the directories below /, what isn't the machine's
 DEVICES = ("null", "zero", "full", "random", "urandom", "tty")
-DEVICE_LINKS = {
-    "ptmx": "pts/ptmx",
-    "fd": "/proc/self/fd",
-    "stdin": "fd/0",
-    "stdout": "fd/1",
-    "stderr": "fd/2",
-}
-
+DEVICE_LINKS = {"ptmx": "pts/ptmx", "fd": "/proc/self/fd", "stdin": "fd/0", "stdout": "fd/1", "stderr": "fd/2"}
 BROKER_CONFIG = """\
 listener 1885 127.0.0.1
 allow_anonymous true
@@ -52,19 +43,23 @@ def prepare(visible: list[Path]) -> list[Path]:
     linux.mount("lab", "/run", "tmpfs", data="mode=755")
     for path in (NAMESPACES, STATE / "uts", MACHINE):
         path.mkdir(parents=True)
+    linux.mount("machine", MACHINE, "tmpfs")
     directories = [path for path in Path("/").iterdir() if path.is_dir() and path.name not in OWN]
     for path in visible:
         if path.is_relative_to("/tmp") and not any(path.is_relative_to(other) for other in directories):
             directories.append(path)
     for path in directories:
-        copy = MACHINE / path.relative_to("/")
-        if path.is_symlink():
-            copy.symlink_to(path.readlink())
-        else:
-            copy.mkdir(parents=True)
-            linux.bind(path, copy)
-            linux.make_read_only(copy)
+        bind_directory(path, MACHINE / path.relative_to("/"))
+    linux.make_read_only(MACHINE)
     return directories
+
+
+def bind_directory(source: Path, target: Path) -> None:
+    if source.is_symlink():
+        target.symlink_to(source.readlink())
+    else:
+        target.mkdir(parents=True, exist_ok=True)
+        linux.bind(source, target)
 
 
 def make_namespaces(node: int) -> None:
@@ -86,28 +81,15 @@ def make_root(node: int, directories: list[Path], files: dict[str, str]) -> None
     for path in ("tmp", "dev/shm"):
         (root / path).chmod(0o1777)
     for directory in directories:
-        _bind_directory(directory.relative_to("/"), root)
-    _fill_dev(root / "dev")
+        bind_directory(MACHINE / directory.relative_to("/"), root / directory.relative_to("/"))
+    for name in DEVICES:
+        (root / "dev" / name).touch()
+        linux.bind(f"/dev/{name}", root / "dev" / name)
+    linux.bind("/dev/pts", root / "dev/pts")
+    for name, target in DEVICE_LINKS.items():
+        (root / "dev" / name).symlink_to(target)
     linux.bind("/proc", root / "proc")
     linux.mount("sysfs", root / "sys", "sysfs", linux.MS_RDONLY)
     for name, text in (own_files(node) | files).items():
         (root / name).write_text(text, encoding="utf-8")
     linux.bind(root / NODE_DIR / "cmdline", root / "proc/cmdline")
-
-
-def _bind_directory(name: Path, root: Path) -> None:
-    machine = MACHINE / name
-    if machine.is_symlink():
-        (root / name).symlink_to(machine.readlink())
-    else:
-        (root / name).mkdir(parents=True, exist_ok=True)
-        linux.bind(machine, root / name)
-
-
-def _fill_dev(dev: Path) -> None:
-    for name in DEVICES:
-        (dev / name).touch()
-        linux.bind(Path("/dev") / name, dev / name)
-    linux.bind("/dev/pts", dev / "pts")
-    for name, target in DEVICE_LINKS.items():
-        (dev / name).symlink_to(target)

@@ -9,14 +9,13 @@ import signal
 import sys
 from collections.abc import Callable
 from concurrent.futures import ThreadPoolExecutor
-from dataclasses import asdict
 from pathlib import Path
 
 from . import rootfs
 from .failure import Failure, run, wait_until
 from .lab import SOURCE, READY, Config, Lab
 from .network import Ring
-from .node import DEFAULT_DAEMON, RUN, START_SECONDS, Node
+from .node import DEFAULT_DAEMON, NODE_DIR, RUN, START_SECONDS, STATE, Node
 
 AT_ONCE = 8
 BRIDGE_PORT_FORWARDS = "3"
@@ -42,7 +41,7 @@ def ip(commands: list[str], *words: str) -> None:
 def bring_up(lab: Lab) -> None:
     directories = rootfs.prepare([SOURCE, Path(lab.config.build)])
     nodes = "".join(f"{node.number} {node.mac} {node.address}\n" for node in lab.nodes.values())
-    files = {f"{rootfs.NODE_DIR}/nodes": nodes, f"{rootfs.NODE_DIR}/run": RUN}
+    files = {f"{NODE_DIR}/nodes": nodes, f"{NODE_DIR}/run": RUN}
     if lab.config.rc:
         files["run/lumlog.rc"] = lab.config.rc
 
@@ -110,7 +109,7 @@ def main() -> None:
         bring_up(Lab(config))
     except (Failure, OSError) as error:
         sys.exit(str(error))
-    (rootfs.STATE / "config").write_text(json.dumps(asdict(config)), encoding="utf-8")
+    (STATE / "config").write_text(json.dumps(config._asdict()), encoding="utf-8")
     print(READY, flush=True)
     hang_on(config.attached)
 
