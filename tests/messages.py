@@ -12,7 +12,9 @@ from pathlib import Path
 
 SOURCE = Path(__file__).resolve().parent.parent / "src"
 LITERALS = r'(?:"(?:[^"\\\n]|\\.)*"\s*)+'
-CALL = re.compile(r"log_(?:component_)?(?:error|failure|failure_at)\(\s*(?:(?:LUMLOG_\w+|caller)\s*,\s*)?(" + LITERALS + ")")
+CALL = re.compile(
+    r"log_(?:component_)?(?:error|failure|failure_at)\(\s*(?:(?:LUMLOG_\w+|caller)\s*,\s*)?(" + LITERALS + ")"
+)
 # Messages of timers name the timer; a module gives its names in a constant.
 TIMER_FORMATS = "timer.cpp"
 TIMER_NAMES = re.compile(r'timer_names (\w+) = \{"([^"]+)", "([^"]+)"\}')

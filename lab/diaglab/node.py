@@ -95,12 +95,18 @@ class Node:
 
     def await_card(self) -> None:
         """Waits until the card has met its broker."""
+
+        def met() -> bool:
+            self._check_alive("broker", "broker.log")
+            self._check_alive("card", "log")
+            return bool(self.card_status().get("broker") == "connected")
+
         late = "card and broker don't meet"
-        wait_until(
-            lambda: self.card_status().get("broker") == "connected",
-            START_SECONDS,
-            lambda: self.failure(late, "broker.log", "log"),
-        )
+        wait_until(met, START_SECONDS, lambda: self.failure(late, "broker.log", "log"))
+
+    def _check_alive(self, process: str, log: str) -> None:
+        if (status := self.exit_status(process)) is not None:
+            raise self.failure(f"the {process} ended with exit status {status}", log)
 
     def start_daemon(self, command: str = DEFAULT_DAEMON, wait: bool = True) -> None:
         """Waits until the daemon has announced itself on its broker, which the card sees."""
@@ -110,16 +116,15 @@ class Node:
         if wait and not before:
             raise self.failure("no card answers that would see the daemon connect, use --no-wait")
         self._spawn("daemon", "log", "sh", "-c", f"exec {command}")
-        if wait:
-            late = "the daemon doesn't connect"
-            wait_until(lambda: self._connected(before), START_SECONDS, lambda: self.failure(late, "log"))
+        if not wait:
+            return
 
-    def _connected(self, before: str | None) -> bool:
-        """Whether the card has seen another start of the daemon than the one before."""
-        status = self.exit_status("daemon")
-        if status is not None:
-            raise self.failure(f"the daemon ended with exit status {status}", "log")
-        return self.card_status().get("daemon") not in (None, before)
+        def connected() -> bool:
+            self._check_alive("daemon", "log")
+            return self.card_status().get("daemon") not in (None, before)
+
+        late = "the daemon doesn't connect"
+        wait_until(connected, START_SECONDS, lambda: self.failure(late, "log"))
 
     def stop(self, process: str, signal: str = "TERM") -> int:
         """Returns the exit status."""

@@ -8,7 +8,6 @@ import re
 import signal
 import struct
 import subprocess
-import sys
 import threading
 import time
 from ast import literal_eval
@@ -16,12 +15,11 @@ from concurrent.futures import ThreadPoolExecutor
 from contextlib import contextmanager
 from pathlib import Path
 
+import diaglab
+
 HERE = Path(__file__).resolve().parent
 LAB = HERE.parent.parent / "lab" / "lab"
-sys.path.insert(0, str(LAB.parent))
-import diaglab  # noqa: E402
-
-BUILD = Path(os.environ.get("DIAG_BUILD", HERE.parent.parent / "build" / "release"))
+BUILD = diaglab.DEFAULT_BUILD
 PYTHON = "/usr/bin/python3"
 GROUP = "224.22.33.44"
 SANITIZED = "DIAG_SANITIZE:BOOL=ON" in (BUILD / "CMakeCache.txt").read_text(encoding="utf-8")
