@@ -1,0 +1,5 @@
+#include "world.h"
+namespace sim
+{
+std::unique_ptr<checker> make_subscriptions_checker(world &where) { return std::make_unique<checker>(where); }
+}

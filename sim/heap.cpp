@@ -1,0 +1,93 @@
+#include "heap.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <vector>
+
+namespace sim
+{
+
+struct alignas(16) heap::block {
+    block *previous;
+    block *next;
+    size_t size;
+    heap *owner;
+    allocator from;
+
+    uintptr_t start() const { return reinterpret_cast<uintptr_t>(this + 1); }
+};
+
+void *heap::allocate(size_t size, allocator from)
+{
+    auto *const added = static_cast<block *>(malloc(sizeof(block) + size));
+    if (added == nullptr) {
+        return nullptr;
+    }
+    *added = {nullptr, first_, size, this, from};
+    if (first_ != nullptr) {
+        first_->previous = added;
+    }
+    first_ = added;
+    count_++;
+    return added + 1;
+}
+
+bool heap::release(void *released, allocator by)
+{
+    block *const held = static_cast<block *>(released) - 1;
+    if (held->owner != this || held->from != by) {
+        return false;
+    }
+    (held->previous == nullptr ? first_ : held->previous->next) = held->next;
+    if (held->next != nullptr) {
+        held->next->previous = held->previous;
+    }
+    held->owner = nullptr;
+    count_--;
+    free(held);
+    return true;
+}
+
+void heap::free_all()
+{
+    while (first_ != nullptr) {
+        block *const next = first_->next;
+        free(first_);
+        first_ = next;
+    }
+    count_ = 0;
+}
+
+size_t heap::find_leak(std::span<const uint64_t> variables) const
+{
+    std::vector<const block *> blocks;
+    for (const block *each = first_; each != nullptr; each = each->next) {
+        blocks.push_back(each);
+    }
+    std::sort(blocks.begin(), blocks.end());
+    std::vector<bool> is_held(blocks.size());
+    std::vector<std::span<const uint64_t>> unread = {variables};
+    while (!unread.empty()) {
+        const std::span<const uint64_t> words = unread.back();
+        unread.pop_back();
+        for (const uint64_t word : words) {
+            // The last block that starts at or before the address.
+            const auto after = std::upper_bound(
+                blocks.begin(), blocks.end(), word,
+                [](uint64_t address, const block *each) { return address < each->start(); });
+            if (after == blocks.begin()) {
+                continue;
+            }
+            const block *const found = *(after - 1);
+            const auto index = static_cast<size_t>(after - 1 - blocks.begin());
+            if (word - found->start() < std::max(found->size, size_t{1}) && !is_held[index]) {
+                is_held[index] = true;
+                unread.emplace_back(reinterpret_cast<const uint64_t *>(found + 1), found->size / sizeof(uint64_t));
+            }
+        }
+    }
+    const auto leak = std::find(is_held.begin(), is_held.end(), false);
+    return leak == is_held.end() ? 0 : std::max(blocks[static_cast<size_t>(leak - is_held.begin())]->size, size_t{1});
+}
+
+} // namespace sim

@@ -1,0 +1,42 @@
+// What a simulated process finds around it: the card that it runs on.
+#pragma once
+
+#include "shared_bytes.h"
+#include "timeline.h"
+
+#include <array>
+#include <cstdint>
+#include <ctime>
+#include <string>
+
+namespace sim
+{
+
+class mqtt_broker;
+
+using mac_address = std::array<uint8_t, 6>;
+
+class machine
+{
+public:
+    virtual timeline &clock() = 0;
+    virtual time_t wall_clock() const = 0;
+    virtual mqtt_broker &broker() = 0;
+    virtual const mac_address &mac() const = 0;
+    virtual int process_id() const = 0;
+    // The content of a file, null when there is none.
+    virtual const std::string *find_file(const char *path) const = 0;
+
+    // What the process does.
+    virtual void send(uint32_t address, const shared_bytes &datagram) = 0;
+    virtual void consume(uint32_t sender, const shared_bytes &datagram) = 0; // has read it from its socket
+    virtual void log(const char *line) = 0;
+    virtual void misuse(const char *what) = 0; // of memory or descriptors; does not return
+    virtual void failed_on_request() = 0;      // a call or an allocation, as fail_next() has planned
+    virtual void ended(int status) = 0;
+
+protected:
+    ~machine() = default;
+};
+
+} // namespace sim

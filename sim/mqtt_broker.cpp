@@ -1,0 +1,210 @@
+#include "mqtt_broker.h"
+
+#include "process.h"
+
+#include <mosquitto.h>
+
+#include <algorithm>
+
+namespace sim
+{
+
+namespace
+{
+
+bool matches(const std::string &filter, const std::string &topic)
+{
+    bool result = false;
+    mosquitto_topic_matches_sub(filter.c_str(), topic.c_str(), &result);
+    return result;
+}
+
+} // namespace
+
+void mqtt_broker::start()
+{
+    is_running_ = true;
+}
+
+void mqtt_broker::stop()
+{
+    is_running_ = false;
+    store_.clear();
+    if (connection_ != nullptr && !connection_->is_closed) {
+        connection_->is_closed = true;
+        connection_->to_client.clear();
+        connection_->to_broker.clear();
+        connection_->client_process->mark_ready(connection_->fd);
+        connection_->client_process->run();
+    }
+}
+
+mqtt_connection *mqtt_broker::connect(process &client, int fd)
+{
+    if (!is_running_) {
+        return nullptr;
+    }
+    connection_ = std::make_unique<mqtt_connection>();
+    connection_->client_process = &client;
+    connection_->fd = fd;
+    connection_->number = ++connections_;
+    reply({.type = mqtt_packet::kind::CONNACK});
+    return connection_.get();
+}
+
+void mqtt_broker::disconnect(mqtt_connection &connection)
+{
+    if (connection_.get() == &connection) {
+        receive(connection.number); // what was written before the end arrives
+        connection_.reset();
+    }
+}
+
+void mqtt_broker::send(mqtt_connection &connection, mqtt_packet packet)
+{
+    if (connection.to_broker.empty()) {
+        clock_.after<&mqtt_broker::receive>(random_.between(behaviour_.latency, behaviour_.latency * 2), *this,
+                                            connection.number);
+    }
+    connection.to_broker.push_back(std::move(packet));
+}
+
+void mqtt_broker::reply(mqtt_packet packet)
+{
+    if (connection_->to_client.empty()) {
+        clock_.after<&mqtt_broker::arrive>(random_.between(behaviour_.latency, behaviour_.latency * 2), *this,
+                                           connection_->number);
+    }
+    connection_->to_client.push_back(std::move(packet));
+}
+
+void mqtt_broker::receive(uint64_t connection)
+{
+    if (connection_ == nullptr || connection_->number != connection || connection_->is_closed) {
+        return;
+    }
+    std::deque<mqtt_packet> packets;
+    packets.swap(connection_->to_broker);
+    for (const mqtt_packet &packet : packets) {
+        accept(packet);
+    }
+}
+
+void mqtt_broker::arrive(uint64_t connection)
+{
+    if (connection_ == nullptr || connection_->number != connection || connection_->is_closed) {
+        return;
+    }
+    std::ranges::move(connection_->to_client, std::back_inserter(connection_->arrived));
+    connection_->to_client.clear();
+    connection_->client_process->mark_ready(connection_->fd);
+    connection_->client_process->run();
+}
+
+void mqtt_broker::acknowledge(uint64_t connection_and_message)
+{
+    if (connection_ != nullptr && connection_->number == connection_and_message >> 32) {
+        reply({.type = mqtt_packet::kind::PUBACK,
+               .message_id = static_cast<int>(connection_and_message & UINT32_MAX)});
+    }
+}
+
+void mqtt_broker::accept(const mqtt_packet &packet)
+{
+    switch (packet.type) {
+    case mqtt_packet::kind::PUBLISH:
+        if (behaviour_.ack_delay > nanoseconds(0)) {
+            clock_.after<&mqtt_broker::acknowledge>(
+                random_.between(nanoseconds(0), behaviour_.ack_delay), *this,
+                (connection_->number << 32) | static_cast<uint32_t>(packet.message_id));
+        } else if (behaviour_.ack_loss <= 0 || !random_.chance(behaviour_.ack_loss)) {
+            reply({.type = mqtt_packet::kind::PUBACK, .message_id = packet.message_id});
+        }
+        deliver(packet.topic, store_[packet.topic], packet.payload, true, packet.is_retained);
+        break;
+    case mqtt_packet::kind::SUBSCRIBE:
+        subscribe(packet);
+        break;
+    case mqtt_packet::kind::UNSUBSCRIBE:
+        std::erase(connection_->filters, topics_.name(packet.topic));
+        connection_->filter_changes++;
+        break;
+    default:
+        break;
+    }
+}
+
+void mqtt_broker::subscribe(const mqtt_packet &packet)
+{
+    const std::string &filter = topics_.name(packet.topic);
+    if (std::ranges::find(connection_->filters, filter) == connection_->filters.end()) {
+        connection_->filters.push_back(filter);
+        connection_->filter_changes++;
+    }
+    reply({.type = mqtt_packet::kind::SUBACK, .message_id = packet.message_id});
+    if (filter.find_first_of("+#") == std::string::npos) {
+        const auto found = store_.find(packet.topic);
+        if (found != store_.end() && !found->second.payload.empty()) {
+            reply({.type = mqtt_packet::kind::PUBLISH,
+                   .topic = packet.topic,
+                   .is_retained = true,
+                   .payload = found->second.payload});
+        }
+        return;
+    }
+    std::vector<topic_id> found; // in an order that no hash decides
+    for (const auto &[topic, place] : store_) {
+        if (!place.payload.empty() && matches(filter, topics_.name(topic))) {
+            found.push_back(topic);
+        }
+    }
+    std::ranges::sort(found);
+    for (const topic_id topic : found) {
+        reply({.type = mqtt_packet::kind::PUBLISH,
+               .topic = topic,
+               .is_retained = true,
+               .payload = store_[topic].payload});
+    }
+}
+
+bool mqtt_broker::is_wanted(topic_id topic, stored &place)
+{
+    if (connection_ == nullptr || connection_->is_closed) {
+        return false;
+    }
+    const auto state = static_cast<uint32_t>(connection_->number << 12) + connection_->filter_changes;
+    if (place.matched_at != state) {
+        place.matched_at = state;
+        place.matches = std::ranges::any_of(connection_->filters, [&](const std::string &filter) {
+            return matches(filter, topics_.name(topic));
+        });
+    }
+    return place.matches;
+}
+
+bool mqtt_broker::deliver(topic_id topic, stored &place, const shared_bytes &payload, bool is_from_daemon,
+                          bool retain)
+{
+    if (retain) {
+        place.payload = payload;
+    }
+    const bool is_delivered = is_wanted(topic, place);
+    if (is_delivered) {
+        reply({.type = mqtt_packet::kind::PUBLISH, .topic = topic, .payload = payload});
+    }
+    observer_.published({topic, payload, retain, is_from_daemon});
+    return is_delivered;
+}
+
+bool mqtt_broker::publish(topic_id topic, const shared_bytes &payload, bool retain)
+{
+    return is_running_ && deliver(topic, store_[topic], payload, false, retain);
+}
+
+const shared_bytes *mqtt_broker::find(topic_id topic) const
+{
+    const auto found = store_.find(topic);
+    return found == store_.end() || found->second.payload.empty() ? nullptr : &found->second.payload;
+}
+
+} // namespace sim

@@ -1,0 +1,116 @@
+// The MQTT broker of one card: retained values, the session of the daemon, and the faults that a broker may have.
+#pragma once
+
+#include "random.h"
+#include "shared_bytes.h"
+#include "timeline.h"
+#include "topic_table.h"
+
+#include <deque>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+struct mosquitto;
+
+namespace sim
+{
+
+class process;
+
+struct mqtt_packet {
+    enum class kind { CONNACK, PUBLISH, PUBACK, SUBSCRIBE, SUBACK, UNSUBSCRIBE } type;
+    int message_id = 0;
+    topic_id topic = 0; // or the filter
+    bool is_retained = false;
+    shared_bytes payload = {};
+};
+
+// Both directions between the daemon and the broker. What is on the wire arrives all at once after the latency.
+struct mqtt_connection {
+    process *client_process = nullptr;
+    int fd = -1;
+    uint64_t number = 0;
+    std::deque<mqtt_packet> to_broker;
+    std::deque<mqtt_packet> to_client;
+    std::deque<mqtt_packet> arrived; // at the client, unread
+    std::vector<std::string> filters;
+    uint32_t filter_changes = 1;
+    bool is_closed = false; // by the broker
+};
+
+struct mqtt_message {
+    topic_id topic;
+    const shared_bytes &payload;
+    bool is_retained;
+    bool is_from_daemon;
+};
+
+class mqtt_broker
+{
+public:
+    // What a broker does, besides what it should.
+    struct behaviour {
+        nanoseconds latency = milliseconds(1); // each way; drawn up to twice that
+        nanoseconds ack_delay{};               // drawn up to that
+        double ack_loss = 0;
+    };
+    class observer
+    {
+    public:
+        virtual void published(const mqtt_message &message) = 0;
+
+    protected:
+        ~observer() = default;
+    };
+
+    mqtt_broker(timeline &clock, topic_table &topics, observer &watcher, random_stream random)
+        : clock_(clock), topics_(topics), observer_(watcher), random_(random)
+    {
+    }
+
+    void start();
+    // Retained values are lost and the session is closed.
+    void stop();
+    bool is_running() const { return is_running_; }
+    behaviour &conduct() { return behaviour_; }
+
+    // A message of another client than the daemon; true when the daemon gets it.
+    bool publish(topic_id topic, const shared_bytes &payload, bool retain);
+    // The retained value, null when there is none.
+    const shared_bytes *find(topic_id topic) const;
+
+    // For the client library. Null when nobody listens.
+    mqtt_connection *connect(process &client, int fd);
+    void disconnect(mqtt_connection &connection);
+    void send(mqtt_connection &connection, mqtt_packet packet);
+    topic_table &topics() { return topics_; }
+
+private:
+    struct stored {
+        shared_bytes payload; // empty when nothing is retained
+        uint32_t matched_at = 0;
+        bool matches = false;
+    };
+    bool deliver(topic_id topic, stored &place, const shared_bytes &payload, bool is_from_daemon, bool retain);
+    bool is_wanted(topic_id topic, stored &place);
+    void reply(mqtt_packet packet);
+    void accept(const mqtt_packet &packet);
+    void receive(uint64_t connection);
+    void arrive(uint64_t connection);
+    void acknowledge(uint64_t connection_and_message);
+    void subscribe(const mqtt_packet &packet);
+
+    timeline &clock_;
+    topic_table &topics_;
+    observer &observer_;
+    random_stream random_;
+    behaviour behaviour_;
+    bool is_running_ = false;
+    uint64_t connections_ = 0;
+    std::unique_ptr<mqtt_connection> connection_;
+    std::unordered_map<topic_id, stored> store_;
+};
+
+} // namespace sim

@@ -1,0 +1,336 @@
+// The client library, as far as the daemon uses it: its functions that talk to a broker come here (--wrap), on the
+// process that runs. Those that only look at topics are the library's own.
+#include "mqtt_broker.h"
+#include "process.h"
+
+#include <mosquitto.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+using namespace sim;
+
+namespace
+{
+
+constexpr unsigned MAX_IN_FLIGHT = 20; // publications that the library sends before it waits for acknowledgements
+
+} // namespace
+
+struct mosquitto {
+    void (*on_connect)(mosquitto *, void *, int) = nullptr;
+    void (*on_disconnect)(mosquitto *, void *, int) = nullptr;
+    void (*on_publish)(mosquitto *, void *, int) = nullptr;
+    void (*on_subscribe)(mosquitto *, void *, int, int, const int *) = nullptr;
+    void (*on_message)(mosquitto *, void *, const mosquitto_message *) = nullptr;
+
+    process *owner = nullptr;
+    mqtt_broker *broker = nullptr;
+    mqtt_connection *connection = nullptr;
+    int fd = -1;
+    int last_message_id = 0;
+    unsigned in_flight = 0;
+    bool is_in_callback = false;
+    std::deque<mqtt_packet> output; // until the next write
+    std::deque<mqtt_packet> queued; // until others are acknowledged
+};
+
+namespace
+{
+
+void write_output(mosquitto &client)
+{
+    while (!client.output.empty()) {
+        client.broker->send(*client.connection, std::move(client.output.front()));
+        client.output.pop_front();
+    }
+}
+
+// The library writes at once what is sent outside of its callbacks.
+void send_packet(mosquitto &client, mqtt_packet packet)
+{
+    client.output.push_back(std::move(packet));
+    if (!client.is_in_callback) {
+        write_output(client);
+    }
+}
+
+bool is_usable(const mosquitto &client)
+{
+    return client.connection != nullptr && !client.connection->is_closed;
+}
+
+void close_connection(mosquitto &client)
+{
+    if (client.connection != nullptr) {
+        client.broker->disconnect(*client.connection);
+        client.connection = nullptr;
+        if (client.owner->is_alive()) {
+            client.owner->close(client.fd);
+        }
+        client.fd = -1;
+    }
+}
+
+int lose_connection(mosquitto &client)
+{
+    close_connection(client);
+    client.on_disconnect(&client, nullptr, MOSQ_ERR_CONN_LOST);
+    return MOSQ_ERR_CONN_LOST;
+}
+
+void take_acknowledgement(mosquitto &client, int message_id)
+{
+    client.on_publish(&client, nullptr, message_id);
+    client.in_flight--;
+    if (!client.queued.empty()) {
+        client.in_flight++;
+        send_packet(client, std::move(client.queued.front()));
+        client.queued.pop_front();
+    }
+}
+
+void take_message(mosquitto &client, const mqtt_packet &packet)
+{
+    std::string topic = client.broker->topics().name(packet.topic);
+    const mosquitto_message message = {.mid = packet.message_id,
+                                       .topic = topic.data(),
+                                       .payload = const_cast<uint8_t *>(packet.payload.data()),
+                                       .payloadlen = static_cast<int>(packet.payload.size()),
+                                       .qos = 1,
+                                       .retain = packet.is_retained};
+    client.on_message(&client, nullptr, &message);
+}
+
+void take_packet(mosquitto &client, const mqtt_packet &packet)
+{
+    client.is_in_callback = true;
+    switch (packet.type) {
+    case mqtt_packet::kind::CONNACK:
+        client.on_connect(&client, nullptr, 0);
+        break;
+    case mqtt_packet::kind::PUBLISH:
+        take_message(client, packet);
+        break;
+    case mqtt_packet::kind::PUBACK:
+        take_acknowledgement(client, packet.message_id);
+        break;
+    case mqtt_packet::kind::SUBACK: {
+        const int granted = 1;
+        client.on_subscribe(&client, nullptr, packet.message_id, 1, &granted);
+        break;
+    }
+    default:
+        break;
+    }
+    client.is_in_callback = false;
+}
+
+} // namespace
+
+namespace sim
+{
+
+bool has_input(const mosquitto &client)
+{
+    return client.connection != nullptr && (client.connection->is_closed || !client.connection->arrived.empty());
+}
+
+void drop_client(mosquitto *client)
+{
+    close_connection(*client);
+    delete client;
+}
+
+} // namespace sim
+
+extern "C" {
+
+int __wrap_mosquitto_lib_init()
+{
+    return MOSQ_ERR_SUCCESS;
+}
+
+int __wrap_mosquitto_lib_cleanup()
+{
+    return MOSQ_ERR_SUCCESS;
+}
+
+mosquitto *__wrap_mosquitto_new(const char *, bool, void *)
+{
+    auto *const client = new mosquitto;
+    client->owner = &process::running();
+    client->broker = &client->owner->host().broker();
+    client->owner->attach_session(-1, client);
+    return client;
+}
+
+void __wrap_mosquitto_destroy(mosquitto *client)
+{
+    client->owner->attach_session(-1, nullptr);
+    drop_client(client);
+}
+
+void __wrap_mosquitto_connect_callback_set(mosquitto *client, void (*callback)(mosquitto *, void *, int))
+{
+    client->on_connect = callback;
+}
+
+void __wrap_mosquitto_disconnect_callback_set(mosquitto *client, void (*callback)(mosquitto *, void *, int))
+{
+    client->on_disconnect = callback;
+}
+
+void __wrap_mosquitto_publish_callback_set(mosquitto *client, void (*callback)(mosquitto *, void *, int))
+{
+    client->on_publish = callback;
+}
+
+void __wrap_mosquitto_subscribe_callback_set(mosquitto *client,
+                                             void (*callback)(mosquitto *, void *, int, int, const int *))
+{
+    client->on_subscribe = callback;
+}
+
+void __wrap_mosquitto_message_callback_set(mosquitto *client,
+                                           void (*callback)(mosquitto *, void *, const mosquitto_message *))
+{
+    client->on_message = callback;
+}
+
+int __wrap_mosquitto_int_option(mosquitto *, mosq_opt_t, int)
+{
+    return MOSQ_ERR_SUCCESS;
+}
+
+int __wrap_mosquitto_connect(mosquitto *client, const char *, int, int)
+{
+    client->fd = client->owner->open({.kind = file_kind::SESSION});
+    client->connection = client->broker->connect(*client->owner, client->fd);
+    if (client->connection == nullptr) {
+        client->owner->close(client->fd);
+        client->fd = -1;
+        errno = ECONNREFUSED;
+        return MOSQ_ERR_ERRNO;
+    }
+    return MOSQ_ERR_SUCCESS;
+}
+
+int __wrap_mosquitto_disconnect(mosquitto *client)
+{
+    if (!is_usable(*client)) {
+        return MOSQ_ERR_NO_CONN;
+    }
+    write_output(*client);
+    close_connection(*client);
+    client->on_disconnect(client, nullptr, 0);
+    return MOSQ_ERR_SUCCESS;
+}
+
+int __wrap_mosquitto_socket(mosquitto *client)
+{
+    return client->fd;
+}
+
+bool __wrap_mosquitto_want_write(mosquitto *client)
+{
+    return !client->output.empty();
+}
+
+int __wrap_mosquitto_loop_write(mosquitto *client, int)
+{
+    if (client->connection == nullptr) {
+        return MOSQ_ERR_NO_CONN;
+    }
+    if (client->connection->is_closed) {
+        return lose_connection(*client);
+    }
+    write_output(*client);
+    return MOSQ_ERR_SUCCESS;
+}
+
+// As many packets as there are publications in flight, one at least.
+int __wrap_mosquitto_loop_read(mosquitto *client, int)
+{
+    for (unsigned left = std::max(client->in_flight, 1U); left > 0; left--) {
+        if (client->connection == nullptr) {
+            return MOSQ_ERR_NO_CONN;
+        }
+        if (client->connection->arrived.empty()) {
+            return client->connection->is_closed ? lose_connection(*client) : MOSQ_ERR_SUCCESS;
+        }
+        const mqtt_packet packet = std::move(client->connection->arrived.front());
+        client->connection->arrived.pop_front();
+        take_packet(*client, packet);
+    }
+    return MOSQ_ERR_SUCCESS;
+}
+
+int __wrap_mosquitto_loop_misc(mosquitto *client)
+{
+    return is_usable(*client) ? MOSQ_ERR_SUCCESS : MOSQ_ERR_NO_CONN;
+}
+
+int __wrap_mosquitto_loop(mosquitto *client, int timeout_ms, int)
+{
+    const nanoseconds end = client->owner->host().clock().now() + milliseconds(timeout_ms);
+    if (!has_input(*client)) {
+        client->owner->wait_until(end);
+    }
+    const int result = __wrap_mosquitto_loop_read(client, 1);
+    return result == MOSQ_ERR_SUCCESS ? __wrap_mosquitto_loop_write(client, 1) : result;
+}
+
+int __wrap_mosquitto_publish(mosquitto *client, int *message_id, const char *topic, int length,
+                             const void *payload, int, bool retain)
+{
+    const size_t topic_length = strlen(topic);
+    if (topic_length == 0 || mosquitto_pub_topic_check(topic) != MOSQ_ERR_SUCCESS) {
+        return MOSQ_ERR_INVAL;
+    }
+    if (mosquitto_validate_utf8(topic, static_cast<int>(topic_length)) != MOSQ_ERR_SUCCESS) {
+        return MOSQ_ERR_MALFORMED_UTF8;
+    }
+    if (!is_usable(*client)) {
+        return MOSQ_ERR_NO_CONN;
+    }
+    *message_id = ++client->last_message_id;
+    mqtt_packet packet = {.type = mqtt_packet::kind::PUBLISH,
+                          .message_id = *message_id,
+                          .topic = client->broker->topics().number(topic),
+                          .is_retained = retain,
+                          .payload = shared_bytes(payload, static_cast<size_t>(length))};
+    if (client->in_flight >= MAX_IN_FLIGHT) {
+        client->queued.push_back(std::move(packet));
+    } else {
+        client->in_flight++;
+        send_packet(*client, std::move(packet));
+    }
+    return MOSQ_ERR_SUCCESS;
+}
+
+int __wrap_mosquitto_subscribe(mosquitto *client, int *message_id, const char *filter, int)
+{
+    if (!is_usable(*client)) {
+        return MOSQ_ERR_NO_CONN;
+    }
+    *message_id = ++client->last_message_id;
+    send_packet(*client, {.type = mqtt_packet::kind::SUBSCRIBE,
+                          .message_id = *message_id,
+                          .topic = client->broker->topics().number(filter)});
+    return MOSQ_ERR_SUCCESS;
+}
+
+int __wrap_mosquitto_unsubscribe(mosquitto *client, int *, const char *filter)
+{
+    if (!is_usable(*client)) {
+        return MOSQ_ERR_NO_CONN;
+    }
+    send_packet(*client, {.type = mqtt_packet::kind::UNSUBSCRIBE,
+                          .message_id = ++client->last_message_id,
+                          .topic = client->broker->topics().number(filter)});
+    return MOSQ_ERR_SUCCESS;
+}
+
+} // extern "C"

@@ -1,0 +1,142 @@
+// A process that runs the daemon's real main: with variables, memory, descriptors and a stack of its own, on a machine
+// that is simulated. All processes share this program's address space: the variables of the daemon's modules lie in one
+// section, which holds those of the process that runs.
+#pragma once
+
+#include "fiber.h"
+#include "heap.h"
+#include "machine.h"
+#include "shared_bytes.h"
+#include "timeline.h"
+
+#include <csignal>
+#include <deque>
+#include <optional>
+#include <vector>
+
+struct mosquitto;
+
+namespace sim
+{
+
+enum class system_call {
+    READ,
+    CLOCK_GETTIME,
+    TIMERFD_CREATE,
+    TIMERFD_SETTIME,
+    EPOLL_CTL,
+    EPOLL_WAIT,
+    RECVFROM,
+    SENDTO,
+    ALLOCATION,
+    COUNT,
+};
+
+enum class file_kind { CLOSED, EPOLL, TIMER, DATAGRAMS, SESSION, REGULAR };
+
+constexpr nanoseconds NEVER = nanoseconds::max();
+
+struct descriptor {
+    file_kind kind = file_kind::CLOSED;
+    bool is_watched = false;
+    bool is_queued = false; // among the ready ones
+    void *watch = nullptr;
+    nanoseconds expiry = NEVER; // of a timer
+    nanoseconds interval{};
+    uint32_t armed = 0; // counts the settings of the timers with this number
+    const std::string *content = nullptr;
+    size_t offset = 0; // in it
+};
+
+struct datagram {
+    uint32_t sender;
+    shared_bytes bytes;
+};
+
+class process
+{
+public:
+    explicit process(machine &host) : host_(host) {}
+
+    // The process whose code runs now.
+    static process &running();
+
+    void start(uint8_t node_number);
+    bool is_alive() const { return is_alive_; }
+    void send_sigterm();
+    void kill(); // ended() is not called
+    // A process that gets no processor: what happens meanwhile waits for it.
+    void set_frozen(bool is_frozen);
+    void receive(const datagram &received);
+    // The call-th from now of these calls fails with this error.
+    void fail_next(system_call call, int error, unsigned skipped);
+    void fail_none() { failure_.reset(); }
+
+    size_t count_descriptors() const;
+    size_t count_allocations() const { return memory_.count(); }
+    size_t find_leak();
+    // A descriptor that is open but watched by nobody, besides the one that watches; -1 when there is none.
+    int find_unwatched() const;
+
+    // For the system calls and the client library, which run on this process.
+    machine &host() { return host_; }
+    heap &memory() { return memory_; }
+    bool fails(system_call call);
+    int open(const descriptor &opened);
+    descriptor *find(int fd); // null, with errno set, when it isn't open
+    void close(int fd);
+    void arm(int fd, nanoseconds expiry, nanoseconds interval);
+    bool is_readable(const descriptor &file) const;
+    void mark_ready(int fd);
+    int take_ready();
+    bool is_signalled() const { return is_signalled_; }
+    bool take_signal();
+    void set_sigterm_handler(void (*handler)(int)) { sigterm_handler_ = handler; }
+    std::deque<datagram> &datagrams() { return datagrams_; }
+    void attach_session(int fd, mosquitto *client);
+    // Lets the others run until something has happened to this process.
+    void wait();
+    void wait_until(nanoseconds end);
+    [[noreturn]] void exit(int status);
+    void srand(unsigned seed) { random_ = seed; }
+    int rand();
+
+    // Lets the process do all that it can do now.
+    void run();
+
+private:
+    static void run_program(void *self);
+    void load();
+    void wake(uint64_t start);
+    void expire(uint64_t fd_and_armed);
+
+    machine &host_;
+    bool is_alive_ = false;
+    bool is_frozen_ = false;
+    bool is_signalled_ = false;
+    uint32_t starts_ = 0;
+    uint8_t node_number_ = 0;
+    int status_ = 0;
+    unsigned random_ = 0;
+    void (*sigterm_handler_)(int) = nullptr;
+    std::vector<uint64_t> variables_;
+    heap memory_;
+    fiber fiber_;
+    std::vector<descriptor> descriptors_;
+    std::deque<int> ready_;
+    std::deque<datagram> datagrams_;
+    mosquitto *client_ = nullptr;
+    struct failure {
+        system_call call;
+        int error;
+        unsigned skipped;
+    };
+    std::optional<failure> failure_;
+};
+
+// The messages that wait for a client of the broker; defined with the client library.
+bool has_input(const mosquitto &client);
+// Frees the client of a process that ends without doing so.
+void drop_client(mosquitto *client);
+
+} // namespace sim
