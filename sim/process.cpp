@@ -246,7 +246,7 @@ void process::close(int fd)
     }
     const uint32_t armed = file.armed;
     file = {};
-    file.armed = armed;
+    file.armed = armed + 1; // what it had planned is obsolete
     std::erase(ready_, fd);
 }
 
