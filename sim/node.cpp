@@ -75,7 +75,7 @@ void node::power_off()
     is_on_ = false;
     is_wanted_ = false;
     kill_daemon();
-    broker_.stop();
+    stop_broker();
     world_.fire().set_power(index_, false);
     world_.connectivity_changed();
 }
