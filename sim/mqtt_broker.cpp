@@ -187,6 +187,7 @@ bool mqtt_broker::deliver(topic_id topic, stored &place, const shared_bytes &pay
 {
     if (retain) {
         place.payload = payload;
+        place.is_in_doubt = is_from_daemon && clock_.now() < doubtful_until_;
     }
     const bool is_delivered = is_wanted(topic, place);
     if (is_delivered) {
@@ -199,6 +200,12 @@ bool mqtt_broker::deliver(topic_id topic, stored &place, const shared_bytes &pay
 bool mqtt_broker::publish(topic_id topic, const shared_bytes &payload, bool retain)
 {
     return is_running_ && deliver(topic, store_[topic], payload, false, retain);
+}
+
+bool mqtt_broker::is_in_doubt(topic_id topic) const
+{
+    const auto found = store_.find(topic);
+    return found != store_.end() && found->second.is_in_doubt;
 }
 
 const shared_bytes *mqtt_broker::find(topic_id topic) const

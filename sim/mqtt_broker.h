@@ -81,6 +81,11 @@ public:
     // The retained value, null when there is none.
     const shared_bytes *find(topic_id topic) const;
 
+    // Until then a publication may be repeated for want of an acknowledgement, an older one after a newer one. Its topic
+    // is in doubt until something is published there later.
+    void doubt_until(nanoseconds end) { doubtful_until_ = std::max(doubtful_until_, end); }
+    bool is_in_doubt(topic_id topic) const;
+
     // For the client library. Null when nobody listens.
     mqtt_connection *connect(process &client, int fd);
     void disconnect(mqtt_connection &connection);
@@ -92,6 +97,7 @@ private:
         shared_bytes payload; // empty when nothing is retained
         uint32_t matched_at = 0;
         bool matches = false;
+        bool is_in_doubt = false;
     };
     bool deliver(topic_id topic, stored &place, const shared_bytes &payload, bool is_from_daemon, bool retain);
     bool is_wanted(topic_id topic, stored &place);
@@ -108,6 +114,7 @@ private:
     random_stream random_;
     behaviour behaviour_;
     bool is_running_ = false;
+    nanoseconds doubtful_until_{};
     uint64_t connections_ = 0;
     std::unique_ptr<mqtt_connection> connection_;
     std::unordered_map<topic_id, stored> store_;

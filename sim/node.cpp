@@ -160,6 +160,12 @@ void node::supervise(uint64_t)
     }
 }
 
+void node::disturb_until(nanoseconds end)
+{
+    disturbed_until_ = std::max(disturbed_until_, end);
+    broker_.doubt_until(end);
+}
+
 //
 // Facts
 //

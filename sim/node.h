@@ -49,7 +49,7 @@ public:
     nanoseconds started() const { return started_; }
     // Until when its broker, its processor or its clients made it slower than it would be.
     nanoseconds disturbed_until() const { return disturbed_until_; }
-    void disturb_until(nanoseconds end) { disturbed_until_ = std::max(disturbed_until_, end); }
+    void disturb_until(nanoseconds end);
     // When others have to know an item by, once they can hear it.
     nanoseconds due(item which) const { return due_[static_cast<size_t>(which)]; }
     void change(item which, nanoseconds within);
