@@ -19,6 +19,7 @@ namespace
 constexpr seconds LIFETIME = seconds(1200);
 constexpr seconds KEEPALIVE_PERIOD = seconds(300);
 constexpr seconds SLACK = seconds(2);
+constexpr seconds LONGEST_FREEZE = seconds(50);
 constexpr size_t LARGEST_TOPIC_DATA = 1013;
 // The event loop, the broker's session and its timer, the socket, and the timers of sending, purging, periods and
 // keepalives.
@@ -40,6 +41,7 @@ struct subscription {
     seconds period;
     nanoseconds created;
     nanoseconds renewed;
+    nanoseconds missed{}; // time in which the daemon got no processor: lives are sends, not seconds
     bool is_vague = false; // it may have ended and been made anew
     std::map<topic_id, nanoseconds> owed = {}; // since when a changed value is to be sent
 
@@ -50,7 +52,7 @@ struct subscription {
     }
     bool may_be_alive(nanoseconds now) const
     {
-        return period == seconds(0) || now <= renewed + (lives() + 1) * period + SLACK;
+        return period == seconds(0) || now <= renewed + (lives() + 1) * period + missed + SLACK;
     }
 };
 
@@ -94,6 +96,12 @@ public:
     void starts(node &which) override { of(which).forget_daemon(); }
     void ended(node &which, int) override { of(which).forget_daemon(); }
     void killed(node &which) override { of(which).forget_daemon(); }
+    void excuse(node &which, const char *why) override
+    {
+        for (subscription &each : of(which).served) {
+            each.missed += std::string_view(why) == "no processor" ? LONGEST_FREEZE : seconds(0);
+        }
+    }
     void broker_stops(node &which) override { of(which).own_values.clear(); }
     void requested(node &which, const client_request &request) override
     {

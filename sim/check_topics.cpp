@@ -72,7 +72,9 @@ public:
         const nanoseconds now = world_.clock().now();
         acquaintance &between = at(a, b.index());
         if (packet->kind == wire::GOODBYE) {
-            between.left = between.absent = now;
+            // A daemon that has not heard of the node since its start withdraws nothing.
+            between.left = between.heard == NEVER_HEARD ? between.left : now;
+            between.absent = now;
             between.heard = NEVER_HEARD;
             return;
         }

@@ -259,6 +259,7 @@ void node::misuse(const char *what)
 void node::failed_on_request()
 {
     world_.trace(index_, "a call fails, as planned");
+    disturb_until(world_.clock().now() + seconds(1));
     world_.watch().excuse(*this, "a call that failed");
 }
 

@@ -200,6 +200,7 @@ void world::happen_to_broker(const planned &item, node &target, random_stream &r
         target.stop_broker();
         break;
     case happening::BROKER_SLOW:
+        watch().excuse(target, "a slow broker"); // an acknowledgement that takes a second comes too late
         conduct.latency = random.between(milliseconds(10), milliseconds(400));
         break;
     case happening::ACKS_LATE:
