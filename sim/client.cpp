@@ -12,7 +12,7 @@ namespace
 {
 
 constexpr const char *FILTERS[] = {"#", "port_summary", "+/stats", "A/stats", "job_name", "M301", "A/pm/#"};
-constexpr const char *PERIODS[] = {"", ";1", ";5", ";10", ";0x1E", ";60", ";0", ";700"};
+constexpr const char *PERIODS[] = {"", ";1", ";5", ";036", ";0x1E", ";60", ";0", ";700"};
 constexpr const char *WRONG_RESPONSE = "0123456789abcdef0123456789abcdef";
 constexpr nanoseconds CHALLENGE_SETTLES = seconds(5);
 
@@ -129,12 +129,12 @@ void client_group::ask_by_chance(random_stream &random)
     case 0:
     case 1:
     case 2:
-    case 3:
         ask_subscription(random, request, true);
         break;
-    case 4:
+    case 3:
         ask_subscription(random, request, false);
         break;
+    case 4:
     case 5:
         returns_[which]++;
         request.type = client_request::kind::DISCONNECT;
