@@ -68,7 +68,8 @@ public:
             return;
         }
         const uint8_t port = packet->payload[0];
-        const bool is_young = world_.clock().now() < std::max(which.started() + seconds(3), which.disturbed_until());
+        const bool is_young =
+            world_.clock().now() < std::max(which.started() + seconds(3), which.disturbed_until());
         if (is_young || port >= PORTS || !which.told().ports[port].is_tracked) {
             excuse(which, "a reset of a port that is not tracked");
         }

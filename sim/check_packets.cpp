@@ -13,8 +13,9 @@ namespace
 
 constexpr unsigned TRANSMISSIONS = 10;
 constexpr nanoseconds REPEATED_AFTER = seconds(1);
-constexpr nanoseconds SENT_EVERY[wire::SECTIONS] = {seconds(15), seconds(15), seconds(60), seconds(15), seconds(15),
-                                                    seconds(60), seconds(15), seconds(15), seconds(60)};
+constexpr nanoseconds SENT_EVERY[wire::SECTIONS] = {seconds(15), seconds(15), seconds(60),
+                                                    seconds(15), seconds(15), seconds(60),
+                                                    seconds(15), seconds(15), seconds(60)};
 
 struct sent_request {
     std::vector<uint8_t> bytes;
@@ -24,7 +25,7 @@ struct sent_request {
 
 struct speaker {
     uint32_t next_request = 0;
-    bool may_skip = false; // a request that failed before it was sent has used its id
+    bool may_skip = false;                     // a request that failed before it was sent has used its id
     std::map<uint32_t, sent_request> requests; // of the last while
     nanoseconds sections[wire::SECTIONS] = {};
     struct owed {
@@ -95,7 +96,8 @@ public:
                 continue;
             }
             if (!of(each).acknowledgements.empty()) {
-                world_.fail("every-request-is-acknowledged", i, "request %u", of(each).acknowledgements[0].request);
+                world_.fail("every-request-is-acknowledged", i, "request %u",
+                            of(each).acknowledgements[0].request);
             }
             check_sections(each);
         }
@@ -144,9 +146,11 @@ private:
     void check_sections(const node &which)
     {
         for (size_t i = 0; i < wire::SECTIONS; i++) {
-            const nanoseconds last = std::max({of(which).sections[i], which.started(), which.disturbed_until()});
+            const nanoseconds last =
+                std::max({of(which).sections[i], which.started(), which.disturbed_until()});
             if (world_.clock().now() - last > SENT_EVERY[i] + seconds(4)) {
-                world_.fail("every-section-is-sent-in-time", which.index(), "section %zu was last sent %.1f s ago", i,
+                world_.fail("every-section-is-sent-in-time", which.index(),
+                            "section %zu was last sent %.1f s ago", i,
                             static_cast<double>((world_.clock().now() - last).count()) / 1e9);
             }
         }
@@ -177,7 +181,8 @@ private:
                 complain(which, datagram, "its request id is not the next one");
             }
             asking.next_request = id + 1;
-            std::erase_if(asking.requests, [&](const auto &each) { return now - each.second.last > minutes(2); });
+            std::erase_if(asking.requests,
+                          [&](const auto &each) { return now - each.second.last > minutes(2); });
             asking.requests[id] = {{datagram.begin(), datagram.end()}, now, 1};
             return;
         }
@@ -185,7 +190,8 @@ private:
         if (!std::ranges::equal(again.bytes, datagram)) {
             complain(which, datagram, "a repetition differs from the first transmission");
         }
-        if (++again.count > TRANSMISSIONS || (now - again.last < REPEATED_AFTER && now > which.disturbed_until())) {
+        if (++again.count > TRANSMISSIONS ||
+            (now - again.last < REPEATED_AFTER && now > which.disturbed_until())) {
             complain(which, datagram, "a request is repeated too often");
         }
         again.last = now;

@@ -42,12 +42,14 @@ bool is_port_text(bytes payload, std::initializer_list<std::string_view> words)
     rest = rest.substr(1, rest.size() - 2);
     char last = 0;
     while (!rest.empty()) {
-        if (rest.size() < 6 || rest[0] != '"' || rest[1] <= last || rest[1] > 'H' || rest.substr(2, 3) != "\":\"") {
+        if (rest.size() < 6 || rest[0] != '"' || rest[1] <= last || rest[1] > 'H' ||
+            rest.substr(2, 3) != "\":\"") {
             return false;
         }
         last = rest[1];
         const size_t end = rest.find('"', 5);
-        if (end == std::string_view::npos || std::ranges::find(words, rest.substr(5, end - 5)) == words.end()) {
+        if (end == std::string_view::npos ||
+            std::ranges::find(words, rest.substr(5, end - 5)) == words.end()) {
             return false;
         }
         rest = rest.substr(end + 1);
@@ -71,8 +73,8 @@ bool is_media(bytes payload)
 
 bool is_versions(bytes payload)
 {
-    return payload.size() == VERSIONS_TEXT_SIZE && payload[10] == ':' && payload[51] == ';' && payload[62] == ':' &&
-           payload[103] == ';' && payload[114] == ':' && payload[155] == ';';
+    return payload.size() == VERSIONS_TEXT_SIZE && payload[10] == ':' && payload[51] == ';' &&
+           payload[62] == ':' && payload[103] == ';' && payload[114] == ':' && payload[155] == ';';
 }
 
 bool is_port_list(bytes payload)
@@ -94,13 +96,15 @@ bool is_port_list(bytes payload)
 
 bool is_links(bytes payload)
 {
-    return payload.size() % MISWIRED_LINK_SIZE == 0 && payload.size() <= MISWIRED_LINKS_MAX * MISWIRED_LINK_SIZE;
+    return payload.size() % MISWIRED_LINK_SIZE == 0 &&
+           payload.size() <= MISWIRED_LINKS_MAX * MISWIRED_LINK_SIZE;
 }
 
 bool is_challenge(bytes payload)
 {
     return payload.size() >= 5 && payload.size() <= 41 && text_of(payload).starts_with("1;") &&
-           std::ranges::all_of(text_of(payload).substr(2), [](char each) { return isdigit(each) || each == ' '; });
+           std::ranges::all_of(text_of(payload).substr(2),
+                               [](char each) { return isdigit(each) || each == ' '; });
 }
 
 template <size_t Least, size_t Most>
@@ -121,7 +125,8 @@ constexpr rule NETWORK_RULES[] = {
     {"pub/diag/net/fire/grnd_list", is_port_list, false},
     {"pub/diag/net/fire/miswired", is_port_list, false},
     {"pub/diag/net/fire/miswired_links", is_links, true},
-    {"local/diag/network_style7", [](bytes payload) { return payload.size() == 1 && payload[0] <= 1; }, false},
+    {"local/diag/network_style7", [](bytes payload) { return payload.size() == 1 && payload[0] <= 1; },
+     false},
     {"local/activate", [](bytes payload) { return payload.size() == 1 && payload[0] == 5; }, false},
     {"local/remotedl", [](bytes payload) { return payload.size() == 1 && payload[0] <= 1; }, false},
     {"pub/diag/command/aut/tbl_idx", is_challenge, false},
@@ -169,7 +174,8 @@ public:
 private:
     void complain(const node &which, const std::string &topic, bytes payload, const char *what)
     {
-        world_.fail("messages-are-valid", which.index(), "%s with %zu bytes: %s", topic.c_str(), payload.size(), what);
+        world_.fail("messages-are-valid", which.index(), "%s with %zu bytes: %s", topic.c_str(),
+                    payload.size(), what);
     }
 
     void check(const node &which, const std::string &topic, const rule &applied, bytes payload)

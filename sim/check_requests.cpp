@@ -20,7 +20,6 @@ struct waiting {
     nanoseconds since;
 };
 
-
 // When a node was last asked for something by another, by kind of packet; for a subscription also which.
 struct served {
     nanoseconds subscribed = seconds(-1);
@@ -88,8 +87,8 @@ public:
             }
             // The extra unsubscribe of a client without subscriptions is not answered.
             if (open.request.type != client_request::kind::UNSUBSCRIBE) {
-                world_.fail("every-request-is-answered", index, "request %u;%u has no answer after %.1f s", client,
-                            transaction, static_cast<double>((now - open.since).count()) / 1e9);
+                world_.fail("every-request-is-answered", index, "request %u;%u has no answer after %.1f s",
+                            client, transaction, static_cast<double>((now - open.since).count()) / 1e9);
             }
             each = waiting_.erase(each);
         }
@@ -98,7 +97,8 @@ public:
 private:
     static bool is_for_others(const client_request &request)
     {
-        return request.type != client_request::kind::OTHER && request.type != client_request::kind::DISCONNECT;
+        return request.type != client_request::kind::OTHER &&
+               request.type != client_request::kind::DISCONNECT;
     }
 
     void forget(const node &which)
@@ -112,8 +112,10 @@ private:
         unsigned client;
         unsigned transaction;
         int length = 0;
-        if (sscanf(std::string(answer).c_str(), "%u;%u;%n", &client, &transaction, &length) != 2 || length == 0) {
-            world_.fail("every-answer-belongs-to-a-request", which.index(), "%s", std::string(answer).c_str());
+        if (sscanf(std::string(answer).c_str(), "%u;%u;%n", &client, &transaction, &length) != 2 ||
+            length == 0) {
+            world_.fail("every-answer-belongs-to-a-request", which.index(), "%s",
+                        std::string(answer).c_str());
         }
         const auto found = waiting_.find({which.index(), client, transaction});
         if (found == waiting_.end()) {
@@ -140,8 +142,8 @@ private:
         if (verdict == "ACK") {
             check_done(which, open);
         } else if (is_for_others(request) && is_reachable(which, open)) {
-            world_.fail("answers-are-true", which.index(), request.targets[0], "%s, though node %zu could be reached",
-                        verdict.c_str(), request.targets[0] + 1);
+            world_.fail("answers-are-true", which.index(), request.targets[0],
+                        "%s, though node %zu could be reached", verdict.c_str(), request.targets[0] + 1);
         }
     }
 
@@ -162,7 +164,8 @@ private:
                 const auto found = carried_out_.find({target, request.target_topic});
                 const bool is_settled = world_.clock().now() > world_.at(target).disturbed_until();
                 if ((found == carried_out_.end() || found->second < open.since) && is_settled) {
-                    world_.fail("answers-are-true", which.index(), target, "ACK, but node %zu has not done it", target + 1);
+                    world_.fail("answers-are-true", which.index(), target,
+                                "ACK, but node %zu has not done it", target + 1);
                 }
             }
         }
@@ -172,7 +175,8 @@ private:
     bool is_reachable(const node &which, const waiting &open)
     {
         const auto is_sound = [&](const node &each) {
-            return each.daemon().is_alive() && std::max(each.started(), each.disturbed_until()) + seconds(2) < open.since;
+            return each.daemon().is_alive() &&
+                   std::max(each.started(), each.disturbed_until()) + seconds(2) < open.since;
         };
         return is_sound(which) && std::max(world_.fair_since(), joined_) < open.since &&
                std::ranges::all_of(open.request.targets, [&](size_t target) {
@@ -186,8 +190,9 @@ private:
     bool heard_since(size_t which, size_t target)
     {
         const nanoseconds long_ago = world_.clock().now() - seconds(80);
-        return world_.at(which).started() < long_ago && world_.at(target).started() < long_ago && joined_ < long_ago &&
-               world_.fair_since() < long_ago && world_.at(which).disturbed_until() < long_ago &&
+        return world_.at(which).started() < long_ago && world_.at(target).started() < long_ago &&
+               joined_ < long_ago && world_.fair_since() < long_ago &&
+               world_.at(which).disturbed_until() < long_ago &&
                world_.at(target).disturbed_until() < long_ago;
     }
 
@@ -196,7 +201,7 @@ private:
     topic_id response_topic_;
     nanoseconds joined_{};
     std::map<std::tuple<size_t, uint32_t, uint32_t>, waiting> waiting_;
-    std::map<std::tuple<size_t, uint32_t, std::string>, served> served_;   // by asking node, client, filter
+    std::map<std::tuple<size_t, uint32_t, std::string>, served> served_; // by asking node, client, filter
     std::map<std::pair<size_t, topic_id>, nanoseconds> carried_out_;
 };
 

@@ -45,7 +45,8 @@ private:
         const int unwatched = daemon.find_unwatched();
         if (unwatched != -1 && world_.clock().now() > which.disturbed_until() + seconds(10) &&
             world_.clock().now() > which.started() + seconds(1)) {
-            world_.fail("nothing-leaks", which.index(), "descriptor %d is open and nothing watches it", unwatched);
+            world_.fail("nothing-leaks", which.index(), "descriptor %d is open and nothing watches it",
+                        unwatched);
         }
     }
 

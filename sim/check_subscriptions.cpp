@@ -41,7 +41,7 @@ struct subscription {
     seconds period;
     nanoseconds created;
     nanoseconds renewed;
-    nanoseconds missed{}; // time in which the daemon got no processor: lives are sends, not seconds
+    nanoseconds missed{};  // time in which the daemon got no processor: lives are sends, not seconds
     bool is_vague = false; // it may have ended and been made anew
     std::map<topic_id, nanoseconds> owed = {}; // since when a changed value is to be sent
 
@@ -201,7 +201,8 @@ public:
             const bool is_settled = now > std::max(each.started(), each.disturbed_until()) + seconds(30);
             if (each.daemon().is_alive() && is_certain && is_settled &&
                 each.daemon().count_descriptors() != DESCRIPTORS_AT_REST + served.size()) {
-                world_.fail("descriptors-go-with-their-subscriptions", i, "%zu descriptors with %zu subscriptions served",
+                world_.fail("descriptors-go-with-their-subscriptions", i,
+                            "%zu descriptors with %zu subscriptions served",
                             each.daemon().count_descriptors(), served.size());
             }
         }
@@ -221,8 +222,8 @@ private:
             const std::string &name = world_.topics().name(static_cast<topic_id>(owners_.size()));
             int64_t owner = -1;
             unsigned mac[6];
-            if (sscanf(name.c_str(), "pub/diag/%2X-%2X-%2X-%2X-%2X-%2X/", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4],
-                       &mac[5]) == 6) {
+            if (sscanf(name.c_str(), "pub/diag/%2X-%2X-%2X-%2X-%2X-%2X/", &mac[0], &mac[1], &mac[2], &mac[3],
+                       &mac[4], &mac[5]) == 6) {
                 owner = (int64_t{mac[4]} << 8 | mac[5]) - 1;
             }
             owners_.push_back(owner);
@@ -268,7 +269,8 @@ private:
     void renew(const node &which, size_t requester, uint32_t client)
     {
         for (subscription &each : of(which).served) {
-            if (each.requester == requester && each.client == client && each.may_be_alive(world_.clock().now())) {
+            if (each.requester == requester && each.client == client &&
+                each.may_be_alive(world_.clock().now())) {
                 each.is_vague = each.is_vague || !each.is_surely_alive(world_.clock().now());
                 each.renewed = world_.clock().now();
             }
@@ -338,8 +340,9 @@ private:
                 if (now > due && each.is_surely_alive(due)) {
                     world_.fail("a-subscriber-sees-every-value", which.index(), each.requester,
                                 "%s has not been sent for %.1f s to client %u, who wants it each %lld s",
-                                world_.topics().name(topic).c_str(), static_cast<double>((now - since).count()) / 1e9,
-                                each.client, static_cast<long long>(each.period.count()));
+                                world_.topics().name(topic).c_str(),
+                                static_cast<double>((now - since).count()) / 1e9, each.client,
+                                static_cast<long long>(each.period.count()));
                 }
             }
         }
@@ -383,11 +386,13 @@ private:
         side &asking = of(which);
         const nanoseconds now = world_.clock().now();
         const auto found = asking.clients.find(client);
-        const bool is_known = found != asking.clients.end() && (found->second.count > 0 || now < found->second.changed + SLACK);
-        const bool is_asking =
-            std::ranges::any_of(asking.requests, [&](const auto &each) { return each.first.first == client; });
+        const bool is_known =
+            found != asking.clients.end() && (found->second.count > 0 || now < found->second.changed + SLACK);
+        const bool is_asking = std::ranges::any_of(
+            asking.requests, [&](const auto &each) { return each.first.first == client; });
         if (!is_known && !is_asking && now > which.disturbed_until()) {
-            world_.fail("a-subscription-ends", which.index(), "a keepalive for client %u, who has no subscription", client);
+            world_.fail("a-subscription-ends", which.index(),
+                        "a keepalive for client %u, who has no subscription", client);
         }
         if (found != asking.clients.end()) {
             found->second.reminded = now;
@@ -417,15 +422,16 @@ private:
         if (found != waiting.end()) {
             waiting.erase(found);
         } else if (world_.clock().now() > which.disturbed_until()) {
-            world_.fail("a-subscriber-sees-every-value", which.index(), "%s is relayed, which nobody has sent",
-                        topic.c_str());
+            world_.fail("a-subscriber-sees-every-value", which.index(),
+                        "%s is relayed, which nobody has sent", topic.c_str());
         }
     }
 
     void check_relayed(const node &which)
     {
         std::deque<relayed> &waiting = of(which).to_relay;
-        if (!waiting.empty() && world_.clock().now() > std::max(waiting.front().since, which.disturbed_until()) + SLACK) {
+        if (!waiting.empty() &&
+            world_.clock().now() > std::max(waiting.front().since, which.disturbed_until()) + SLACK) {
             world_.fail("a-subscriber-sees-every-value", which.index(), "%s has come and is not relayed",
                         waiting.front().topic.c_str());
         }

@@ -61,7 +61,8 @@ public:
 
     void receives(node &b, uint32_t, std::span<const uint8_t> datagram) override
     {
-        if (datagram.size() < wire::HEADER || (datagram[1] != wire::SUMMARY && datagram[1] != wire::GOODBYE)) {
+        if (datagram.size() < wire::HEADER ||
+            (datagram[1] != wire::SUMMARY && datagram[1] != wire::GOODBYE)) {
             return;
         }
         const auto packet = wire::read(datagram);
@@ -88,7 +89,8 @@ public:
     // A node that is there must not vanish: its panel would report a dead neighbour.
     void published(node &b, const mqtt_message &message) override
     {
-        if (!message.is_from_daemon || !message.payload.empty() || message.topic >= world_.size() * TOPIC_ITEMS ||
+        if (!message.is_from_daemon || !message.payload.empty() ||
+            message.topic >= world_.size() * TOPIC_ITEMS ||
             message.topic % TOPIC_ITEMS != static_cast<size_t>(item::PORT_SUMMARY)) {
             return;
         }
@@ -174,7 +176,8 @@ private:
         }
         const nanoseconds calm_since = reader.disturbed_until();
         return (between.left != NEVER_HEARD && now > std::max(between.left, calm_since) + SLACK) ||
-               (between.heard != NEVER_HEARD && now > between.heard + PURGED_AFTER && now > calm_since + PURGED_AFTER);
+               (between.heard != NEVER_HEARD && now > between.heard + PURGED_AFTER &&
+                now > calm_since + PURGED_AFTER);
     }
 
     void check(node &b)
@@ -194,7 +197,8 @@ private:
                    [](const facts &told) { return told.mask(&port_facts::is_link_down); });
         check_list(b, "pub/diag/net/fire/grnd_list", item::GROUND,
                    [](const facts &told) { return told.mask(&port_facts::is_grounded); });
-        check_list(b, "pub/diag/net/fire/miswired", item::MISWIRED, [](const facts &told) { return told.miswired(); });
+        check_list(b, "pub/diag/net/fire/miswired", item::MISWIRED,
+                   [](const facts &told) { return told.miswired(); });
         check_ring_status(b);
     }
 
@@ -216,13 +220,13 @@ private:
             const std::string_view text = shown == nullptr ? std::string_view() : shown->text();
             const bool is_own_words = which == item::PORT_SUMMARY || which == item::VERSIONS;
             const shared_bytes *const own = is_own_words ? source.broker().find(topic) : nullptr;
-            const std::string wanted = !is_own_words   ? world_.at(a).told().on_others(which)
+            const std::string wanted = !is_own_words    ? world_.at(a).told().on_others(which)
                                        : own == nullptr ? ""
                                                         : std::string(own->text());
             if (text != wanted) {
-                world_.fail("every-card-shows-each-nodes-facts", b.index(), a, "%s is \"%.*s\" and should be \"%s\"",
-                            world_.topics().name(topic).c_str(), static_cast<int>(text.size()),
-                            text.data(), wanted.c_str());
+                world_.fail("every-card-shows-each-nodes-facts", b.index(), a,
+                            "%s is \"%.*s\" and should be \"%s\"", world_.topics().name(topic).c_str(),
+                            static_cast<int>(text.size()), text.data(), wanted.c_str());
             }
         }
     }
@@ -233,7 +237,8 @@ private:
         const node &source = world_.at(a);
         for (size_t i = 0; i < TOPIC_ITEMS; i++) {
             const topic_id topic = source.topic(static_cast<item>(i));
-            if (ITEM_DESCRIPTIONS[i].is_withdrawn && b.broker().find(topic) != nullptr && !b.broker().is_in_doubt(topic)) {
+            if (ITEM_DESCRIPTIONS[i].is_withdrawn && b.broker().find(topic) != nullptr &&
+                !b.broker().is_in_doubt(topic)) {
                 const acquaintance &between = at(a, b.index());
                 world_.fail("who-has-gone-is-withdrawn", b.index(), a, "%s is still there, %s",
                             world_.topics().name(topic).c_str(),
@@ -255,10 +260,13 @@ private:
             const port_facts &fact = b.told().ports[port];
             const std::string name = std::string("\"") + static_cast<char>('A' + port) + "\":\"";
             const size_t found = shown->text().find(name);
-            const bool is_red = found != std::string_view::npos && shown->text().substr(found + name.size()).starts_with("red");
-            if ((found != std::string_view::npos) != fact.is_tracked || (fact.is_tracked && fact.is_link_down && !is_red)) {
-                world_.fail("a-port-that-is-down-is-red", b.index(), "port %c in %.*s", static_cast<char>('A' + port),
-                            static_cast<int>(shown->size()), shown->text().data());
+            const bool is_red = found != std::string_view::npos &&
+                                shown->text().substr(found + name.size()).starts_with("red");
+            if ((found != std::string_view::npos) != fact.is_tracked ||
+                (fact.is_tracked && fact.is_link_down && !is_red)) {
+                world_.fail("a-port-that-is-down-is-red", b.index(), "port %c in %.*s",
+                            static_cast<char>('A' + port), static_cast<int>(shown->size()),
+                            shown->text().data());
             }
         }
     }
@@ -270,8 +278,10 @@ private:
         const std::span<const uint8_t> bytes = shown == nullptr ? std::span<const uint8_t>() : shown->bytes();
         for (size_t i = 0; i + PORT_LIST_RECORD_SIZE <= bytes.size(); i += PORT_LIST_RECORD_SIZE) {
             const size_t a = world_.find_node(bytes.subspan(i, 6));
-            if (a == world_.size() || !found.emplace(a, listed{bytes[i + PORT_LIST_NODE_NUM], bytes[i + PORT_LIST_PORTS]}).second) {
-                world_.fail("the-lists-are-the-networks", b.index(), "%s names an unknown node, or one twice", topic);
+            if (a == world_.size() ||
+                !found.emplace(a, listed{bytes[i + PORT_LIST_NODE_NUM], bytes[i + PORT_LIST_PORTS]}).second) {
+                world_.fail("the-lists-are-the-networks", b.index(), "%s names an unknown node, or one twice",
+                            topic);
             }
         }
         is_full_ = bytes.size() >= FULL_LIST;
@@ -291,15 +301,16 @@ private:
             const uint8_t shown = record == found.end() ? uint8_t{0} : record->second.mask;
             if (has_to_forget(a, b.index())) {
                 if (record != found.end()) {
-                    world_.fail("the-lists-are-the-networks", b.index(), a, "%s still has node %zu, which has gone", topic,
-                                a + 1);
+                    world_.fail("the-lists-are-the-networks", b.index(), a,
+                                "%s still has node %zu, which has gone", topic, a + 1);
                 }
             } else if (has_to_know(a, b.index(), which) && !(is_full_ && shown == 0)) {
                 node &source = world_.at(a);
                 const uint8_t wanted = mask_of(source.told());
                 if (shown != wanted || (record != found.end() && record->second.number != source.number())) {
-                    world_.fail("the-lists-are-the-networks", b.index(), a, "%s has ports %02X of node %zu and should have %02X",
-                                topic, shown, a + 1, wanted);
+                    world_.fail("the-lists-are-the-networks", b.index(), a,
+                                "%s has ports %02X of node %zu and should have %02X", topic, shown, a + 1,
+                                wanted);
                 }
             }
         }
@@ -313,7 +324,8 @@ private:
             if (has_to_forget(a, b.index())) {
                 continue;
             }
-            const bool is_known = has_to_know(a, b.index(), item::RINGS) && has_to_know(a, b.index(), item::PORT_MEDIA);
+            const bool is_known =
+                has_to_know(a, b.index(), item::RINGS) && has_to_know(a, b.index(), item::PORT_MEDIA);
             const bool is_stranger = at(a, b.index()).heard == NEVER_HEARD && !at(a, b.index()).is_joined;
             if (!is_known && !is_stranger) {
                 return;
@@ -326,7 +338,8 @@ private:
             return;
         }
         if (shown == nullptr || shown->bytes()[0] != (is_degraded ? 1 : 0)) {
-            world_.fail("ring-status-is-the-networks", b.index(), "network_style7 should be %d", is_degraded ? 1 : 0);
+            world_.fail("ring-status-is-the-networks", b.index(), "network_style7 should be %d",
+                        is_degraded ? 1 : 0);
         }
     }
 

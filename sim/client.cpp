@@ -37,7 +37,8 @@ void client_group::ask(client_request request, const std::string &text)
     const std::string line =
         std::to_string(request.client) + ";" + std::to_string(request.transaction) + ";" + text;
     world_.trace(card_.index(), "client asks %s", line.c_str());
-    if (card_.broker().publish(world_.topics().number("pub/diag/command/request"), shared_bytes(line), false)) {
+    if (card_.broker().publish(world_.topics().number("pub/diag/command/request"), shared_bytes(line),
+                               false)) {
         world_.watch().requested(card_, request);
     }
 }
@@ -77,9 +78,11 @@ void client_group::ask_targets(random_stream &random, client_request request)
     const bool is_right = random.chance(0.7);
     const nanoseconds now = world_.clock().now();
     // Two answers to one challenge: the second is too late.
-    const bool is_certain = now - last_challenge_use_ > CHALLENGE_SETTLES && now > card_.disturbed_until() + CHALLENGE_SETTLES;
+    const bool is_certain =
+        now - last_challenge_use_ > CHALLENGE_SETTLES && now > card_.disturbed_until() + CHALLENGE_SETTLES;
     last_challenge_use_ = now;
-    const std::string response = is_right ? challenge_response(challenge->text(), WORDS).value() : WRONG_RESPONSE;
+    const std::string response =
+        is_right ? challenge_response(challenge->text(), WORDS).value() : WRONG_RESPONSE;
     if (!is_right) {
         request.expected = "NACK;authentication failure";
     }
@@ -89,7 +92,8 @@ void client_group::ask_targets(random_stream &random, client_request request)
     if (is_right && is_certain) {
         request.type = client_request::kind::TARGETS;
     }
-    ask(request, activates ? "activate;" + list + ";" + response : "remote-download;1;" + list + ";" + response);
+    ask(request,
+        activates ? "activate;" + list + ";" + response : "remote-download;1;" + list + ";" + response);
 }
 
 void client_group::ask_other(random_stream &random, client_request request)
@@ -111,7 +115,8 @@ void client_group::ask_other(random_stream &random, client_request request)
         ask(request, "subscribe;pub/diag/02-00-00-00-00-01/#;70000");
         break;
     case 4:
-        ask(request, "reset-stats;" + world_.at(draw_peer(random)).mac_text() + ";" + (random.chance(0.5) ? "A" : "b"));
+        ask(request, "reset-stats;" + world_.at(draw_peer(random)).mac_text() + ";" +
+                         (random.chance(0.5) ? "A" : "b"));
         break;
     default:
         ask(request, random.chance(0.2) ? "reset-all-stats" : "reset-stats;" + card_.mac_text() + ";A");
@@ -124,7 +129,8 @@ void client_group::ask_by_chance(random_stream &random)
     constexpr uint32_t CLIENTS = std::tuple_size_v<decltype(returns_)>;
     const uint32_t which = random.below(CLIENTS);
     const uint32_t client = 1 + which + CLIENTS * returns_[which];
-    client_request request = {.client = client, .transaction = ++transactions_, .type = client_request::kind::OTHER};
+    client_request request = {
+        .client = client, .transaction = ++transactions_, .type = client_request::kind::OTHER};
     switch (random.below(10)) {
     case 0:
     case 1:
@@ -152,7 +158,8 @@ void client_group::ask_by_chance(random_stream &random)
 
 void client_group::ask_wrong_reset(size_t target)
 {
-    const client_request request = {.client = 0, .transaction = ++transactions_, .type = client_request::kind::OTHER};
+    const client_request request = {
+        .client = 0, .transaction = ++transactions_, .type = client_request::kind::OTHER};
     ask(request, "reset-stats;" + world_.at(target).mac_text() + ";H");
 }
 

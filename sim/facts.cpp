@@ -41,7 +41,8 @@ std::string port_topic(int port, const char *name)
     return std::string("local/diag/port/") + static_cast<char>('A' + port) + "/" + name;
 }
 
-fact_message byte_message(int port, const char *name, uint8_t value, std::vector<item> changes, bool is_stamped = true)
+fact_message byte_message(int port, const char *name, uint8_t value, std::vector<item> changes,
+                          bool is_stamped = true)
 {
     return {port_topic(port, name), shared_bytes(&value, 1), std::move(changes), is_stamped};
 }
@@ -49,8 +50,10 @@ fact_message byte_message(int port, const char *name, uint8_t value, std::vector
 fact_message type_message(const facts &told, int port)
 {
     // Tracking a port brings its other facts with it, giving it up takes them away.
-    return {port_topic(port, "type"), shared_bytes(told.ports[static_cast<size_t>(port)].is_tracked ? "fire" : "other"),
-            {item::PORT_SUMMARY, item::PORT_MEDIA, item::LINK_DOWN, item::GROUND, item::RINGS}, false};
+    return {port_topic(port, "type"),
+            shared_bytes(told.ports[static_cast<size_t>(port)].is_tracked ? "fire" : "other"),
+            {item::PORT_SUMMARY, item::PORT_MEDIA, item::LINK_DOWN, item::GROUND, item::RINGS},
+            false};
 }
 
 fact_message status_message(const facts &told, int port)
@@ -138,8 +141,8 @@ std::string facts::on_others(item which) const
         std::string text = "{";
         for (size_t port = 0; port < PORTS; port++) {
             if (ports[port].is_tracked && ports[port].media != NO_MEDIA) {
-                text += (text.size() > 1 ? ",\"" : "\"") + std::string(1, static_cast<char>('A' + port)) + "\":\"" +
-                        MEDIA[ports[port].media] + "\"";
+                text += (text.size() > 1 ? ",\"" : "\"") + std::string(1, static_cast<char>('A' + port)) +
+                        "\":\"" + MEDIA[ports[port].media] + "\"";
             }
         }
         return text + "}";
@@ -224,7 +227,8 @@ fact_message change_by_chance(facts &told, const std::string &mac, random_stream
         [[fallthrough]];
     default: {
         const auto first = static_cast<uint32_t>(item::JOB_NAME);
-        const auto which = static_cast<item>(first + random.below(static_cast<uint32_t>(TOPIC_ITEMS) - first));
+        const auto which =
+            static_cast<item>(first + random.below(static_cast<uint32_t>(TOPIC_ITEMS) - first));
         told.own[static_cast<size_t>(which)] = draw_own(which, random);
         return own_message(told, mac, which);
     }

@@ -53,10 +53,10 @@ constexpr size_t ITEMS = static_cast<size_t>(item::COUNT);
 constexpr size_t TOPIC_ITEMS = static_cast<size_t>(item::LINK_DOWN);
 
 struct item_description {
-    const char *topic;  // pub/diag/<MAC>/...; null for the lists
-    bool is_from_card;  // another process publishes it on the node's own broker
-    bool is_static;     // sent each minute only
-    bool is_withdrawn;  // when the node has gone
+    const char *topic; // pub/diag/<MAC>/...; null for the lists
+    bool is_from_card; // another process publishes it on the node's own broker
+    bool is_static;    // sent each minute only
+    bool is_withdrawn; // when the node has gone
 };
 extern const std::array<item_description, ITEMS> ITEM_DESCRIPTIONS;
 

@@ -85,7 +85,8 @@ void fire_network::post(size_t to, uint32_t from, const shared_bytes &bytes)
         lost_++;
         return;
     }
-    for (int copies = weather_.duplication > 0 && random_.chance(weather_.duplication) ? 2 : 1; copies > 0; copies--) {
+    for (int copies = weather_.duplication > 0 && random_.chance(weather_.duplication) ? 2 : 1; copies > 0;
+         copies--) {
         size_t slot;
         if (free_slots_.empty()) {
             slot = flying_.size();

@@ -20,7 +20,8 @@ class fire_network
 public:
     struct weather {
         nanoseconds latency = microseconds(200);
-        nanoseconds jitter = microseconds(300); // more than the distance of two datagrams puts them out of order
+        nanoseconds jitter =
+            microseconds(300); // more than the distance of two datagrams puts them out of order
         double loss = 0;
         double duplication = 0;
     };

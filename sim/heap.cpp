@@ -72,9 +72,9 @@ size_t heap::find_leak(std::span<const uint64_t> variables) const
         unread.pop_back();
         for (const uint64_t word : words) {
             // The last block that starts at or before the address.
-            const auto after = std::upper_bound(
-                blocks.begin(), blocks.end(), word,
-                [](uint64_t address, const block *each) { return address < each->start(); });
+            const auto after =
+                std::upper_bound(blocks.begin(), blocks.end(), word,
+                                 [](uint64_t address, const block *each) { return address < each->start(); });
             if (after == blocks.begin()) {
                 continue;
             }
@@ -82,12 +82,15 @@ size_t heap::find_leak(std::span<const uint64_t> variables) const
             const auto index = static_cast<size_t>(after - 1 - blocks.begin());
             if (word - found->start() < std::max(found->size, size_t{1}) && !is_held[index]) {
                 is_held[index] = true;
-                unread.emplace_back(reinterpret_cast<const uint64_t *>(found + 1), found->size / sizeof(uint64_t));
+                unread.emplace_back(reinterpret_cast<const uint64_t *>(found + 1),
+                                    found->size / sizeof(uint64_t));
             }
         }
     }
     const auto leak = std::find(is_held.begin(), is_held.end(), false);
-    return leak == is_held.end() ? 0 : std::max(blocks[static_cast<size_t>(leak - is_held.begin())]->size, size_t{1});
+    return leak == is_held.end()
+               ? 0
+               : std::max(blocks[static_cast<size_t>(leak - is_held.begin())]->size, size_t{1});
 }
 
 } // namespace sim

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
@@ -30,7 +31,8 @@ constexpr const char *USAGE =
     "                [--jobs J] [--trace FILE] [--no-shrink] [--verbose]\n"
     "\n"
     "Runs a network of N daemons (10) for H hours (1) of virtual time, with everything that the seed S (1)\n"
-    "makes happen to it, and checks that what the documents promise holds. The same seed gives the same run.\n"
+    "makes happen to it, and checks that what the documents promise holds. The same seed gives the same "
+    "run.\n"
     "\n"
     "  --seeds A..B   one run for each of these seeds, J at a time (one a processor)\n"
     "  --trace FILE   all that happens, of a single run\n"
@@ -99,17 +101,23 @@ topology parse_topology(const char *text)
 
 options parse_options(int argc, char **argv)
 {
-    constexpr option OPTIONS[] = {{"seed", required_argument, nullptr, 's'},     {"seeds", required_argument, nullptr, 'S'},
-                                  {"nodes", required_argument, nullptr, 'n'},    {"hours", required_argument, nullptr, 'h'},
-                                  {"topology", required_argument, nullptr, 't'}, {"jobs", required_argument, nullptr, 'j'},
-                                  {"trace", required_argument, nullptr, 'T'},    {"no-shrink", no_argument, nullptr, 'x'},
-                                  {"verbose", no_argument, nullptr, 'v'},        {"help", no_argument, nullptr, '?'},
+    constexpr option OPTIONS[] = {{"seed", required_argument, nullptr, 's'},
+                                  {"seeds", required_argument, nullptr, 'S'},
+                                  {"nodes", required_argument, nullptr, 'n'},
+                                  {"hours", required_argument, nullptr, 'h'},
+                                  {"topology", required_argument, nullptr, 't'},
+                                  {"jobs", required_argument, nullptr, 'j'},
+                                  {"trace", required_argument, nullptr, 'T'},
+                                  {"no-shrink", no_argument, nullptr, 'x'},
+                                  {"verbose", no_argument, nullptr, 'v'},
+                                  {"help", no_argument, nullptr, '?'},
                                   {nullptr, 0, nullptr, 0}};
     options chosen;
     for (int option; (option = getopt_long(argc, argv, "", OPTIONS, nullptr)) != -1;) {
         switch (option) {
         case 's':
-            chosen.first_seed = chosen.last_seed = static_cast<uint64_t>(parse_number("--seed", optarg, 0, 1e15));
+            chosen.first_seed = chosen.last_seed =
+                static_cast<uint64_t>(parse_number("--seed", optarg, 0, 1e15));
             break;
         case 'S':
             parse_seeds(optarg, chosen);
@@ -118,7 +126,8 @@ options parse_options(int argc, char **argv)
             chosen.run.nodes = static_cast<size_t>(parse_number("--nodes", optarg, 2, 1000));
             break;
         case 'h':
-            chosen.run.length = nanoseconds(static_cast<int64_t>(parse_number("--hours", optarg, 0.001, 1e5) * 3.6e12));
+            chosen.run.length =
+                nanoseconds(static_cast<int64_t>(parse_number("--hours", optarg, 0.001, 1e5) * 3.6e12));
             break;
         case 't':
             chosen.run.shape = parse_topology(optarg);
@@ -201,9 +210,11 @@ bool concerns(const std::string &line, const violation &found)
 }
 
 // The last events of the nodes concerned, from a trace of the run.
-void show_last_events(const settings &chosen, const std::vector<planned> &plan, const violation &found)
+void show_last_events(settings chosen, const std::vector<planned> &plan, const violation &found)
 {
-    const std::string path = "/tmp/simulate-" + std::to_string(getpid()) + ".trace";
+    const std::string path =
+        std::filesystem::temp_directory_path() / ("simulate-" + std::to_string(getpid()) + ".trace");
+    chosen.trace_from = found.when - minutes(2);
     complete_run(chosen, plan, path);
     std::ifstream trace(path);
     std::deque<std::string> last;
@@ -230,8 +241,8 @@ void show_violation(const options &chosen, uint64_t seed, const outcome &last)
     if (last.result == outcome::kind::CRASHED) {
         printf("\nCRASH of seed %" PRIu64 " (wait status %d)\n", seed, last.status);
     } else {
-        printf("\nVIOLATION of %s\n  seed %" PRIu64 ", %.9f s of virtual time, node %" PRId64, found.invariant, seed,
-               in_seconds(found.when), found.nodes[0] + 1);
+        printf("\nVIOLATION of %s\n  seed %" PRIu64 ", %.9f s of virtual time, node %" PRId64,
+               found.invariant, seed, in_seconds(found.when), found.nodes[0] + 1);
         if (found.nodes[1] >= 0) {
             printf(" and node %" PRId64, found.nodes[1] + 1);
         }
@@ -275,7 +286,7 @@ public:
             take_reports();
         }
         for (const auto &[seed, run] : running_) {
-            ::kill(run.process, SIGKILL);
+            stop_run(run);
         }
         const double hours = in_seconds(virtual_time_) / 3600;
         show_table(sum_, hours, options_.run.nodes, real_seconds());
@@ -284,10 +295,7 @@ public:
     }
 
 private:
-    double real_seconds() const
-    {
-        return std::chrono::duration<double>(real_clock::now() - start_).count();
-    }
+    double real_seconds() const { return std::chrono::duration<double>(real_clock::now() - start_).count(); }
 
     void start(uint64_t seed)
     {
@@ -342,9 +350,10 @@ private:
         }
         shown_ = real_clock::now();
         const double done = in_seconds(virtual_time_ + so_far.now);
-        fprintf(stderr, "\rseed %" PRIu64 ": %.2f h of %.2f h, %.0f virtual seconds a second, %.1f million events ", seed,
-                in_seconds(so_far.now) / 3600, in_seconds(options_.run.length) / 3600, done / real_seconds(),
-                static_cast<double>(sum_.events + so_far.count.events) / 1e6);
+        fprintf(stderr,
+                "\rseed %" PRIu64 ": %.2f h of %.2f h, %.0f virtual seconds a second, %.1f million events ",
+                seed, in_seconds(so_far.now) / 3600, in_seconds(options_.run.length) / 3600,
+                done / real_seconds(), static_cast<double>(sum_.events + so_far.count.events) / 1e6);
     }
 
     const options &options_;

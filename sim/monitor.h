@@ -22,8 +22,8 @@ struct client_request {
     enum class kind { SUBSCRIBE, UNSUBSCRIBE, DISCONNECT, TARGETS, OTHER } type;
     std::vector<size_t> targets = {}; // nodes
     std::string filter = {};
-    topic_id target_topic = 0;               // where the targets publish
-    std::string_view expected = {};          // how the answer begins behind the numbers; empty: any
+    topic_id target_topic = 0;      // where the targets publish
+    std::string_view expected = {}; // how the answer begins behind the numbers; empty: any
 };
 
 class checker

@@ -63,8 +63,8 @@ void mqtt_broker::disconnect(mqtt_connection &connection)
 void mqtt_broker::send(mqtt_connection &connection, mqtt_packet packet)
 {
     if (connection.to_broker.empty()) {
-        clock_.after<&mqtt_broker::receive>(random_.between(behaviour_.latency, behaviour_.latency * 2), *this,
-                                            connection.number);
+        clock_.after<&mqtt_broker::receive>(random_.between(behaviour_.latency, behaviour_.latency * 2),
+                                            *this, connection.number);
     }
     connection.to_broker.push_back(std::move(packet));
 }

@@ -99,7 +99,8 @@ private:
         bool matches = false;
         bool is_in_doubt = false;
     };
-    bool deliver(topic_id topic, stored &place, const shared_bytes &payload, bool is_from_daemon, bool retain);
+    bool deliver(topic_id topic, stored &place, const shared_bytes &payload, bool is_from_daemon,
+                 bool retain);
     bool is_wanted(topic_id topic, stored &place);
     void reply(mqtt_packet packet);
     void accept(const mqtt_packet &packet);

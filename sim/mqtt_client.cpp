@@ -14,7 +14,8 @@ using namespace sim;
 namespace
 {
 
-constexpr unsigned MAX_IN_FLIGHT = 20; // publications that the library sends before it waits for acknowledgements
+constexpr unsigned MAX_IN_FLIGHT =
+    20; // publications that the library sends before it waits for acknowledgements
 
 } // namespace
 
@@ -134,7 +135,8 @@ namespace sim
 
 bool has_input(const mosquitto &client)
 {
-    return client.connection != nullptr && (client.connection->is_closed || !client.connection->arrived.empty());
+    return client.connection != nullptr &&
+           (client.connection->is_closed || !client.connection->arrived.empty());
 }
 
 void drop_client(mosquitto *client)

@@ -32,7 +32,8 @@ mac_address make_mac(size_t index)
 std::string make_text(const mac_address &mac)
 {
     char text[18];
-    snprintf(text, sizeof text, "%02X-%02X-%02X-%02X-%02X-%02X", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+    snprintf(text, sizeof text, "%02X-%02X-%02X-%02X-%02X-%02X", mac[0], mac[1], mac[2], mac[3], mac[4],
+             mac[5]);
     return text;
 }
 
@@ -172,7 +173,8 @@ void node::disturb_until(nanoseconds end)
 
 void node::change(item which, nanoseconds within)
 {
-    due_[static_cast<size_t>(which)] = std::max(due_[static_cast<size_t>(which)], world_.clock().now() + within);
+    due_[static_cast<size_t>(which)] =
+        std::max(due_[static_cast<size_t>(which)], world_.clock().now() + within);
 }
 
 void node::say(const fact_message &message)
@@ -199,7 +201,8 @@ void node::tick_stats(uint64_t port)
 void node::begin_stats()
 {
     for (uint64_t port = 0; port < RING_PORTS; port++) {
-        world_.clock().after<&node::tick_stats>(random_.between(nanoseconds(0), world_.stats_period()), *this, port);
+        world_.clock().after<&node::tick_stats>(random_.between(nanoseconds(0), world_.stats_period()), *this,
+                                                port);
     }
 }
 
@@ -209,7 +212,9 @@ void node::begin_stats()
 
 time_t node::wall_clock() const
 {
-    return WALL_START + static_cast<time_t>((std::chrono::duration_cast<seconds>(world_.clock().now()) + wall_offset_).count());
+    return WALL_START +
+           static_cast<time_t>(
+               (std::chrono::duration_cast<seconds>(world_.clock().now()) + wall_offset_).count());
 }
 
 const std::string *node::find_file(const char *path) const

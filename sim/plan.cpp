@@ -13,7 +13,7 @@ namespace
 struct row {
     happening what;
     const char *name;
-    double per_node; // in a round, for each node ...
+    double per_node;  // in a round, for each node ...
     double per_round; // ... and for all together
     nanoseconds least;
     nanoseconds most;
@@ -68,10 +68,12 @@ std::vector<planned> make_plan(uint64_t seed, size_t nodes, nanoseconds length)
                 nanoseconds lasts = random.between(each.least, each.most);
                 lasts = random.chance(0.5) ? lasts / 8 : lasts;
                 // Nearly everything is over when the calm begins; what goes on lasts through all of it.
-                const bool stays = random.chance(0.15) && (each.what == happening::CUT || each.what == happening::LEAVE ||
-                                                           each.what == happening::POWER_OFF);
+                const bool stays =
+                    random.chance(0.15) && (each.what == happening::CUT || each.what == happening::LEAVE ||
+                                            each.what == happening::POWER_OFF);
                 const nanoseconds end = stays ? round + ROUND : std::min(when + lasts, round + TURBULENCE);
-                plan.push_back({when, end - when, each.what, random.below(static_cast<uint32_t>(nodes)), random.next()});
+                plan.push_back(
+                    {when, end - when, each.what, random.below(static_cast<uint32_t>(nodes)), random.next()});
             }
         }
     }
@@ -82,8 +84,8 @@ std::vector<planned> make_plan(uint64_t seed, size_t nodes, nanoseconds length)
 std::string describe(const planned &item)
 {
     char text[120];
-    snprintf(text, sizeof text, "%12.6f s  node %-4u %s", static_cast<double>(item.when.count()) / 1e9, item.node + 1,
-             name_of(item.what));
+    snprintf(text, sizeof text, "%12.6f s  node %-4u %s", static_cast<double>(item.when.count()) / 1e9,
+             item.node + 1, name_of(item.what));
     std::string result = text;
     if (item.length > nanoseconds(0)) {
         snprintf(text, sizeof text, " for %.3f s", static_cast<double>(item.length.count()) / 1e9);

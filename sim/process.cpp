@@ -201,7 +201,8 @@ int process::find_unwatched() const
     const auto found = std::ranges::find_if(descriptors_, [](const descriptor &each) {
         return each.kind != file_kind::CLOSED && each.kind != file_kind::EPOLL && !each.is_watched;
     });
-    return found == descriptors_.end() ? -1 : static_cast<int>(found - descriptors_.begin()) + FIRST_DESCRIPTOR;
+    return found == descriptors_.end() ? -1
+                                       : static_cast<int>(found - descriptors_.begin()) + FIRST_DESCRIPTOR;
 }
 
 size_t process::find_leak()
@@ -257,9 +258,9 @@ void process::arm(int fd, nanoseconds expiry, nanoseconds interval)
     timer.interval = interval;
     timer.armed++;
     if (expiry != NEVER) {
-        host_.clock().at<&process::expire>(
-            expiry, *this,
-            (uint64_t{starts_ & 0xFFFFU} << 48) | (static_cast<uint64_t>(fd & 0xFFFF) << 32) | timer.armed);
+        host_.clock().at<&process::expire>(expiry, *this,
+                                           (uint64_t{starts_ & 0xFFFFU} << 48) |
+                                               (static_cast<uint64_t>(fd & 0xFFFF) << 32) | timer.armed);
     }
 }
 

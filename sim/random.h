@@ -27,10 +27,7 @@ public:
         return z ^ (z >> 31);
     }
     uint32_t below(uint32_t limit) { return static_cast<uint32_t>(((next() >> 32) * limit) >> 32); }
-    bool chance(double probability)
-    {
-        return static_cast<double>(next() >> 11) * 0x1.0p-53 < probability;
-    }
+    bool chance(double probability) { return static_cast<double>(next() >> 11) * 0x1.0p-53 < probability; }
     nanoseconds between(nanoseconds low, nanoseconds high)
     {
         const auto span = static_cast<uint64_t>((high - low).count());

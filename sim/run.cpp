@@ -1,9 +1,12 @@
 #include "run.h"
 
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
@@ -40,7 +43,8 @@ void end_run(const outcome &sent)
 
 void report_violation(const violation &found, const tally &so_far)
 {
-    end_run({.result = outcome::kind::VIOLATED, .now = found.when, .count = so_far, .found = found, .status = 0});
+    end_run(
+        {.result = outcome::kind::VIOLATED, .now = found.when, .count = so_far, .found = found, .status = 0});
 }
 
 [[noreturn]] void run_here(const settings &chosen, const std::vector<planned> &plan, const std::string &trace)
@@ -59,7 +63,7 @@ void report_violation(const violation &found, const tally &so_far)
              .count = simulated.count(),
              .found = {},
              .status = 0});
-    abort();
+    exit(EXIT_SUCCESS);
 }
 
 [[noreturn]] void give_up(const char *what)
@@ -102,15 +106,32 @@ outcome next_outcome(const started_run &run)
     return read_one;
 }
 
-outcome complete_run(const settings &chosen, const std::vector<planned> &plan, const std::string &trace)
+outcome complete_run(const settings &chosen, const std::vector<planned> &plan, const std::string &trace,
+                     std::chrono::milliseconds limit)
 {
+    const auto end = std::chrono::steady_clock::now() + limit;
     const started_run run = start_run(chosen, plan, trace);
     for (;;) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        pollfd reports = {.fd = run.reports, .events = POLLIN, .revents = 0};
+        if (poll(&reports, 1, static_cast<int>(std::max(left.count(), std::chrono::milliseconds::rep{0}))) ==
+            0) {
+            stop_run(run);
+            return {.result = outcome::kind::PROGRESS, .now = {}, .count = {}, .found = {}, .status = 0};
+        }
         const outcome last = next_outcome(run);
         if (last.result != outcome::kind::PROGRESS) {
             return last;
         }
     }
+}
+
+void stop_run(const started_run &run)
+{
+    kill(run.process, SIGKILL);
+    close(run.reports);
+    waitpid(run.process, nullptr, 0);
 }
 
 } // namespace sim

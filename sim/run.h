@@ -28,8 +28,10 @@ struct started_run {
 started_run start_run(const settings &chosen, const std::vector<planned> &plan, const std::string &trace);
 // The next outcome; after any but PROGRESS the run is over and its process gone.
 outcome next_outcome(const started_run &run);
-// Runs to the end.
-outcome complete_run(const settings &chosen, const std::vector<planned> &plan, const std::string &trace);
+void stop_run(const started_run &run);
+// Runs to the end, or for this time at most: then the outcome is PROGRESS.
+outcome complete_run(const settings &chosen, const std::vector<planned> &plan, const std::string &trace,
+                     std::chrono::milliseconds limit = minutes(10));
 
 // A short part of the plan that still violates the same invariant, found within this many seconds of real time.
 std::vector<planned> shrink(const settings &chosen, std::vector<planned> plan, const violation &found,

@@ -51,10 +51,16 @@ public:
 
     size_t size() const { return block_ == nullptr ? 0 : block_->size; }
     bool empty() const { return block_ == nullptr; }
-    const uint8_t *data() const { return block_ == nullptr ? nullptr : reinterpret_cast<uint8_t *>(block_ + 1); }
+    const uint8_t *data() const
+    {
+        return block_ == nullptr ? nullptr : reinterpret_cast<uint8_t *>(block_ + 1);
+    }
     std::span<const uint8_t> bytes() const { return {data(), size()}; }
     std::string_view text() const { return {reinterpret_cast<const char *>(data()), size()}; }
-    bool operator==(const shared_bytes &other) const { return block_ == other.block_ || text() == other.text(); }
+    bool operator==(const shared_bytes &other) const
+    {
+        return block_ == other.block_ || text() == other.text();
+    }
 
 private:
     struct block {

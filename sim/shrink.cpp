@@ -24,7 +24,9 @@ public:
     bool is_over() const { return std::chrono::steady_clock::now() >= end_; }
     bool still_fails(const std::vector<planned> &plan) const
     {
-        const outcome last = complete_run(settings_, plan, "");
+        const auto left = end_ - std::chrono::steady_clock::now();
+        const outcome last =
+            complete_run(settings_, plan, "", std::chrono::duration_cast<std::chrono::milliseconds>(left));
         return found_.invariant[0] == '\0' ? last.result == outcome::kind::CRASHED
                                            : last.result == outcome::kind::VIOLATED &&
                                                  strcmp(last.found.invariant, found_.invariant) == 0;

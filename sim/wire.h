@@ -45,7 +45,8 @@ struct packet {
     // The text up to its NUL; null when there is none.
     std::optional<std::string_view> text(size_t offset) const
     {
-        const std::string_view rest(reinterpret_cast<const char *>(payload.data()) + offset, payload.size() - offset);
+        const std::string_view rest(reinterpret_cast<const char *>(payload.data()) + offset,
+                                    payload.size() - offset);
         const size_t end = rest.find('\0');
         return end == std::string_view::npos ? std::nullopt : std::optional(rest.substr(0, end));
     }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 
@@ -15,16 +16,19 @@ namespace
 
 constexpr size_t FULL_ACQUAINTANCE = 64; // up to so many nodes each card knows every other's fire address
 constexpr size_t NEIGHBOURS = 16;
+constexpr size_t SHOWN_BYTES = 40;                 // of a message in a trace
 constexpr nanoseconds SAMPLE_PERIOD = seconds(61); // no multiple of what the daemons do
 
 constexpr struct {
     system_call call;
     int error;
 } FAILURES[] = {
-    {system_call::READ, EINVAL},           {system_call::CLOCK_GETTIME, EINVAL}, {system_call::TIMERFD_CREATE, EMFILE},
-    {system_call::TIMERFD_SETTIME, ENOMEM}, {system_call::EPOLL_CTL, ENOSPC},     {system_call::EPOLL_WAIT, EINTR},
-    {system_call::EPOLL_WAIT, EBADF},      {system_call::RECVFROM, EAGAIN},      {system_call::RECVFROM, EINTR},
-    {system_call::RECVFROM, ENETDOWN},     {system_call::SENDTO, ENETUNREACH},   {system_call::SENDTO, EINTR},
+    {system_call::READ, EINVAL},           {system_call::CLOCK_GETTIME, EINVAL},
+    {system_call::TIMERFD_CREATE, EMFILE}, {system_call::TIMERFD_SETTIME, ENOMEM},
+    {system_call::EPOLL_CTL, ENOSPC},      {system_call::EPOLL_WAIT, EINTR},
+    {system_call::EPOLL_WAIT, EBADF},      {system_call::RECVFROM, EAGAIN},
+    {system_call::RECVFROM, EINTR},        {system_call::RECVFROM, ENETDOWN},
+    {system_call::SENDTO, ENETUNREACH},    {system_call::SENDTO, EINTR},
     {system_call::ALLOCATION, ENOMEM},
 };
 
@@ -36,8 +40,8 @@ double in_seconds(nanoseconds time)
 } // namespace
 
 world::world(const settings &chosen, FILE *trace, const reporter &out)
-    : settings_(chosen), fire_(clock_, random_stream(chosen.seed, static_cast<uint64_t>(purpose::NETWORK)), chosen.shape,
-                               chosen.nodes),
+    : settings_(chosen), fire_(clock_, random_stream(chosen.seed, static_cast<uint64_t>(purpose::NETWORK)),
+                               chosen.shape, chosen.nodes),
       cuts_(fire_.count_links()), trace_(trace), out_(out)
 {
     random_stream random = this->random(purpose::ADDRESSES);
@@ -71,7 +75,8 @@ std::vector<std::pair<topic_id, shared_bytes>> world::addresses_known_to(size_t 
         const in_addr address = {.s_addr = htonl(fire_network::address(peer))};
         char text[INET_ADDRSTRLEN];
         inet_ntop(AF_INET, &address, text, sizeof text);
-        known.emplace_back(topics_.number("local/diag/node/" + at(peer).mac_text() + "/fire_ip"), shared_bytes(text));
+        known.emplace_back(topics_.number("local/diag/node/" + at(peer).mac_text() + "/fire_ip"),
+                           shared_bytes(text));
     }
     return known;
 }
@@ -79,7 +84,8 @@ std::vector<std::pair<topic_id, shared_bytes>> world::addresses_known_to(size_t 
 size_t world::find_node(std::span<const uint8_t> mac) const
 {
     const size_t index = (size_t{mac[4]} << 8 | mac[5]) - 1;
-    return index < nodes_.size() && std::ranges::equal(nodes_[index]->mac(), mac.first(6)) ? index : nodes_.size();
+    return index < nodes_.size() && std::ranges::equal(nodes_[index]->mac(), mac.first(6)) ? index
+                                                                                           : nodes_.size();
 }
 
 //
@@ -91,7 +97,8 @@ void world::run(const std::vector<planned> &plan)
     plan_ = &plan;
     random_stream random = this->random(purpose::PLAN);
     for (const auto &each : nodes_) {
-        clock_.run_until(clock_.now() + random.between(nanoseconds(0), seconds(2)) / static_cast<int64_t>(nodes_.size()));
+        clock_.run_until(clock_.now() +
+                         random.between(nanoseconds(0), seconds(2)) / static_cast<int64_t>(nodes_.size()));
         each->power_on();
         each->begin_stats();
     }
@@ -350,7 +357,8 @@ void world::garbage(node &target, random_stream &random)
             bytes[PACKET_OFFSET_LENGTH] = 1; // longer than the datagram
             break;
         }
-        fire_.send((target.index() + 1) % size(), fire_network::address(target.index()), {bytes.data(), bytes.size()});
+        fire_.send((target.index() + 1) % size(), fire_network::address(target.index()),
+                   {bytes.data(), bytes.size()});
     }
 }
 
@@ -364,7 +372,8 @@ void world::bad_input(node &target, random_stream &random)
         clients_[other]->ask_wrong_reset(target.index());
         break;
     case 1: {
-        uint8_t bytes[] = "\x01\x06\0\0\0\0\0\0\0\x05" "a/+\0x";
+        uint8_t bytes[] = "\x01\x06\0\0\0\0\0\0\0\x05"
+                          "a/+\0x";
         std::ranges::copy(at(other).mac(), bytes + PACKET_OFFSET_SOURCE_MAC);
         fire_.send(other, fire_network::address(target.index()), {bytes, sizeof bytes - 1});
         break;
@@ -386,7 +395,7 @@ void world::bad_input(node &target, random_stream &random)
 
 void world::trace(size_t index, const char *format, ...)
 {
-    if (trace_ == nullptr) {
+    if (!is_traced()) {
         return;
     }
     fprintf(trace_, "%17.9f node %-4zu ", in_seconds(clock_.now()), index + 1);
@@ -399,11 +408,11 @@ void world::trace(size_t index, const char *format, ...)
 
 void world::trace_bytes(size_t index, const char *what, uint32_t address, const shared_bytes &datagram)
 {
-    if (trace_ == nullptr) {
+    if (!is_traced()) {
         return;
     }
-    fprintf(trace_, "%17.9f node %-4zu %s to %u.%u.%u.%u:", in_seconds(clock_.now()), index + 1, what, address >> 24,
-            address >> 16 & 255, address >> 8 & 255, address & 255);
+    fprintf(trace_, "%17.9f node %-4zu %s to %u.%u.%u.%u:", in_seconds(clock_.now()), index + 1, what,
+            address >> 24, address >> 16 & 255, address >> 8 & 255, address & 255);
     for (const uint8_t byte : datagram.bytes()) {
         fprintf(trace_, " %02X", byte);
     }
@@ -412,12 +421,14 @@ void world::trace_bytes(size_t index, const char *what, uint32_t address, const 
 
 void world::trace_message(size_t index, const mqtt_message &message)
 {
-    if (trace_ == nullptr) {
+    if (!is_traced()) {
         return;
     }
-    trace(index, "publishes%s %s, %zu bytes: %.40s", message.is_retained ? "" : " (not retained)",
-          topics_.name(message.topic).c_str(), message.payload.size(),
-          std::string(message.payload.text().substr(0, 40)).c_str());
+    std::string start(message.payload.text().substr(0, SHOWN_BYTES));
+    std::ranges::replace_if(
+        start, [](unsigned char each) { return isprint(each) == 0; }, '.');
+    trace(index, "publishes%s %s, %zu bytes: %s", message.is_retained ? "" : " (not retained)",
+          topics_.name(message.topic).c_str(), message.payload.size(), start.c_str());
 }
 
 void world::report(const char *invariant, int64_t index, int64_t other, const char *format, va_list arguments)

@@ -24,6 +24,7 @@ struct settings {
     size_t nodes = 10;
     nanoseconds length = hours(1);
     topology shape = topology::RING;
+    nanoseconds trace_from{};
 };
 
 // What has happened in a run.
@@ -90,11 +91,12 @@ public:
 
     void connectivity_changed() { monitor_.connectivity_changed(); }
 
-    bool is_traced() const { return trace_ != nullptr; }
+    bool is_traced() const { return trace_ != nullptr && clock_.now() >= settings_.trace_from; }
     [[gnu::format(printf, 3, 4)]] void trace(size_t node, const char *format, ...);
     void trace_bytes(size_t node, const char *what, uint32_t address, const shared_bytes &datagram);
     void trace_message(size_t node, const mqtt_message &message);
-    [[noreturn, gnu::format(printf, 4, 5)]] void fail(const char *invariant, size_t node, const char *format, ...);
+    [[noreturn, gnu::format(printf, 4, 5)]] void fail(const char *invariant, size_t node, const char *format,
+                                                      ...);
     [[noreturn, gnu::format(printf, 5, 6)]] void fail(const char *invariant, size_t node, size_t other,
                                                       const char *format, ...);
 
@@ -112,7 +114,8 @@ private:
     void change_link(size_t node, int port, bool is_down);
     void sample(uint64_t);
     void calm(uint64_t);
-    [[noreturn]] void report(const char *invariant, int64_t node, int64_t other, const char *format, va_list arguments);
+    [[noreturn]] void report(const char *invariant, int64_t node, int64_t other, const char *format,
+                             va_list arguments);
 
     settings settings_;
     timeline clock_;
