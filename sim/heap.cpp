@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 namespace sim
@@ -17,12 +18,49 @@ struct alignas(16) heap::block {
     uintptr_t start() const { return reinterpret_cast<uintptr_t>(this + 1); }
 };
 
+namespace
+{
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool USES_CHUNKS = false;
+#else
+constexpr bool USES_CHUNKS = true;
+#endif
+
+} // namespace
+
+void *heap::take(size_t size)
+{
+    if (!USES_CHUNKS || size > SMALL) {
+        return malloc(size);
+    }
+    const size_t units = (size + UNIT - 1) / UNIT;
+    if (void *const found = free_[units]; found != nullptr) {
+        memcpy(&free_[units], found, sizeof found); // a free block begins with the address of the next one
+        return found;
+    }
+    if (chunk_used_ + units * UNIT > CHUNK) {
+        chunks_.push_back(malloc(CHUNK));
+        chunk_used_ = 0;
+    }
+    chunk_used_ += units * UNIT;
+    return static_cast<char *>(chunks_.back()) + chunk_used_ - units * UNIT;
+}
+
+void heap::give_back(void *taken, size_t size)
+{
+    if (!USES_CHUNKS || size > SMALL) {
+        free(taken);
+        return;
+    }
+    void *&first = free_[(size + UNIT - 1) / UNIT];
+    memcpy(taken, &first, sizeof first);
+    first = taken;
+}
+
 void *heap::allocate(size_t size, allocator from)
 {
-    auto *const added = static_cast<block *>(malloc(sizeof(block) + size));
-    if (added == nullptr) {
-        return nullptr;
-    }
+    auto *const added = static_cast<block *>(take(sizeof(block) + size));
     *added = {nullptr, first_, size, this, from};
     if (first_ != nullptr) {
         first_->previous = added;
@@ -44,7 +82,7 @@ bool heap::release(void *released, allocator by)
     }
     held->owner = nullptr;
     count_--;
-    free(held);
+    give_back(held, sizeof(block) + held->size);
     return true;
 }
 
@@ -52,9 +90,13 @@ void heap::free_all()
 {
     while (first_ != nullptr) {
         block *const next = first_->next;
-        free(first_);
+        give_back(first_, sizeof(block) + first_->size);
         first_ = next;
     }
+    std::ranges::for_each(chunks_, free);
+    chunks_.clear();
+    chunk_used_ = CHUNK;
+    free_.fill(nullptr);
     count_ = 0;
 }
 
