@@ -151,7 +151,7 @@ private:
             if (world_.clock().now() - last > SENT_EVERY[i] + seconds(4)) {
                 world_.fail("every-section-is-sent-in-time", which.index(),
                             "section %zu was last sent %.1f s ago", i,
-                            static_cast<double>((world_.clock().now() - last).count()) / 1e9);
+                            in_seconds(world_.clock().now() - last));
             }
         }
     }

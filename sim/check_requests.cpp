@@ -88,7 +88,7 @@ public:
             // The extra unsubscribe of a client without subscriptions is not answered.
             if (open.request.type != client_request::kind::UNSUBSCRIBE) {
                 world_.fail("every-request-is-answered", index, "request %u;%u has no answer after %.1f s",
-                            client, transaction, static_cast<double>((now - open.since).count()) / 1e9);
+                            client, transaction, in_seconds(now - open.since));
             }
             each = waiting_.erase(each);
         }

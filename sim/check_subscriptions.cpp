@@ -340,8 +340,7 @@ private:
                 if (now > due && each.is_surely_alive(due)) {
                     world_.fail("a-subscriber-sees-every-value", which.index(), each.requester,
                                 "%s has not been sent for %.1f s to client %u, who wants it each %lld s",
-                                world_.topics().name(topic).c_str(),
-                                static_cast<double>((now - since).count()) / 1e9, each.client,
+                                world_.topics().name(topic).c_str(), in_seconds(now - since), each.client,
                                 static_cast<long long>(each.period.count()));
                 }
             }

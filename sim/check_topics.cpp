@@ -102,7 +102,7 @@ public:
         if (a != b.index() && !is_silent && !was_absent) {
             world_.fail("nobody-is-withdrawn-who-is-there", b.index(), a,
                         "the topics of node %zu are withdrawn %.3f s after its last summary", a + 1,
-                        seconds_of(now - between.heard));
+                        in_seconds(now - between.heard));
         }
     }
 
@@ -130,8 +130,6 @@ private:
         uint8_t mask;
     };
     using port_list = std::map<size_t, listed>;
-
-    static double seconds_of(nanoseconds time) { return static_cast<double>(time.count()) / 1e9; }
 
     acquaintance &at(size_t a, size_t b)
     {
@@ -199,6 +197,7 @@ private:
                    [](const facts &told) { return told.mask(&port_facts::is_grounded); });
         check_list(b, "pub/diag/net/fire/miswired", item::MISWIRED,
                    [](const facts &told) { return told.miswired(); });
+        check_links(b);
         check_ring_status(b);
     }
 
@@ -316,6 +315,50 @@ private:
         }
     }
 
+    // Where the cables are wrong: each record is some node's fact, and each fact is in a record of one of its ends.
+    void check_links(const node &b)
+    {
+        const topic_id topic = world_.topics().number("pub/diag/net/fire/miswired_links");
+        const shared_bytes *const shown = b.broker().find(topic);
+        const std::span<const uint8_t> links = shown == nullptr ? std::span<const uint8_t>() : shown->bytes();
+        const bool is_certain = world_.size() <= LOOKED_AT && !b.broker().is_in_doubt(topic) &&
+                                links.size() < MISWIRED_LINKS_MAX * MISWIRED_LINK_SIZE;
+        std::set<std::array<uint8_t, MISWIRED_LINK_SIZE>> facts_of_all;
+        for (size_t a = 0; a < world_.size(); a++) {
+            if (!is_certain || (!has_to_know(a, b.index(), item::MISWIRED) && !is_unknown(a, b.index()))) {
+                return;
+            }
+            const facts &told = world_.at(a).told();
+            for (size_t port = 0; port < PORTS; port++) {
+                if ((told.miswired() >> port & 1) != 0 && !is_unknown(a, b.index())) {
+                    facts_of_all.insert({world_.at(a).number(), static_cast<uint8_t>(port),
+                                         told.ports[port].peer_node, told.ports[port].peer_port});
+                }
+            }
+        }
+        std::set<std::pair<uint8_t, uint8_t>> ends;
+        for (size_t i = 0; i < links.size(); i += MISWIRED_LINK_SIZE) {
+            ends.insert({links[i], links[i + 1]});
+            ends.insert({links[i + 2], links[i + 3]});
+            if (!facts_of_all.contains({links[i], links[i + 1], links[i + 2], links[i + 3]})) {
+                world_.fail("the-lists-are-the-networks", b.index(),
+                            "miswired_links has port %c of node number %u", 'A' + links[i + 1], links[i]);
+            }
+        }
+        for (const auto &fact : facts_of_all) {
+            if (!ends.contains({fact[0], fact[1]})) {
+                world_.fail("the-lists-are-the-networks", b.index(),
+                            "miswired_links lacks port %c of node number %u", 'A' + fact[1], fact[0]);
+            }
+        }
+    }
+
+    // A node that b doesn't know, has forgotten, or could not hear.
+    bool is_unknown(size_t a, size_t b)
+    {
+        return a != b && (has_to_forget(a, b) || (at(a, b).heard == NEVER_HEARD && !at(a, b).is_joined));
+    }
+
     // Style 7 tells whether the network would survive a cut: wrong, it hides that it wouldn't.
     void check_ring_status(const node &b)
     {
@@ -326,8 +369,7 @@ private:
             }
             const bool is_known =
                 has_to_know(a, b.index(), item::RINGS) && has_to_know(a, b.index(), item::PORT_MEDIA);
-            const bool is_stranger = at(a, b.index()).heard == NEVER_HEARD && !at(a, b.index()).is_joined;
-            if (!is_known && !is_stranger) {
+            if (!is_known && !is_unknown(a, b.index())) {
                 return;
             }
             is_degraded = is_degraded || (is_known && world_.at(a).told().is_degraded());

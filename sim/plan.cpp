@@ -84,11 +84,11 @@ std::vector<planned> make_plan(uint64_t seed, size_t nodes, nanoseconds length)
 std::string describe(const planned &item)
 {
     char text[120];
-    snprintf(text, sizeof text, "%12.6f s  node %-4u %s", static_cast<double>(item.when.count()) / 1e9,
-             item.node + 1, name_of(item.what));
+    snprintf(text, sizeof text, "%12.6f s  node %-4u %s", in_seconds(item.when), item.node + 1,
+             name_of(item.what));
     std::string result = text;
     if (item.length > nanoseconds(0)) {
-        snprintf(text, sizeof text, " for %.3f s", static_cast<double>(item.length.count()) / 1e9);
+        snprintf(text, sizeof text, " for %.3f s", in_seconds(item.length));
         result += text;
     }
     return result;

@@ -16,6 +16,11 @@ using std::chrono::minutes;
 using std::chrono::nanoseconds;
 using std::chrono::seconds;
 
+inline double in_seconds(nanoseconds time)
+{
+    return static_cast<double>(time.count()) / 1e9;
+}
+
 class timeline
 {
 public:
