@@ -55,7 +55,7 @@ public:
 
     void sends(node &which, uint32_t, std::span<const uint8_t> datagram) override
     {
-        if (datagram.size() >= wire::HEADER && datagram[1] == wire::GOODBYE) {
+        if (datagram.size() >= wire::HEADER && datagram[wire::TYPE] == wire::GOODBYE) {
             of(which).goodbye = world_.clock().now();
         }
     }

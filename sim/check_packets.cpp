@@ -47,11 +47,12 @@ public:
     void sends(node &which, uint32_t address, std::span<const uint8_t> datagram) override
     {
         const auto packet = wire::read(datagram);
-        if (!packet && !(datagram.size() > wire::HEADER && datagram[1] == wire::TOPIC_DATA)) {
+        if (!packet && !(datagram.size() > wire::HEADER && datagram[wire::TYPE] == wire::TOPIC_DATA)) {
             complain(which, datagram, "receivers would drop it");
         }
-        if (datagram[0] != 1 || world_.find_node(datagram.subspan(2, 6)) != which.index() ||
-            static_cast<size_t>(datagram[8] << 8 | datagram[9]) != datagram.size() - wire::HEADER) {
+        if (datagram[0] != 1 || world_.find_node(datagram.subspan(wire::MAC, 6)) != which.index() ||
+            static_cast<size_t>(datagram[wire::LENGTH] << 8 | datagram[wire::LENGTH + 1]) !=
+                datagram.size() - wire::HEADER) {
             complain(which, datagram, "its header is wrong");
         }
         if (!packet) {
@@ -119,7 +120,7 @@ private:
     [[noreturn]] void complain(const node &which, std::span<const uint8_t> datagram, const char *what)
     {
         world_.fail("datagrams-are-valid", which.index(), "of type %u with %zu bytes: %s",
-                    datagram.size() > 1 ? datagram[1] : 0U, datagram.size(), what);
+                    datagram.size() > 1 ? datagram[wire::TYPE] : 0U, datagram.size(), what);
     }
 
     void check_summary(node &which, const wire::packet &packet, std::span<const uint8_t> datagram)

@@ -169,9 +169,9 @@ public:
         if (datagram.size() <= wire::HEADER) {
             return;
         }
-        if (datagram[1] == wire::TOPIC_DATA) {
+        if (datagram[wire::TYPE] == wire::TOPIC_DATA) {
             note_sent(which, address, datagram.subspan(wire::HEADER));
-        } else if (datagram[1] == wire::CLIENT_KEEPALIVE) {
+        } else if (datagram[wire::TYPE] == wire::CLIENT_KEEPALIVE) {
             note_keepalive(which, wire::read(datagram)->u32(0));
         }
     }

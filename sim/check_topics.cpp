@@ -62,7 +62,7 @@ public:
     void receives(node &b, uint32_t, std::span<const uint8_t> datagram) override
     {
         if (datagram.size() < wire::HEADER ||
-            (datagram[1] != wire::SUMMARY && datagram[1] != wire::GOODBYE)) {
+            (datagram[wire::TYPE] != wire::SUMMARY && datagram[wire::TYPE] != wire::GOODBYE)) {
             return;
         }
         const auto packet = wire::read(datagram);

@@ -71,7 +71,8 @@ std::string client_group::draw_list(random_stream &random, client_request &reque
 
 void client_group::ask_targets(random_stream &random, client_request request)
 {
-    const shared_bytes *const challenge = card_.broker().find(world_.topics().number(CHALLENGE_TOPIC));
+    const shared_bytes *const challenge =
+        card_.broker().find(world_.topics().number("pub/diag/command/aut/tbl_idx"));
     if (challenge == nullptr) {
         return;
     }

@@ -1,5 +1,5 @@
 // What is planned, carried out: every kind of happening, and its end where it has one.
-#include "remote.h"
+#include "wire.h"
 #include "world.h"
 
 #include <algorithm>
@@ -226,20 +226,20 @@ void world::storm(node &target, random_stream &random)
 void world::garbage(node &target, random_stream &random)
 {
     for (unsigned count = 1 + random.below(30); count > 0; count--) {
-        std::vector<uint8_t> bytes(HEADER_SIZE + random.below(40));
+        std::vector<uint8_t> bytes(wire::HEADER + random.below(40));
         std::ranges::generate(bytes, [&] { return static_cast<uint8_t>(random.next()); });
         switch (random.below(4)) {
         case 0:
-            bytes.resize(random.below(HEADER_SIZE));
+            bytes.resize(random.below(static_cast<uint32_t>(wire::HEADER)));
             break;
         case 1:
-            bytes.resize(MAX_PACKET_SIZE + 1 + random.below(400));
+            bytes.resize(wire::LARGEST + 1 + random.below(400));
             break;
         case 2:
-            bytes[PACKET_OFFSET_TYPE] = static_cast<uint8_t>(random.chance(0.5) ? 0 : 13 + random.below(200));
+            bytes[wire::TYPE] = static_cast<uint8_t>(random.chance(0.5) ? 0 : 13 + random.below(200));
             break;
         default:
-            bytes[PACKET_OFFSET_LENGTH] = 1; // longer than the datagram
+            bytes[wire::LENGTH] = 1; // longer than the datagram
             break;
         }
         fire_.send((target.index() + 1) % size(), fire_network::address(target.index()),
@@ -259,7 +259,7 @@ void world::bad_input(node &target, random_stream &random)
     case 1: {
         uint8_t bytes[] = "\x01\x06\0\0\0\0\0\0\0\x05"
                           "a/+\0x";
-        std::ranges::copy(at(other).mac(), bytes + PACKET_OFFSET_SOURCE_MAC);
+        std::ranges::copy(at(other).mac(), bytes + wire::MAC);
         fire_.send(other, fire_network::address(target.index()), {bytes, sizeof bytes - 1});
         break;
     }

@@ -26,6 +26,10 @@ enum type : uint8_t {
 };
 
 constexpr size_t TYPES = 12;
+// Offsets in the header, and its size.
+constexpr size_t TYPE = 1;
+constexpr size_t MAC = 2;
+constexpr size_t LENGTH = 8;
 constexpr size_t HEADER = 10;
 constexpr size_t LARGEST = 1024;
 constexpr uint32_t GROUP = 0xE016212CU; // 224.22.33.44
@@ -62,12 +66,13 @@ inline std::optional<packet> read(std::span<const uint8_t> datagram)
     if (datagram.size() < HEADER || datagram.size() > LARGEST) {
         return std::nullopt;
     }
-    const auto length = static_cast<size_t>(datagram[8] << 8 | datagram[9]);
-    const uint8_t kind = datagram[1];
+    const auto length = static_cast<size_t>(datagram[LENGTH] << 8 | datagram[LENGTH + 1]);
+    const uint8_t kind = datagram[TYPE];
     if (length > datagram.size() - HEADER || kind == 0 || kind > TYPES || length < LEAST_PAYLOAD[kind]) {
         return std::nullopt;
     }
-    const packet found = {static_cast<type>(kind), datagram.subspan(2, 6), datagram.subspan(HEADER, length)};
+    const packet found = {static_cast<type>(kind), datagram.subspan(MAC, 6),
+                          datagram.subspan(HEADER, length)};
     if ((kind == SUBSCRIBE && !found.text(FILTER_OF_SUBSCRIBE)) ||
         (kind == UNSUBSCRIBE && !found.text(FILTER_OF_UNSUBSCRIBE))) {
         return std::nullopt;
