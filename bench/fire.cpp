@@ -16,6 +16,7 @@
 #include "packet.h"
 #include "records.h"
 #include "summary_record.h"
+#include "topics.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -408,7 +409,6 @@ void change(int pid, int count)
 
 const word_table words = {
 #include "secrets.inc"
-#include "topics.h"
 };
 
 void activate(int pid, int count)
