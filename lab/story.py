@@ -115,7 +115,9 @@ class Story:
         self.start = time.monotonic()
         if words:
             print(f"   $ {LAB}", *words, flush=True)
-            subprocess.run([LAB, *words], stdout=subprocess.DEVNULL, check=True)
+            status = subprocess.run([LAB, *words], stdout=subprocess.DEVNULL, check=False).returncode
+            if status != 0:
+                raise diaglab.Failure(f"the command failed with exit status {status}")
 
     def see(self, what: str, seconds: float, wanted: Picture, brokers: Sequence[int] = NODES) -> None:
         """Waits until the brokers of these nodes show the picture, all at once."""
