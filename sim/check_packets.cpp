@@ -13,6 +13,7 @@ namespace
 
 constexpr unsigned TRANSMISSIONS = 10;
 constexpr nanoseconds REPEATED_AFTER = seconds(1);
+constexpr nanoseconds SUMMARY_PERIOD = seconds(3);
 constexpr nanoseconds SENT_EVERY[wire::SECTIONS] = {seconds(15), seconds(15), seconds(60),
                                                     seconds(15), seconds(15), seconds(60),
                                                     seconds(15), seconds(15), seconds(60)};
@@ -28,6 +29,7 @@ struct speaker {
     bool may_skip = false;                     // a request that failed before it was sent has used its id
     std::map<uint32_t, sent_request> requests; // of the last while
     nanoseconds sections[wire::SECTIONS] = {};
+    nanoseconds last_summary = seconds(-100);
     struct owed {
         uint32_t address;
         uint32_t request;
@@ -138,9 +140,12 @@ private:
             rest = rest.subspan(3U + wire::SECTION_LENGTHS[section]);
             last = section;
         }
-        if (last < 1) {
-            complain(which, datagram, "it says nothing");
+        const nanoseconds now = world_.clock().now();
+        const bool is_paced = now - of(which).last_summary >= SUMMARY_PERIOD || now < which.disturbed_until();
+        if (last < 1 || !is_paced) {
+            complain(which, datagram, last < 1 ? "it says nothing" : "it comes too soon");
         }
+        of(which).last_summary = now;
     }
 
     // A node that comes into reach is told everything within a minute.
@@ -182,8 +187,7 @@ private:
                 complain(which, datagram, "its request id is not the next one");
             }
             asking.next_request = id + 1;
-            std::erase_if(asking.requests,
-                          [&](const auto &each) { return now - each.second.last > minutes(2); });
+            forget_old(which, asking);
             asking.requests[id] = {{datagram.begin(), datagram.end()}, now, 1};
             return;
         }
@@ -196,6 +200,22 @@ private:
             complain(which, datagram, "a request is repeated too often");
         }
         again.last = now;
+    }
+
+    // Nobody acknowledges an UNSUBSCRIBE_ALL: it is said ten times instead.
+    void forget_old(const node &which, speaker &asking)
+    {
+        const nanoseconds now = world_.clock().now();
+        std::erase_if(asking.requests, [&](const auto &each) {
+            const sent_request &old = each.second;
+            if (now - old.last <= minutes(2)) {
+                return false;
+            }
+            if (old.bytes[wire::TYPE] == wire::UNSUBSCRIBE_ALL && old.count != TRANSMISSIONS) {
+                complain(which, old.bytes, "it was not sent ten times");
+            }
+            return true;
+        });
     }
 
     std::vector<speaker> speakers_;

@@ -82,8 +82,14 @@ void client_group::ask_targets(random_stream &random, client_request request)
     const bool is_certain =
         now - last_challenge_use_ > CHALLENGE_SETTLES && now > card_.disturbed_until() + CHALLENGE_SETTLES;
     last_challenge_use_ = now;
-    const std::string response =
-        is_right ? challenge_response(challenge->text(), WORDS).value() : WRONG_RESPONSE;
+    const bool is_replayed = !used_response_.empty() && challenge->text() != used_challenge_;
+    const std::string response = is_right      ? challenge_response(challenge->text(), WORDS).value()
+                                 : is_replayed ? used_response_
+                                               : WRONG_RESPONSE;
+    if (is_right) {
+        used_challenge_ = challenge->text();
+        used_response_ = response;
+    }
     if (!is_right) {
         request.expected = "NACK;authentication failure";
     }

@@ -33,6 +33,8 @@ private:
     uint32_t transactions_ = 0;
     std::array<uint32_t, 3> returns_{}; // a client that has said goodbye comes back with another number
     nanoseconds last_challenge_use_ = seconds(-100);
+    std::string used_challenge_; // and the right response to it
+    std::string used_response_;
 };
 
 } // namespace sim

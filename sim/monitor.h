@@ -95,6 +95,7 @@ private:
 // The invariants; each file says what a user loses when its does not hold.
 std::unique_ptr<checker> make_topics_checker(world &where);
 std::unique_ptr<checker> make_requests_checker(world &where);
+std::unique_ptr<checker> make_statistics_checker(world &where);
 std::unique_ptr<checker> make_subscriptions_checker(world &where);
 std::unique_ptr<checker> make_ends_checker(world &where);
 std::unique_ptr<checker> make_resources_checker(world &where);

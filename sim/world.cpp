@@ -44,6 +44,7 @@ world::world(const settings &chosen, FILE *trace, const reporter &out)
     monitor_.add(make_requests_checker(*this));
     monitor_.add(make_subscriptions_checker(*this));
     monitor_.add(make_topics_checker(*this));
+    monitor_.add(make_statistics_checker(*this));
     monitor_.add(make_resources_checker(*this));
 }
 
