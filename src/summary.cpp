@@ -508,7 +508,7 @@ constexpr std::array<update_func, SUMMARY_INFO_COUNT> update_funcs = {
     update_node_num, update_ports_dynamic, update_ports_static, update_miswired, update_rings,
     update_job,      update_download,      update_repeater,     update_versions,
 };
-static_assert(update_funcs.back() != nullptr, "a section has no handler");
+static_assert(update_funcs.back() != nullptr); // none is missing
 
 int apply_payload(summary &node, std::span<const uint8_t> payload)
 {

@@ -88,7 +88,7 @@ static_assert(summary_info_offsets[SUMMARY_INFO_JOB] == SUMMARY_JOB_NAME);
 static_assert(summary_info_offsets[SUMMARY_INFO_DOWNLOAD] == SUMMARY_DOWNLOAD_STATUS);
 static_assert(summary_info_offsets[SUMMARY_INFO_REPEATER] == SUMMARY_REPEATER);
 static_assert(summary_info_offsets[SUMMARY_INFO_VERSIONS] == SUMMARY_EBOOT_NAME);
-static_assert(summary_info_lengths.back() > 0, "a section has no length");
+static_assert(summary_info_lengths.back() > 0); // none is missing
 static_assert(summary_info_offsets.back() + summary_info_lengths.back() == SUMMARY_SIZE);
 
 // On the wire a summary is a sequence of sections
