@@ -28,7 +28,8 @@ process &self()
 
 timespec to_timespec(nanoseconds time)
 {
-    return {.tv_sec = time / seconds(1), .tv_nsec = (time % seconds(1)).count()};
+    return {.tv_sec = time / seconds(1),
+            .tv_nsec = static_cast<decltype(timespec::tv_nsec)>((time % seconds(1)).count())};
 }
 
 nanoseconds to_duration(const timespec &time)
