@@ -39,6 +39,8 @@ public:
 
     void starts(node &b) override
     {
+        has_listed_links_.resize(world_.size());
+        has_listed_links_[b.index()] = false;
         for (size_t a = 0; a < world_.size(); a++) {
             acquaintance &between = at(a, b.index());
             between.heard = between.left = between.absent = NEVER_HEARD;
@@ -89,6 +91,9 @@ public:
     // A node that is there must not vanish: its panel would report a dead neighbour.
     void published(node &b, const mqtt_message &message) override
     {
+        if (message.is_from_daemon && message.topic == links_topic_) {
+            has_listed_links_[b.index()] = true;
+        }
         if (!message.is_from_daemon || !message.payload.empty() ||
             message.topic >= world_.size() * TOPIC_ITEMS ||
             message.topic % TOPIC_ITEMS != static_cast<size_t>(item::PORT_SUMMARY)) {
@@ -318,10 +323,11 @@ private:
     // Where the cables are wrong: each record is some node's fact, and each fact is in a record of one of its ends.
     void check_links(const node &b)
     {
-        const topic_id topic = world_.topics().number("pub/diag/net/fire/miswired_links");
+        const topic_id topic = links_topic_;
         const shared_bytes *const shown = b.broker().find(topic);
         const std::span<const uint8_t> links = shown == nullptr ? std::span<const uint8_t>() : shown->bytes();
         const bool is_certain = world_.size() <= LOOKED_AT && !b.broker().is_in_doubt(topic) &&
+                                has_listed_links_[b.index()] &&
                                 links.size() < MISWIRED_LINKS_MAX * MISWIRED_LINK_SIZE;
         std::set<std::array<uint8_t, MISWIRED_LINK_SIZE>> facts_of_all;
         for (size_t a = 0; a < world_.size(); a++) {
@@ -385,6 +391,8 @@ private:
         }
     }
 
+    topic_id links_topic_ = world_.topics().number("pub/diag/net/fire/miswired_links");
+    std::vector<bool> has_listed_links_; // since the daemon's start, which leaves what was there
     std::vector<acquaintance> between_;
     random_stream chance_ = world_.random(purpose::CHECKS);
     bool is_full_ = false;
