@@ -15,11 +15,13 @@ namespace
 {
 
 constexpr seconds SETTLES = seconds(3);
+constexpr uint64_t MOST_SINCE_RESET = 4000; // good frames that a card reports in two messages
 
 struct account {
     uint64_t good_baseline = 0;
     uint64_t errored_baseline = 0;
     bool is_known = false;
+    bool is_reset = false; // the next publication begins anew
 };
 
 struct card_accounts {
@@ -48,6 +50,10 @@ public:
         const auto packet = wire::read(datagram);
         if (packet && (packet->kind == wire::RESET_STATS || packet->kind == wire::RESET_ALL_STATS)) {
             note_reset(which);
+            for (size_t port = 0; port < RING_PORTS; port++) {
+                const bool is_meant = packet->kind == wire::RESET_ALL_STATS || packet->payload[0] == port;
+                cards_[which.index()].ports[port].is_reset |= is_meant;
+            }
         }
     }
 
@@ -73,7 +79,7 @@ private:
         account &known = card.ports[port];
         const auto good = load_be<uint64_t>(block + STATS_GOOD_FRAMES);
         const auto errored = load_be<uint32_t>(block + STATS_ERRORED_FRAMES);
-        const account found = {fact.good_frames - good, fact.errored_frames - errored, true};
+        const account found = {fact.good_frames - good, fact.errored_frames - errored, true, false};
         const bool is_disturbed = now < which.disturbed_until();
         const bool may_differ = !known.is_known || is_disturbed || now < card.last_reset + SETTLES;
         if (!may_differ && (found.good_baseline != known.good_baseline ||
@@ -82,7 +88,16 @@ private:
                         "port %c: %llu good and %u errored frames, without a reset",
                         static_cast<char>('A' + port), static_cast<unsigned long long>(good), errored);
         }
+        // What was on its way to the broker may still come after the reset.
+        const bool is_after_reset = known.is_reset && now > card.last_reset + milliseconds(100);
+        if (is_after_reset && !is_disturbed && good > MOST_SINCE_RESET) {
+            world_.fail("statistics-count-since-the-reset", which.index(),
+                        "port %c: %llu good frames right after a reset", static_cast<char>('A' + port),
+                        static_cast<unsigned long long>(good));
+        }
+        const bool is_reset = known.is_reset && !is_after_reset;
         known = found;
+        known.is_reset = is_reset;
         known.is_known = !is_disturbed && now > std::max(card.last_reset, which.started()) + SETTLES;
         const double all = static_cast<double>(good) + errored;
         const double ratio = all == 0 ? 0 : errored * 1e6 / all;
