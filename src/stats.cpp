@@ -15,8 +15,6 @@
 #include "topics.h"
 #include "utils.h"
 
-#include <sys/epoll.h>
-
 #include <array>
 #include <cerrno>
 #include <cstdint>

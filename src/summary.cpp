@@ -16,13 +16,11 @@
 #include "topics.h"
 #include "utils.h"
 
-#include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 // An index that finds no memory fails like the allocation of the record that it is for.
 #define HASH_NONFATAL_OOM 1
 #include <uthash.h>
-#include <utlist.h>
 
 #include <algorithm>
 #include <cerrno>
