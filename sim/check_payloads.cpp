@@ -4,6 +4,7 @@
 #include "world.h"
 
 #include "common/bytes.h"
+#include "topics.h"
 
 #include <algorithm>
 #include <cstring>
@@ -120,32 +121,31 @@ struct rule {
 };
 
 constexpr rule NETWORK_RULES[] = {
-    {"pub/diag/local_node", has_length<17, 17>, false},
-    {"pub/diag/net/fire/link_down", is_port_list, false},
-    {"pub/diag/net/fire/grnd_list", is_port_list, false},
-    {"pub/diag/net/fire/miswired", is_port_list, false},
-    {"pub/diag/net/fire/miswired_links", is_links, true},
-    {"local/diag/network_style7", [](bytes payload) { return payload.size() == 1 && payload[0] <= 1; },
-     false},
-    {"local/activate", [](bytes payload) { return payload.size() == 1 && payload[0] == 5; }, false},
-    {"local/remotedl", [](bytes payload) { return payload.size() == 1 && payload[0] <= 1; }, false},
-    {"pub/diag/command/aut/tbl_idx", is_challenge, false},
+    {LOCAL_NODE_TOPIC, has_length<17, 17>, false},
+    {LINK_DOWN_TOPIC, is_port_list, false},
+    {GROUND_TOPIC, is_port_list, false},
+    {MISWIRED_TOPIC, is_port_list, false},
+    {MISWIRED_LINKS_TOPIC, is_links, true},
+    {NETWORK_STYLE7_TOPIC, [](bytes payload) { return payload.size() == 1 && payload[0] <= 1; }, false},
+    {ACTIVATE_TOPIC, [](bytes payload) { return payload.size() == 1 && payload[0] == 5; }, false},
+    {REMOTE_DOWNLOAD_TOPIC, [](bytes payload) { return payload.size() == 1 && payload[0] <= 1; }, false},
+    {CHALLENGE_TOPIC, is_challenge, false},
 };
 
 constexpr rule NODE_RULES[] = {
-    {"card_addr", [](bytes payload) { return is_number(payload, 3); }, false},
-    {"port_summary", is_colours, true},
-    {"port_media", is_media, true},
-    {"software_versions", is_versions, false},
-    {"job_name", has_length<1, 8>, true},
-    {"job_rev", has_length<1, 3>, true},
-    {"download_status", has_length<2, 2>, true},
-    {"CF_free_space", [](bytes payload) { return is_number(payload, 9); }, true},
-    {"M301", is_flag, true},
-    {"M702", is_flag, true},
-    {"comm_loss", is_flag, true},
-    {"download_pending", is_flag, true},
-    {"repeater", [](bytes payload) { return is_number(payload, 3); }, true},
+    {NODE_CARD_ADDR, [](bytes payload) { return is_number(payload, 3); }, false},
+    {NODE_PORT_SUMMARY, is_colours, true},
+    {NODE_PORT_MEDIA, is_media, true},
+    {NODE_SOFTWARE_VERSIONS, is_versions, false},
+    {NODE_JOB_NAME, has_length<1, 8>, true},
+    {NODE_JOB_REV, has_length<1, 3>, true},
+    {NODE_DOWNLOAD_STATUS, has_length<2, 2>, true},
+    {NODE_CF_FREE_SPACE, [](bytes payload) { return is_number(payload, 9); }, true},
+    {NODE_M301, is_flag, true},
+    {NODE_M702, is_flag, true},
+    {NODE_COMM_LOSS, is_flag, true},
+    {NODE_DOWNLOAD_PENDING, is_flag, true},
+    {NODE_REPEATER, [](bytes payload) { return is_number(payload, 3); }, true},
 };
 
 class payloads_checker final : public checker
@@ -187,13 +187,12 @@ private:
 
     void check_node_topic(const node &which, const std::string &topic, bytes payload)
     {
-        constexpr std::string_view START = "pub/diag/";
-        constexpr size_t NAME = START.size() + 18;
-        if (!topic.starts_with(START) || topic.size() <= NAME) {
+        constexpr size_t NAME = DIAG_PREFIX.size() + 18;
+        if (!topic.starts_with(DIAG_PREFIX) || topic.size() <= NAME) {
             complain(which, topic, payload, "no topic of the daemon");
         }
         const std::string_view name = std::string_view(topic).substr(NAME);
-        const bool is_own = topic.compare(START.size(), 17, which.mac_text()) == 0;
+        const bool is_own = topic.compare(DIAG_PREFIX.size(), 17, which.mac_text()) == 0;
         for (const rule &each : NODE_RULES) {
             if (name == each.name) {
                 check(which, topic, each, payload);
@@ -212,23 +211,23 @@ private:
         if (payload.empty()) {
             return;
         }
-        if (name == "stats") {
+        if (name == PORT_STATS) {
             if (payload.size() != STATS_BLOCK_SIZE) {
                 complain(which, topic, payload, "no statistics block");
             }
             return;
         }
         std::string &last = last_slots_[topic.substr(0, topic.rfind('/'))];
-        if (name == "pm/last_period" || name == "pm/last_day") {
+        if (name == PM_LAST_PERIOD || name == PM_LAST_DAY) {
             if (text_of(payload) != last) {
                 complain(which, topic, payload, "not the slot that was published last");
             }
             return;
         }
-        if (!name.starts_with("pm/") || payload.size() != PM_RECORD_SIZE) {
+        if (!name.starts_with(PM_PREFIX) || payload.size() != PM_RECORD_SIZE) {
             complain(which, topic, payload, "no performance record");
         }
-        last = name.substr(3);
+        last = name.substr(PM_PREFIX.size());
         const auto closed = static_cast<int64_t>(load_be<uint64_t>(payload.data() + PM_TIME));
         const int64_t late = which.wall_clock() - closed;
         if ((late < 0 || late > 2) && world_.clock().now() > which.disturbed_until()) {

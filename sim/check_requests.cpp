@@ -1,4 +1,5 @@
 // Invariant 3: every request of a client is answered exactly once, in time, and the answer is true.
+#include "topics.h"
 #include "wire.h"
 #include "world.h"
 
@@ -30,7 +31,7 @@ class requests_checker final : public checker
 {
 public:
     explicit requests_checker(world &where)
-        : checker(where), response_topic_(where.topics().number("pub/diag/command/response"))
+        : checker(where), response_topic_(where.topics().number(RESPONSE_TOPIC))
     {
     }
 
@@ -64,7 +65,7 @@ public:
             return;
         }
         const std::string &topic = world_.topics().name(message.topic);
-        if (topic == "local/activate" || topic == "local/remotedl") {
+        if (topic == ACTIVATE_TOPIC || topic == REMOTE_DOWNLOAD_TOPIC) {
             carried_out_[{which.index(), message.topic}] = world_.clock().now();
         }
         if (message.topic == response_topic_) {

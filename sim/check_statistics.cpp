@@ -5,6 +5,8 @@
 #include "world.h"
 
 #include "common/bytes.h"
+#include "common/text.h"
+#include "topics.h"
 
 #include <cmath>
 
@@ -36,8 +38,8 @@ public:
     {
         for (size_t i = 0; i < where.size(); i++) {
             for (size_t port = 0; port < PORTS; port++) {
-                topics_.push_back(where.topics().number("pub/diag/" + where.at(i).mac_text() + "/" +
-                                                        static_cast<char>('A' + port) + "/stats"));
+                topics_.push_back(where.topics().number(
+                    topic_text(STATS_FORMAT, where.at(i).mac_text().c_str(), PORT_NAMES[port]).text));
             }
         }
     }

@@ -1,5 +1,6 @@
 // Invariant 4: a subscriber sees every value that stood still for its period; its subscription lives as long as its
 // keepalives, and no longer.
+#include "topics.h"
 #include "wire.h"
 #include "world.h"
 
@@ -89,7 +90,7 @@ class subscriptions_checker final : public checker
 {
 public:
     explicit subscriptions_checker(world &where)
-        : checker(where), response_topic_(where.topics().number("pub/diag/command/response"))
+        : checker(where), response_topic_(where.topics().number(RESPONSE_TOPIC))
     {
     }
 
@@ -222,8 +223,9 @@ private:
             const std::string &name = world_.topics().name(static_cast<topic_id>(owners_.size()));
             int64_t owner = -1;
             unsigned mac[6];
-            if (sscanf(name.c_str(), "pub/diag/%2X-%2X-%2X-%2X-%2X-%2X/", &mac[0], &mac[1], &mac[2], &mac[3],
-                       &mac[4], &mac[5]) == 6) {
+            if (name.starts_with(DIAG_PREFIX) &&
+                sscanf(name.c_str() + DIAG_PREFIX.size(), "%2X-%2X-%2X-%2X-%2X-%2X/", &mac[0], &mac[1],
+                       &mac[2], &mac[3], &mac[4], &mac[5]) == 6) {
                 owner = (int64_t{mac[4]} << 8 | mac[5]) - 1;
             }
             owners_.push_back(owner);

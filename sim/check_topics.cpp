@@ -1,5 +1,6 @@
 // Invariants 1 and 2: every card shows the same network, and the real one.
 #include "records.h"
+#include "topics.h"
 #include "wire.h"
 #include "world.h"
 
@@ -196,12 +197,11 @@ private:
             }
         }
         check_own(b);
-        check_list(b, "pub/diag/net/fire/link_down", item::LINK_DOWN,
+        check_list(b, LINK_DOWN_TOPIC, item::LINK_DOWN,
                    [](const facts &told) { return told.mask(&port_facts::is_link_down); });
-        check_list(b, "pub/diag/net/fire/grnd_list", item::GROUND,
+        check_list(b, GROUND_TOPIC, item::GROUND,
                    [](const facts &told) { return told.mask(&port_facts::is_grounded); });
-        check_list(b, "pub/diag/net/fire/miswired", item::MISWIRED,
-                   [](const facts &told) { return told.miswired(); });
+        check_list(b, MISWIRED_TOPIC, item::MISWIRED, [](const facts &told) { return told.miswired(); });
         check_links(b);
         check_ring_status(b);
     }
@@ -380,7 +380,7 @@ private:
             }
             is_degraded = is_degraded || (is_known && world_.at(a).told().is_degraded());
         }
-        const topic_id topic = world_.topics().number("local/diag/network_style7");
+        const topic_id topic = world_.topics().number(NETWORK_STYLE7_TOPIC);
         const shared_bytes *const shown = b.broker().find(topic);
         if (b.broker().is_in_doubt(topic)) {
             return;
@@ -391,7 +391,7 @@ private:
         }
     }
 
-    topic_id links_topic_ = world_.topics().number("pub/diag/net/fire/miswired_links");
+    topic_id links_topic_ = world_.topics().number(MISWIRED_LINKS_TOPIC);
     std::vector<bool> has_listed_links_; // since the daemon's start, which leaves what was there
     std::vector<acquaintance> between_;
     random_stream chance_ = world_.random(purpose::CHECKS);

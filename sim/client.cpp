@@ -1,6 +1,8 @@
 #include "client.h"
 
 #include "challenge.h"
+#include "common/text.h"
+#include "topics.h"
 #include "world.h"
 
 #include <array>
@@ -11,7 +13,8 @@ namespace sim
 namespace
 {
 
-constexpr const char *FILTERS[] = {"#", "port_summary", "+/stats", "A/stats", "job_name", "M301", "A/pm/#"};
+constexpr const char *FILTERS[] = {"#",           NODE_PORT_SUMMARY, "+/stats", "A/stats",
+                                   NODE_JOB_NAME, NODE_M301,         "A/pm/#"};
 constexpr const char *PERIODS[] = {"", ";1", ";5", ";036", ";0x1E", ";60", ";0", ";700"};
 constexpr const char *WRONG_RESPONSE = "0123456789abcdef0123456789abcdef";
 constexpr nanoseconds CHALLENGE_SETTLES = seconds(5);
@@ -37,15 +40,15 @@ void client_group::ask(client_request request, const std::string &text)
     const std::string line =
         std::to_string(request.client) + ";" + std::to_string(request.transaction) + ";" + text;
     world_.trace(card_.index(), "client asks %s", line.c_str());
-    if (card_.broker().publish(world_.topics().number("pub/diag/command/request"), shared_bytes(line),
-                               false)) {
+    if (card_.broker().publish(world_.topics().number(REQUEST_TOPIC), shared_bytes(line), false)) {
         world_.watch().requested(card_, request);
     }
 }
 
 std::string client_group::draw_filter(random_stream &random, size_t target) const
 {
-    return "pub/diag/" + world_.at(target).mac_text() + "/" + FILTERS[random.below(std::size(FILTERS))];
+    const char *const name = FILTERS[random.below(std::size(FILTERS))];
+    return topic_text(NODE_TOPIC_FORMAT, world_.at(target).mac_text().c_str(), name).text;
 }
 
 void client_group::ask_subscription(random_stream &random, client_request request, bool adds)
@@ -71,8 +74,7 @@ std::string client_group::draw_list(random_stream &random, client_request &reque
 
 void client_group::ask_targets(random_stream &random, client_request request)
 {
-    const shared_bytes *const challenge =
-        card_.broker().find(world_.topics().number("pub/diag/command/aut/tbl_idx"));
+    const shared_bytes *const challenge = card_.broker().find(world_.topics().number(CHALLENGE_TOPIC));
     if (challenge == nullptr) {
         return;
     }
@@ -95,7 +97,7 @@ void client_group::ask_targets(random_stream &random, client_request request)
     }
     const std::string list = draw_list(random, request);
     const bool activates = random.chance(0.5);
-    request.target_topic = world_.topics().number(activates ? "local/activate" : "local/remotedl");
+    request.target_topic = world_.topics().number(activates ? ACTIVATE_TOPIC : REMOTE_DOWNLOAD_TOPIC);
     if (is_right && is_certain) {
         request.type = client_request::kind::TARGETS;
     }
@@ -115,7 +117,7 @@ void client_group::ask_other(random_stream &random, client_request request)
         ask(request, "frobnicate");
         break;
     case 2:
-        ask(request, "subscribe;pub/diag/net/fire/link_down");
+        ask(request, std::string("subscribe;") + LINK_DOWN_TOPIC);
         break;
     case 3:
         request.expected = "NACK;invalid period value";

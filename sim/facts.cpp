@@ -1,7 +1,9 @@
 #include "facts.h"
 
 #include "common/bytes.h"
+#include "common/text.h"
 #include "records.h"
+#include "topics.h"
 
 #include <cstdio>
 
@@ -9,18 +11,18 @@ namespace sim
 {
 
 const std::array<item_description, ITEMS> ITEM_DESCRIPTIONS = {{
-    {"port_summary", false, false, true},
-    {"port_media", false, true, true},
-    {"software_versions", false, true, false},
-    {"job_name", true, true, true},
-    {"job_rev", true, true, true},
-    {"download_status", true, false, true},
-    {"CF_free_space", true, false, true},
-    {"M301", true, false, true},
-    {"M702", true, false, true},
-    {"comm_loss", true, false, true},
-    {"download_pending", true, false, true},
-    {"repeater", true, false, true},
+    {NODE_PORT_SUMMARY, false, false, true},
+    {NODE_PORT_MEDIA, false, true, true},
+    {NODE_SOFTWARE_VERSIONS, false, true, false},
+    {NODE_JOB_NAME, true, true, true},
+    {NODE_JOB_REV, true, true, true},
+    {NODE_DOWNLOAD_STATUS, true, false, true},
+    {NODE_CF_FREE_SPACE, true, false, true},
+    {NODE_M301, true, false, true},
+    {NODE_M702, true, false, true},
+    {NODE_COMM_LOSS, true, false, true},
+    {NODE_DOWNLOAD_PENDING, true, false, true},
+    {NODE_REPEATER, true, false, true},
     {nullptr, false, false, false},
     {nullptr, false, false, false},
     {nullptr, false, false, false},
@@ -38,7 +40,7 @@ constexpr const char *FREE_SPACES[] = {"0", "17", "0x20", "4294967295", "1000000
 
 std::string port_topic(int port, const char *name)
 {
-    return std::string("local/diag/port/") + static_cast<char>('A' + port) + "/" + name;
+    return topic_text(PORT_FACT_FORMAT, PORT_NAMES[port], name).text;
 }
 
 fact_message byte_message(int port, const char *name, uint8_t value, std::vector<item> changes,
@@ -50,7 +52,7 @@ fact_message byte_message(int port, const char *name, uint8_t value, std::vector
 fact_message type_message(const facts &told, int port)
 {
     // Tracking a port brings its other facts with it, giving it up takes them away.
-    return {port_topic(port, "type"),
+    return {port_topic(port, FACT_TYPE),
             shared_bytes(told.ports[static_cast<size_t>(port)].is_tracked ? "fire" : "other"),
             {item::PORT_SUMMARY, item::PORT_MEDIA, item::LINK_DOWN, item::GROUND, item::RINGS},
             false};
@@ -64,12 +66,12 @@ fact_message status_message(const facts &told, int port)
     store_host(&status[ERPS_STATUS_PEER_NODE], uint32_t{fact.peer_node});
     store_host(&status[ERPS_STATUS_PEER_PORT], uint32_t{fact.peer_port});
     status[ERPS_STATUS_PEER_FLAGS] = fact.peer_node != 0 ? 1 : 0;
-    return {port_topic(port, "status"), {status.data(), status.size()}, {item::MISWIRED}};
+    return {port_topic(port, FACT_STATUS), {status.data(), status.size()}, {item::MISWIRED}};
 }
 
 fact_message ring_message(const facts &told)
 {
-    return {"local/diag/ring/0/status", {&told.ring_state, sizeof told.ring_state}, {item::RINGS}};
+    return {RING_0_TOPIC, {&told.ring_state, sizeof told.ring_state}, {item::RINGS}};
 }
 
 fact_message own_message(const facts &told, const std::string &mac, item which)
@@ -77,7 +79,10 @@ fact_message own_message(const facts &told, const std::string &mac, item which)
     const item_description &row = ITEM_DESCRIPTIONS[static_cast<size_t>(which)];
     const shared_bytes &value = told.own[static_cast<size_t>(which)];
     const bool is_removal_of_number = value.empty() && (which == item::CF_FREE || which == item::REPEATER);
-    return {"pub/diag/" + mac + "/" + row.topic, value, {which}, !row.is_static && !is_removal_of_number};
+    return {topic_text(NODE_TOPIC_FORMAT, mac.c_str(), row.topic).text,
+            value,
+            {which},
+            !row.is_static && !is_removal_of_number};
 }
 
 shared_bytes draw_own(item which, random_stream &random)
@@ -166,9 +171,9 @@ std::vector<fact_message> all_messages(const facts &told, const std::string &mac
     std::vector<fact_message> messages = {ring_message(told)};
     for (int port = 0; port < PORTS; port++) {
         const port_facts &fact = told.ports[static_cast<size_t>(port)];
-        messages.push_back(byte_message(port, "media", fact.media, {item::PORT_MEDIA}, false));
+        messages.push_back(byte_message(port, FACT_MEDIA, fact.media, {item::PORT_MEDIA}, false));
         messages.push_back(link_message(told, port));
-        messages.push_back(byte_message(port, "grnd", fact.is_grounded ? 1 : 0, {item::GROUND}));
+        messages.push_back(byte_message(port, FACT_GROUND, fact.is_grounded ? 1 : 0, {item::GROUND}));
         messages.push_back(status_message(told, port));
         messages.push_back(type_message(told, port));
     }
@@ -182,7 +187,7 @@ std::vector<fact_message> all_messages(const facts &told, const std::string &mac
 
 fact_message link_message(const facts &told, int port)
 {
-    return byte_message(port, "link_down", told.ports[static_cast<size_t>(port)].is_link_down ? 1 : 0,
+    return byte_message(port, FACT_LINK_DOWN, told.ports[static_cast<size_t>(port)].is_link_down ? 1 : 0,
                         {item::LINK_DOWN, item::PORT_SUMMARY});
 }
 
@@ -194,7 +199,7 @@ fact_message stats_message(facts &told, int port, random_stream &random)
     std::array<uint8_t, STATS_BLOCK_SIZE> block{};
     store_host(&block[STATS_GOOD_FRAMES], fact.good_frames);
     store_host(&block[STATS_ERRORED_FRAMES], fact.errored_frames);
-    return {port_topic(port, "stats"), {block.data(), block.size()}, {}};
+    return {port_topic(port, FACT_STATS), {block.data(), block.size()}, {}};
 }
 
 fact_message change_by_chance(facts &told, const std::string &mac, random_stream &random)
@@ -207,10 +212,10 @@ fact_message change_by_chance(facts &told, const std::string &mac, random_stream
         return link_message(told, port);
     case 1:
         fact.is_grounded = !fact.is_grounded;
-        return byte_message(port, "grnd", fact.is_grounded ? 1 : 0, {item::GROUND});
+        return byte_message(port, FACT_GROUND, fact.is_grounded ? 1 : 0, {item::GROUND});
     case 2:
         fact.media = static_cast<uint8_t>(random.below(NO_MEDIA + 1));
-        return byte_message(port, "media", fact.media, {item::PORT_MEDIA}, false);
+        return byte_message(port, FACT_MEDIA, fact.media, {item::PORT_MEDIA}, false);
     case 3:
         fact.is_ring_port_down = random.chance(0.3);
         fact.peer_node = random.chance(0.5) ? static_cast<uint8_t>(1 + random.below(5)) : 0;

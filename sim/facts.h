@@ -13,7 +13,8 @@
 namespace sim
 {
 
-constexpr int PORTS = 4; // A to D; a card's ring goes through A and B
+constexpr int PORTS = 4;
+constexpr const char *PORT_NAMES[PORTS] = {"A", "B", "C", "D"}; // a card's ring goes through A and B
 constexpr int RING_PORTS = 2;
 
 struct port_facts {

@@ -1,4 +1,6 @@
 // What is planned, carried out: every kind of happening, and its end where it has one.
+#include "common/text.h"
+#include "topics.h"
 #include "wire.h"
 #include "world.h"
 
@@ -264,7 +266,7 @@ void world::bad_input(node &target, random_stream &random)
         break;
     }
     default: {
-        const topic_id media = topics_.number("local/diag/port/A/media");
+        const topic_id media = topics_.number(topic_text(PORT_FACT_FORMAT, "A", FACT_MEDIA).text);
         const uint8_t unknown = 7;
         const uint8_t known = target.told().ports[0].media;
         target.broker().publish(media, {&unknown, 1}, true);

@@ -1,5 +1,7 @@
 #include "node.h"
 
+#include "common/text.h"
+#include "topics.h"
 #include "world.h"
 
 #include <cstdio>
@@ -48,8 +50,8 @@ node::node(world &where, size_t index)
         told_.ports[port].is_tracked = true;
     }
     for (size_t which = 0; which < TOPIC_ITEMS; which++) {
-        item_topics_[which] =
-            where.topics().number("pub/diag/" + mac_text_ + "/" + ITEM_DESCRIPTIONS[which].topic);
+        item_topics_[which] = where.topics().number(
+            topic_text(NODE_TOPIC_FORMAT, mac_text_.c_str(), ITEM_DESCRIPTIONS[which].topic).text);
     }
 }
 

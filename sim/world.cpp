@@ -1,4 +1,5 @@
 #include "world.h"
+#include "topics.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -55,7 +56,7 @@ std::vector<std::pair<topic_id, shared_bytes>> world::addresses_known_to(size_t 
         const in_addr address = {.s_addr = htonl(fire_network::address(peer))};
         char text[INET_ADDRSTRLEN];
         inet_ntop(AF_INET, &address, text, sizeof text);
-        known.emplace_back(topics_.number("local/diag/node/" + at(peer).mac_text() + "/fire_ip"),
+        known.emplace_back(topics_.number(FIRE_IP_PREFIX + at(peer).mac_text() + FIRE_IP_SUFFIX),
                            shared_bytes(text));
     }
     return known;
