@@ -1,20 +1,21 @@
 #!/usr/bin/env python3
 """The messages that the daemon can log, taken from its source.
 
-    tests/messages.py             prints them: source, format
-    tests/messages.py check FILE  compares them with the document FILE, which names each in a code span
+    tests/messages.py             prints them: source as in the log line, format
+    tests/messages.py check FILE  compares them with the rows of the document FILE, and checks its form
     tests/messages.py seen FILE   prints the calls and the formats that no line in FILE comes from: the log lines that
                                   the tests add to the file named by the environment variable DIAG_SEEN_MESSAGES
 """
 import re
 import sys
 from pathlib import Path
+from typing import NamedTuple
 
 SOURCE = Path(__file__).resolve().parent.parent / "src"
 LITERALS = r'(?:"(?:[^"\\\n]|\\.)*"\s*)+'
-CALL = re.compile(
-    r"log_(?:component_)?(?:error|failure|failure_at)\(\s*(?:(?:LUMLOG_\w+|caller)\s*,\s*)?(" + LITERALS + ")"
-)
+CALL = re.compile(r"log_(?:component_)?(?:error|failure)\(\s*(?:LUMLOG_\w+\s*,\s*)?(" + LITERALS + ")")
+SHARED_CALL = re.compile(r"log_failure_at\(\s*caller\s*,\s*(" + LITERALS + ")")
+SHARED_SOURCE = "any"  # of what is logged for the module that calls
 # Messages of timers name the timer; a module gives its names in a constant.
 TIMER_FORMATS = "timer.cpp"
 TIMER_NAMES = re.compile(r'timer_names (\w+) = \{"([^"]+)", "([^"]+)"\}')
@@ -25,6 +26,22 @@ LOG_SOURCE = re.compile(r'log_source = "([^"]+)"')
 LOG_LINE = re.compile(r" - (?P<source>[\w/.]+):(?P<line>\d+) - (?P<text>.*)")
 CONVERSION = re.compile(r"%[-+ 0#]*[*\d]*(?:\.[*\d]+)?(?:hh?|ll?|z)?[diuxXsc]")
 LOGGED_BY_LUMLOG = ["invalid priority level: %d", "invalid component: %d", "[couldn't allocate message]"]
+HEADER = "| message | source | cause | then | cure |"
+EFFECTS = ("goes on", "refuses", "ends", "doesn't start")
+
+
+class Row(NamedTuple):
+    """What the document says of a message."""
+
+    message: str
+    source: str
+    cause: str
+    then: str
+    cure: str
+
+    def effects(self):
+        """What the daemon may do next: each begins with one of EFFECTS, other texts say when."""
+        return self.then.split("; ")
 
 
 def joined(literals):
@@ -49,15 +66,20 @@ def timer_messages(text, formats):
 
 
 def messages():
-    """Pairs of source file, as in src/, and format."""
-    found = {("common/lumlog.cpp", text) for text in LOGGED_BY_LUMLOG}
+    """Pairs of source, as in the log line, and format."""
+    found = {(SHARED_SOURCE, text) for text in LOGGED_BY_LUMLOG}
     texts = dict(sources())
-    timer_formats = {joined(match) for match in CALL.findall(texts.pop(TIMER_FORMATS))}
-    for name, text in texts.items():
-        found |= {(name, form) for form in timer_messages(text, timer_formats)}
+    timer_formats = {joined(match) for match in SHARED_CALL.findall(texts.pop(TIMER_FORMATS))}
+    for text in texts.values():
+        found |= {(SHARED_SOURCE, joined(match)) for match in SHARED_CALL.findall(text)}
+        source_match = LOG_SOURCE.search(text)
+        if not source_match:
+            continue
+        source = source_match[1]
+        found |= {(source, form) for form in timer_messages(text, timer_formats)}
         formats = {joined(match) for match in CALL.findall(text)}
         variable = {form for form in formats if VARIABLE.match(form)}
-        found |= {(name, form) for form in formats - variable}
+        found |= {(source, form) for form in formats - variable}
         for form in variable:
             rest = form[2:]
             for literal in map(joined, re.findall(LITERALS, text)):
@@ -67,27 +89,37 @@ def messages():
                     and "%" not in literal
                     and literal not in formats
                 ):
-                    found.add((name, literal + rest))
-    return sorted(found)
+                    found.add((source, literal + rest))
+    # What a module says with the words of all modules is one message.
+    shared = {form for source, form in found if source == SHARED_SOURCE}
+    return sorted(pair for pair in found if pair[0] == SHARED_SOURCE or pair[1] not in shared)
+
+
+def rows(document):
+    """The rows of the document's tables."""
+    in_table = False
+    for line in Path(document).read_text(encoding="utf-8").splitlines():
+        in_table = line == HEADER or (in_table and line.startswith("|"))
+        if in_table and line != HEADER and not line.startswith("|--"):
+            message, *others = line.removeprefix("| ").removesuffix(" |").split(" | ")
+            yield Row(message.strip("`"), *others)
 
 
 def check(document):
-    text = Path(document).read_text(encoding="utf-8")
-    documented = set(re.findall(r"`([^`\n]+)`", text))
-    in_tables = {
-        span
-        for line in text.splitlines()
-        if line.startswith("| `")
-        for span in re.findall(r"`([^`\n]+)`", line.split(" | ")[0])
-    }
-    known = {form for _, form in messages()}
-    missing = sorted(known - documented)
-    stale = sorted(in_tables - known)
-    for form in missing:
-        print(f"not in {document}: {form}")
-    for form in stale:
-        print(f"no message of the daemon: {form}")
-    return 1 if missing or stale else 0
+    documented = list(rows(document))
+    pairs = {(row.source, row.message) for row in documented}
+    known = set(messages())
+    faults = [f"not in {document}: {source}: {form}" for source, form in sorted(known - pairs)]
+    faults += [f"no message of the daemon: {source}: {form}" for source, form in sorted(pairs - known)]
+    if len(pairs) != len(documented):
+        faults.append("a message has two rows")
+    for row in documented:
+        if not all(row):
+            faults.append(f"an empty cell: {row.message}")
+        if not all(effect.startswith(EFFECTS) for effect in row.effects()):
+            faults.append(f"the effect begins with none of {EFFECTS}: {row.message}: {row.then}")
+    print("\n".join(faults), end="\n" if faults else "")
+    return 1 if faults else 0
 
 
 def calls():
@@ -95,8 +127,6 @@ def calls():
     for name, text in sources():
         source = LOG_SOURCE.search(text)
         for match in CALL.finditer(text):
-            if not source:  # logs for its callers, at their places
-                continue
             depth, end = 1, match.end()
             while depth:
                 depth += {"(": 1, ")": -1}.get(text[end], 0)
@@ -125,9 +155,9 @@ def seen(lines_file):
             for line_source, line, text in logged
         )
     ]
-    for file, form in messages():
+    for source, form in messages():
         if not any(map(pattern(form).fullmatch, texts)):
-            unseen.append(f"src/{file}: never logged: {form}")
+            unseen.append(f"{source}: never logged: {form}")
     print("\n".join(unseen))
     print(
         f"{len(logged)} different lines, {len(all_calls)} calls, {len(messages())} messages, {len(unseen)} never seen"
