@@ -45,6 +45,7 @@ public:
     bool are_connected(size_t a, size_t b) const { return part_[a] == part_[b]; }
     weather &conditions() { return weather_; }
 
+    static constexpr uint16_t PORT = 50004;
     static uint32_t address(size_t which) { return 0x0A000001U + static_cast<uint32_t>(which); }
     void send(size_t from, uint32_t address, const shared_bytes &bytes);
     uint64_t count_lost() const { return lost_; }

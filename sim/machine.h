@@ -16,19 +16,26 @@ class mqtt_broker;
 
 using mac_address = std::array<uint8_t, 6>;
 
+struct network_interface {
+    unsigned index;
+    bool is_up;
+    mac_address mac;
+};
+
 class machine
 {
 public:
     virtual timeline &clock() = 0;
     virtual time_t wall_clock() const = 0;
     virtual mqtt_broker &broker() = 0;
-    virtual const mac_address &mac() const = 0;
+    // Null when there is none of this name.
+    virtual const network_interface *find_interface(const char *name) const = 0;
     virtual int process_id() const = 0;
     // The content of a file, null when there is none.
     virtual const std::string *find_file(const char *path) const = 0;
 
     // What the process does.
-    virtual void send(uint32_t address, const shared_bytes &datagram) = 0;
+    virtual void send(uint32_t address, uint16_t port, const shared_bytes &datagram) = 0;
     virtual void consume(uint32_t sender, const shared_bytes &datagram) = 0; // has read it from its socket
     virtual void log(const char *line) = 0;
     virtual void misuse(const char *what) = 0; // of memory or descriptors; does not return

@@ -30,6 +30,11 @@ void mqtt_broker::stop()
 {
     is_running_ = false;
     store_.clear();
+    close_session();
+}
+
+void mqtt_broker::close_session()
+{
     if (connection_ != nullptr && !connection_->is_closed) {
         connection_->is_closed = true;
         connection_->to_client.clear();
@@ -39,7 +44,7 @@ void mqtt_broker::stop()
     }
 }
 
-mqtt_connection *mqtt_broker::connect(process &client, int fd)
+mqtt_connection *mqtt_broker::connect(process &client, int fd, const std::string &settings)
 {
     if (!is_running_) {
         return nullptr;
@@ -47,8 +52,11 @@ mqtt_connection *mqtt_broker::connect(process &client, int fd)
     connection_ = std::make_unique<mqtt_connection>();
     connection_->client_process = &client;
     connection_->fd = fd;
+    connection_->settings = settings;
     connection_->number = ++connections_;
-    reply({.type = mqtt_packet::kind::CONNACK});
+    if (behaviour_.answers_connect) {
+        reply({.type = mqtt_packet::kind::CONNACK, .code = behaviour_.connack});
+    }
     return connection_.get();
 }
 
@@ -101,24 +109,29 @@ void mqtt_broker::arrive(uint64_t connection)
     connection_->client_process->run();
 }
 
-void mqtt_broker::acknowledge(uint64_t connection_and_message)
+void mqtt_broker::acknowledge(int message_id)
+{
+    reply({.type = mqtt_packet::kind::PUBACK, .message_id = message_id});
+}
+
+void mqtt_broker::acknowledge_late(uint64_t connection_and_message)
 {
     if (connection_ != nullptr && connection_->number == connection_and_message >> 32) {
-        reply({.type = mqtt_packet::kind::PUBACK,
-               .message_id = static_cast<int>(connection_and_message & UINT32_MAX)});
+        acknowledge(static_cast<int>(connection_and_message & UINT32_MAX));
     }
 }
 
 void mqtt_broker::accept(const mqtt_packet &packet)
 {
+    observer_.received(packet);
     switch (packet.type) {
     case mqtt_packet::kind::PUBLISH:
         if (behaviour_.ack_delay > nanoseconds(0)) {
-            clock_.after<&mqtt_broker::acknowledge>(
+            clock_.after<&mqtt_broker::acknowledge_late>(
                 random_.between(nanoseconds(0), behaviour_.ack_delay), *this,
                 (connection_->number << 32) | static_cast<uint32_t>(packet.message_id));
         } else if (behaviour_.ack_loss <= 0 || !random_.chance(behaviour_.ack_loss)) {
-            reply({.type = mqtt_packet::kind::PUBACK, .message_id = packet.message_id});
+            acknowledge(packet.message_id);
         }
         deliver(packet.topic, store_[packet.topic], packet.payload, true, packet.is_retained);
         break;
@@ -141,7 +154,11 @@ void mqtt_broker::subscribe(const mqtt_packet &packet)
         connection_->filters.push_back(filter);
         connection_->filter_changes++;
     }
-    reply({.type = mqtt_packet::kind::SUBACK, .message_id = packet.message_id});
+    if (behaviour_.answers_subscribe) {
+        reply({.type = mqtt_packet::kind::SUBACK,
+               .message_id = packet.message_id,
+               .code = behaviour_.granted_qos});
+    }
     if (filter.find_first_of("+#") == std::string::npos) {
         const auto found = store_.find(packet.topic);
         if (found != store_.end() && !found->second.payload.empty()) {

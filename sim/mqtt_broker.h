@@ -23,6 +23,7 @@ struct mqtt_packet {
     enum class kind { CONNACK, PUBLISH, PUBACK, SUBSCRIBE, SUBACK, UNSUBSCRIBE } type;
     int message_id = 0;
     topic_id topic = 0; // or the filter
+    int code = 0;       // of the answer to a connection, or the granted QoS
     bool is_retained = false;
     shared_bytes payload = {};
 };
@@ -30,6 +31,7 @@ struct mqtt_packet {
 // Both directions between the daemon and the broker. What is on the wire arrives all at once after the latency.
 struct mqtt_connection {
     process *client_process = nullptr;
+    std::string settings = {}; // of the client, as text
     int fd = -1;
     uint64_t number = 0;
     std::deque<mqtt_packet> to_broker;
@@ -50,16 +52,26 @@ struct mqtt_message {
 class mqtt_broker
 {
 public:
+    static constexpr const char *ADDRESS = "127.0.0.1";
+    static constexpr int PORT = 1885;
+
     // What a broker does, besides what it should.
     struct behaviour {
         nanoseconds latency = milliseconds(1); // each way; drawn up to twice that
         nanoseconds ack_delay{};               // drawn up to that
         double ack_loss = 0;
+        int connack = 0; // the code
+        int granted_qos = 1;
+        bool answers_connect = true;
+        bool answers_subscribe = true;
+        bool reads = true; // false: the client's socket is full
     };
     class observer
     {
     public:
         virtual void published(const mqtt_message &message) = 0;
+        // Whatever the daemon sends.
+        virtual void received(const mqtt_packet &) {}
 
     protected:
         ~observer() = default;
@@ -73,6 +85,9 @@ public:
     void start();
     // Retained values are lost and the session is closed.
     void stop();
+    void close_session();
+    // For a publication that ack_loss has left without one.
+    void acknowledge(int message_id);
     bool is_running() const { return is_running_; }
     behaviour &conduct() { return behaviour_; }
 
@@ -87,7 +102,8 @@ public:
     bool is_in_doubt(topic_id topic) const;
 
     // For the client library. Null when nobody listens.
-    mqtt_connection *connect(process &client, int fd);
+    mqtt_connection *connect(process &client, int fd, const std::string &settings);
+    const mqtt_connection *connection() const { return connection_.get(); }
     void disconnect(mqtt_connection &connection);
     void send(mqtt_connection &connection, mqtt_packet packet);
     topic_table &topics() { return topics_; }
@@ -106,7 +122,7 @@ private:
     void accept(const mqtt_packet &packet);
     void receive(uint64_t connection);
     void arrive(uint64_t connection);
-    void acknowledge(uint64_t connection_and_message);
+    void acknowledge_late(uint64_t connection_and_message);
     void subscribe(const mqtt_packet &packet);
 
     timeline &clock_;

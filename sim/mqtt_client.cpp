@@ -26,6 +26,7 @@ struct mosquitto {
     void (*on_subscribe)(mosquitto *, void *, int, int, const int *) = nullptr;
     void (*on_message)(mosquitto *, void *, const mosquitto_message *) = nullptr;
 
+    std::string settings;
     process *owner = nullptr;
     mqtt_broker *broker = nullptr;
     mqtt_connection *connection = nullptr;
@@ -33,6 +34,7 @@ struct mosquitto {
     int last_message_id = 0;
     unsigned in_flight = 0;
     bool is_in_callback = false;
+    bool is_leaving = false;        // by disconnect, which waits for what is to be written
     std::deque<mqtt_packet> output; // until the next write
     std::deque<mqtt_packet> queued; // until others are acknowledged
 };
@@ -40,26 +42,9 @@ struct mosquitto {
 namespace
 {
 
-void write_output(mosquitto &client)
+bool is_usable(const mosquitto *client)
 {
-    while (!client.output.empty()) {
-        client.broker->send(*client.connection, std::move(client.output.front()));
-        client.output.pop_front();
-    }
-}
-
-// The library writes at once what is sent outside of its callbacks.
-void send_packet(mosquitto &client, mqtt_packet packet)
-{
-    client.output.push_back(std::move(packet));
-    if (!client.is_in_callback) {
-        write_output(client);
-    }
-}
-
-bool is_usable(const mosquitto &client)
-{
-    return client.connection != nullptr && !client.connection->is_closed;
+    return client != nullptr && client->connection != nullptr && !client->connection->is_closed;
 }
 
 void close_connection(mosquitto &client)
@@ -74,11 +59,35 @@ void close_connection(mosquitto &client)
     }
 }
 
-int lose_connection(mosquitto &client)
+void write_output(mosquitto &client)
+{
+    if (!client.broker->conduct().reads) {
+        return;
+    }
+    while (!client.output.empty()) {
+        client.broker->send(*client.connection, std::move(client.output.front()));
+        client.output.pop_front();
+    }
+    if (client.is_leaving) {
+        close_connection(client);
+        client.on_disconnect(&client, nullptr, 0);
+    }
+}
+
+// The library writes at once what is sent outside of its callbacks.
+void send_packet(mosquitto &client, mqtt_packet packet)
+{
+    client.output.push_back(std::move(packet));
+    if (!client.is_in_callback) {
+        write_output(client);
+    }
+}
+
+int lose_connection(mosquitto &client, int reason = MOSQ_ERR_CONN_LOST)
 {
     close_connection(client);
-    client.on_disconnect(&client, nullptr, MOSQ_ERR_CONN_LOST);
-    return MOSQ_ERR_CONN_LOST;
+    client.on_disconnect(&client, nullptr, reason);
+    return reason;
 }
 
 void take_acknowledgement(mosquitto &client, int message_id)
@@ -104,12 +113,15 @@ void take_message(mosquitto &client, const mqtt_packet &packet)
     client.on_message(&client, nullptr, &message);
 }
 
-void take_packet(mosquitto &client, const mqtt_packet &packet)
+int take_packet(mosquitto &client, const mqtt_packet &packet)
 {
     client.is_in_callback = true;
     switch (packet.type) {
     case mqtt_packet::kind::CONNACK:
-        client.on_connect(&client, nullptr, 0);
+        client.on_connect(&client, nullptr, packet.code);
+        if (packet.code != 0) {
+            return lose_connection(client, MOSQ_ERR_CONN_REFUSED);
+        }
         break;
     case mqtt_packet::kind::PUBLISH:
         take_message(client, packet);
@@ -117,15 +129,14 @@ void take_packet(mosquitto &client, const mqtt_packet &packet)
     case mqtt_packet::kind::PUBACK:
         take_acknowledgement(client, packet.message_id);
         break;
-    case mqtt_packet::kind::SUBACK: {
-        const int granted = 1;
-        client.on_subscribe(&client, nullptr, packet.message_id, 1, &granted);
+    case mqtt_packet::kind::SUBACK:
+        client.on_subscribe(&client, nullptr, packet.message_id, 1, &packet.code);
         break;
-    }
     default:
         break;
     }
     client.is_in_callback = false;
+    return MOSQ_ERR_SUCCESS;
 }
 
 } // namespace
@@ -159,10 +170,11 @@ int __wrap_mosquitto_lib_cleanup()
     return MOSQ_ERR_SUCCESS;
 }
 
-mosquitto *__wrap_mosquitto_new(const char *, bool, void *)
+mosquitto *__wrap_mosquitto_new(const char *id, bool is_clean, void *)
 {
     auto *const client = new mosquitto;
     client->owner = &process::running();
+    client->settings = std::string(id) + (is_clean ? ", clean" : "");
     client->broker = &client->owner->host().broker();
     client->owner->attach_session(-1, client);
     return client;
@@ -201,15 +213,19 @@ void __wrap_mosquitto_message_callback_set(mosquitto *client,
     client->on_message = callback;
 }
 
-int __wrap_mosquitto_int_option(mosquitto *, mosq_opt_t, int)
+int __wrap_mosquitto_int_option(mosquitto *client, mosq_opt_t option, int value)
 {
+    client->settings += ", option " + std::to_string(option) + " = " + std::to_string(value);
     return MOSQ_ERR_SUCCESS;
 }
 
-int __wrap_mosquitto_connect(mosquitto *client, const char *, int, int)
+int __wrap_mosquitto_connect(mosquitto *client, const char *address, int port, int keepalive_s)
 {
     client->fd = client->owner->open({.kind = file_kind::SESSION});
-    client->connection = client->broker->connect(*client->owner, client->fd);
+    if (strcmp(address, mqtt_broker::ADDRESS) == 0 && port == mqtt_broker::PORT) {
+        client->connection = client->broker->connect(
+            *client->owner, client->fd, client->settings + ", keepalive " + std::to_string(keepalive_s));
+    }
     if (client->connection == nullptr) {
         client->owner->close(client->fd);
         client->fd = -1;
@@ -221,12 +237,14 @@ int __wrap_mosquitto_connect(mosquitto *client, const char *, int, int)
 
 int __wrap_mosquitto_disconnect(mosquitto *client)
 {
-    if (!is_usable(*client)) {
+    if (client == nullptr) {
+        return MOSQ_ERR_INVAL;
+    }
+    if (!is_usable(client)) {
         return MOSQ_ERR_NO_CONN;
     }
+    client->is_leaving = true;
     write_output(*client);
-    close_connection(*client);
-    client->on_disconnect(client, nullptr, 0);
     return MOSQ_ERR_SUCCESS;
 }
 
@@ -252,10 +270,10 @@ int __wrap_mosquitto_loop_write(mosquitto *client, int)
     return MOSQ_ERR_SUCCESS;
 }
 
-// As many packets as there are publications in flight, one at least.
+// As many packets as there are publications under way, one at least.
 int __wrap_mosquitto_loop_read(mosquitto *client, int)
 {
-    for (unsigned left = std::max(client->in_flight, 1U); left > 0; left--) {
+    for (size_t left = std::max(client->in_flight + client->queued.size(), size_t{1}); left > 0; left--) {
         if (client->connection == nullptr) {
             return MOSQ_ERR_NO_CONN;
         }
@@ -264,37 +282,43 @@ int __wrap_mosquitto_loop_read(mosquitto *client, int)
         }
         const mqtt_packet packet = std::move(client->connection->arrived.front());
         client->connection->arrived.pop_front();
-        take_packet(*client, packet);
+        if (const int result = take_packet(*client, packet); result != MOSQ_ERR_SUCCESS) {
+            return result;
+        }
     }
     return MOSQ_ERR_SUCCESS;
 }
 
 int __wrap_mosquitto_loop_misc(mosquitto *client)
 {
-    return is_usable(*client) ? MOSQ_ERR_SUCCESS : MOSQ_ERR_NO_CONN;
+    return is_usable(client) ? MOSQ_ERR_SUCCESS : MOSQ_ERR_NO_CONN;
 }
 
 int __wrap_mosquitto_loop(mosquitto *client, int timeout_ms, int)
 {
     const nanoseconds end = client->owner->host().clock().now() + milliseconds(timeout_ms);
+    if (client->connection == nullptr) {
+        return MOSQ_ERR_NO_CONN;
+    }
     if (!has_input(*client)) {
         client->owner->wait_until(end);
+        client->owner->take_signal();
     }
     const int result = __wrap_mosquitto_loop_read(client, 1);
     return result == MOSQ_ERR_SUCCESS ? __wrap_mosquitto_loop_write(client, 1) : result;
 }
 
 int __wrap_mosquitto_publish(mosquitto *client, int *message_id, const char *topic, int length,
-                             const void *payload, int, bool retain)
+                             const void *payload, int qos, bool retain)
 {
     const size_t topic_length = strlen(topic);
-    if (topic_length == 0 || mosquitto_pub_topic_check(topic) != MOSQ_ERR_SUCCESS) {
+    if (topic_length == 0 || qos != 1 || mosquitto_pub_topic_check(topic) != MOSQ_ERR_SUCCESS) {
         return MOSQ_ERR_INVAL;
     }
     if (mosquitto_validate_utf8(topic, static_cast<int>(topic_length)) != MOSQ_ERR_SUCCESS) {
         return MOSQ_ERR_MALFORMED_UTF8;
     }
-    if (!is_usable(*client)) {
+    if (!is_usable(client)) {
         return MOSQ_ERR_NO_CONN;
     }
     *message_id = ++client->last_message_id;
@@ -312,9 +336,12 @@ int __wrap_mosquitto_publish(mosquitto *client, int *message_id, const char *top
     return MOSQ_ERR_SUCCESS;
 }
 
-int __wrap_mosquitto_subscribe(mosquitto *client, int *message_id, const char *filter, int)
+int __wrap_mosquitto_subscribe(mosquitto *client, int *message_id, const char *filter, int qos)
 {
-    if (!is_usable(*client)) {
+    if (qos != 1 || mosquitto_sub_topic_check(filter) != MOSQ_ERR_SUCCESS) {
+        return MOSQ_ERR_INVAL;
+    }
+    if (!is_usable(client)) {
         return MOSQ_ERR_NO_CONN;
     }
     *message_id = ++client->last_message_id;
@@ -326,7 +353,7 @@ int __wrap_mosquitto_subscribe(mosquitto *client, int *message_id, const char *f
 
 int __wrap_mosquitto_unsubscribe(mosquitto *client, int *, const char *filter)
 {
-    if (!is_usable(*client)) {
+    if (!is_usable(client)) {
         return MOSQ_ERR_NO_CONN;
     }
     send_packet(*client, {.type = mqtt_packet::kind::UNSUBSCRIBE,

@@ -42,8 +42,8 @@ std::string make_text(const mac_address &mac)
 } // namespace
 
 node::node(world &where, size_t index)
-    : world_(where), index_(index), mac_(make_mac(index)), mac_text_(make_text(mac_)), daemon_(*this),
-      broker_(where.clock(), where.topics(), *this, where.random(purpose::BROKER, index)),
+    : world_(where), index_(index), eth0_{2, true, make_mac(index)}, mac_text_(make_text(eth0_.mac)),
+      daemon_(*this), broker_(where.clock(), where.topics(), *this, where.random(purpose::BROKER, index)),
       random_(where.random(purpose::FACTS, index))
 {
     for (size_t port = 0; port < RING_PORTS; port++) {
@@ -118,7 +118,7 @@ void node::start_daemon()
     world_.count().daemon_starts++;
     world_.trace(index_, "daemon starts");
     world_.watch().starts(*this);
-    daemon_.start(number());
+    daemon_.start({"-n", std::to_string(number())});
 }
 
 void node::stop_daemon()
@@ -219,6 +219,12 @@ time_t node::wall_clock() const
                (std::chrono::duration_cast<seconds>(world_.clock().now()) + wall_offset_).count());
 }
 
+const network_interface *node::find_interface(const char *name) const
+{
+    static const network_interface fire = {3, true, {}};
+    return strcmp(name, "eth0") == 0 ? &eth0_ : strcmp(name, "fire") == 0 ? &fire : nullptr;
+}
+
 const std::string *node::find_file(const char *path) const
 {
     if (strcmp(path, "/REVISION") == 0) {
@@ -233,8 +239,11 @@ const std::string *node::find_file(const char *path) const
     return strcmp(path, "/card/address") == 0 ? &CARD_ADDRESS : nullptr;
 }
 
-void node::send(uint32_t address, const shared_bytes &datagram)
+void node::send(uint32_t address, uint16_t port, const shared_bytes &datagram)
 {
+    if (port != fire_network::PORT) {
+        return; // nobody listens there
+    }
     world_.count().datagrams++;
     world_.trace_bytes(index_, "sends", address, datagram);
     world_.watch().sends(*this, address, datagram.bytes());

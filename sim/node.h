@@ -23,6 +23,7 @@ public:
 
     size_t index() const { return index_; }
     uint8_t number() const { return static_cast<uint8_t>(index_ % 250 + 1); }
+    const mac_address &mac() const { return eth0_.mac; }
     const std::string &mac_text() const { return mac_text_; }
     process &daemon() { return daemon_; }
     const process &daemon() const { return daemon_; }
@@ -58,10 +59,10 @@ public:
     // machine
     timeline &clock() override;
     time_t wall_clock() const override;
-    const mac_address &mac() const override { return mac_; }
+    const network_interface *find_interface(const char *name) const override;
     int process_id() const override { return static_cast<int>(100 + index_); }
     const std::string *find_file(const char *path) const override;
-    void send(uint32_t address, const shared_bytes &datagram) override;
+    void send(uint32_t address, uint16_t port, const shared_bytes &datagram) override;
     void consume(uint32_t sender, const shared_bytes &datagram) override;
     void log(const char *line) override;
     void misuse(const char *what) override;
@@ -77,7 +78,7 @@ private:
 
     world &world_;
     size_t index_;
-    mac_address mac_;
+    network_interface eth0_;
     std::string mac_text_;
     process daemon_;
     mqtt_broker broker_;

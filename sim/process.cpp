@@ -18,7 +18,6 @@ namespace sim
 namespace
 {
 
-constexpr int FIRST_DESCRIPTOR = 3;
 constexpr size_t RECEIVE_QUEUE = 256; // datagrams that the kernel keeps for a process that doesn't read
 
 process *loaded; // whose variables are in the section
@@ -68,12 +67,12 @@ void process::load()
     loaded = this;
 }
 
-void process::start(uint8_t node_number)
+void process::start(std::vector<std::string> options)
 {
     kill();
     variables_ = fresh_variables();
     starts_++;
-    node_number_ = node_number;
+    options_ = std::move(options);
     is_alive_ = true;
     is_signalled_ = false;
     sigterm_handler_ = nullptr;
@@ -87,12 +86,14 @@ void process::run_program(void *self)
 {
     auto *const started = static_cast<process *>(self);
     char name[] = "diag";
-    char option[] = "-n";
-    char number[8];
-    snprintf(number, sizeof number, "%u", static_cast<unsigned>(started->node_number_));
-    char *arguments[] = {name, option, number, nullptr};
-    optind = 0; // the C library's own variable: reads the options from the start
-    started->status_ = daemon_main(3, arguments);
+    std::vector<char *> arguments = {name};
+    for (std::string &option : started->options_) {
+        arguments.push_back(option.data());
+    }
+    arguments.push_back(nullptr);
+    optind = 0; // the C library's own variables: reads the options from the start, and silently
+    opterr = 0;
+    started->status_ = daemon_main(static_cast<int>(arguments.size()) - 1, arguments.data());
 }
 
 void process::run()
@@ -109,6 +110,15 @@ void process::run()
         kill();
         host_.ended(status);
     }
+}
+
+void process::call(const std::function<void()> &what)
+{
+    load();
+    active = this;
+    what();
+    active = nullptr;
+    run();
 }
 
 void process::exit(int status)
@@ -136,6 +146,7 @@ void process::kill()
     descriptors_.clear();
     ready_.clear();
     datagrams_.clear();
+    socket_ = {};
 }
 
 void process::send_sigterm()
@@ -170,6 +181,13 @@ void process::receive(const datagram &received)
     }
     datagrams_.push_back(received);
     mark_ready(static_cast<int>(socket - descriptors_.begin()) + FIRST_DESCRIPTOR);
+    run();
+}
+
+void process::break_descriptor(int fd)
+{
+    find(fd)->has_error = true;
+    mark_ready(fd);
     run();
 }
 
@@ -244,6 +262,7 @@ void process::close(int fd)
     descriptor &file = *find(fd);
     if (file.kind == file_kind::DATAGRAMS) {
         datagrams_.clear();
+        socket_ = {};
     }
     const uint32_t armed = file.armed;
     file = {};
@@ -278,6 +297,9 @@ void process::expire(uint64_t start_fd_armed)
 
 bool process::is_readable(const descriptor &file) const
 {
+    if (file.has_error) {
+        return true;
+    }
     switch (file.kind) {
     case file_kind::TIMER:
         return file.expiry <= host_.clock().now();

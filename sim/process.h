@@ -11,7 +11,9 @@
 
 #include <csignal>
 #include <deque>
+#include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 struct mosquitto;
@@ -32,7 +34,15 @@ enum class system_call {
     COUNT,
 };
 
-enum class file_kind { CLOSED, EPOLL, TIMER, DATAGRAMS, SESSION, REGULAR };
+enum class file_kind {
+    CLOSED,
+    EPOLL,
+    TIMER,
+    SOCKET,    // not bound
+    DATAGRAMS, // bound
+    SESSION,
+    REGULAR
+};
 
 constexpr nanoseconds NEVER = nanoseconds::max();
 
@@ -46,6 +56,19 @@ struct descriptor {
     uint32_t armed = 0; // counts the settings of the timers with this number
     const std::string *content = nullptr;
     size_t offset = 0; // in it
+    bool has_error = false;
+};
+
+// How the process has set its datagram socket up.
+struct socket_settings {
+    uint16_t port = 0;
+    uint32_t group = 0; // that it has joined
+    unsigned group_interface = 0;
+    unsigned sending_interface = 0;
+    bool loops = true; // what it sends to the group comes back
+    int priority = 0;
+    int receive_buffer = 0;
+    bool operator==(const socket_settings &) const = default;
 };
 
 struct datagram {
@@ -56,22 +79,31 @@ struct datagram {
 class process
 {
 public:
+    static constexpr int FIRST_DESCRIPTOR = 3;
+
     explicit process(machine &host) : host_(host) {}
 
     // The process whose code runs now.
     static process &running();
 
-    void start(uint8_t node_number);
+    void start(std::vector<std::string> options);
     bool is_alive() const { return is_alive_; }
     void send_sigterm();
     void kill(); // ended() is not called
     // A process that gets no processor: what happens meanwhile waits for it.
     void set_frozen(bool is_frozen);
     void receive(const datagram &received);
+    // Runs what calls the program's functions, as if the program did while it waits; it may not wait itself.
+    void call(const std::function<void()> &what);
+    // epoll reports an error on the descriptor from now on.
+    void break_descriptor(int fd);
     // The call-th from now of these calls fails with this error.
     void fail_next(system_call call, int error, unsigned skipped);
     void fail_none() { failure_.reset(); }
 
+    // The descriptor of the first is FIRST_DESCRIPTOR.
+    const std::vector<descriptor> &descriptors() const { return descriptors_; }
+    const socket_settings &socket() const { return socket_; }
     size_t count_descriptors() const;
     size_t count_allocations() const { return memory_.count(); }
     size_t find_leak();
@@ -93,6 +125,7 @@ public:
     bool take_signal();
     void set_sigterm_handler(void (*handler)(int)) { sigterm_handler_ = handler; }
     std::deque<datagram> &datagrams() { return datagrams_; }
+    socket_settings &socket() { return socket_; }
     void attach_session(int fd, mosquitto *client);
     // Lets the others run until something has happened to this process.
     void wait();
@@ -115,7 +148,7 @@ private:
     bool is_frozen_ = false;
     bool is_signalled_ = false;
     uint32_t starts_ = 0;
-    uint8_t node_number_ = 0;
+    std::vector<std::string> options_;
     int status_ = 0;
     unsigned random_ = 0;
     void (*sigterm_handler_)(int) = nullptr;
@@ -125,6 +158,7 @@ private:
     std::vector<descriptor> descriptors_;
     std::deque<int> ready_;
     std::deque<datagram> datagrams_;
+    socket_settings socket_;
     mosquitto *client_ = nullptr;
     struct failure {
         system_call call;

@@ -117,7 +117,7 @@ int __wrap_epoll_wait(int, epoll_event *events, int, int)
             if (self().fails(system_call::EPOLL_WAIT)) {
                 return -1;
             }
-            events->events = EPOLLIN;
+            events->events = self().find(fd)->has_error ? EPOLLIN | EPOLLERR : EPOLLIN;
             events->data.ptr = self().find(fd)->watch;
             return 1;
         }
@@ -276,30 +276,62 @@ void __wrap_srand(unsigned seed)
 
 int __wrap_socket(int, int, int)
 {
-    return self().open({.kind = file_kind::DATAGRAMS});
+    return self().open({.kind = file_kind::SOCKET});
 }
 
-int __wrap_setsockopt(int, int, int, const void *, socklen_t)
+int __wrap_setsockopt(int, int level, int option, const void *value, socklen_t)
 {
-    return 0;
-}
-
-int __wrap_bind(int, const sockaddr *, socklen_t)
-{
-    return 0;
-}
-
-unsigned __wrap_if_nametoindex(const char *)
-{
-    return 1;
-}
-
-int __wrap_ioctl(int, unsigned long request, ifreq *interface)
-{
-    if (request == SIOCGIFFLAGS) {
-        interface->ifr_flags = IFF_UP;
+    socket_settings &settings = self().socket();
+    if (level == IPPROTO_IP && option != IP_MULTICAST_LOOP) {
+        ip_mreqn group;
+        memcpy(&group, value, sizeof group);
+        if (option == IP_ADD_MEMBERSHIP) {
+            settings.group = ntohl(group.imr_multiaddr.s_addr);
+            settings.group_interface = static_cast<unsigned>(group.imr_ifindex);
+        } else {
+            settings.sending_interface = static_cast<unsigned>(group.imr_ifindex);
+        }
+        return 0;
+    }
+    int number;
+    memcpy(&number, value, sizeof number);
+    if (level == IPPROTO_IP) {
+        settings.loops = number != 0;
     } else {
-        std::ranges::copy(self().host().mac(), interface->ifr_hwaddr.sa_data);
+        (option == SO_PRIORITY ? settings.priority : settings.receive_buffer) = number;
+    }
+    return 0;
+}
+
+int __wrap_bind(int fd, const sockaddr *address, socklen_t)
+{
+    sockaddr_in local;
+    memcpy(&local, address, sizeof local);
+    self().socket().port = ntohs(local.sin_port);
+    self().find(fd)->kind = file_kind::DATAGRAMS;
+    return 0;
+}
+
+unsigned __wrap_if_nametoindex(const char *name)
+{
+    const network_interface *const found = self().host().find_interface(name);
+    if (found == nullptr) {
+        errno = ENODEV;
+    }
+    return found == nullptr ? 0 : found->index;
+}
+
+int __wrap_ioctl(int, unsigned long request, ifreq *asked)
+{
+    const network_interface *const found = self().host().find_interface(asked->ifr_name);
+    if (found == nullptr) {
+        errno = ENODEV;
+        return -1;
+    }
+    if (request == SIOCGIFFLAGS) {
+        asked->ifr_flags = found->is_up ? IFF_UP : 0;
+    } else {
+        std::ranges::copy(found->mac, asked->ifr_hwaddr.sa_data);
     }
     return 0;
 }
@@ -333,7 +365,8 @@ ssize_t __wrap_sendto(int fd, const void *bytes, size_t size, int, const sockadd
     }
     sockaddr_in destination;
     memcpy(&destination, address, sizeof destination);
-    self().host().send(ntohl(destination.sin_addr.s_addr), shared_bytes(bytes, size));
+    self().host().send(ntohl(destination.sin_addr.s_addr), ntohs(destination.sin_port),
+                       shared_bytes(bytes, size));
     return static_cast<ssize_t>(size);
 }
 
