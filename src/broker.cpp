@@ -90,7 +90,7 @@ bool has_removed_subscriptions;
 record_list<publication> pending_publish;
 publication *publications_by_id; // the same by the mid of their last sending
 record_list<subscription> subscriptions;
-// A message finds the one whose filter is its topic here, so that ports cost the messages of others nothing ...
+// A message finds the one whose filter is its topic here, so that a port costs the others' messages nothing ...
 subscription *subscriptions_by_filter;
 // ... and asks these one by one, newest first: those with wildcards, and whatever repeats a filter.
 subscription *asked_subscriptions;
@@ -116,7 +116,7 @@ int send_publication(publication &record)
                              record.payload.get(), QOS, record.retain);
 }
 
-// More than 65,535 sendings may wait at once, and then some share an id: each acknowledgement settles one of them.
+// More than 65,535 sendings may wait at once and then share ids: each acknowledgement settles one of them.
 int index_publication(publication &record)
 {
     HASH_ADD_KEYPTR_BYHASHVALUE(hh, publications_by_id, &record.mid, sizeof record.mid,
@@ -352,8 +352,8 @@ int ask(const subscription &record, const char *topic, bool &matches_out)
     return 0;
 }
 
-// A topic with wildcards matches nothing. It is a fault where the library gets as far as the wildcard, so that
-// every subscription is asked.
+// A topic with wildcards matches nothing. It is a fault where the library gets as far as the wildcard, so
+// that every subscription is asked.
 void refuse_topic(const char *topic)
 {
     for (const subscription &record : subscriptions) {
@@ -373,8 +373,8 @@ subscription *take_newer(subscription *&found, subscription *&asked)
     return std::exchange(asked, asked->next_asked);
 }
 
-// Calls the subscriptions that match, the newest first. A callback may subscribe, which puts records in front of
-// those that are still to come, and unsubscribe, which only marks records until the dispatch is over.
+// Calls the subscriptions that match, the newest first. A callback may subscribe, which puts records in front
+// of those that are still to come, and unsubscribe, which only marks records until the dispatch is over.
 void dispatch(const mosquitto_message &message)
 {
     const std::string_view topic = message.topic;
@@ -493,7 +493,7 @@ void report_given_up(const subscription &record)
               record.filter.get());
 }
 
-// Sends what waits for longer than a second again, and gives up at the first record that has been sent four times.
+// Sends again what waits for longer than a second; gives up at the first record that was sent four times.
 template <typename Record>
 int retry(const record_list<Record> &records, const char *failure)
 {

@@ -21,7 +21,7 @@ using event_callback = void (*)(int fd, uint32_t events, void *arg);
 // Forgets fd without closing it; callbacks may remove any descriptor, their own included. 0, or -1.
 [[nodiscard]] int event_remove(int fd);
 
-// The first step of every callback: 0, or -1 after logging that the descriptor has another event than EPOLLIN.
+// The first step of every callback: 0, or -1 after logging that there is another event than EPOLLIN.
 [[nodiscard]] inline int event_check(uint32_t events, log_place caller)
 {
     return events == EPOLLIN ? 0 : log_failure_at(caller, "unexpected event(s) on file descriptor");

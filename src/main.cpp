@@ -126,17 +126,17 @@ int publish_card_addr()
 
 int init_modules(uint8_t node_number)
 {
-    const struct {
+    static constexpr struct {
         int (*init)(uint8_t node_number);
         const char *failure;
-    } modules[] = {
+    } MODULES[] = {
         {[](uint8_t) { return stats_init(); }, "couldn't initialize port statistics module"},
         {[](uint8_t) { return remote_init(); }, "couldn't initialize fire communications module"},
         {summary_init, "couldn't initialize node summary module"},
         {[](uint8_t) { return auth_init(); }, "couldn't initialize authentication module"},
         {command_init, "couldn't initialize command module"},
     };
-    for (const auto &module : modules) {
+    for (const auto &module : MODULES) {
         if (module.init(node_number) == -1) {
             return log_failure("%s", module.failure);
         }
@@ -144,7 +144,7 @@ int init_modules(uint8_t node_number)
     return 0;
 }
 
-// Every step of the start-up in order, up to the running event loop; false when one has failed.
+// Every step of the start-up in order, up to the running event loop.
 int start(int argc, char **argv, uint8_t &node_number)
 {
     if (install_signal_handlers() == -1 || parse_options(argc, argv, node_number) == -1) {

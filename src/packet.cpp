@@ -12,7 +12,7 @@
 namespace
 {
 
-// What a packet lacks is a fault of the fire network's exchange: operators find it under the name of that module.
+// What a packet lacks is a fault of the fire network's exchange: operators find it under that module's name.
 constexpr const char *log_source = "remote";
 
 // What a payload must have to be handled, and what is logged where it has not.

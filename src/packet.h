@@ -1,5 +1,5 @@
-// The packets that nodes exchange on the fire network: UDP over IPv4, port 50004, multicast group 224.22.33.44.
-// Declared once for the daemon and for what links no module of it.
+// The packets that nodes exchange on the fire network: UDP over IPv4, port 50004, multicast group
+// 224.22.33.44. Declared once for the daemon and for what links no module of it.
 //
 // Every packet starts with
 //
@@ -47,9 +47,10 @@ enum packet_type : uint8_t {
 };
 constexpr size_t PACKET_TYPES = 12;
 
-// Requests (subscribe, unsubscribe, unsubscribe all, activate, remote download) start their payload with a request id
-// and are sent each second, ten times at most, until the target acknowledges that id; unsubscribe all goes to all
-// nodes, is not acknowledged, and is sent ten times. Layouts of the payloads, offsets from their start:
+// Requests (subscribe, unsubscribe, unsubscribe all, activate, remote download) start their payload with a
+// request id and are sent each second, ten times at most, until the target acknowledges that id; unsubscribe
+// all goes to all nodes, is not acknowledged, and is sent ten times. Layouts of the payloads, offsets from
+// their start:
 //
 //     SUBSCRIBE          request id (4)  client id (4)  period (2)  topic filter  00
 //     UNSUBSCRIBE        request id (4)  client id (4)  topic filter  00

@@ -52,8 +52,8 @@ enum port_status {
     PORT_STATUS_NONE,
 };
 
-// local/diag/ring/<n>/status: a 32-bit signed integer in host byte order, below 0 for a ring that isn't configured;
-// a ring in any state but closed is open.
+// local/diag/ring/<n>/status: a 32-bit signed integer in host byte order, below 0 for a ring that isn't
+// configured; a ring in any state but closed is open.
 constexpr size_t RING_STATUS_SIZE = sizeof(int32_t);
 constexpr int32_t RING_STATUS_CLOSED = 2;
 

@@ -52,7 +52,7 @@ constexpr uint32_t SUBSCRIPTION_LIFETIME = 1200; // seconds
 constexpr unsigned SEND_BURST = 32;
 constexpr timespec SEND_PAUSE = {.tv_sec = 0, .tv_nsec = 3'000'000};
 
-// A request that waits for its acknowledgement or for its last try. Its timer is known to the event loop only.
+// A request that waits for its acknowledgement or its last try. Only the event loop knows its timer.
 struct pending_request {
     char destination[IP_STR_SIZE];
     uint32_t request_id;
@@ -349,7 +349,7 @@ void pending_cb(int fd, uint32_t events, void *arg)
     close(fd);
 }
 
-// Starts the timer of a request and adds it. The event loop has the timer from then on until the request is over.
+// Adds a request and starts its timer, which is the event loop's from then on until the request is over.
 int start_req(std::unique_ptr<pending_request> request)
 {
     unique_fd timer;
@@ -390,8 +390,8 @@ int process_ack(const packet &received)
     return 0;
 }
 
-// The node that a topic filter names, null after logging why the filter can't be sent. An invalid one would end the
-// daemon that serves it.
+// The node that a topic filter names, null after logging why the filter can't be sent. An invalid one would
+// end the daemon that serves it.
 const uint8_t *find_filter_target(const char *filter, size_t max_length)
 {
     const uint8_t *const mac = find_mac_addr_in_topic(filter);
@@ -410,40 +410,40 @@ const uint8_t *find_filter_target(const char *filter, size_t max_length)
     return mac;
 }
 
+// A request to the node that the topic filter names. Its payload is these fields and the filter.
+template <size_t LENGTH>
+int request_for_filter(packet_type type, const uint8_t (&fields)[LENGTH], const char *filter,
+                       request_result_cb callback, void *arg)
+{
+    if (check_arguments(filter != nullptr && callback != nullptr, log_source) == -1) {
+        return -1;
+    }
+    const uint8_t *const mac = find_filter_target(filter, MAX_REQUEST_PAYLOAD - LENGTH - 1);
+    if (mac == nullptr) {
+        return -1;
+    }
+    uint8_t payload[MAX_REQUEST_PAYLOAD];
+    memcpy(payload, fields, LENGTH);
+    memcpy(payload + LENGTH, filter, strlen(filter) + 1);
+    return setup_common_req(mac, type, callback, arg, payload, LENGTH + strlen(filter) + 1);
+}
+
 } // namespace
 
 int remote_subscribe(const char *topic, uint32_t client_id, uint16_t period, request_result_cb callback,
                      void *arg)
 {
-    if (check_arguments(topic != nullptr && callback != nullptr, log_source) == -1) {
-        return -1;
-    }
-    constexpr size_t FILTER = SUBSCRIBE_FILTER - REQUEST_ID_SIZE;
-    const uint8_t *const mac = find_filter_target(topic, MAX_REQUEST_PAYLOAD - FILTER - 1);
-    if (mac == nullptr) {
-        return -1;
-    }
-    uint8_t payload[MAX_REQUEST_PAYLOAD];
-    store_be(payload + REQUEST_CLIENT_ID - REQUEST_ID_SIZE, client_id);
-    store_be(payload + SUBSCRIBE_PERIOD - REQUEST_ID_SIZE, period);
-    memcpy(payload + FILTER, topic, strlen(topic) + 1);
-    return setup_common_req(mac, PACKET_SUBSCRIBE, callback, arg, payload, FILTER + strlen(topic) + 1);
+    uint8_t fields[SUBSCRIBE_FILTER - REQUEST_ID_SIZE];
+    store_be(fields + REQUEST_CLIENT_ID - REQUEST_ID_SIZE, client_id);
+    store_be(fields + SUBSCRIBE_PERIOD - REQUEST_ID_SIZE, period);
+    return request_for_filter(PACKET_SUBSCRIBE, fields, topic, callback, arg);
 }
 
 int remote_unsubscribe(const char *topic, uint32_t client_id, request_result_cb callback, void *arg)
 {
-    if (check_arguments(topic != nullptr && callback != nullptr, log_source) == -1) {
-        return -1;
-    }
-    constexpr size_t FILTER = UNSUBSCRIBE_FILTER - REQUEST_ID_SIZE;
-    const uint8_t *const mac = find_filter_target(topic, MAX_REQUEST_PAYLOAD - FILTER - 1);
-    if (mac == nullptr) {
-        return -1;
-    }
-    uint8_t payload[MAX_REQUEST_PAYLOAD];
-    store_be(payload + REQUEST_CLIENT_ID - REQUEST_ID_SIZE, client_id);
-    memcpy(payload + FILTER, topic, strlen(topic) + 1);
-    return setup_common_req(mac, PACKET_UNSUBSCRIBE, callback, arg, payload, FILTER + strlen(topic) + 1);
+    uint8_t fields[UNSUBSCRIBE_FILTER - REQUEST_ID_SIZE];
+    store_be(fields + REQUEST_CLIENT_ID - REQUEST_ID_SIZE, client_id);
+    return request_for_filter(PACKET_UNSUBSCRIBE, fields, topic, callback, arg);
 }
 
 int remote_unsubscribe_all(uint32_t client_id)
@@ -947,8 +947,8 @@ int configure_socket(int fd)
     if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == -1) {
         return log_failure("couldn't bind socket (errno %d)", errno);
     }
-    // A new subscription's first data comes in one burst, and each packet costs a publication. The kernel grants
-    // what net.core.rmem_max allows.
+    // A new subscription's first data comes in one burst, and each packet costs a publication. The kernel
+    // grants what net.core.rmem_max allows.
     (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE, sizeof RECEIVE_BUFFER_SIZE);
     return 0;
 }

@@ -1,5 +1,5 @@
-// Node-to-node communication on the fire network, in the packets of packet.h. Functions return 0, or -1 after logging
-// why.
+// Node-to-node communication on the fire network, in the packets of packet.h. Functions return 0, or -1 after
+// logging why.
 #pragma once
 
 #include <cstddef>
@@ -20,14 +20,15 @@ constexpr size_t IP_STR_SIZE = 16;
 // Tells all nodes that this one leaves; called at shutdown.
 [[nodiscard]] int remote_send_goodbye();
 
-// The outcome of a request that was accepted (returned 0), called once: acknowledged is 1, within about a second of the
-// acknowledgement, or 0, ten seconds after the first of ten unanswered transmissions. A refused request (-1) never
-// calls it, nor does one that a fault of its timer or of sending ends together with the daemon. arg stays the caller's.
+// The outcome of a request that was accepted (returned 0), called once: acknowledged is 1, within about a
+// second of the acknowledgement, or 0, ten seconds after the first of ten unanswered transmissions. A refused
+// request (-1) never calls it, nor does one that a fault of its timer or of sending ends together with the
+// daemon. arg stays the caller's.
 using request_result_cb = void (*)(int acknowledged, void *arg);
 
-// Requests to the node that topic, a filter pub/diag/<MAC>/..., names: to send what changes on its matching topics to
-// this node every period seconds (0: once), for this client, and to stop. Filters are valid and of 1003 and 1005
-// characters at most.
+// Requests to the node that topic, a filter pub/diag/<MAC>/..., names: to send what changes on its matching
+// topics to this node every period seconds (0: once), for this client, and to stop. Filters are valid and of
+// 1003 and 1005 characters at most.
 [[nodiscard]] int remote_subscribe(const char *topic, uint32_t client_id, uint16_t period,
                                    request_result_cb callback, void *arg);
 [[nodiscard]] int remote_unsubscribe(const char *topic, uint32_t client_id, request_result_cb callback,
@@ -39,7 +40,7 @@ using request_result_cb = void (*)(int acknowledged, void *arg);
 // Renews the client's subscriptions on all nodes, which otherwise expire 1200 s after they were made.
 [[nodiscard]] int remote_send_client_keepalive(uint32_t client_id);
 
-// Resets the statistics of a port of the node mac, and of all ports of all other nodes. Sent once, not acknowledged.
+// Reset the statistics of one port of the node mac, and of all ports of all other nodes. Not acknowledged.
 [[nodiscard]] int remote_reset_stats(const uint8_t *mac, int port);
 [[nodiscard]] int remote_reset_all_stats();
 

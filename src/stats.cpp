@@ -233,7 +233,7 @@ void fill_day(const port_record &record, pm_record &day)
     }
 }
 
-// Clients read 64 bits; a clock of 32, as some processors' is unless the build asks for more, fails from 2038 on.
+// Clients read 64 bits; a clock of 32, as some processors' is unless the build asks for more, ends in 2038.
 static_assert(sizeof(time_t) == sizeof(int64_t));
 
 void set_closing_time(pm_record &pm)

@@ -1,6 +1,7 @@
 // The summaries of all nodes: this node's own, fed by local topics and by the port statistics, and every
-// other node's, of which changes come within 3 s and all of it each minute. From them come the per-node topics
-// pub/diag/<MAC>/... and the network-wide lists. Functions return 0, or -1 after logging why, unless said otherwise.
+// other node's, of which changes come within 3 s and all of it each minute. From them come the per-node
+// topics pub/diag/<MAC>/... and the network-wide lists. Functions return 0, or -1 after logging why, unless
+// said otherwise.
 #pragma once
 
 #include <cstddef>

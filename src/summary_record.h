@@ -1,5 +1,5 @@
-// A node's summary as bytes: the data of a node, and the sections in which it goes over the wire. Declared once for the
-// daemon and for what links no module of it.
+// A node's summary as bytes: the data of a node, and the sections in which it goes over the wire. Declared
+// once for the daemon and for what links no module of it.
 #pragma once
 
 #include <array>

@@ -1,6 +1,6 @@
-// The topics of a card's broker, each named once for the daemon, its tools, the lab, the benchmarks and the fuzzers.
-// docs/topics.md says what stands in them. <MAC> is the address of a node, such as 00-1A-2B-3C-4D-5E; a _FORMAT is for
-// printf, its arguments stand behind it.
+// The topics of a card's broker, each named once for the daemon, its tools, the lab, the benchmarks and the
+// fuzzers. docs/topics.md says what stands in them. <MAC> is the address of a node, such as
+// 00-1A-2B-3C-4D-5E; a _FORMAT is for printf, its arguments stand behind it.
 #pragma once
 
 #include <string_view>
@@ -28,7 +28,7 @@ constexpr std::string_view DIAG_PREFIX = "pub/diag/";
 constexpr const char *DIAG_FILTER = "pub/diag/#";
 constexpr const char *LOCAL_FILTER = "local/#";
 
-// A node: pub/diag/<MAC>/<name>. All but the versions and the card address are withdrawn when the node leaves.
+// A node: pub/diag/<MAC>/<name>. All but versions and card address are withdrawn when the node leaves.
 constexpr const char *NODE_TOPIC_FORMAT = "pub/diag/%s/%s"; // MAC, name
 constexpr const char *NODE_FILTER_FORMAT = "pub/diag/%s/#"; // MAC
 constexpr const char *NODE_TOPICS_FILTER = "pub/diag/+/+";
@@ -46,8 +46,8 @@ constexpr const char *NODE_REPEATER = "repeater";
 constexpr const char *NODE_SOFTWARE_VERSIONS = "software_versions";
 constexpr const char *NODE_CARD_ADDR = "card_addr";
 
-// A port of a node: pub/diag/<MAC>/<PORT>/<name>. Performance records have the slots period0 to period95 and day0 to
-// day6.
+// A port of a node: pub/diag/<MAC>/<PORT>/<name>. Performance records have the slots period0 to period95 and
+// day0 to day6.
 constexpr const char *STATS_FORMAT = "pub/diag/%s/%s/stats";        // MAC, port
 constexpr const char *PM_FORMAT = "pub/diag/%s/%s/pm/%s";           // MAC, port, slot
 constexpr const char *PM_LAST_FORMAT = "pub/diag/%s/%s/pm/last_%s"; // MAC, port, PM_PERIOD or PM_DAY

@@ -41,7 +41,7 @@ int get_next_rcline(char **key, char **value);
 #define log_failure(...) (log_error(__VA_ARGS__), -1)
 #define log_component_failure(facility, ...) (log_component_error(facility, __VA_ARGS__), -1)
 
-// What modules share logs for the module that calls it, which passes its log_source; the compiler adds the line.
+// What modules share logs for its caller, which passes its log_source; the compiler adds the line.
 struct log_place {
     log_place(const char *source_name, int source_line = __builtin_LINE())
         : source(source_name), line(source_line)

@@ -1,5 +1,5 @@
-// A list that owns its records, newest first. A record has the members prev and next, which utlist's macros link.
-// Records that are left when the process ends stay: nothing is released behind the last message.
+// A list that owns its records, newest first. A record has the members prev and next, which utlist's macros
+// link. Records that are left when the process ends stay: nothing is released behind the last message.
 #pragma once
 
 #include <utlist.h>
@@ -10,8 +10,8 @@ template <typename T>
 class record_list
 {
 public:
-    // Visits a record whose successor it knows already: the loop's body may take the record that it visits, and add
-    // others.
+    // Visits a record whose successor it knows already: the loop's body may take the record that it visits,
+    // and add others.
     class iterator
     {
     public:

@@ -30,8 +30,8 @@ std::string_view payload_text(const void *payload, int length);
 // 4294967295.
 bool parse_u32(std::string_view text, uint32_t &value);
 
-// Reads a byte from the one or two hexadecimal digits at the start of text; returns how many they are. 0 leaves
-// value untouched.
+// Reads a byte from the one or two hexadecimal digits at the start of text; returns how many they are. 0
+// leaves value untouched.
 size_t parse_hex_byte(const char *text, uint8_t &value);
 
 // A copy, a text terminated, that its owner frees; null when there is no memory.

@@ -1,6 +1,7 @@
-// The card: its MAC address, dip switch, type and port map, and the names of its ports and media. This daemon needs the
-// address, the switch and the names; type and port map are for the platform's other programs, which share the module.
-// Functions return 0, or -1 with out-parameters untouched, unless said otherwise. Logs as component "hwinfo".
+// The card: its MAC address, dip switch, type and port map, and the names of its ports and media. This daemon
+// needs the address, the switch and the names; type and port map are for the platform's other programs, which
+// share the module. Functions return 0, or -1 with out-parameters untouched, unless said otherwise. Logs as
+// component "hwinfo".
 #pragma once
 
 #include <cstddef>
