@@ -9,7 +9,7 @@
 //     bench_fire snapshot PID           how large a first send reaches node 2's broker whole
 //     bench_fire storm PID KIND RATE SECONDS    what becomes of the daemon in a storm of resets: of KIND port or all by
 //                                               datagrams, or by commands at node 2's broker
-#include "challenge.h"
+#include "broker/challenge.h"
 #include "client.h"
 #include "common/bytes.h"
 #include "common/netif.h"

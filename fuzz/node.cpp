@@ -2,7 +2,7 @@
 
 #include "auth.h"
 #include "broker.h"
-#include "challenge.h"
+#include "broker/challenge.h"
 #include "command.h"
 #include "event.h"
 #include "packet.h"

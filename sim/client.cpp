@@ -1,6 +1,6 @@
 #include "client.h"
 
-#include "challenge.h"
+#include "broker/challenge.h"
 #include "common/text.h"
 #include "topics.h"
 #include "world.h"

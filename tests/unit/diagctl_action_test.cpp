@@ -1,7 +1,7 @@
 // What the acting commands of diagctl compute: answers to challenges, recordings, metrics.
-#include "challenge.h"
-#include "metrics.h"
-#include "recording.h"
+#include "broker/challenge.h"
+#include "export/metrics.h"
+#include "network/recording.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "common/bytes.h"
-#include "model.h"
-#include "view.h"
+#include "network/model.h"
+#include "screen/top.h"
 
 #include <gtest/gtest.h>
 

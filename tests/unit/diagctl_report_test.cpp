@@ -1,5 +1,5 @@
 #include "common/bytes.h"
-#include "reports.h"
+#include "screen/reports.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // diagctl: what a service engineer types to look at the network, and to command it, through a card's broker.
-#include "command.h"
-#include "completion.h"
+#include "commands/command.h"
+#include "commands/completion.h"
 
 #include <cstdio>
 

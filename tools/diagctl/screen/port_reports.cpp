@@ -1,0 +1,355 @@
+#include "screen/reports.h"
+#include "topics.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+
+namespace
+{
+
+using std::to_string;
+
+struct field_unit {
+    size_t offset;
+    const char *unit;
+};
+
+// Of the fields whose meaning is known; the others count what the card's port handling makes of them.
+constexpr field_unit STATS_UNITS[] = {
+    {STATS_GOOD_FRAMES, "frames"},    {STATS_LINK_DOWN_SECONDS, "s"}, {STATS_LINK_DOWN_COUNT, "times"},
+    {STATS_ERPS_DOWN_COUNT, "times"}, {STATS_ERPS_DOWN_SECONDS, "s"}, {STATS_ERRORED_FRAMES, "frames"},
+    {STATS_ERROR_RATIO_PPM, "ppm"},
+};
+
+const char *unit_of(const stats_field &field)
+{
+    const auto found = std::find_if(std::begin(STATS_UNITS), std::end(STATS_UNITS),
+                                    [&](const field_unit &unit) { return unit.offset == field.offset; });
+    return found == std::end(STATS_UNITS) ? "" : found->unit;
+}
+
+// One decimal below 100.
+std::string rate_text(double rate)
+{
+    char text[32];
+    snprintf(text, sizeof text, rate > 0 && rate < 100 ? "%.1f/s" : "%.0f/s", rate);
+    return text;
+}
+
+// Right-aligned, as numbers are read.
+std::vector<screen_line> align_right(std::vector<std::string> texts,
+                                     const std::vector<text_style> &styles = {})
+{
+    size_t width = 0;
+    for (const std::string &text : texts) {
+        width = std::max(width, text.size());
+    }
+    std::vector<screen_line> cells;
+    for (size_t i = 0; i < texts.size(); i++) {
+        const text_style style = i < styles.size() ? styles[i] : text_style::PLAIN;
+        cells.push_back({{style, std::string(width - texts[i].size(), ' ') + texts[i]}});
+    }
+    return cells;
+}
+
+// "Port A  red  smf".
+screen_line port_title(const node &shown, int port)
+{
+    std::string text = "Port " + port_text(port);
+    const auto index = static_cast<size_t>(port);
+    if (index < LUM_FRONT_PORTS && shown.colours && (*shown.colours)[index] != PORT_STATUS_NONE) {
+        text += std::string("  ") + colour_name((*shown.colours)[index]);
+    }
+    if (index < LUM_FRONT_PORTS && shown.media && (*shown.media)[index] != LUM_TYPE_NONE) {
+        text += std::string("  ") + hwinfo_lumtype_enum_to_str((*shown.media)[index]);
+    }
+    return {{text_style::BOLD, text}};
+}
+
+void add_port_lines(std::vector<screen_line> &lines, const node &shown, int port, const port_records &records)
+{
+    lines.push_back(port_title(shown, port));
+    if (!records.stats.value) {
+        lines.push_back(plain("  statistics " + fact_text(records.stats, "not published", "")));
+        return;
+    }
+    std::vector<std::string> totals;
+    std::vector<std::string> rates;
+    for (const stats_field &field : STATS_FIELDS) {
+        const std::optional<double> rate = field_rate(records, field);
+        totals.push_back(to_string(field_value(*records.stats.value, field.offset, field.width)));
+        rates.push_back(rate ? rate_text(*rate) : "");
+    }
+    const std::vector<screen_line> total_cells = align_right(totals);
+    const std::vector<screen_line> rate_cells = align_right(rates);
+    std::vector<std::vector<screen_line>> rows;
+    for (size_t i = 0; i < STATS_FIELDS.size(); i++) {
+        rows.push_back({plain(std::string("  ") + STATS_FIELDS[i].name), total_cells[i],
+                        plain(unit_of(STATS_FIELDS[i])), rate_cells[i]});
+    }
+    append_lines(lines, columns(rows));
+}
+
+struct period {
+    std::string slot;
+    fact<pm_record> record;
+    bool is_last; // closed last
+
+    int64_t closed() const
+    {
+        return record.value ? static_cast<int64_t>(field_value(*record.value, PM_TIME, sizeof(int64_t)))
+                            : INT64_MIN;
+    }
+};
+
+// In the order of closing, what can't be decoded first.
+std::vector<period> closed_periods(const node &shown, int port, pm_kind kind)
+{
+    std::vector<period> periods;
+    const auto found = shown.ports.find(port);
+    if (found == shown.ports.end()) {
+        return periods;
+    }
+    const port_records &records = found->second;
+    const bool is_day = kind == pm_kind::DAYS;
+    const fact<std::string> &last = is_day ? records.last_day : records.last_period;
+    for (const auto &[slot, record] : records.pm) {
+        if (slot.starts_with(PM_DAY) == is_day && record.is_published) {
+            periods.push_back({slot, record, last.value == slot});
+        }
+    }
+    std::stable_sort(periods.begin(), periods.end(),
+                     [](const period &a, const period &b) { return a.closed() < b.closed(); });
+    return periods;
+}
+
+constexpr const char *UTF8_BARS[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+constexpr const char *ASCII_BARS[] = {"_", ".", "-", "=", "+", "*", "#", "@"};
+
+// One character for each bar: nothing is the lowest, anything else at least the next, the maximum the highest.
+std::string sparkline(const std::vector<uint64_t> &bars, uint64_t max, bool is_utf8)
+{
+    constexpr size_t HIGHEST = std::size(UTF8_BARS) - 1;
+    std::string line;
+    for (const uint64_t value : bars) {
+        const double share = static_cast<double>(value) / static_cast<double>(std::max<uint64_t>(max, 1));
+        const auto height =
+            value == 0 ? 0 : std::max<size_t>(1, static_cast<size_t>(std::lround(share * HIGHEST)));
+        line += is_utf8 ? UTF8_BARS[height] : ASCII_BARS[height];
+    }
+    return line;
+}
+
+// The values of a field in the periods that can be decoded.
+std::vector<uint64_t> values_of(const std::vector<period> &periods, const pm_field &field)
+{
+    std::vector<uint64_t> values;
+    for (const period &item : periods) {
+        if (item.record.value) {
+            values.push_back(field_value(*item.record.value, field.offset, field.width));
+        }
+    }
+    return values;
+}
+
+// Neighbours share a bar, the highest of them, where there is no room for each.
+std::vector<screen_line> sparklines(const std::vector<period> &periods,
+                                    const std::vector<const pm_field *> &fields, const pm_style &style)
+{
+    constexpr size_t LABELS = 40; // of name and maximum
+    const size_t room = style.width > 2 * LABELS ? style.width - LABELS : LABELS;
+    const size_t share = (periods.size() + room - 1) / room;
+    std::vector<std::vector<screen_line>> rows;
+    for (const pm_field *const field : fields) {
+        std::vector<uint64_t> bars;
+        const std::vector<uint64_t> values = values_of(periods, *field);
+        for (size_t i = 0; i < values.size(); i++) {
+            if (i % share == 0) {
+                bars.push_back(0);
+            }
+            bars.back() = std::max(bars.back(), values[i]);
+        }
+        const uint64_t max = *std::max_element(values.begin(), values.end());
+        rows.push_back(
+            {plain(field->name), plain(sparkline(bars, max, style.is_utf8)), plain("max " + to_string(max))});
+    }
+    std::vector<screen_line> lines = columns(rows);
+    if (share > 1) {
+        lines.push_back(plain("(each bar the highest of " + to_string(share) + ")"));
+    }
+    return lines;
+}
+
+std::chrono::system_clock::time_point closing_time(const period &item)
+{
+    return std::chrono::system_clock::from_time_t(static_cast<time_t>(item.closed()));
+}
+
+json pm_records_json(const std::vector<period> &periods)
+{
+    json records = json::array();
+    for (const period &item : periods) {
+        json entry = {{"slot", item.slot}};
+        entry.update(item.record.value ? pm_json(*item.record.value) : malformed_or_null(item.record));
+        records.push_back(entry);
+    }
+    return records;
+}
+
+// Titles of two lines, for the names are longer than the values: "errored" above "frames".
+void add_title(std::vector<std::vector<screen_line>> &rows, const std::string &title)
+{
+    const size_t cut = title.rfind('_');
+    const bool is_words = cut != std::string::npos && !std::isdigit(static_cast<unsigned char>(title.back()));
+    rows[0].push_back({{text_style::BOLD, is_words ? title.substr(0, cut) : ""}});
+    rows[1].push_back({{text_style::BOLD, is_words ? title.substr(cut + 1) : title}});
+}
+
+std::vector<screen_line> pm_table(const std::vector<period> &periods,
+                                  const std::vector<const pm_field *> &fields)
+{
+    std::vector<std::vector<screen_line>> rows(2);
+    add_title(rows, "CLOSED");
+    add_title(rows, "SLOT");
+    for (const period &item : periods) {
+        const std::string closed =
+            item.record.value ? date_text({{}, closing_time(item)}) : fact_text(item.record, "", "");
+        rows.push_back({plain(closed), plain(item.slot + (item.is_last ? " (last)" : ""))});
+    }
+    for (const pm_field *const field : fields) {
+        add_title(rows, field->name);
+        std::vector<std::string> texts;
+        std::vector<text_style> styles;
+        for (const period &item : periods) {
+            const uint64_t value =
+                item.record.value ? field_value(*item.record.value, field->offset, field->width) : 0;
+            // What makes a port red is also marked, as in the table of nodes.
+            const bool is_problem = value > field->limit;
+            texts.push_back((item.record.value ? to_string(value) : "") + (is_problem ? "!" : " "));
+            styles.push_back(is_problem ? text_style::RED : text_style::PLAIN);
+        }
+        const std::vector<screen_line> cells = align_right(texts, styles);
+        for (size_t i = 0; i < cells.size(); i++) {
+            rows[i + 2].push_back(cells[i]);
+        }
+    }
+    return columns(rows);
+}
+
+} // namespace
+
+json stats_json(const stats_record &record)
+{
+    json object = json::object();
+    for (const stats_field &field : STATS_FIELDS) {
+        object[field.name] = field_value(record, field.offset, field.width);
+    }
+    return object;
+}
+
+report report_ports(const node &shown, std::optional<int> port)
+{
+    report result;
+    result.object = {
+        {"mac", mac_text(shown.mac)},
+        {"number", shown.number ? json(*shown.number) : json()},
+        {"ports", json::array()},
+    };
+    for (const auto &[number, records] : shown.ports) {
+        if ((port && *port != number) || !records.stats.is_published) {
+            continue;
+        }
+        if (!result.lines.empty()) {
+            result.lines.emplace_back();
+        }
+        add_port_lines(result.lines, shown, number, records);
+        json rates;
+        for (const stats_field &field : STATS_FIELDS) {
+            if (const std::optional<double> rate = field_rate(records, field)) {
+                rates[field.name] = *rate;
+            }
+        }
+        result.object["ports"].push_back(
+            {{"port", port_text(number)},
+             {"statistics",
+              records.stats.value ? stats_json(*records.stats.value) : malformed_or_null(records.stats)},
+             {"rates_per_second", rates}});
+    }
+    return result;
+}
+
+json pm_json(const pm_record &record)
+{
+    json object = json::object();
+    for (const pm_field &field : PM_FIELDS) {
+        const uint64_t value = field_value(record, field.offset, field.width);
+        if (field.treatment == pm_treatment::CLOSING_TIME) {
+            object[field.name] = utc_text(std::chrono::system_clock::from_time_t(static_cast<time_t>(value)));
+        } else {
+            object[field.name] = value;
+        }
+    }
+    return object;
+}
+
+report report_pm(const node &shown, int port, pm_kind kind, const pm_style &style)
+{
+    const std::vector<period> periods = closed_periods(shown, port, kind);
+    report result;
+    result.object = {
+        {"mac", mac_text(shown.mac)},
+        {"port", port_text(port)},
+        {"kind", kind == pm_kind::DAYS ? "days" : "periods"},
+        {"records", pm_records_json(periods)},
+    };
+    if (periods.empty()) {
+        result.lines.push_back(
+            plain(kind == pm_kind::DAYS ? "no day has closed yet" : "no quarter hour has closed yet"));
+        return result;
+    }
+    // Only what has something to tell has a column and a sparkline.
+    std::vector<const pm_field *> fields;
+    std::string zeros;
+    for (const pm_field &field : PM_FIELDS) {
+        const std::vector<uint64_t> values = values_of(periods, field);
+        if (field.treatment == pm_treatment::CLOSING_TIME) {
+            continue;
+        }
+        if (std::any_of(values.begin(), values.end(), [](uint64_t value) { return value != 0; })) {
+            fields.push_back(&field);
+        } else {
+            zeros += (zeros.empty() ? "" : ", ") + std::string(field.name);
+        }
+    }
+    result.lines = pm_table(periods, fields);
+    result.lines.emplace_back();
+    append_lines(result.lines, sparklines(periods, fields, style));
+    if (!zeros.empty()) {
+        result.lines.push_back(plain("always 0: " + zeros));
+    }
+    return result;
+}
+
+std::vector<screen_line> pm_csv(const node &shown, int port, pm_kind kind)
+{
+    std::string head = "slot";
+    for (const pm_field &field : PM_FIELDS) {
+        head += std::string(",") + field.name;
+    }
+    std::vector<screen_line> lines = {plain(head)};
+    for (const period &item : closed_periods(shown, port, kind)) {
+        std::string row = item.slot;
+        for (const pm_field &field : PM_FIELDS) {
+            row += ",";
+            if (item.record.value) {
+                row += field.treatment == pm_treatment::CLOSING_TIME
+                           ? utc_text(closing_time(item))
+                           : to_string(field_value(*item.record.value, field.offset, field.width));
+            }
+        }
+        // Without numbers, so that nobody calculates with a record that couldn't be read.
+        lines.push_back(plain(item.record.value ? row : item.slot + "," + fact_text(item.record, "", "")));
+    }
+    return lines;
+}

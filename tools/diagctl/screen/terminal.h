@@ -1,0 +1,41 @@
+// The terminal as a full screen: the alternate screen with a hidden cursor, keys read one by one without
+// echo. What was on the screen before comes back on leaving.
+#pragma once
+
+#include "screen/text.h"
+
+// Whether a full screen can be shown: standard output is a terminal that knows how to place the cursor.
+bool terminal_is_screen();
+
+void terminal_enter();
+void terminal_leave();
+
+// The size in characters, 80 by 24 where the terminal does not tell.
+void terminal_size(size_t &width, size_t &height);
+
+// Shows the lines from the top of the screen, as many as it has. False when the terminal is gone.
+bool terminal_draw(const std::vector<screen_line> &lines);
+
+// Forgets what is shown, so that the next drawing paints all of it.
+void terminal_redraw();
+
+enum class key {
+    QUIT,
+    UP,
+    DOWN,
+    PAGE_UP,
+    PAGE_DOWN,
+    ENTER,
+    BACK,
+    SORT_MAC,
+    SORT_NUMBER,
+    SORT_FAULTS,
+    SORT_CHANGE,
+    OTHER,
+};
+
+// The keys that wait on standard input; false when it has ended.
+bool terminal_read_keys(std::vector<key> &keys);
+
+// Writes the line to standard output, with its styles if that is a terminal that shows them.
+void terminal_print(const screen_line &line);

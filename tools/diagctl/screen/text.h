@@ -1,0 +1,64 @@
+// Lines of styled text for terminals, and how times are written. Widths count characters of UTF-8.
+#pragma once
+
+#include "network/model.h"
+
+#include <string>
+#include <vector>
+
+enum class text_style {
+    PLAIN,
+    DIM,
+    BOLD,
+    TITLE,
+    RED,
+    YELLOW,
+    GREEN,
+};
+
+struct styled_text {
+    text_style style;
+    std::string text;
+};
+using screen_line = std::vector<styled_text>;
+
+size_t length_of(const screen_line &line);
+screen_line plain(std::string text);
+void append(screen_line &line, const screen_line &more);
+void pad(screen_line &line, size_t width);
+void clip(screen_line &line, size_t width);
+void append_lines(std::vector<screen_line> &lines, const std::vector<screen_line> &more);
+
+// Leaves as many lines as asked for, of which the last tells how many are left out.
+void cut_lines(std::vector<screen_line> &lines, size_t count);
+
+// A line of inverse text as wide as the screen.
+screen_line title_line(const std::string &text, size_t width);
+
+// Rows of cells in columns as wide as their widest cell.
+std::vector<screen_line> columns(const std::vector<std::vector<screen_line>> &rows);
+
+// A row of titles for columns().
+std::vector<screen_line> heading(const std::vector<std::string> &titles);
+
+// "2024-05-01 10:15:03", local time, and the time of day of it.
+std::string date_text(const moment &when);
+std::string clock_text(const moment &when);
+
+// "2024-05-01T08:15:03Z".
+std::string utc_text(std::chrono::system_clock::time_point when);
+
+// "7 s", "12 min" or "3 h".
+std::string age_text(std::chrono::steady_clock::duration age);
+
+// text where the topic's value is known; otherwise absent, or "malformed (N bytes)".
+template <typename T>
+std::string fact_text(const fact<T> &value, const char *absent, const std::string &text)
+{
+    if (!value.is_published) {
+        return absent;
+    }
+    return value.value
+               ? text
+               : "malformed (" + std::to_string(value.size) + (value.size == 1 ? " byte)" : " bytes)");
+}
