@@ -450,8 +450,8 @@ constexpr download_flag DOWNLOAD_FLAGS[] = {
 
 int update_download(summary &node, const uint8_t *section)
 {
-    constexpr size_t CF_FREE_DIGITS =
-        9; // all that the topic's readers expect; larger values lose their last digit
+    // All that the topic's readers expect: larger values lose their last digit.
+    constexpr size_t CF_FREE_DIGITS = 9;
     const bool seen = mark_seen(node, SUMMARY_INFO_DOWNLOAD);
     const auto at = [&](size_t offset) { return section + (offset - SUMMARY_DOWNLOAD_STATUS); };
     const uint8_t *const status = at(SUMMARY_DOWNLOAD_STATUS);

@@ -68,8 +68,7 @@ enum summary_offset : size_t {
     SUMMARY_PRIAPP_VERSION = 171,
     SUMMARY_SIZE = 211,
 };
-// The three bytes of a port in SUMMARY_MISWIRED_PEERS; they mean something only while its miswired bit is
-// set.
+// The three bytes of a port in SUMMARY_MISWIRED_PEERS, which count only while its miswired bit is set.
 constexpr size_t SUMMARY_MISWIRED_PEER_NODE = 0;
 constexpr size_t SUMMARY_MISWIRED_PEER_PORT = 1;
 constexpr size_t SUMMARY_MISWIRED_LOCAL_PORT = 2;
