@@ -130,7 +130,7 @@ void world::happen_to_node(const planned &item, node &target, random_stream &ran
         break;
     case happening::CALL_FAILS: {
         const auto &failure = FAILURES[random.below(std::size(FAILURES))];
-        target.daemon().fail_next(failure.call, failure.error, random.below(20));
+        target.fail_next(failure.call, failure.error, random.below(20));
         break;
     }
     case happening::GARBAGE:

@@ -85,9 +85,22 @@ void send_packet(mosquitto &client, mqtt_packet packet)
 
 int lose_connection(mosquitto &client, int reason = MOSQ_ERR_CONN_LOST)
 {
+    const int error = errno;
     close_connection(client);
     client.on_disconnect(&client, nullptr, reason);
+    errno = error;
     return reason;
+}
+
+bool fails(const mosquitto &client, system_call call)
+{
+    return client.owner->fails(call);
+}
+
+// An interrupted call leaves the connection as it is.
+int fail_connection(mosquitto &client)
+{
+    return errno == EINTR ? MOSQ_ERR_ERRNO : lose_connection(client, MOSQ_ERR_ERRNO);
 }
 
 void take_acknowledgement(mosquitto &client, int message_id)
@@ -172,6 +185,9 @@ int __wrap_mosquitto_lib_cleanup()
 
 mosquitto *__wrap_mosquitto_new(const char *id, bool is_clean, void *)
 {
+    if (process::running().fails(system_call::NEW)) {
+        return nullptr;
+    }
     auto *const client = new mosquitto;
     client->owner = &process::running();
     client->settings = std::string(id) + (is_clean ? ", clean" : "");
@@ -221,6 +237,9 @@ int __wrap_mosquitto_int_option(mosquitto *client, mosq_opt_t option, int value)
 
 int __wrap_mosquitto_connect(mosquitto *client, const char *address, int port, int keepalive_s)
 {
+    if (fails(*client, system_call::CONNECT)) {
+        return MOSQ_ERR_ERRNO;
+    }
     client->fd = client->owner->open({.kind = file_kind::SESSION});
     if (strcmp(address, mqtt_broker::ADDRESS) == 0 && port == mqtt_broker::PORT) {
         client->connection = client->broker->connect(
@@ -243,6 +262,9 @@ int __wrap_mosquitto_disconnect(mosquitto *client)
     if (!is_usable(client)) {
         return MOSQ_ERR_NO_CONN;
     }
+    if (fails(*client, system_call::DISCONNECT)) {
+        return MOSQ_ERR_ERRNO;
+    }
     client->is_leaving = true;
     write_output(*client);
     return MOSQ_ERR_SUCCESS;
@@ -250,7 +272,7 @@ int __wrap_mosquitto_disconnect(mosquitto *client)
 
 int __wrap_mosquitto_socket(mosquitto *client)
 {
-    return client->fd;
+    return fails(*client, system_call::GET_SOCKET) ? -1 : client->fd;
 }
 
 bool __wrap_mosquitto_want_write(mosquitto *client)
@@ -263,8 +285,11 @@ int __wrap_mosquitto_loop_write(mosquitto *client, int)
     if (client->connection == nullptr) {
         return MOSQ_ERR_NO_CONN;
     }
+    if (fails(*client, system_call::LOOP_WRITE)) {
+        return fail_connection(*client);
+    }
     if (client->connection->is_closed) {
-        return lose_connection(*client);
+        return lose_connection(*client, MOSQ_ERR_CONN_LOST);
     }
     write_output(*client);
     return MOSQ_ERR_SUCCESS;
@@ -273,12 +298,16 @@ int __wrap_mosquitto_loop_write(mosquitto *client, int)
 // As many packets as there are publications under way, one at least.
 int __wrap_mosquitto_loop_read(mosquitto *client, int)
 {
+    if (fails(*client, system_call::LOOP_READ)) {
+        return fail_connection(*client);
+    }
     for (size_t left = std::max(client->in_flight + client->queued.size(), size_t{1}); left > 0; left--) {
         if (client->connection == nullptr) {
             return MOSQ_ERR_NO_CONN;
         }
         if (client->connection->arrived.empty()) {
-            return client->connection->is_closed ? lose_connection(*client) : MOSQ_ERR_SUCCESS;
+            return client->connection->is_closed ? lose_connection(*client, MOSQ_ERR_CONN_LOST)
+                                                 : MOSQ_ERR_SUCCESS;
         }
         const mqtt_packet packet = std::move(client->connection->arrived.front());
         client->connection->arrived.pop_front();
@@ -291,11 +320,17 @@ int __wrap_mosquitto_loop_read(mosquitto *client, int)
 
 int __wrap_mosquitto_loop_misc(mosquitto *client)
 {
+    if (fails(*client, system_call::LOOP_MISC)) {
+        return MOSQ_ERR_ERRNO;
+    }
     return is_usable(client) ? MOSQ_ERR_SUCCESS : MOSQ_ERR_NO_CONN;
 }
 
 int __wrap_mosquitto_loop(mosquitto *client, int timeout_ms, int)
 {
+    if (fails(*client, system_call::LOOP)) {
+        return fail_connection(*client);
+    }
     const nanoseconds end = client->owner->host().clock().now() + milliseconds(timeout_ms);
     if (client->connection == nullptr) {
         return MOSQ_ERR_NO_CONN;
@@ -321,6 +356,9 @@ int __wrap_mosquitto_publish(mosquitto *client, int *message_id, const char *top
     if (!is_usable(client)) {
         return MOSQ_ERR_NO_CONN;
     }
+    if (fails(*client, system_call::PUBLISH)) {
+        return MOSQ_ERR_ERRNO;
+    }
     *message_id = ++client->last_message_id;
     mqtt_packet packet = {.type = mqtt_packet::kind::PUBLISH,
                           .message_id = *message_id,
@@ -344,6 +382,9 @@ int __wrap_mosquitto_subscribe(mosquitto *client, int *message_id, const char *f
     if (!is_usable(client)) {
         return MOSQ_ERR_NO_CONN;
     }
+    if (fails(*client, system_call::SUBSCRIBE)) {
+        return MOSQ_ERR_ERRNO;
+    }
     *message_id = ++client->last_message_id;
     send_packet(*client, {.type = mqtt_packet::kind::SUBSCRIBE,
                           .message_id = *message_id,
@@ -355,6 +396,9 @@ int __wrap_mosquitto_unsubscribe(mosquitto *client, int *, const char *filter)
 {
     if (!is_usable(client)) {
         return MOSQ_ERR_NO_CONN;
+    }
+    if (fails(*client, system_call::UNSUBSCRIBE)) {
+        return MOSQ_ERR_ERRNO;
     }
     send_packet(*client, {.type = mqtt_packet::kind::UNSUBSCRIBE,
                           .message_id = ++client->last_message_id,

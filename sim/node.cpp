@@ -115,6 +115,7 @@ void node::start_daemon()
     }
     started_ = world_.clock().now();
     last_log_.clear();
+    failure_.reset();
     world_.count().daemon_starts++;
     world_.trace(index_, "daemon starts");
     world_.watch().starts(*this);
@@ -272,11 +273,17 @@ void node::misuse(const char *what)
     world_.fail("own-memory-and-descriptors", index_, "%s", what);
 }
 
-void node::failed_on_request()
+int node::failure_of(system_call call)
 {
+    if (!failure_ || failure_->call != call || failure_->skipped-- > 0) {
+        return 0;
+    }
+    const int error = failure_->error;
+    failure_.reset();
     world_.trace(index_, "a call fails, as planned");
     disturb_until(world_.clock().now() + seconds(1));
     world_.watch().excuse(*this, "a call that failed");
+    return error;
 }
 
 void node::published(const mqtt_message &message)

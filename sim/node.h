@@ -8,6 +8,7 @@
 #include "process.h"
 #include "random.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,9 @@ public:
     nanoseconds due(item which) const { return due_[static_cast<size_t>(which)]; }
     void change(item which, nanoseconds within);
     const std::vector<std::string> &last_log() const { return last_log_; }
+    // The daemon's call-th from now of these calls fails with this error, if it lives so long.
+    void fail_next(system_call call, int error, unsigned skipped) { failure_ = {call, error, skipped}; }
+    void fail_none() { failure_.reset(); }
 
     // machine
     timeline &clock() override;
@@ -62,11 +66,11 @@ public:
     const network_interface *find_interface(const char *name) const override;
     int process_id() const override { return static_cast<int>(100 + index_); }
     const std::string *find_file(const char *path) const override;
+    int failure_of(system_call call) override;
     void send(uint32_t address, uint16_t port, const shared_bytes &datagram) override;
     void consume(uint32_t sender, const shared_bytes &datagram) override;
     void log(const char *line) override;
     void misuse(const char *what) override;
-    void failed_on_request() override;
     void ended(int status) override;
     // fire_network::station
     void receive(const datagram &received) override { daemon_.receive(received); }
@@ -91,6 +95,12 @@ private:
     nanoseconds disturbed_until_{};
     seconds wall_offset_{};
     std::array<nanoseconds, ITEMS> due_{};
+    struct failure {
+        system_call call;
+        int error;
+        unsigned skipped;
+    };
+    std::optional<failure> failure_;
     std::vector<std::string> last_log_; // of this life
     std::array<topic_id, TOPIC_ITEMS> item_topics_{};
 };

@@ -18,7 +18,8 @@ namespace sim
 namespace
 {
 
-constexpr size_t RECEIVE_QUEUE = 256; // datagrams that the kernel keeps for a process that doesn't read
+constexpr size_t UNUSED_DESCRIPTORS = 32; // numbers rest a while, so that their use after a close is seen
+constexpr size_t RECEIVE_QUEUE = 256;     // datagrams that the kernel keeps for a process that doesn't read
 
 process *loaded; // whose variables are in the section
 process *active; // whose code runs
@@ -74,10 +75,10 @@ void process::start(std::vector<std::string> options)
     starts_++;
     options_ = std::move(options);
     is_alive_ = true;
+    is_serving_ = false;
     is_signalled_ = false;
     sigterm_handler_ = nullptr;
     random_ = 1;
-    failure_.reset();
     fiber_.prepare(run_program, this);
     run();
 }
@@ -106,9 +107,22 @@ void process::run()
     const bool goes_on = fiber_.enter();
     active = nullptr;
     if (!goes_on || !is_alive_) {
-        const int status = status_;
+        end();
+    }
+}
+
+// The session goes first; what the process leaves behind stays until the host has looked at it.
+void process::end()
+{
+    is_alive_ = false;
+    if (client_ != nullptr) {
+        drop_client(client_);
+        client_ = nullptr;
+    }
+    const uint32_t start = starts_;
+    host_.ended(status_);
+    if (start == starts_) {
         kill();
-        host_.ended(status);
     }
 }
 
@@ -144,6 +158,7 @@ void process::kill()
     }
     memory_.free_all();
     descriptors_.clear();
+    closed_.clear();
     ready_.clear();
     datagrams_.clear();
     socket_ = {};
@@ -191,19 +206,12 @@ void process::break_descriptor(int fd)
     run();
 }
 
-void process::fail_next(system_call call, int error, unsigned skipped)
-{
-    failure_ = {call, error, skipped};
-}
-
 bool process::fails(system_call call)
 {
-    if (!failure_ || failure_->call != call || failure_->skipped-- > 0) {
+    const int error = host_.failure_of(call);
+    if (error == 0) {
         return false;
     }
-    const int error = failure_->error;
-    failure_.reset();
-    host_.failed_on_request();
     errno = error;
     return true;
 }
@@ -233,14 +241,17 @@ size_t process::find_leak()
 
 int process::open(const descriptor &opened)
 {
-    auto free = std::ranges::find(descriptors_, file_kind::CLOSED, &descriptor::kind);
-    if (free == descriptors_.end()) {
-        free = descriptors_.insert(free, descriptor{});
+    if (closed_.size() <= UNUSED_DESCRIPTORS) {
+        descriptors_.push_back(opened);
+        return static_cast<int>(descriptors_.size()) - 1 + FIRST_DESCRIPTOR;
     }
-    const uint32_t armed = free->armed;
-    *free = opened;
-    free->armed = armed + 1;
-    return static_cast<int>(free - descriptors_.begin()) + FIRST_DESCRIPTOR;
+    const int fd = closed_.front();
+    closed_.pop_front();
+    descriptor &reused = descriptors_[static_cast<size_t>(fd - FIRST_DESCRIPTOR)];
+    const uint32_t armed = reused.armed;
+    reused = opened;
+    reused.armed = armed + 1;
+    return fd;
 }
 
 descriptor *process::find(int fd)
@@ -268,6 +279,7 @@ void process::close(int fd)
     file = {};
     file.armed = armed + 1; // what it had planned is obsolete
     std::erase(ready_, fd);
+    closed_.push_back(fd);
 }
 
 void process::arm(int fd, nanoseconds expiry, nanoseconds interval)
@@ -348,6 +360,12 @@ void process::attach_session(int fd, mosquitto *client)
 void process::wait()
 {
     fiber_.leave();
+}
+
+void process::wait_in_event_loop()
+{
+    is_serving_ = true;
+    wait();
 }
 
 void process::wake(uint64_t start)

@@ -12,7 +12,6 @@
 #include <csignal>
 #include <deque>
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,19 +19,6 @@ struct mosquitto;
 
 namespace sim
 {
-
-enum class system_call {
-    READ,
-    CLOCK_GETTIME,
-    TIMERFD_CREATE,
-    TIMERFD_SETTIME,
-    EPOLL_CTL,
-    EPOLL_WAIT,
-    RECVFROM,
-    SENDTO,
-    ALLOCATION,
-    COUNT,
-};
 
 enum class file_kind {
     CLOSED,
@@ -88,6 +74,7 @@ public:
 
     void start(std::vector<std::string> options);
     bool is_alive() const { return is_alive_; }
+    bool is_serving() const { return is_serving_; } // it has come to wait in its event loop
     void send_sigterm();
     void kill(); // ended() is not called
     // A process that gets no processor: what happens meanwhile waits for it.
@@ -97,9 +84,6 @@ public:
     void call(const std::function<void()> &what);
     // epoll reports an error on the descriptor from now on.
     void break_descriptor(int fd);
-    // The call-th from now of these calls fails with this error.
-    void fail_next(system_call call, int error, unsigned skipped);
-    void fail_none() { failure_.reset(); }
 
     // The descriptor of the first is FIRST_DESCRIPTOR.
     const std::vector<descriptor> &descriptors() const { return descriptors_; }
@@ -113,7 +97,7 @@ public:
     // For the system calls and the client library, which run on this process.
     machine &host() { return host_; }
     heap &memory() { return memory_; }
-    bool fails(system_call call);
+    bool fails(system_call call); // with errno set
     int open(const descriptor &opened);
     descriptor *find(int fd); // null, with errno set, when it isn't open
     void close(int fd);
@@ -129,6 +113,7 @@ public:
     void attach_session(int fd, mosquitto *client);
     // Lets the others run until something has happened to this process.
     void wait();
+    void wait_in_event_loop();
     void wait_until(nanoseconds end);
     [[noreturn]] void exit(int status);
     void srand(unsigned seed) { random_ = seed; }
@@ -139,12 +124,14 @@ public:
 
 private:
     static void run_program(void *self);
+    void end();
     void load();
     void wake(uint64_t start);
     void expire(uint64_t fd_and_armed);
 
     machine &host_;
     bool is_alive_ = false;
+    bool is_serving_ = false;
     bool is_frozen_ = false;
     bool is_signalled_ = false;
     uint32_t starts_ = 0;
@@ -156,16 +143,11 @@ private:
     heap memory_;
     fiber fiber_;
     std::vector<descriptor> descriptors_;
+    std::deque<int> closed_; // numbers that have been in use, the oldest first
     std::deque<int> ready_;
     std::deque<datagram> datagrams_;
     socket_settings socket_;
     mosquitto *client_ = nullptr;
-    struct failure {
-        system_call call;
-        int error;
-        unsigned skipped;
-    };
-    std::optional<failure> failure_;
 };
 
 // The messages that wait for a client of the broker; defined with the client library.

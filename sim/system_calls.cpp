@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <net/if.h>
 #include <poll.h>
+#include <sanitizer/asan_interface.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/timerfd.h>
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <span>
 
 using namespace sim;
 
@@ -42,6 +44,16 @@ nanoseconds now()
     return self().host().clock().now();
 }
 
+// What a datagram leaves of the buffer that it is read into: nobody may look at it until the next call.
+std::span<const uint8_t> unused;
+
+void set_unused(std::span<const uint8_t> part)
+{
+    ASAN_UNPOISON_MEMORY_REGION(unused.data(), unused.size());
+    unused = part;
+    ASAN_POISON_MEMORY_REGION(unused.data(), unused.size());
+}
+
 ssize_t read_timer(descriptor &timer, int fd, void *buffer)
 {
     if (timer.expiry > now()) {
@@ -56,6 +68,19 @@ ssize_t read_timer(descriptor &timer, int fd, void *buffer)
     self().arm(fd, next, timer.interval);
     memcpy(buffer, &expiries, sizeof expiries);
     return sizeof expiries;
+}
+
+// Null with errno set when it can't be opened.
+const std::string *find_file(const char *path)
+{
+    if (self().fails(system_call::OPEN)) {
+        return nullptr;
+    }
+    const std::string *const content = self().host().find_file(path);
+    if (content == nullptr) {
+        errno = ENOENT;
+    }
+    return content;
 }
 
 void *allocate(size_t size, allocator from)
@@ -80,7 +105,7 @@ extern "C" {
 
 int __wrap_epoll_create1(int)
 {
-    return self().open({.kind = file_kind::EPOLL});
+    return self().fails(system_call::EPOLL_CREATE1) ? -1 : self().open({.kind = file_kind::EPOLL});
 }
 
 int __wrap_epoll_ctl(int, int operation, int fd, epoll_event *event)
@@ -107,6 +132,7 @@ int __wrap_epoll_ctl(int, int operation, int fd, epoll_event *event)
 
 int __wrap_epoll_wait(int, epoll_event *events, int, int)
 {
+    set_unused({});
     for (;;) {
         if (self().take_signal()) {
             errno = EINTR;
@@ -117,11 +143,13 @@ int __wrap_epoll_wait(int, epoll_event *events, int, int)
             if (self().fails(system_call::EPOLL_WAIT)) {
                 return -1;
             }
-            events->events = self().find(fd)->has_error ? EPOLLIN | EPOLLERR : EPOLLIN;
-            events->data.ptr = self().find(fd)->watch;
+            descriptor &ready = *self().find(fd);
+            ready.has_error = ready.has_error || self().fails(system_call::HANG_UP);
+            events->events = ready.has_error ? EPOLLIN | EPOLLERR : EPOLLIN;
+            events->data.ptr = ready.watch;
             return 1;
         }
-        self().wait();
+        self().wait_in_event_loop();
     }
 }
 
@@ -133,11 +161,12 @@ int __wrap_poll(pollfd *files, nfds_t, int)
 
 int __wrap_close(int fd)
 {
+    set_unused({});
     if (self().find(fd) == nullptr) {
         return -1;
     }
-    self().close(fd);
-    return 0;
+    self().close(fd); // also where it fails, as Linux does
+    return self().fails(system_call::CLOSE) ? -1 : 0;
 }
 
 ssize_t __wrap_read(int fd, void *buffer, size_t size)
@@ -159,22 +188,14 @@ ssize_t __wrap_read(int fd, void *buffer, size_t size)
 
 int __wrap_open(const char *path, int, ...)
 {
-    const std::string *const content = self().host().find_file(path);
-    if (content == nullptr) {
-        errno = ENOENT;
-        return -1;
-    }
-    return self().open({.kind = file_kind::REGULAR, .content = content});
+    const std::string *const content = find_file(path);
+    return content == nullptr ? -1 : self().open({.kind = file_kind::REGULAR, .content = content});
 }
 
 FILE *__wrap_fopen(const char *path, const char *)
 {
-    const std::string *const content = self().host().find_file(path);
-    if (content == nullptr) {
-        errno = ENOENT;
-        return nullptr;
-    }
-    return fmemopen(const_cast<char *>(content->data()), content->size(), "r");
+    const std::string *const content = find_file(path);
+    return content == nullptr ? nullptr : fmemopen(const_cast<char *>(content->data()), content->size(), "r");
 }
 
 int __wrap_timerfd_create(int, int)
@@ -213,6 +234,9 @@ time_t __wrap_time(time_t *)
 int __wrap_nanosleep(const timespec *time, timespec *)
 {
     const nanoseconds end = now() + to_duration(*time);
+    if (self().fails(system_call::NANOSLEEP)) {
+        return -1;
+    }
     while (now() < end) {
         if (self().take_signal()) {
             errno = EINTR;
@@ -225,6 +249,9 @@ int __wrap_nanosleep(const timespec *time, timespec *)
 
 int __wrap_sigaction(int, const struct sigaction *action, struct sigaction *)
 {
+    if (self().fails(system_call::SIGACTION)) {
+        return -1;
+    }
     self().set_sigterm_handler(action->sa_handler);
     return 0;
 }
@@ -276,11 +303,14 @@ void __wrap_srand(unsigned seed)
 
 int __wrap_socket(int, int, int)
 {
-    return self().open({.kind = file_kind::SOCKET});
+    return self().fails(system_call::SOCKET) ? -1 : self().open({.kind = file_kind::SOCKET});
 }
 
 int __wrap_setsockopt(int, int level, int option, const void *value, socklen_t)
 {
+    if (self().fails(system_call::SETSOCKOPT)) {
+        return -1;
+    }
     socket_settings &settings = self().socket();
     if (level == IPPROTO_IP && option != IP_MULTICAST_LOOP) {
         ip_mreqn group;
@@ -305,6 +335,9 @@ int __wrap_setsockopt(int, int level, int option, const void *value, socklen_t)
 
 int __wrap_bind(int fd, const sockaddr *address, socklen_t)
 {
+    if (self().fails(system_call::BIND)) {
+        return -1;
+    }
     sockaddr_in local;
     memcpy(&local, address, sizeof local);
     self().socket().port = ntohs(local.sin_port);
@@ -314,6 +347,9 @@ int __wrap_bind(int fd, const sockaddr *address, socklen_t)
 
 unsigned __wrap_if_nametoindex(const char *name)
 {
+    if (self().fails(system_call::IF_NAMETOINDEX)) {
+        return 0;
+    }
     const network_interface *const found = self().host().find_interface(name);
     if (found == nullptr) {
         errno = ENODEV;
@@ -323,6 +359,9 @@ unsigned __wrap_if_nametoindex(const char *name)
 
 int __wrap_ioctl(int, unsigned long request, ifreq *asked)
 {
+    if (self().fails(system_call::IOCTL)) {
+        return -1;
+    }
     const network_interface *const found = self().host().find_interface(asked->ifr_name);
     if (found == nullptr) {
         errno = ENODEV;
@@ -338,6 +377,7 @@ int __wrap_ioctl(int, unsigned long request, ifreq *asked)
 
 ssize_t __wrap_recvfrom(int, void *buffer, size_t size, int, sockaddr *address, socklen_t *)
 {
+    set_unused({});
     if (self().fails(system_call::RECVFROM)) {
         return -1;
     }
@@ -351,9 +391,11 @@ ssize_t __wrap_recvfrom(int, void *buffer, size_t size, int, sockaddr *address, 
     sender.sin_family = AF_INET;
     sender.sin_addr.s_addr = htonl(received.sender);
     memcpy(address, &sender, sizeof sender);
-    if (!received.bytes.empty()) {
-        memcpy(buffer, received.bytes.data(), std::min(size, received.bytes.size()));
+    const size_t length = std::min(size, received.bytes.size());
+    if (length > 0) {
+        memcpy(buffer, received.bytes.data(), length);
     }
+    set_unused({static_cast<const uint8_t *>(buffer) + length, size - length});
     self().host().consume(received.sender, received.bytes);
     return static_cast<ssize_t>(received.bytes.size());
 }
@@ -395,7 +437,11 @@ void __wrap_free(void *released)
     va_list again;
     va_copy(again, arguments);
     const int length = vsnprintf(nullptr, 0, format, arguments);
-    *text = static_cast<char *>(self().memory().allocate(static_cast<size_t>(length) + 1, allocator::MALLOC));
+    *text = static_cast<char *>(allocate(static_cast<size_t>(length) + 1, allocator::MALLOC));
+    if (*text == nullptr) {
+        va_end(again);
+        return -1;
+    }
     vsnprintf(*text, static_cast<size_t>(length) + 1, format, again);
     va_end(again);
     return length;

@@ -114,7 +114,7 @@ void world::calm(uint64_t is_end)
         return;
     }
     for (const auto &each : nodes_) {
-        each->daemon().fail_none();
+        each->fail_none();
     }
 }
 
