@@ -1,7 +1,6 @@
 """What the tests run inside a node of the lab. Talks in lines, so that the tests see things as they come.
 
-    in_node.py log             takes the node's system log: prints each datagram, after which a line on the
-                               input is echoed, when everything sent before it has been printed
+    in_node.py log             takes the node's system log: prints each datagram
     in_node.py fire            sends and receives datagrams of the panel network: input lines ADDRESS HEX,
                                output lines TIME SOURCE_ADDRESS HEX
     in_node.py burst           sends every HEX of the input to the node's own daemon, as fast as it reads them;
@@ -28,35 +27,19 @@ def say(*words):
 def take_log():
     if os.path.exists("/dev/log"):
         os.unlink("/dev/log")
-    log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
+    log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     log.bind("/dev/log")
     say("ready")
     while True:
-        ready, _, _ = select.select([log, 0], [], [])
-        # The mark must not overtake what was logged before it was given.
-        mark = os.read(0, 4096).decode() if 0 in ready else None
-        try:
-            while True:
-                say(ascii(log.recv(65536).rstrip(b"\0").decode(errors="replace")))
-        except BlockingIOError:
-            pass
-        if mark == "":
-            return
-        if mark:
-            say(mark.rstrip("\n"))
+        say(ascii(log.recv(65536).rstrip(b"\0").decode(errors="replace")))
 
 
-def fire_socket():
+def join_fire():
     fire = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     index = struct.pack("=4s4si", socket.inet_aton(GROUP), bytes(4), socket.if_nametoindex("fire"))
     fire.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, index)
     fire.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, index)
     fire.bind(("", PORT))
-    return fire
-
-
-def join_fire():
-    fire = fire_socket()
     say("ready")
     rest = b""
     while True:
@@ -122,22 +105,12 @@ def cut_text(body):
 
 
 def publish(retain, client):
-    """In one session, which ends when the broker has taken everything."""
-    broker = socket.create_connection(("127.0.0.1", 1885))
+    from paho.mqtt.publish import multiple
 
-    def send(head, body):
-        size = bytes([len(body) % 128 | 128, len(body) // 128]) if len(body) > 127 else bytes([len(body)])
-        broker.sendall(bytes([head]) + size + body)
-
-    send(CONNECT << 4, b"\0\4MQTT\4\2\0\0" + struct.pack(">H", len(client)) + client.encode())
-    for number, line in enumerate(sys.stdin, 1):
-        topic, payload = line.rstrip("\n").split(" ")
-        identifier = struct.pack(">H", number) if client else b""
-        head = PUBLISH << 4 | bool(client) << 1 | int(retain)
-        send(head, struct.pack(">H", len(topic)) + topic.encode() + identifier + bytes.fromhex(payload))
-    send(DISCONNECT << 4, b"")
-    while broker.recv(4096):
-        pass
+    words = (line.rstrip("\n").split(" ") for line in sys.stdin)
+    messages = [(topic, bytes.fromhex(payload), int(bool(client)), retain == "1") for topic, payload in words]
+    if messages:
+        multiple(messages, port=1885, client_id=client)
 
 
 def misbehave(how, argument=None):

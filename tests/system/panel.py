@@ -11,7 +11,6 @@ import subprocess
 import threading
 import time
 from ast import literal_eval
-from concurrent.futures import ThreadPoolExecutor
 from contextlib import contextmanager
 from pathlib import Path
 
@@ -117,6 +116,9 @@ class Daemon(Stream):
         words = Path(f"/proc/{self.inner_pid()}/statm").read_text(encoding="ascii").split()
         return int(words[1]) * os.sysconf("SC_PAGE_SIZE")
 
+    def open_files(self):
+        return len(os.listdir(f"/proc/{self.inner_pid()}/fd"))
+
     def cpu_seconds(self):
         words = Path(f"/proc/{self.inner_pid()}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
         return (int(words[11]) + int(words[12])) / os.sysconf("SC_CLK_TCK")
@@ -155,10 +157,6 @@ class Node:
 
     def await_descriptors(self, count, limit=5):
         wait_until(lambda: self.descriptors() == count, limit, self.descriptors)
-
-    def memory(self):
-        """Resident, in bytes."""
-        return int(self.shell("awk '/VmRSS/ { print $2 }' /proc/$(cat /run/lab/daemon.pid)/status")) * 1024
 
     # --- the broker
 
@@ -208,12 +206,11 @@ class Node:
     def stop_broker(self):
         if self.topics:
             self.topics.__exit__()
-            self.topics = None
-        self.lab.run("broker", "stop", self.number)
+        self.inside.stop("broker")
 
     def start_broker(self):
         """A broker starts empty."""
-        self.lab.run("broker", "start", self.number)
+        self.inside.start_broker()
         self.watch()
 
     def retained(self):
@@ -232,27 +229,20 @@ class Node:
 
     def take_log(self):
         """Takes the system log from the card: items are the texts of the datagrams."""
-        seen = os.environ.get("DIAG_SEEN_MESSAGES")
+        self.log = self.stream("log", parse=literal_eval)
 
-        def parse(line):
-            text = literal_eval(line) if line[0] in "'\"" else line
-            if seen:
-                with open(seen, "a", encoding="utf-8", errors="replace") as lines:
-                    lines.write(text.replace("\n", " ") + "\n")
-            return text
-
-        self.log = self.stream("log", parse=parse)
+    def lines(self, start=0):
+        """The parts of everything logged up to now, of each datagram from start on."""
+        mark = f"mark{next(_numbers)}"
+        self.exec("logger", "-u", "/dev/log", mark)
+        self.log.wait(lambda item: item.endswith(mark))
+        return [line for line in map(LOG_LINE.fullmatch, self.log.items[start:]) if line]
 
     def logged(self, start=0):
-        """Everything logged up to now: (component, source, text) of each datagram from start on."""
-        mark = f"mark{next(_numbers)}"
-        self.log.write(mark)
-        self.log.wait(lambda item: item == mark)
-        lines = (LOG_LINE.fullmatch(item) for item in self.log.items[start:] if not item.startswith("mark"))
-        return [(line["component"], line["source"], line["text"]) for line in lines]
+        return [line.group("component", "source", "text") for line in self.lines(start)]
 
     def texts(self, start=0):
-        return [text for _, _, text in self.logged(start)]
+        return [line["text"] for line in self.lines(start)]
 
     # --- the panel network
 
@@ -376,16 +366,12 @@ class Lab:
 
     def silence_cards(self, brokers=True):
         """Leaves nodes with empty brokers, or none, and facts and log to the test."""
-
-        def silence(node):
-            self.run("card", "stop", node.number)
+        for node in self.nodes.values():
+            node.inside.stop("card")
             node.stop_broker()
             node.take_log()
             if brokers:
                 node.start_broker()
-
-        with ThreadPoolExecutor() as pool:
-            list(pool.map(silence, self.nodes.values()))
         return self
 
     def down(self):

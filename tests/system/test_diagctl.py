@@ -15,7 +15,7 @@ SUCCESS, FAILURE, USAGE, NO_BROKER = range(4)
 MANUAL = (HERE.parent.parent / "packaging" / "man" / "diagctl.1.scd").read_text(encoding="ascii")
 BUSY = 30  # seconds that a busy machine may take
 
-pytestmark = pytest.mark.limit(150)
+pytestmark = pytest.mark.timeout(150)
 
 # As the daemon publishes them, big-endian.
 STATS = struct.Struct(">2Q11I1IH")

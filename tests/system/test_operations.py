@@ -150,7 +150,7 @@ def test_bridge_or_access_list_loses_topics_or_repeats_commands(panel):
         assert not [line for line in card.broker.items if "Denied PUBLISH" in line]
 
 
-@pytest.mark.limit(90)
+@pytest.mark.timeout(90)
 @pytest.mark.parametrize("limits", ["packaged", "stock"])
 def test_bridge_loses_values_at_its_first_connection_or_when_the_site_hangs_or_dies(panel, limits):
     card, site = panel

@@ -50,7 +50,7 @@ def test_unit_is_exposed():
     assert exposure <= MOST_EXPOSED, report
 
 
-@pytest.mark.limit(90)
+@pytest.mark.timeout(90)
 def test_confined_daemon_fails(make_lab):
     lab = make_lab(2, "star")
     node, other = lab[1], lab[2]
