@@ -434,15 +434,15 @@ int remote_subscribe(const char *topic, uint32_t client_id, uint16_t period, req
                      void *arg)
 {
     uint8_t fields[SUBSCRIBE_FILTER - REQUEST_ID_SIZE];
-    store_be(fields + REQUEST_CLIENT_ID - REQUEST_ID_SIZE, client_id);
-    store_be(fields + SUBSCRIBE_PERIOD - REQUEST_ID_SIZE, period);
+    store_be(fields + (REQUEST_CLIENT_ID - REQUEST_ID_SIZE), client_id);
+    store_be(fields + (SUBSCRIBE_PERIOD - REQUEST_ID_SIZE), period);
     return request_for_filter(PACKET_SUBSCRIBE, fields, topic, callback, arg);
 }
 
 int remote_unsubscribe(const char *topic, uint32_t client_id, request_result_cb callback, void *arg)
 {
     uint8_t fields[UNSUBSCRIBE_FILTER - REQUEST_ID_SIZE];
-    store_be(fields + REQUEST_CLIENT_ID - REQUEST_ID_SIZE, client_id);
+    store_be(fields + (REQUEST_CLIENT_ID - REQUEST_ID_SIZE), client_id);
     return request_for_filter(PACKET_UNSUBSCRIBE, fields, topic, callback, arg);
 }
 
