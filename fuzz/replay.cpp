@@ -1,5 +1,6 @@
-// Feeds the files of a directory, or single files, to a fuzzer's entry point.
-#include <cstdint>
+// Plays files, or those of directories, each to a daemon of its own: replay FUZZER FILE...
+#include "steps.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -7,12 +8,10 @@
 #include <iterator>
 #include <vector>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
-
 namespace
 {
 
-unsigned replay(const std::filesystem::path &path)
+unsigned replay(const char *fuzzer, const std::filesystem::path &path)
 {
     std::ifstream file(path, std::ios::binary);
     const std::vector<char> input{std::istreambuf_iterator<char>(file), {}};
@@ -21,7 +20,11 @@ unsigned replay(const std::filesystem::path &path)
         exit(EXIT_FAILURE);
     }
     fprintf(stderr, "%s\n", path.c_str()); // the last one named is the one that fails
-    LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(input.data()), input.size());
+    fuzz::subject daemon;
+    daemon.start();
+    fuzz::play(daemon, {reinterpret_cast<const uint8_t *>(input.data()), input.size()},
+               fuzz::steps_of(fuzzer));
+    daemon.finish();
     return 1;
 }
 
@@ -30,13 +33,13 @@ unsigned replay(const std::filesystem::path &path)
 int main(int argc, char **argv)
 {
     unsigned inputs = 0;
-    for (int i = 1; i < argc; i++) {
+    for (int i = 2; i < argc; i++) {
         if (!std::filesystem::is_directory(argv[i])) {
-            inputs += replay(argv[i]);
+            inputs += replay(argv[1], argv[i]);
             continue;
         }
         for (const auto &entry : std::filesystem::directory_iterator(argv[i])) {
-            inputs += replay(entry.path());
+            inputs += replay(argv[1], entry.path());
         }
     }
     fprintf(stderr, "%u inputs\n", inputs);

@@ -1,7 +1,7 @@
 #include "steps.h"
 
 #include "common/bytes.h"
-#include "common/netif.h"
+#include "common/text.h"
 #include "packet.h"
 #include "topics.h"
 
@@ -17,7 +17,8 @@ namespace fuzz
 namespace
 {
 
-constexpr int MAX_RUN_SECONDS = 16; // more would cost more than it finds
+constexpr uint32_t NETWORK = 0x0A000000; // 10.0.0.0
+constexpr int MAX_RUN_SECONDS = 16;      // more would cost more than it finds
 constexpr const char *PORTS[] = {"A", "B", "C", "D", "E", "F", "G", "H", "CPU", "I"};
 
 // Topics of facts; the port, the ring or the node stands between the two parts.
@@ -35,31 +36,26 @@ constexpr struct {
     {PORT_PREFIX, part::PORT, FACT_STATUS},
     {RING_PREFIX, part::RING, RING_SUFFIX},
     {FIRE_IP_PREFIX, part::NODE, FIRE_IP_SUFFIX},
-    {OWN_TOPICS, part::NONE, NODE_JOB_REV},
-    {OWN_TOPICS, part::NONE, NODE_JOB_NAME},
-    {OWN_TOPICS, part::NONE, NODE_DOWNLOAD_STATUS},
-    {OWN_TOPICS, part::NONE, NODE_CF_FREE_SPACE},
-    {OWN_TOPICS, part::NONE, NODE_M301},
-    {OWN_TOPICS, part::NONE, NODE_M702},
-    {OWN_TOPICS, part::NONE, NODE_COMM_LOSS},
-    {OWN_TOPICS, part::NONE, NODE_DOWNLOAD_PENDING},
-    {OWN_TOPICS, part::NONE, NODE_REPEATER},
+    {subject::OWN_TOPICS, part::NONE, NODE_JOB_REV},
+    {subject::OWN_TOPICS, part::NONE, NODE_JOB_NAME},
+    {subject::OWN_TOPICS, part::NONE, NODE_DOWNLOAD_STATUS},
+    {subject::OWN_TOPICS, part::NONE, NODE_CF_FREE_SPACE},
+    {subject::OWN_TOPICS, part::NONE, NODE_M301},
+    {subject::OWN_TOPICS, part::NONE, NODE_M702},
+    {subject::OWN_TOPICS, part::NONE, NODE_COMM_LOSS},
+    {subject::OWN_TOPICS, part::NONE, NODE_DOWNLOAD_PENDING},
+    {subject::OWN_TOPICS, part::NONE, NODE_REPEATER},
 };
 
-using mac_address = std::array<uint8_t, MAC_SIZE>;
-
-mac_address mac_of(uint8_t node)
+sim::mac_address mac_of(uint8_t node)
 {
-    mac_address mac = {0x06, 0, 0, 0, 0, node};
-    if (node == 0) {
-        std::copy(std::begin(LOCAL_MAC), std::end(LOCAL_MAC), mac.begin());
-    }
-    return mac;
+    return node == 0 ? subject::MAC : sim::mac_address{0x06, 0, 0, 0, 0, node};
 }
 
 std::string mac_text(uint8_t node)
 {
-    return mac_addr_to_str(mac_of(node).data());
+    const sim::mac_address mac = mac_of(node);
+    return topic_text("%02X-%02X-%02X-%02X-%02X-%02X", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]).text;
 }
 
 std::string fact_topic(uint8_t topic, uint8_t which)
@@ -114,76 +110,94 @@ private:
     bytes rest;
 };
 
-void receive_packet(input_reader &input)
+class player
 {
-    const uint8_t sender = input.take_byte();
-    const uint8_t type = input.take_byte();
-    const mac_address mac = mac_of(input.take_byte());
-    const bytes payload = input.take(input.take_u16());
-    std::vector<uint8_t> datagram(HEADER_SIZE);
-    packet_write_header(datagram.data(), static_cast<packet_type>(type), mac.data(), payload.size());
-    datagram.insert(datagram.end(), payload.begin(), payload.end());
-    receive_datagram(sender, datagram);
-}
+public:
+    player(subject &daemon, bytes input) : daemon_(daemon), input_(input) {}
+    void play(const step_table &kinds)
+    {
+        while (!input_.is_at_end() && daemon_.daemon().is_alive()) {
+            take_step(kinds[input_.take_byte() % kinds.size()]);
+        }
+    }
 
-void request(std::string text)
-{
-    if (text.ends_with('%')) {
-        text.replace(text.size() - 1, 1, right_response());
+private:
+    void take_step(step kind)
+    {
+        switch (kind) {
+        case step::DATAGRAM: {
+            const uint8_t sender = input_.take_byte();
+            receive(sender, input_.take(input_.take_u16()));
+            break;
+        }
+        case step::PACKET:
+            receive_packet();
+            break;
+        case step::RUN:
+            daemon_.run_for(sim::seconds(input_.take_byte() % MAX_RUN_SECONDS));
+            break;
+        case step::STALL:
+            daemon_.stall_for(sim::seconds(input_.take_u16()));
+            break;
+        case step::FACT: {
+            const uint8_t topic = input_.take_byte();
+            publish(fact_topic(topic, input_.take_byte()));
+            break;
+        }
+        case step::OWN_TOPIC:
+            publish(subject::OWN_TOPICS + input_.take_text(input_.take_byte()));
+            break;
+        case step::TOPIC:
+            publish(input_.take_text(input_.take_byte()));
+            break;
+        case step::COMMAND:
+            request(input_.take_text(input_.take_u16()));
+            break;
+        }
     }
-    publish(REQUEST_TOPIC, {reinterpret_cast<const uint8_t *>(text.data()), text.size()});
-}
 
-void take_step(input_reader &input, step kind)
-{
-    switch (kind) {
-    case step::DATAGRAM: {
-        const uint8_t sender = input.take_byte();
-        const bytes taken = input.take(input.take_u16());
-        const std::vector<uint8_t> exact(taken.begin(), taken.end());
-        receive_datagram(sender, exact);
-        break;
+    void receive(uint8_t sender, bytes datagram) { daemon_.receive(NETWORK + sender, datagram); }
+
+    void receive_packet()
+    {
+        const uint8_t sender = input_.take_byte();
+        const uint8_t type = input_.take_byte();
+        const sim::mac_address mac = mac_of(input_.take_byte());
+        const bytes payload = input_.take(input_.take_u16());
+        std::vector<uint8_t> datagram(HEADER_SIZE);
+        packet_write_header(datagram.data(), static_cast<packet_type>(type), mac.data(), payload.size());
+        datagram.insert(datagram.end(), payload.begin(), payload.end());
+        receive(sender, datagram);
     }
-    case step::PACKET:
-        receive_packet(input);
-        break;
-    case step::RUN:
-        run_for(seconds(input.take_byte() % MAX_RUN_SECONDS));
-        break;
-    case step::STALL:
-        stall_for(seconds(input.take_u16()));
-        break;
-    case step::FACT: {
-        const uint8_t topic = input.take_byte();
-        const std::string text = fact_topic(topic, input.take_byte());
-        publish(text, input.take(input.take_u16()));
-        break;
+
+    void publish(const std::string &topic) { daemon_.publish(topic, input_.take(input_.take_u16()), true); }
+
+    void request(std::string text)
+    {
+        if (text.ends_with('%')) {
+            text.replace(text.size() - 1, 1, daemon_.right_response());
+        }
+        daemon_.publish(REQUEST_TOPIC, {reinterpret_cast<const uint8_t *>(text.data()), text.size()}, false);
     }
-    case step::OWN_TOPIC: {
-        const std::string topic = OWN_TOPICS + input.take_text(input.take_byte());
-        publish(topic, input.take(input.take_u16()));
-        break;
-    }
-    case step::TOPIC: {
-        const std::string topic = input.take_text(input.take_byte());
-        publish(topic, input.take(input.take_u16()));
-        break;
-    }
-    case step::COMMAND:
-        request(input.take_text(input.take_u16()));
-        break;
-    }
-}
+
+    subject &daemon_;
+    input_reader input_;
+};
 
 } // namespace
 
-void run_input(bytes input, std::span<const step> kinds)
+const step_table &steps_of(std::string_view fuzzer)
 {
-    start_node();
-    for (input_reader reader(input); !reader.is_at_end();) {
-        take_step(reader, kinds[reader.take_byte() % kinds.size()]);
-    }
-    end_node();
+    using enum step;
+    static constexpr step_table RECEIVE = {DATAGRAM, PACKET, RUN, STALL, FACT, PACKET, OWN_TOPIC, COMMAND};
+    static constexpr step_table LOCAL = {FACT, OWN_TOPIC, TOPIC, RUN, STALL, PACKET, COMMAND, FACT};
+    static constexpr step_table REQUEST = {COMMAND, COMMAND, PACKET, RUN, STALL, FACT, COMMAND, PACKET};
+    return fuzzer == "receive" ? RECEIVE : fuzzer == "local" ? LOCAL : REQUEST;
+}
+
+void play(subject &daemon, bytes input, const step_table &kinds)
+{
+    player(daemon, input).play(kinds);
 }
 
 } // namespace fuzz

@@ -13,14 +13,20 @@
 // Lengths and values are big-endian; what is missing at the end counts as zero or empty. Node 0 is the node itself.
 #pragma once
 
-#include "node.h"
+#include "subject.h"
 
 namespace fuzz
 {
 
-enum class step { DATAGRAM, PACKET, RUN, STALL, FACT, OWN_TOPIC, TOPIC, COMMAND };
+using bytes = std::span<const uint8_t>;
 
-// Takes a node from its start through the steps to its end.
-void run_input(bytes input, std::span<const step> kinds);
+enum class step { DATAGRAM, PACKET, RUN, STALL, FACT, OWN_TOPIC, TOPIC, COMMAND };
+using step_table = std::array<step, 8>;
+
+// The table of the fuzzer "receive", "local" or "request".
+const step_table &steps_of(std::string_view fuzzer);
+
+// Takes a started daemon through the steps.
+void play(subject &daemon, bytes input, const step_table &kinds);
 
 } // namespace fuzz

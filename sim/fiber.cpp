@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 
 #include <new>
+#include <vector>
 
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/asan_interface.h>
@@ -18,32 +19,44 @@ namespace
 {
 
 #ifdef __SANITIZE_ADDRESS__
-constexpr size_t STACK_SIZE = 512 * 1024;
+constexpr size_t STACK_SIZE = 256 * 1024;
 #else
 constexpr size_t STACK_SIZE = 128 * 1024;
 #endif
 constexpr size_t GUARD_SIZE = 4096;
 
 fiber *beginning; // makecontext hands over no pointers
+std::vector<void *> unused_stacks;
+
+void *take_stack()
+{
+    if (!unused_stacks.empty()) {
+        void *const taken = unused_stacks.back();
+        unused_stacks.pop_back();
+        return taken;
+    }
+    void *const made = mmap(nullptr, STACK_SIZE + GUARD_SIZE, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+    if (made == MAP_FAILED) {
+        throw std::bad_alloc();
+    }
+    mprotect(made, GUARD_SIZE, PROT_NONE);
+    return made;
+}
 
 } // namespace
 
 fiber::~fiber()
 {
     if (stack_ != nullptr) {
-        munmap(stack_, STACK_SIZE + GUARD_SIZE);
+        unused_stacks.push_back(stack_);
     }
 }
 
 void fiber::prepare(void (*program)(void *argument), void *argument)
 {
     if (stack_ == nullptr) {
-        stack_ = mmap(nullptr, STACK_SIZE + GUARD_SIZE, PROT_READ | PROT_WRITE,
-                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
-        if (stack_ == MAP_FAILED) {
-            throw std::bad_alloc();
-        }
-        mprotect(stack_, GUARD_SIZE, PROT_NONE);
+        stack_ = take_stack();
     }
 #ifdef __SANITIZE_ADDRESS__
     __asan_unpoison_memory_region(static_cast<char *>(stack_) + GUARD_SIZE, STACK_SIZE);

@@ -35,8 +35,8 @@ private:
     bool is_over_ = true;
     ucontext_t own_context_{};
     ucontext_t caller_context_{};
-    jmp_buf own_registers_{};
-    jmp_buf caller_registers_{};
+    [[maybe_unused]] jmp_buf own_registers_{};
+    [[maybe_unused]] jmp_buf caller_registers_{};
     void *own_fake_stack_ = nullptr; // of the address sanitizer, as are these
     const void *caller_stack_ = nullptr;
     size_t caller_stack_size_ = 0;

@@ -107,19 +107,24 @@ size_t heap::find_leak(std::span<const uint64_t> variables) const
         blocks.push_back(each);
     }
     std::sort(blocks.begin(), blocks.end());
+    if (blocks.empty()) {
+        return 0;
+    }
+    const uintptr_t first = blocks.front()->start();
+    const uintptr_t last = blocks.back()->start() + blocks.back()->size;
     std::vector<bool> is_held(blocks.size());
     std::vector<std::span<const uint64_t>> unread = {variables};
     while (!unread.empty()) {
         const std::span<const uint64_t> words = unread.back();
         unread.pop_back();
         for (const uint64_t word : words) {
+            if (word < first || word > last) {
+                continue;
+            }
             // The last block that starts at or before the address.
             const auto after =
                 std::upper_bound(blocks.begin(), blocks.end(), word,
                                  [](uint64_t address, const block *each) { return address < each->start(); });
-            if (after == blocks.begin()) {
-                continue;
-            }
             const block *const found = *(after - 1);
             const auto index = static_cast<size_t>(after - 1 - blocks.begin());
             if (word - found->start() < std::max(found->size, size_t{1}) && !is_held[index]) {

@@ -15,6 +15,8 @@ namespace sim
 class lone_card : public machine, protected mqtt_broker::observer
 {
 public:
+    static constexpr mac_address MAC = {0x00, 0x1A, 0x2B, 0x3C, 0x4D, 0x5E};
+
     lone_card();
     ~lone_card() { daemon_.kill(); }
 
@@ -52,7 +54,7 @@ protected:
 private:
     timeline clock_;
     topic_table topics_;
-    network_interface interface_ = {1, true, {0x00, 0x1A, 0x2B, 0x3C, 0x4D, 0x5E}};
+    network_interface interface_ = {1, true, MAC};
     mqtt_broker broker_;
     process daemon_;
     bool is_ready_ = false;
