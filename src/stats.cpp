@@ -7,7 +7,6 @@
 #include "common/record_list.h"
 #include "common/text.h"
 #include "common/unique_fd.h"
-#include "event.h"
 #include "hwinfo/hwinfo.h"
 #include "records.h"
 #include "summary.h"
@@ -18,7 +17,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -35,6 +33,8 @@ constexpr timer_names PM = {"PM", "PM timer"};
 constexpr time_t FIRST_TICK_SECONDS = 30;
 constexpr int PM_PERIOD_MINUTES = 15;
 constexpr time_t PM_PERIOD_SECONDS = 900;
+constexpr int BOUNDARY_SECONDS = 30; // a tick that is nearer to a boundary is on it
+constexpr int MINUTE_SECONDS = 60;
 constexpr time_t UNKNOWN_TIME = -1; // in tv_sec
 constexpr long HALF_SECOND_NS = 500'000'000;
 
@@ -187,19 +187,16 @@ uint32_t get_error_ratio(const port_record &record)
     return ratio < 4294967296.0F ? static_cast<uint32_t>(ratio) : UINT32_MAX;
 }
 
-// The record of the running period, as it would be closed now but for its time.
-void fill_pmstats(const port_record &record, pm_record &pm)
+// Fills a record but for its time; count gives what a differenced field has counted.
+template <typename Count>
+void fill_record(const port_record &record, pm_record &pm, Count count)
 {
     for (const pm_field &field : PM_FIELDS) {
         uint64_t value = 0;
         switch (field.treatment) {
-        case pm_treatment::DIFFERENCED_ON_DSL:
-            if (record.media != LUM_TYPE_DSL) {
-                break;
-            }
-            [[fallthrough]];
         case pm_treatment::DIFFERENCED:
-            value = get_difference(*field.source, record.current, record.period_baseline);
+        case pm_treatment::DIFFERENCED_ON_DSL:
+            value = count(field);
             break;
         case pm_treatment::PASSED:
             value = load_host(record.current.data() + field.source->offset, field.source->width);
@@ -211,26 +208,25 @@ void fill_pmstats(const port_record &record, pm_record &pm)
     }
 }
 
-// The record of a day but for its time: all stored periods, whatever their age.
+// The running period, as it would be closed now.
+void fill_pmstats(const port_record &record, pm_record &pm)
+{
+    fill_record(record, pm, [&](const pm_field &field) {
+        const bool is_counted = field.treatment == pm_treatment::DIFFERENCED || record.media == LUM_TYPE_DSL;
+        return is_counted ? get_difference(*field.source, record.current, record.period_baseline) : 0;
+    });
+}
+
+// A day: all stored periods, whatever their age.
 void fill_day(const port_record &record, pm_record &day)
 {
-    for (const pm_field &field : PM_FIELDS) {
-        uint64_t value = 0;
-        switch (field.treatment) {
-        case pm_treatment::DIFFERENCED:
-        case pm_treatment::DIFFERENCED_ON_DSL:
-            for (const pm_record &period : record.periods) {
-                value += load_host(period.data() + field.offset, field.width);
-            }
-            break;
-        case pm_treatment::PASSED:
-            value = load_host(record.current.data() + field.source->offset, field.source->width);
-            break;
-        case pm_treatment::CLOSING_TIME:
-            break;
+    fill_record(record, day, [&](const pm_field &field) {
+        uint64_t sum = 0;
+        for (const pm_record &period : record.periods) {
+            sum += load_host(period.data() + field.offset, field.width);
         }
-        store_host(day.data() + field.offset, field.width, value);
-    }
+        return sum;
+    });
 }
 
 // Clients read 64 bits; a clock of 32, as some processors' is unless the build asks for more, ends in 2038.
@@ -347,6 +343,7 @@ int unpublish_port(int port)
 // Down time
 //
 
+// get_time with the text that operators know of this module.
 int get_current_time(timespec &now)
 {
     if (clock_gettime(CLOCK_MONOTONIC, &now) == -1) {
@@ -692,20 +689,20 @@ itimerspec once_after(time_t seconds)
 
 // Where a tick lies among the quarter hours of the wall clock.
 struct pm_tick {
-    bool on_boundary; // less than 30 s from one
-    time_t next;      // seconds to the next boundary, beyond the one that the tick is on
+    bool on_boundary;
+    time_t next; // seconds to the next boundary, beyond the one that the tick is on
 };
 
 pm_tick place_tick(int minute, int second)
 {
-    if (minute % PM_PERIOD_MINUTES == 0 && second <= 29) {
+    if (minute % PM_PERIOD_MINUTES == 0 && second < BOUNDARY_SECONDS) {
         return {true, PM_PERIOD_SECONDS - second};
     }
-    if ((minute + 1) % PM_PERIOD_MINUTES == 0 && second >= 31) {
-        return {true, PM_PERIOD_SECONDS + 60 - second};
+    if ((minute + 1) % PM_PERIOD_MINUTES == 0 && second > MINUTE_SECONDS - BOUNDARY_SECONDS) {
+        return {true, PM_PERIOD_SECONDS + MINUTE_SECONDS - second};
     }
     const int minutes_left = PM_PERIOD_MINUTES - minute % PM_PERIOD_MINUTES;
-    return {false, time_t{minutes_left} * 60 - second};
+    return {false, time_t{minutes_left} * MINUTE_SECONDS - second};
 }
 
 // Closes what ends now; next_out is the time to the next tick.

@@ -6,7 +6,7 @@
 //     local/diag/port/<PORT>/{media,link_down,grnd,stats,status}
 //                                                    their facts; the layouts of stats and status, and of the
 //                                                    records published, are in records.h
-//     pub/diag/<MAC>/<PORT>/stats                    published with every message on .../stats
+//     pub/diag/<MAC>/<PORT>/stats                    published with every message on .../stats and by a reset
 //     pub/diag/<MAC>/<PORT>/pm/...                   published as periods and days are closed
 //
 // Link, ground fault, media, type and status go to the summary module. Functions return 0, or -1 after
