@@ -1,5 +1,5 @@
 // The packets that nodes exchange on the fire network: UDP over IPv4, port 50004, multicast group
-// 224.22.33.44. Declared once for the daemon and for what links no module of it.
+// 224.22.33.44. Declared once for the daemon and for programs that link no module of it.
 //
 // Every packet starts with
 //
@@ -75,17 +75,17 @@ constexpr size_t DOWNLOAD_VALUE = 4;
 // Writes the header of a packet, HEADER_SIZE bytes; the payload follows it directly.
 void packet_write_header(uint8_t *header, packet_type type, const uint8_t *source_mac, size_t payload_length);
 
-// A received packet that has passed its checks.
+// A received packet that has passed its checks. MAC address and payload stand in the buffer that was parsed.
 struct packet {
-    uint8_t type;
+    uint8_t type; // a packet_type
     const uint8_t *source_mac;
     std::span<const uint8_t> payload;
     in_addr sender;
 };
 
-// Checks a datagram of true size size, of which buffer holds the first MAX_PACKET_SIZE bytes at most, and
-// fills packet_out but for its sender. False, after logging what is wrong, when it is to be dropped.
-bool packet_parse(const uint8_t *buffer, size_t size, packet &packet_out);
+// Whether a datagram is to be handled: then packet_out is filled but for its sender, else what is wrong is
+// logged. size is the datagram's own, also where buffer holds only its first MAX_PACKET_SIZE bytes.
+[[nodiscard]] bool packet_parse(const uint8_t *buffer, size_t size, packet &packet_out);
 
 // Whether a table has the row of each type in the order of the types.
 template <typename Row>

@@ -157,7 +157,7 @@ int get_next_rcline(char **key, char **value)
     free(state.rc_line);
     state.rc_line = nullptr;
     state.rc_line_capacity = 0;
-    (void)fclose(state.rc_file);
+    static_cast<void>(fclose(state.rc_file));
     state.rc_file = nullptr;
     return -1;
 }

@@ -30,7 +30,7 @@ void lumlog_init(int level);
 
 // The next usable line of the rc file, split at its dots: 0 with key and value set, pointing into a buffer
 // that lives until the next call; -1 when there is no file or no line left, the file being closed then.
-int get_next_rcline(char **key, char **value);
+[[nodiscard]] int get_next_rcline(char **key, char **value);
 
 // Logs an error of the daemon, or of another component of this program. Each source file names itself in a
 // constant log_source.

@@ -14,7 +14,7 @@
 namespace
 {
 
-constexpr timespec POLL_INTERVAL = {0, 50000000};
+constexpr timespec POLL_INTERVAL = {.tv_sec = 0, .tv_nsec = 50'000'000};
 
 char mac_text[MAC_STR_SIZE];
 
@@ -25,7 +25,7 @@ int now_ms(int64_t &ms_out)
     if (clock_gettime(CLOCK_MONOTONIC, &now) == -1) {
         return -1;
     }
-    ms_out = int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+    ms_out = int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
     return 0;
 }
 
@@ -77,7 +77,7 @@ const char *mac_addr_to_str(const uint8_t *mac)
     if (mac == nullptr) {
         return nullptr;
     }
-    (void)snprintf(mac_text, sizeof mac_text, "%02X-%02X-%02X-%02X-%02X-%02X", mac[0], mac[1], mac[2], mac[3],
-                   mac[4], mac[5]);
+    snprintf(mac_text, sizeof mac_text, "%02X-%02X-%02X-%02X-%02X-%02X", mac[0], mac[1], mac[2], mac[3],
+             mac[4], mac[5]);
     return mac_text;
 }

@@ -1,4 +1,5 @@
-// Text received from outside: MQTT payloads are not NUL-terminated and may hold anything.
+// Text: formatted in place, received from outside (MQTT payloads are not NUL-terminated and may hold
+// anything), copied.
 #pragma once
 
 #include <cstdarg>
@@ -20,7 +21,7 @@ struct formatted_text {
     }
     char text[SIZE];
 };
-using topic_text = formatted_text<64>;
+using topic_text = formatted_text<64>; // has room for each one of topics.h
 
 // The payload as text: up to its first NUL, or whole. A null payload is the empty text.
 std::string_view payload_text(const void *payload, int length);

@@ -16,7 +16,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <span>
 
 namespace
@@ -375,9 +374,9 @@ port_name::port_name(int port)
 {
     const char *const name = hwinfo_lumport_enum_to_str_bigcap(port);
     if (name != nullptr) {
-        (void)snprintf(text, sizeof text, "%s", name);
+        snprintf(text, sizeof text, "%s", name);
     } else {
-        (void)snprintf(text, sizeof text, "%d", port);
+        snprintf(text, sizeof text, "%d", port);
     }
 }
 
@@ -391,7 +390,7 @@ int hwinfo_get_local_mac_addr(uint8_t *mac_out)
         return log_component_failure(LUMLOG_HWINFO, "couldn't create socket (errno %d)", errno);
     }
     ifreq request{};
-    (void)snprintf(request.ifr_name, sizeof request.ifr_name, "eth0");
+    snprintf(request.ifr_name, sizeof request.ifr_name, "eth0");
     if (ioctl(sock.get(), SIOCGIFHWADDR, &request) == -1) {
         return log_component_failure(LUMLOG_HWINFO, "couldn't get MAC address (errno %d)", errno);
     }
