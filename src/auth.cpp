@@ -23,10 +23,10 @@ constexpr int MAX_WORDS = 10;
 constexpr int MAX_FAILURES = 3; // from this many in a row on each renews the challenge
 
 // Deployment data, made from the file that the build option DIAG_SECRETS_FILE names.
-constexpr const char *SECRETS[] = {
+constexpr const char *secrets[] = {
 #include "secrets.inc"
 };
-static_assert(std::size(SECRETS) == 127);
+static_assert(std::size(secrets) == 127);
 
 uint8_t secret_md5sum[MD5_DIGEST_SIZE]; // the response to the challenge in force
 unsigned num_failures;                  // since the last right response
@@ -41,8 +41,8 @@ int update_secret()
     char text[CHALLENGE_SIZE] = "1;";
     size_t length = strlen(text);
     for (int i = 0; i < count; i++) {
-        const int index = rand() % static_cast<int>(std::size(SECRETS));
-        MD5_Update(&md5, SECRETS[index], strlen(SECRETS[index]));
+        const int index = rand() % static_cast<int>(std::size(secrets));
+        MD5_Update(&md5, secrets[index], strlen(secrets[index]));
         length += static_cast<size_t>(snprintf(text + length, sizeof text - length, "%d ", index));
         // The last blank, which is taken away below, may be cut off.
         if (length > sizeof text) {

@@ -90,9 +90,10 @@ bool has_removed_subscriptions;
 record_list<publication> pending_publish;
 publication *publications_by_id; // the same by the mid of their last sending
 record_list<subscription> subscriptions;
-// A message finds the one whose filter is its topic here, so that a port costs the others' messages nothing ...
+// Here a message finds the one whose filter is its topic, so that the many of one port cost other messages
+// nothing ...
 subscription *subscriptions_by_filter;
-// ... and asks these one by one, newest first: those with wildcards, and whatever repeats a filter.
+// ... and these it asks one by one, newest first: those with wildcards, and whatever repeats a filter.
 subscription *asked_subscriptions;
 uint64_t num_subscriptions; // ever made
 
@@ -341,7 +342,7 @@ namespace
 // Dispatch
 //
 
-// Whether the subscription is to hear of the topic; -1 after logging why when the library can't tell.
+// Whether the filter matches the topic. That the library can't tell ends the daemon: -1.
 int ask(const subscription &record, const char *topic, bool &matches_out)
 {
     if (mosquitto_topic_matches_sub(record.filter.get(), topic, &matches_out) != MOSQ_ERR_SUCCESS) {

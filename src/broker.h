@@ -8,8 +8,8 @@
 #include <cstddef>
 
 // A message that matches a subscription. topic and payload are valid only during the call; the payload is not
-// terminated, and length 0 is the removal of a retained value. The callback may subscribe and unsubscribe
-// anything.
+// terminated, and length 0 is the removal of a retained value. arg is what broker_subscribe was given. The
+// callback may subscribe and unsubscribe anything.
 using broker_callback = void (*)(const char *topic, const void *payload, int length, void *arg);
 
 // Connects and waits for the broker's answer, 5 s at most once the TCP connection stands; while nobody
@@ -31,5 +31,5 @@ using broker_callback = void (*)(const char *topic, const void *payload, int len
 // repeat: each record is called, the newest first.
 [[nodiscard]] int broker_subscribe(const char *filter, broker_callback callback, void *arg);
 
-// Forgets every subscription of exactly this filter and tells the broker.
+// Forgets every subscription of exactly this filter, be it none, and tells the broker.
 [[nodiscard]] int broker_unsubscribe(const char *filter);

@@ -6,7 +6,6 @@
 #include "common/netif.h"
 #include "common/text.h"
 #include "common/unique_fd.h"
-#include "event.h"
 #include "hwinfo/hwinfo.h"
 #include "remote.h"
 #include "stats.h"
@@ -15,6 +14,7 @@
 #include "topics.h"
 #include "utils.h"
 
+// An index that finds no memory ends the process at once, as is uthash's way.
 #include <uthash.h>
 
 #include <cctype>
@@ -41,7 +41,7 @@ constexpr uint16_t DEFAULT_PERIOD = 10; // of a subscription, in seconds
 constexpr unsigned long MAX_PERIOD = 65535;
 constexpr uint32_t MAX_TARGETS = 99;
 constexpr uint32_t MAX_NODE_NUMBER = 255;
-constexpr size_t FAILED_NODES_SIZE = 410; // room for that many targets
+constexpr size_t FAILED_NODES_SIZE = 410; // for MAX_TARGETS numbers
 
 struct command_record;
 using command_ptr = std::unique_ptr<command_record>;
@@ -62,7 +62,7 @@ struct target_entry {
 struct command_record {
     uint32_t cid;
     uint32_t tid;
-    command_handler handler;
+    command_handler handler; // tells unitarget_cb what was requested
     // Requests to other nodes hold the addresses of the entries: the array never moves.
     std::unique_ptr<target_entry[]> targets; // null unless the command names nodes
     uint32_t target_count;
@@ -222,7 +222,9 @@ void unitarget_cb(int acknowledged, void *arg)
 
 int send_keepalives()
 {
-    for (const client *each = clients; each != nullptr; each = static_cast<const client *>(each->hh.next)) {
+    const client *each;
+    const client *next;
+    HASH_ITER (hh, clients, each, next) {
         if (remote_send_client_keepalive(each->cid) == -1) {
             return log_failure("couldn't send keepalive for client %u", each->cid);
         }
@@ -411,7 +413,7 @@ void run_on_targets(command_ptr record, const target_operation &operation, uint8
 // The commands
 //
 
-// Like the standard conversion, which ignores what it doesn't understand, but for signs.
+// Like the standard conversion, which ignores what it doesn't understand; only signs are refused.
 bool parse_period(const char *text, uint16_t &period)
 {
     text += strspn(text, " \t\n\v\f\r");

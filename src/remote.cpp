@@ -23,6 +23,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+// An index that finds no memory ends the process at once, as is uthash's way.
 #include <uthash.h>
 
 #include <algorithm>
@@ -54,7 +55,7 @@ constexpr timespec SEND_PAUSE = {.tv_sec = 0, .tv_nsec = 3'000'000};
 
 // A request that waits for its acknowledgement or its last try. Only the event loop knows its timer.
 struct pending_request {
-    char destination[IP_STR_SIZE];
+    char destination[INET_ADDRSTRLEN];
     uint32_t request_id;
     request_result_cb callback; // null for a request without report
     void *arg;
@@ -80,7 +81,7 @@ struct subscription {
     uint8_t requester_mac[MAC_SIZE];
     uint32_t client_id;
     std::unique_ptr<char[]> filter;
-    char requester_address[IP_STR_SIZE];
+    char requester_address[INET_ADDRSTRLEN];
     uint16_t period; // seconds, 0 for one send only
     unique_fd timer;
     uint32_t lives;     // sends left before it expires
@@ -91,7 +92,7 @@ struct subscription {
 
 struct fire_ip {
     uint8_t mac[MAC_SIZE];
-    char text[IP_STR_SIZE]; // as published, checked when it is used
+    char text[INET_ADDRSTRLEN]; // as published, checked when it is used
     UT_hash_handle hh;
 };
 
@@ -130,7 +131,7 @@ int send_once(const char *address, packet_type type, std::span<const uint8_t> pa
 // Where answers to a packet go.
 struct address_text {
     explicit address_text(const packet &received) { inet_ntop(AF_INET, &received.sender, text, sizeof text); }
-    char text[IP_STR_SIZE];
+    char text[INET_ADDRSTRLEN];
 };
 
 int acknowledge(const packet &request)
@@ -234,7 +235,7 @@ void store_fire_ip(fire_ip &node, const void *payload, size_t length)
 void fire_ip_cb(const char *topic, const void *payload, int length, void *)
 {
     const auto size = static_cast<size_t>(length);
-    if (size >= IP_STR_SIZE) {
+    if (size >= INET_ADDRSTRLEN) {
         log_error("message is too long to be an IP address");
         return;
     }
@@ -664,7 +665,7 @@ std::unique_ptr<subscription> build_sub(const packet &request, uint32_t client_i
         return nullptr;
     }
     memcpy(record->requester_mac, request.source_mac, MAC_SIZE);
-    memcpy(record->requester_address, address_text(request).text, IP_STR_SIZE);
+    memcpy(record->requester_address, address_text(request).text, INET_ADDRSTRLEN);
     record->client_id = client_id;
     record->period = period;
     record->lives = get_lives(period);
@@ -702,7 +703,7 @@ int process_subscribe(const packet &received)
     }
     if (acknowledge(received) == -1) {
         if (added != nullptr) {
-            delete_sub(*added);
+            static_cast<void>(delete_sub(*added));
         }
         return -1;
     }
@@ -741,7 +742,7 @@ int process_client_keepalive(const packet &received)
 }
 
 //
-// Packets received
+// What received packets ask for
 //
 
 int process_topic_data(const packet &received)
@@ -837,7 +838,7 @@ constexpr packet_handling HANDLING[PACKET_TYPES] = {
 static_assert(packet_rows_in_order(HANDLING));
 
 //
-// Receiving
+// The socket
 //
 
 enum class reading { DATAGRAM, NOTHING, FAILURE };
@@ -947,9 +948,10 @@ int configure_socket(int fd)
     if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == -1) {
         return log_failure("couldn't bind socket (errno %d)", errno);
     }
-    // A new subscription's first data comes in one burst, and each packet costs a publication. The kernel
-    // grants what net.core.rmem_max allows.
-    (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE, sizeof RECEIVE_BUFFER_SIZE);
+    // A new subscription's first data comes in bursts, and each packet costs a publication. The kernel grants
+    // what net.core.rmem_max allows.
+    static_cast<void>(
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE, sizeof RECEIVE_BUFFER_SIZE));
     return 0;
 }
 

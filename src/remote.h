@@ -5,8 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 
-constexpr size_t IP_STR_SIZE = 16;
-
 // Opens the multicast socket on the fire interface and makes the module's MQTT subscriptions; called at
 // start-up.
 [[nodiscard]] int remote_init();

@@ -47,7 +47,7 @@ constexpr timer_names PURGE = {"purge", "purge"};
 constexpr uint32_t PERIODIC_SEND_EVERY = 5; // ticks of the send timer
 constexpr uint32_t FULL_SEND_EVERY = 20;    // likewise
 
-constexpr size_t PORT_TEXT_SIZE = 128;
+constexpr size_t PORT_TEXT_SIZE = 128; // of the colours or media of eight ports
 
 // What is known of a node.
 struct summary {
@@ -263,7 +263,7 @@ bool format_ports(const summary &node, std::span<const mask_name> masks, char (&
     return true;
 }
 
-// Logs a failure, other than publish_node_bytes below, whose callers name what they publish.
+// Logs a failure, unlike publish_node_bytes below, whose callers name what they publish.
 int publish_text(const summary &node, const char *name, const char *text)
 {
     const topic_text topic = node_topic(node, name);
@@ -467,10 +467,8 @@ int update_download(summary &node, const uint8_t *section)
         }
     }
     if (store_bytes(node, seen, SUMMARY_CF_FREE, at(SUMMARY_CF_FREE), sizeof(uint32_t))) {
-        char text[16];
-        const int length = snprintf(text, sizeof text, "%u", load_le<uint32_t>(at(SUMMARY_CF_FREE)));
-        if (publish_node_bytes(node, NODE_CF_FREE_SPACE, text,
-                               std::min(static_cast<size_t>(length), CF_FREE_DIGITS)) == -1) {
+        const formatted_text<CF_FREE_DIGITS + 1> text("%u", load_le<uint32_t>(at(SUMMARY_CF_FREE)));
+        if (publish_node_bytes(node, NODE_CF_FREE_SPACE, text.text, strlen(text.text)) == -1) {
             return log_failure("couldn't publish free space in CF");
         }
     }
@@ -483,9 +481,8 @@ int update_repeater(summary &node, const uint8_t *section)
     if (!store_bytes(node, seen, SUMMARY_REPEATER, section, 1)) {
         return 0;
     }
-    char text[4];
-    const int length = snprintf(text, sizeof text, "%u", static_cast<unsigned>(section[0]));
-    if (publish_node_bytes(node, NODE_REPEATER, text, static_cast<size_t>(length)) == -1) {
+    const formatted_text<4> text("%u", section[0]);
+    if (publish_node_bytes(node, NODE_REPEATER, text.text, strlen(text.text)) == -1) {
         return log_failure("couldn't publish repeater source");
     }
     return 0;
@@ -541,6 +538,10 @@ int apply_payload(summary &node, std::span<const uint8_t> payload)
     node.last_heard = now;
     return 0;
 }
+
+//
+// Nodes that come and go
+//
 
 summary *find_summary(const uint8_t *mac)
 {
@@ -737,6 +738,7 @@ bool parse_ring(const char *topic, uint64_t &ring_out)
 
 void style7_cb(const char *topic, const void *payload, int length, void *)
 {
+    constexpr uint64_t RINGS = 8; // that have a bit in the masks
     uint64_t ring;
     if (!is_ready() || !parse_ring(topic, ring)) {
         return;
@@ -747,7 +749,7 @@ void style7_cb(const char *topic, const void *payload, int length, void *)
         return;
     }
     const int32_t state = length == 0 ? -1 : load_host<int32_t>(static_cast<const uint8_t *>(payload));
-    const uint8_t bit = ring < 8 ? static_cast<uint8_t>(1U << ring) : uint8_t{0};
+    const uint8_t bit = ring < RINGS ? static_cast<uint8_t>(1U << ring) : uint8_t{0};
     set_bits(local_summary->data[SUMMARY_RINGS], bit, state >= 0);
     set_bits(local_summary->data[SUMMARY_DEGRADED_RINGS], bit, state >= 0 && state != RING_STATUS_CLOSED);
 
@@ -1010,14 +1012,14 @@ void send_cb(int fd, uint32_t events, void *)
     }
 }
 
-// Removes the nodes silent for 35 s; time_out is the age of the node heard last, after which to check again.
-int purge_silent(timespec &time_out)
+// Removes the nodes silent for 35 s. The next check comes after the age of the node heard last.
+int purge_silent(timespec &next_check_out)
 {
     timespec now;
     if (get_time(now, log_source) == -1) {
         return -1;
     }
-    time_out = {.tv_sec = PURGE_AGE, .tv_nsec = 0};
+    next_check_out = {.tv_sec = PURGE_AGE, .tv_nsec = 0};
     for (summary &node : summaries) {
         if (&node == local_summary) {
             continue;
@@ -1027,12 +1029,12 @@ int purge_silent(timespec &time_out)
             if (remove_node(node) == -1) {
                 return -1;
             }
-        } else if (timespec_cmp(&age, &time_out) < 0) {
-            time_out = age;
+        } else if (timespec_cmp(&age, &next_check_out) < 0) {
+            next_check_out = age;
         }
     }
-    if (time_out.tv_sec == 0 && time_out.tv_nsec == 0) {
-        time_out.tv_nsec = 1; // zero would disarm the timer for good
+    if (next_check_out.tv_sec == 0 && next_check_out.tv_nsec == 0) {
+        next_check_out.tv_nsec = 1; // zero would disarm the timer for good
     }
     return 0;
 }

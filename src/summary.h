@@ -33,5 +33,6 @@ enum summary_port_type {
 // Forgets the node mac and withdraws what was published for it. The local node is never forgotten.
 [[nodiscard]] int summary_clear(const uint8_t *mac);
 
-// Writes the MAC addresses of the nodes with this number, 6 bytes each, as many as fit; returns how many.
+// Writes the MAC addresses of the nodes with this number, 6 bytes each, as many as fit into capacity bytes;
+// returns how many. That there are more is logged.
 size_t summary_get_mac_addrs(uint8_t node_number, uint8_t *macs_out, size_t capacity);

@@ -1,5 +1,5 @@
 // A node's summary as bytes: the data of a node, and the sections in which it goes over the wire. Declared
-// once for the daemon and for what links no module of it.
+// once for the daemon and for programs that link no module of it.
 #pragma once
 
 #include <array>
@@ -50,7 +50,7 @@ enum summary_offset : size_t {
     SUMMARY_MISWIRED = 12,        // mask: miswired
     SUMMARY_MISWIRED_PEERS = 13,  // for each front port: peer node number, peer port, this port
     SUMMARY_RINGS = 37,           // bit r: ring r has reported a state
-    SUMMARY_DEGRADED_RINGS = 38,  // bit r: ... and it isn't 2
+    SUMMARY_DEGRADED_RINGS = 38,  // bit r: ... other than closed
     SUMMARY_JOB_NAME = 39,        // 8 characters, zero-filled, not terminated when full
     SUMMARY_JOB_REVISION = 47,    // 3 characters, likewise
     SUMMARY_DOWNLOAD_STATUS = 50, // 2 bytes as published

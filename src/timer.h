@@ -23,7 +23,8 @@ struct timer_names {
 // Arms a timer anew. 0, or -1 after logging why.
 [[nodiscard]] int timer_arm(int fd, const timer_names &names, const itimerspec &expiry, log_place caller);
 
-// Takes a timer, if it is open, out of the loop and closes it: a start-up's way back from a later failure.
+// Takes a timer, if it is open, out of the loop and closes it: a start-up's way back from a failure, be it
+// that of timer_start, after which the loop may log that it does not watch the timer.
 void timer_stop(unique_fd &timer);
 
 // The first step of a timer's callback: checks events and takes the expiry. 0, or -1 after logging why.

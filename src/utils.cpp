@@ -17,7 +17,7 @@ namespace
 
 constexpr const char *log_source = "utils";
 
-constexpr long NSEC_PER_SEC = 1000000000;
+constexpr long NSEC_PER_SEC = 1'000'000'000;
 constexpr size_t LINE_SIZE = 256;
 
 volatile sig_atomic_t terminated;
@@ -54,7 +54,7 @@ int read_version(const char *path, version_parser parse, const text_field &name,
     }
     char line[LINE_SIZE];
     const bool is_read = fgets(line, sizeof line, file) != nullptr;
-    (void)fclose(file);
+    static_cast<void>(fclose(file));
     if (!is_read) {
         return log_failure("couldn't read from file %s", path);
     }
@@ -76,15 +76,15 @@ int parse_revision(char *line, const text_field &name, const text_field &version
 // ... bootrev="NAME:VERSION TAIL" ...
 int parse_kernel_command_line(char *line, const text_field &name, const text_field &version)
 {
-    constexpr std::string_view key = "bootrev=";
-    constexpr std::string_view token_delimiters = "\"\n ";
+    constexpr std::string_view KEY = "bootrev=";
+    constexpr std::string_view TOKEN_DELIMITERS = "\"\n ";
 
     std::string_view value = line;
-    const size_t start = value.find(key);
+    const size_t start = value.find(KEY);
     if (start == std::string_view::npos) {
         return log_failure("couldn't find bootrev string");
     }
-    value.remove_prefix(start + key.size());
+    value.remove_prefix(start + KEY.size());
     const size_t quote = value.find('"');
     if (quote != std::string_view::npos) {
         value.remove_prefix(quote + 1);
@@ -105,10 +105,10 @@ int parse_kernel_command_line(char *line, const text_field &name, const text_fie
         if (dash != std::string_view::npos) {
             tail.remove_prefix(dash + 1);
         }
-        const size_t token = tail.find_first_not_of(token_delimiters);
+        const size_t token = tail.find_first_not_of(TOKEN_DELIMITERS);
         if (token != std::string_view::npos) {
             tail.remove_prefix(token);
-            tail = tail.substr(0, tail.find_first_of(token_delimiters));
+            tail = tail.substr(0, tail.find_first_of(TOKEN_DELIMITERS));
         }
         version.put_right(tail);
     }
@@ -203,13 +203,13 @@ int find_port_in_local_topic(const char *topic, int *port_out)
     if (check_arguments(topic != nullptr && port_out != nullptr, log_source) == -1) {
         return -1;
     }
-    constexpr std::string_view prefix = "port/";
+    constexpr std::string_view PREFIX = "port/";
     std::string_view rest = topic;
-    const size_t start = rest.find(prefix);
+    const size_t start = rest.find(PREFIX);
     if (start == std::string_view::npos) {
         return log_failure("couldn't find port in topic %s", topic);
     }
-    rest.remove_prefix(start + prefix.size());
+    rest.remove_prefix(start + PREFIX.size());
     if (rest.size() >= 2 && rest[0] >= 'A' && rest[0] <= 'H' && rest[1] == '/') {
         *port_out = rest[0] - 'A';
         return 0;
