@@ -1,0 +1,177 @@
+// Every change that the server remembers, newest first.
+
+import { arrange, h, setText } from "./dom.js";
+import { save } from "./file.js";
+import { networkTitle } from "./state.js";
+import { store } from "./store.js";
+import { clockText, countText, csv, cut, dayText, valueText } from "./text.js";
+
+const PAGE = 200; // rows; more on request
+const MIN_INTERVAL_MS = 250; // between two drawings: more is only flicker
+const choices = { text: "", kind: "" };
+
+const kindText = (kind) => String(kind).replaceAll("_", " ");
+
+export function changeRow(change) {
+    return h(
+        "li",
+        { "data-event": change.id, "data-kind": change.kind },
+        h("time", { datetime: change.time, title: dayText(change.time) }, clockText(change.time, { milliseconds: true })),
+        h(
+            "span",
+            { class: "what" },
+            change.node
+                ? h("a", { href: `#/node/${encodeURIComponent(change.node)}` }, cut(String(change.text)))
+                : cut(String(change.text)),
+        ),
+    );
+}
+
+function fullRow(change) {
+    const row = changeRow(change);
+    const network = store.networks[change.network];
+    if (store.networks.length > 1 && network) {
+        row.append(h("span", { class: "faint" }, networkTitle(network, change.network)));
+    }
+    return row;
+}
+
+// A change never changes, so a row that stands is right. A heading where the day does.
+function drawRows(list, changes) {
+    const standing = new Map([...list.children].map((row) => [row.dataset.event, row]));
+    const rows = [];
+    let day = dayText(store.now());
+    for (const change of changes) {
+        const own = dayText(change.time);
+        if (own !== day) {
+            day = own;
+            rows.push(h("li", { class: "day" }, own));
+        }
+        rows.push(standing.get(String(change.id)) ?? fullRow(change));
+    }
+    arrange(list, rows);
+}
+
+function matches(change, words) {
+    if (choices.kind && change.kind !== choices.kind) {
+        return false;
+    }
+    const text = `${change.text}\n${change.node}\n${change.port ? `port ${change.port}` : ""}\n${kindText(change.kind)}`.toLowerCase();
+    return words.every((word) => text.includes(word));
+}
+
+export function selectChanges(log) {
+    const words = choices.text.toLowerCase().split(/\s+/).filter(Boolean);
+    return log.filter((change) => matches(change, words));
+}
+
+function table(changes) {
+    const cell = (value) => (value === null || value === undefined ? "" : typeof value === "object" ? valueText(value) : value);
+    return csv([
+        ["id", "time", "network", "node", "port", "kind", "old", "new", "text"],
+        ...changes.map((change) => [
+            change.id,
+            change.time,
+            store.networks[change.network] ? networkTitle(store.networks[change.network], change.network) : change.network,
+            change.node,
+            change.port,
+            change.kind,
+            cell(change.old),
+            cell(change.new),
+            change.text,
+        ]),
+    ]);
+}
+
+export function eventsView() {
+    const search = h("input", { type: "search", placeholder: "node, port, words …", "aria-label": "Search changes" });
+    const kind = h("select", { "aria-label": "Kind of change" });
+    const pause = h("button", { type: "button", "aria-pressed": "false" }, "Pause");
+    const file = h("button", { type: "button" }, "Save as CSV");
+    const count = h("span", { class: "faint" });
+    const list = h("ol", { class: "events", "data-events": "" });
+    const older = h("button", { type: "button" }, "Show older");
+    const element = h(
+        "div",
+        { class: "log" },
+        h("h1", {}, "Events"),
+        h("div", { class: "tools" }, search, kind, pause, file, count),
+        list,
+        older,
+    );
+    let shownRows = PAGE;
+    let frozen = null; // the log while paused
+    let timer = null;
+    let drawnAt = 0;
+    let kinds = "";
+
+    function showKinds(log) {
+        const found = [...new Set(log.map((change) => change.kind))].sort();
+        if (choices.kind && !found.includes(choices.kind)) {
+            found.push(choices.kind);
+        }
+        if (found.join() !== kinds) {
+            kinds = found.join();
+            kind.replaceChildren(
+                h("option", { value: "" }, "all kinds"),
+                ...found.map((name) => h("option", { value: name }, kindText(name))),
+            );
+            kind.value = choices.kind;
+        }
+    }
+
+    function draw() {
+        timer = null;
+        drawnAt = performance.now();
+        const log = frozen ?? store.log;
+        showKinds(log);
+        const chosen = selectChanges(log);
+        const wanted = chosen.slice(-shownRows).reverse();
+        drawRows(list, wanted);
+        older.hidden = chosen.length <= shownRows;
+        const news = frozen ? store.log.filter(({ id }) => id > (frozen.at(-1)?.id ?? 0)).length : 0;
+        setText(
+            count,
+            `${chosen.length === log.length ? countText(log.length, "change") : `${chosen.length} of ${countText(log.length, "change")}`}` +
+                (news > 0 ? `, ${news} new since the pause` : ""),
+        );
+    }
+
+    function drawSoon() {
+        timer ??= setTimeout(() => requestAnimationFrame(draw), Math.max(0, drawnAt + MIN_INTERVAL_MS - performance.now()));
+    }
+
+    search.value = choices.text;
+    search.addEventListener("input", () => {
+        choices.text = search.value;
+        draw();
+    });
+    kind.addEventListener("change", () => {
+        choices.kind = kind.value;
+        draw();
+    });
+    pause.addEventListener("click", () => {
+        frozen = frozen ? null : [...store.log];
+        pause.setAttribute("aria-pressed", String(frozen !== null));
+        setText(pause, frozen ? "Go on" : "Pause");
+        draw();
+    });
+    older.addEventListener("click", () => {
+        shownRows += 5 * PAGE;
+        draw();
+    });
+    file.addEventListener("click", () =>
+        save(`diag-events-${new Date(store.now()).toISOString().slice(0, 19).replaceAll(":", "")}.csv`, "text/csv", table(selectChanges(frozen ?? store.log))),
+    );
+    store.wantWholeLog();
+
+    return {
+        element,
+        update(changes) {
+            if (changes.all || changes.log) {
+                drawSoon();
+            }
+        },
+        close: () => clearTimeout(timer),
+    };
+}

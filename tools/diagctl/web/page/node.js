@@ -1,0 +1,172 @@
+// All that is known of one node.
+
+import { h, morph } from "./dom.js";
+import { changeRow } from "./events.js";
+import { colourOf, faultsOf, lamp, portWords, portsOf, titleOf } from "./nodes.js";
+import { store } from "./store.js";
+import { isMalformed, listOf, malformedText, numberText, timeText, valueText } from "./text.js";
+
+const CHANGES = 100;
+
+const FACTS = [
+    ["job_name", "Job"],
+    ["job_rev", "Job revision"],
+    ["download_status", "Download status"],
+    ["download_pending", "Download pending"],
+    ["CF_free_space", "Free space in CF"],
+    ["M301", "M301"],
+    ["M702", "M702"],
+    ["comm_loss", "Comm loss"],
+    ["repeater", "Repeater"],
+    ["card_addr", "Card address"],
+];
+
+function where(node) {
+    if (node.present === false) {
+        return `has left the network${node.since ? ` since ${timeText(node.since, store.now())}` : ""}; this is what it left behind`;
+    }
+    if (node.reachable === false) {
+        return `unreachable${node.since ? ` since ${timeText(node.since, store.now())}` : ""}; the values are old`;
+    }
+    return node.local ? "this card" : "in the network";
+}
+
+function row(label, value) {
+    return [h("dt", {}, label), h("dd", {}, value)];
+}
+
+function versions(node) {
+    if (isMalformed(node.software_versions)) {
+        return row("Versions", malformedText(node.software_versions));
+    }
+    return listOf(node.software_versions).flatMap(({ name, version }) => row(valueText(name), valueText(version || null)));
+}
+
+function facts(node, network) {
+    const rings = node.local ? listOf(network.rings) : [];
+    return h(
+        "dl",
+        { class: "facts" },
+        row("MAC address", node.mac),
+        row("Node number", node.number === null || node.number === undefined ? "not known: no list names the node" : valueText(node.number)),
+        row("Where", where(node)),
+        rings.map(({ ring, state }) => row(`Ring ${ring}`, valueText(state))),
+        FACTS.filter(([name]) => name in node).map(([name, label]) => row(label, valueText(node[name]))),
+        versions(node),
+        row("Last change", node.last_change ? timeText(node.last_change, store.now()) : "none seen"),
+    );
+}
+
+function pmLink(node, port) {
+    return h("a", { href: `#/pm/${encodeURIComponent(node.mac)}/${encodeURIComponent(port.port)}` }, "performance");
+}
+
+function ports(node) {
+    if (isMalformed(node.ports)) {
+        return h("p", {}, malformedText(node.ports));
+    }
+    return h(
+        "ul",
+        { class: "ports" },
+        portsOf(node).map((port) =>
+            h(
+                "li",
+                {},
+                lamp(port),
+                h("span", {}, portWords(port).replace(/^Port \S+: /, "")),
+                h("span", { class: "faint" }, port.media === null ? "no media" : valueText(port.media)),
+                h("span", {}, pmLink(node, port)),
+            ),
+        ),
+    );
+}
+
+function rateText(rate) {
+    return typeof rate === "number" ? `${numberText(rate)}/s` : "";
+}
+
+function statistics(node) {
+    const measured = portsOf(node).filter((port) => port.stats && typeof port.stats === "object" && !isMalformed(port.stats));
+    const broken = portsOf(node).filter((port) => isMalformed(port.stats));
+    if (measured.length === 0 && broken.length === 0) {
+        return h("p", { class: "faint" }, "Not published on this broker: a node's statistics are on its own card's.");
+    }
+    const names = [...new Set(measured.flatMap((port) => Object.keys(port.stats)))];
+    return h(
+        "div",
+        {},
+        broken.map((port) => h("p", {}, `Port ${port.port}: ${malformedText(port.stats)}`)),
+        measured.length > 0 &&
+            h(
+                "div",
+                { class: "scroll", tabindex: "0", role: "region", "aria-label": "Statistics of the ports" },
+                h(
+                    "table",
+                    {},
+                    h("thead", {}, h("tr", {}, h("th", { scope: "col" }, "Since the last reset"), measured.map((port) => [
+                        h("th", { scope: "col", class: "value" }, `Port ${port.port}`),
+                        h("th", { scope: "col", class: "value" }, "rate"),
+                    ]))),
+                    h("tbody", {}, names.map((name) =>
+                        h("tr", {}, h("th", { scope: "row" }, name.replaceAll("_", " ")), measured.map((port) => [
+                            h("td", { class: "value" }, valueText(port.stats[name])),
+                            h("td", { class: "value faint" }, rateText(port.rates?.[name])),
+                        ])),
+                    )),
+                ),
+            ),
+    );
+}
+
+function changesOf(mac) {
+    return store.log.filter((change) => change.node === mac).slice(-CHANGES).reverse();
+}
+
+function content(mac) {
+    const found = store.find(mac);
+    if (!found) {
+        return h("div", { class: "node" }, h("h1", {}, mac), h("p", {}, store.isLoaded ? "No such node is known here." : ""));
+    }
+    const { node, network } = found;
+    const problems = listOf(node.problems);
+    const changes = changesOf(mac);
+    return h(
+        "article",
+        { class: "node", "data-node": mac, "data-present": node.present !== false, "data-reachable": node.reachable !== false },
+        h("h1", {}, titleOf(node)),
+        h(
+            "section",
+            {},
+            h("h2", { class: "unseen" }, "What is wrong"),
+            problems.length > 0
+                ? h("ul", { class: "problems" }, problems.map((text) => h("li", {}, valueText(text))))
+                : h("p", {}, node.present === false ? "" : portsOf(node).some((port) => colourOf(port) === "yellow" || faultsOf(port).length > 0) ? "Trouble within the last 24 hours." : "Nothing is wrong."),
+        ),
+        h(
+            "div",
+            { class: "columns" },
+            h("section", {}, h("h2", {}, "Ports"), ports(node), h("h2", {}, "Statistics"), statistics(node)),
+            h("section", {}, h("h2", {}, "Node"), facts(node, network)),
+            h(
+                "section",
+                {},
+                h("h2", {}, "Changes"),
+                changes.length > 0 ? h("ol", { class: "events" }, changes.map(changeRow)) : h("p", { class: "faint" }, "none seen"),
+            ),
+        ),
+    );
+}
+
+export function nodeView([mac]) {
+    const element = h("div");
+    store.wantWholeLog();
+    return {
+        element,
+        update(changes) {
+            const isMine = [...changes.nodes].some((key) => key.endsWith(`/${mac}`));
+            if (changes.all || changes.log || isMine) {
+                element.replaceChildren(element.firstElementChild ? morph(element.firstElementChild, content(mac)) : content(mac));
+            }
+        },
+    };
+}

@@ -1,0 +1,295 @@
+// Every node as a tile, what is wrong first; the lists of faults and the newest changes beside them.
+
+import { arrange, h, morph, setText } from "./dom.js";
+import { changeRow } from "./events.js";
+import {
+    FILTERS,
+    LISTS,
+    ORDERS,
+    jobText,
+    lamps,
+    listedNode,
+    matches,
+    mediaText,
+    rankOf,
+    titleOf,
+    versionsText,
+} from "./nodes.js";
+import { differences, networkRank, networkState, networkTitle } from "./state.js";
+import { store } from "./store.js";
+import { countText, isMalformed, listOf, malformedText, timeText, valueText } from "./text.js";
+
+const LATEST = 12;
+const choices = { text: "", show: "all", order: "faults" }; // they outlast a look at another view
+
+const ORDER_LABELS = { faults: "faults first", number: "number", name: "name", change: "last change" };
+
+function goneWords(node) {
+    const since = node.since ? ` since ${timeText(node.since, store.now())}` : "";
+    if (node.present === false) {
+        return `has left the network${since}`;
+    }
+    return node.reachable === false ? `unreachable${since}: the values are old` : null;
+}
+
+function tile(node) {
+    const problems = [goneWords(node), ...listOf(node.problems).map(valueText)].filter(Boolean);
+    const job = jobText(node);
+    const title = titleOf(node);
+    const address = title === node.mac ? "" : node.mac;
+    const isNumberNews = node.number !== null && node.number !== undefined && title !== `Node ${node.number}`;
+    const facts = [address, mediaText(node), job && `job ${job}`, versionsText(node)].filter(Boolean);
+    return h(
+        "li",
+        {
+            class: `tile rank${rankOf(node)}`,
+            "data-node": node.mac,
+            "data-present": node.present !== false,
+            "data-reachable": node.reachable !== false,
+        },
+        h(
+            "div",
+            { class: "top" },
+            h("a", { href: `#/node/${encodeURIComponent(node.mac)}`, class: "title" }, title),
+            node.local && h("span", { class: "tag" }, "this card"),
+            isNumberNews &&
+                h("span", { class: "number", title: "node number" }, h("span", { class: "unseen" }, "node "), valueText(node.number)),
+        ),
+        lamps(node),
+        problems.length > 0 &&
+            h(
+                "ul",
+                { class: "problems" },
+                problems.map((text) => h("li", {}, text)),
+            ),
+        h(
+            "p",
+            { class: "facts" },
+            facts.map((text) => h("span", {}, text)),
+        ),
+    );
+}
+
+function listEntries(network, { name }) {
+    return listOf(network[name]).flatMap((entry) =>
+        listOf(entry.ports).map((port) =>
+            h(
+                "li",
+                { "data-node": entry.mac, "data-port": port },
+                h(
+                    "a",
+                    { href: `#/pm/${encodeURIComponent(entry.mac)}/${encodeURIComponent(port)}` },
+                    `${listedNode(network, entry)} ${port}`,
+                ),
+            ),
+        ),
+    );
+}
+
+function listWords(network, { name }) {
+    const list = network[name];
+    if (isMalformed(list)) {
+        return malformedText(list);
+    }
+    return list === null || list === undefined ? "not published" : null;
+}
+
+function lists() {
+    const links = store.networks.flatMap((network) => listOf(network.miswired_links));
+    return h(
+        "div",
+        { class: "lists" },
+        LISTS.map((list) => {
+            const entries = store.networks.flatMap((network) => listEntries(network, list));
+            const words = store.networks.map((network) => listWords(network, list)).filter(Boolean);
+            return h(
+                "section",
+                { "aria-label": list.title },
+                h("h3", {}, list.title),
+                h("ul", { "data-list": list.name, class: "chips" }, entries),
+                entries.length === 0 && h("p", { class: "faint" }, words[0] ?? "none"),
+            );
+        }),
+        links.length > 0 &&
+            h(
+                "section",
+                { "aria-label": "Miswired links" },
+                h("h3", {}, "Miswired links"),
+                h(
+                    "ul",
+                    { class: "chips" },
+                    links.map((link) => h("li", {}, `${link.number}/${link.port} to ${link.peer_number}/${link.peer_port}`)),
+                ),
+            ),
+    );
+}
+
+function latest() {
+    const changes = store.log.slice(-LATEST).reverse();
+    return h(
+        "section",
+        { class: "latest", "aria-label": "Newest changes" },
+        h("h3", {}, h("a", { href: "#/events" }, "Newest changes")),
+        h("ol", { "data-events": "", class: "events" }, changes.map(changeRow)),
+        changes.length === 0 && h("p", { class: "faint" }, "none since the server's start"),
+    );
+}
+
+// The tiles of one network. Only what has changed is drawn again, and only what has to move is moved.
+class Section {
+    constructor(index) {
+        this.index = index;
+        this.tiles = new Map(); // MAC address to element
+        this.head = h("div", { class: "head" });
+        this.list = h("ul", { class: "tiles" });
+        this.element = h("section", { class: "network" }, this.head, this.list);
+    }
+
+    get network() {
+        return store.networks[this.index];
+    }
+
+    update(changes) {
+        const { nodes } = this.network;
+        const dirty = changes.all
+            ? nodes.keys()
+            : [...changes.nodes].filter((key) => key.startsWith(`${this.index}/`)).map((key) => key.slice(key.indexOf("/") + 1));
+        for (const mac of dirty) {
+            const node = nodes.get(mac);
+            const element = this.tiles.get(mac);
+            if (node) {
+                this.tiles.set(mac, element ? morph(element, tile(node)) : tile(node));
+            }
+        }
+        for (const mac of this.tiles.keys()) {
+            if (!nodes.has(mac)) {
+                this.tiles.delete(mac);
+            }
+        }
+        this.#updateHead();
+    }
+
+    #updateHead() {
+        const { network, index } = this;
+        const isOne = store.networks.length === 1;
+        const wanted = h(
+            "div",
+            { class: "head" },
+            isOne ? h("h2", { class: "unseen" }, "Nodes") : h("h2", {}, networkTitle(network, index)),
+            !isOne && networkState(network),
+            differences(network),
+        );
+        morph(this.head, wanted);
+    }
+
+    // How many of the network's nodes are shown.
+    filter(words) {
+        const shown = [...this.network.nodes.values()]
+            .filter((node) => FILTERS[choices.show].test(node, this.network) && matches(node, words))
+            .sort(ORDERS[choices.order]);
+        arrange(
+            this.list,
+            shown.map((node) => this.tiles.get(node.mac)),
+        );
+        this.element.hidden = shown.length === 0 && store.networks.length > 1;
+        return shown.length;
+    }
+}
+
+function option(value, label) {
+    return h("option", { value }, label);
+}
+
+export function overviewView(_, query) {
+    choices.show = FILTERS[query.get("show")] ? query.get("show") : choices.show;
+    const search = h("input", { type: "search", placeholder: "name, number, address, fault …", "aria-label": "Search nodes" });
+    const show = h(
+        "select",
+        { "aria-label": "Show" },
+        Object.entries(FILTERS).map(([name, { label }]) => option(name, label)),
+    );
+    const order = h(
+        "select",
+        { "aria-label": "Order" },
+        Object.entries(ORDER_LABELS).map(([name, label]) => option(name, label)),
+    );
+    const count = h("span", { class: "faint", role: "status" });
+    const sections = h("div", { class: "sections" });
+    const aside = h("aside", { "aria-label": "Faults and changes" });
+    const listsElement = h("div");
+    const latestElement = h("div");
+    aside.append(listsElement, latestElement);
+    const element = h(
+        "div",
+        { class: "overview" },
+        h("h1", { class: "unseen" }, "Overview"),
+        h("div", { class: "tools" }, search, show, order, count),
+        h("div", { class: "columns" }, sections, aside),
+    );
+    let drawn = [];
+
+    function filter() {
+        const words = choices.text.toLowerCase().split(/\s+/).filter(Boolean);
+        let shown = 0;
+        for (const section of drawn) {
+            shown += section.filter(words);
+        }
+        const all = store.networks.reduce((sum, { nodes }) => sum + nodes.size, 0);
+        setText(count, shown === all ? countText(all, "node") : `${shown} of ${countText(all, "node")}`);
+        if (drawn.length > 1) {
+            const order = [...drawn].sort((a, b) => networkRank(a.network) - networkRank(b.network) || a.index - b.index);
+            arrange(
+                sections,
+                order.map((section) => section.element),
+            );
+        }
+    }
+
+    function showChoices() {
+        search.value = choices.text;
+        show.value = choices.show;
+        order.value = choices.order;
+    }
+
+    search.addEventListener("input", () => {
+        choices.text = search.value;
+        filter();
+    });
+    show.addEventListener("change", () => {
+        choices.show = show.value;
+        history.replaceState(null, "", choices.show === "all" ? "#/" : `#/?show=${choices.show}`);
+        filter();
+    });
+    order.addEventListener("change", () => {
+        choices.order = order.value;
+        filter();
+    });
+    showChoices();
+
+    return {
+        element,
+        navigate(__, newQuery) {
+            choices.show = FILTERS[newQuery.get("show")] ? newQuery.get("show") : "all";
+            showChoices();
+            filter();
+            return true;
+        },
+        update(changes) {
+            if (changes.all && drawn.length !== store.networks.length) {
+                drawn = store.networks.map((__, index) => new Section(index));
+                arrange(
+                    sections,
+                    drawn.map((section) => section.element),
+                );
+            }
+            if (changes.all || changes.lists || changes.connection) {
+                drawn.forEach((section) => section.update(changes));
+                filter();
+                morph(listsElement, h("div", {}, lists()));
+            }
+            if (changes.all || changes.log) {
+                morph(latestElement, h("div", {}, latest()));
+            }
+        },
+    };
+}

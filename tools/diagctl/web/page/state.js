@@ -1,0 +1,113 @@
+// A network's state in words, and how much is wrong.
+
+import { h } from "./dom.js";
+import { LISTS, isGone, rankOf } from "./nodes.js";
+import { store } from "./store.js";
+import { countText, isMalformed, listOf, malformedText, timeText } from "./text.js";
+
+const RING_WORDS = { normal: "Ring normal", degraded: "Ring DEGRADED" };
+
+export function totals(networks) {
+    const sum = { nodes: 0, gone: 0, link_down: 0, ground: 0, miswired: 0, faults: 0, other: 0, degraded: 0 };
+    for (const network of networks) {
+        sum.degraded += network.ring === "degraded" ? 1 : 0;
+        for (const node of network.nodes.values()) {
+            if (isGone(node)) {
+                sum.gone++;
+            } else {
+                sum.nodes++;
+                sum.other += rankOf(node) === 2 ? 1 : 0;
+            }
+        }
+        for (const { name } of LISTS) {
+            for (const { ports } of listOf(network[name])) {
+                sum[name] += listOf(ports).length;
+                sum.faults += listOf(ports).length;
+            }
+        }
+    }
+    return sum;
+}
+
+function total(count, words, filter) {
+    return h(
+        "li",
+        {},
+        h("a", { href: `#/?show=${filter}`, class: count > 0 && filter !== "all" ? "total wrong" : "total" }, words),
+    );
+}
+
+// Each count leads to the nodes that it counts.
+export function totalsText(networks) {
+    const sum = totals(networks);
+    return h(
+        "ul",
+        { class: "totals" },
+        total(sum.nodes, countText(sum.nodes, "node"), "all"),
+        networks.length > 1 && total(sum.degraded, `${countText(sum.degraded, "network")} degraded`, "degraded"),
+        LISTS.map(({ name, noun }) => total(sum[name], countText(sum[name], ...noun), name)),
+        sum.gone > 0 && total(sum.gone, `${countText(sum.gone, "node")} left or unreachable`, "gone"),
+        sum.other > 0 && total(sum.other, `${countText(sum.other, "node")} with another fault`, "faults"),
+    );
+}
+
+// What was last known is not shown as if it were so now.
+export function networkState(network) {
+    const { isLive } = store;
+    const known = network.ring in RING_WORDS ? network.ring : "unknown";
+    const last = RING_WORDS[known] ?? "Ring unknown";
+    const ring = isLive ? known : "unknown";
+    const since = network.since ? ` since ${timeText(network.since, store.now())}` : "";
+    return h(
+        "p",
+        { class: "ring", "data-network": ring },
+        h("strong", {}, isLive ? last : "Ring unknown"),
+        !isLive && known !== "unknown" && h("span", {}, `last known: ${last.toLowerCase()}`),
+        isLive && known !== "unknown" && since !== "" && h("span", {}, since.trim()),
+        isLive && isMalformed(network.ring) && h("span", {}, malformedText(network.ring)),
+        isLive && ring === "degraded" && h("span", {}, "another cut would part the network"),
+        listOf(network.rings).map(({ ring: number, state }) =>
+            h("span", { class: "faint" }, `this card's ring ${number}: ${isMalformed(state) ? malformedText(state) : state}`),
+        ),
+    );
+}
+
+export function differences(network) {
+    const entries = listOf(network.differs);
+    if (entries.length === 0) {
+        return null;
+    }
+    return h(
+        "details",
+        { class: "differs" },
+        h("summary", {}, `Views differ: ${countText(entries.length, "card")} of this network`),
+        h(
+            "ul",
+            {},
+            entries.map(({ mac, text, since }) =>
+                h(
+                    "li",
+                    {},
+                    h("a", { href: `#/node/${encodeURIComponent(mac)}` }, network.nodes.get(mac)?.name || mac),
+                    ` ${text}`,
+                    since && `, since ${timeText(since, store.now())}`,
+                ),
+            ),
+        ),
+    );
+}
+
+// A network with something wrong stands before one without.
+export function networkRank(network) {
+    if (network.ring === "degraded") {
+        return 0;
+    }
+    let rank = 4;
+    for (const node of network.nodes.values()) {
+        rank = Math.min(rank, rankOf(node) + 1);
+    }
+    return listOf(network.differs).length > 0 ? Math.min(rank, 2) : rank;
+}
+
+export const networkTitle = (network, index) => network.name || `Network ${index + 1}`;
+

@@ -1,0 +1,200 @@
+// What the page knows: the last snapshot with the changes since, the newest changes, and whether all that is live.
+// Nothing in here grows with time.
+
+import { follow } from "./stream.js";
+
+const MAX_LOG = 10000;
+const LOG_SLACK = 500; // beyond, so that not each change moves the whole array
+const FIRST_LOG = 50;
+const CONNECTING = "connecting";
+
+class Store {
+    networks = []; // {..., nodes: Map of MAC address to node}
+    info = {}; // the snapshot's other fields
+    log = []; // changes, oldest first
+    connection = { state: "lost", cause: CONNECTING, since: Date.now() };
+    isLoaded = false;
+    #wantsWholeLog = false;
+    #hasWholeLog = false;
+    #waiting = null; // events that came before the snapshot that they follow
+    #listeners = new Set();
+    #pending = null; // what has changed since the last frame
+
+    start() {
+        follow({
+            onOpen: () => this.#load(),
+            onEvent: (name, data) => this.#take(name, JSON.parse(data)),
+            onLost: () => this.#lose("server"),
+        });
+    }
+
+    // listener(changes): {nodes: Set of "network/MAC", lists, log, connection, all}, once a frame at most.
+    subscribe(listener) {
+        this.#listeners.add(listener);
+        return () => this.#listeners.delete(listener);
+    }
+
+    find(mac) {
+        for (const [index, network] of this.networks.entries()) {
+            const node = network.nodes.get(mac);
+            if (node) {
+                return { index, network, node };
+            }
+        }
+        return null;
+    }
+
+    get isLive() {
+        return this.connection.state === "live";
+    }
+
+    // By the server's clock.
+    now() {
+        return Date.now() + (this.skew ?? 0);
+    }
+
+    wantWholeLog() {
+        this.#wantsWholeLog = true;
+        if (this.isLoaded && !this.#hasWholeLog) {
+            this.#loadLog(0);
+        }
+    }
+
+    #mark(change) {
+        if (!this.#pending) {
+            this.#pending = { nodes: new Set(), lists: false, log: false, connection: false, all: false };
+            requestAnimationFrame(() => {
+                const changes = this.#pending;
+                this.#pending = null;
+                this.#listeners.forEach((listener) => listener(changes));
+            });
+        }
+        change(this.#pending);
+    }
+
+    #lose(cause) {
+        if (this.connection.state === "lost" && this.connection.cause === cause) {
+            return;
+        }
+        // Trying again is not a new loss.
+        const since = this.connection.state === "lost" ? this.connection.since : this.now();
+        this.connection = { state: "lost", cause, since };
+        // At once: a page in the background has no frames, and what it shows must not pass for live.
+        document.body.dataset.connection = "lost";
+        this.#mark((pending) => (pending.connection = true));
+    }
+
+    async #load() {
+        const waiting = [];
+        this.#waiting = waiting;
+        try {
+            const response = await fetch("/api/network", { cache: "no-store" });
+            if (!response.ok) {
+                throw new Error(`status ${response.status}`);
+            }
+            const snapshot = await response.json();
+            if (this.#waiting !== waiting) {
+                return; // overtaken by a newer one
+            }
+            this.#replace(snapshot);
+        } catch {
+            if (this.#waiting === waiting) {
+                setTimeout(() => this.#waiting === waiting && this.#load(), 1000);
+            }
+            return;
+        }
+        this.#waiting = null;
+        waiting.forEach(([name, data]) => this.#take(name, data));
+    }
+
+    #replace(snapshot) {
+        const { networks, ...info } = snapshot;
+        const isRestarted = this.isLoaded && (info.started !== this.info.started || info.id < this.info.id);
+        this.networks = networks.map(({ nodes, ...network }) => ({
+            ...network,
+            nodes: new Map(nodes.map((node) => [node.mac, node])),
+        }));
+        this.info = info;
+        this.skew = Date.parse(info.time) - Date.now() || 0;
+        this.isLoaded = true;
+        if (isRestarted) {
+            this.log = [];
+            this.#hasWholeLog = false;
+        }
+        this.#setConnection(info.connection, info.connection === "live" ? null : info.time);
+        this.#mark((pending) => (pending.all = true));
+        const last = this.#hasWholeLog && this.log.length > 0 ? this.log.at(-1).id : null;
+        this.#loadLog(last ?? (this.#wantsWholeLog ? 0 : Math.max(0, info.id - FIRST_LOG)));
+    }
+
+    async #loadLog(after) {
+        try {
+            const response = await fetch(`/api/log?after=${after}`, { cache: "no-store" });
+            const { changes } = await response.json();
+            const known = new Map(this.log.map((change) => [change.id, change]));
+            changes.forEach((change) => known.set(change.id, change));
+            this.log = [...known.values()].sort((a, b) => a.id - b.id).slice(-MAX_LOG);
+            this.#hasWholeLog ||= after === 0;
+            this.#mark((pending) => (pending.log = true));
+        } catch {
+            // Tried again with the next connection.
+        }
+    }
+
+    #take(name, data) {
+        if (name === "connection") {
+            this.#setConnection(data.connection, data.since);
+        } else if (name === "reset") {
+            this.#load();
+        } else if (this.#waiting) {
+            this.#waiting.push([name, data]);
+        } else if (name === "network" && data.id >= this.info.id) {
+            this.#apply(data);
+        } else if (name === "change") {
+            this.#append(data);
+        }
+    }
+
+    #setConnection(state, since) {
+        if (state === "live" && this.isLoaded) {
+            this.connection = { state: "live", cause: null, since: since ? Date.parse(since) : this.now() };
+            this.#mark((pending) => (pending.connection = true));
+        } else if (state !== "live") {
+            this.#lose("broker");
+        }
+    }
+
+    // One network's changed parts; nodes are whole.
+    #apply({ id: _, network: index, nodes = [], gone = [], ...parts }) {
+        const network = this.networks[index];
+        if (!network) {
+            this.#load();
+            return;
+        }
+        Object.assign(network, parts);
+        this.#mark((pending) => {
+            for (const node of nodes) {
+                network.nodes.set(node.mac, node);
+                pending.nodes.add(`${index}/${node.mac}`);
+            }
+            for (const mac of gone) {
+                network.nodes.delete(mac);
+                pending.nodes.add(`${index}/${mac}`);
+            }
+            pending.lists = true;
+        });
+    }
+
+    #append(change) {
+        if (this.log.length > 0 && change.id <= this.log.at(-1).id) {
+            return;
+        }
+        this.log.push(change);
+        if (this.log.length > MAX_LOG + LOG_SLACK) {
+            this.log.splice(0, this.log.length - MAX_LOG);
+        }
+        this.#mark((pending) => (pending.log = true));
+    }
+}
+
+export const store = new Store();
