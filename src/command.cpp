@@ -23,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <new>
 #include <string_view>
@@ -33,7 +34,7 @@ namespace
 
 constexpr const char *log_source = "command";
 
-constexpr uint8_t ACTIVATE_VALUE = 5;
+constexpr uint8_t ACTIVATE_VALUE = 5; // on ACTIVATE_TOPIC
 constexpr timer_names KEEPALIVE = {"keepalive", "keepalive"};
 constexpr itimerspec KEEPALIVE_PERIOD = {.it_interval = {.tv_sec = 300, .tv_nsec = 0},
                                          .it_value = {.tv_sec = 300, .tv_nsec = 0}};
@@ -404,7 +405,7 @@ void run_on_targets(command_ptr record, const target_operation &operation, uint8
         return;
     }
     if ((record->failed_count > 0 ? send_nack_multitarget(*record) : send_ack(*record)) == -1) {
-        log_error("couldn't send NACK response");
+        log_error("couldn't send NACK response"); // operators know this text for both
         terminate();
     }
 }

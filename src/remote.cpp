@@ -33,6 +33,8 @@
 #include <ctime>
 #include <memory>
 #include <new>
+#include <span>
+#include <utility>
 
 namespace
 {
@@ -286,12 +288,13 @@ namespace
 // Requests to other nodes
 //
 
+// The payload is what follows the request id.
 std::unique_ptr<pending_request> build_req(const char *destination, packet_type type,
-                                           request_result_cb callback, void *arg, const uint8_t *payload,
-                                           size_t payload_length)
+                                           request_result_cb callback, void *arg,
+                                           std::span<const uint8_t> payload)
 {
-    if (payload_length > MAX_REQUEST_PAYLOAD) {
-        log_error("request payload is too long (%zu bytes, must be at most %zu)", payload_length,
+    if (payload.size() > MAX_REQUEST_PAYLOAD) {
+        log_error("request payload is too long (%zu bytes, must be at most %zu)", payload.size(),
                   MAX_REQUEST_PAYLOAD);
         return nullptr;
     }
@@ -305,12 +308,10 @@ std::unique_ptr<pending_request> build_req(const char *destination, packet_type 
     request->callback = callback;
     request->arg = arg;
     request->tries_left = REQUEST_TRIES;
-    write_header(request->packet, type, REQUEST_ID_SIZE + payload_length);
+    write_header(request->packet, type, REQUEST_ID_SIZE + payload.size());
     store_be(request->packet + HEADER_SIZE, request->request_id);
-    if (payload_length > 0) {
-        memcpy(request->packet + HEADER_SIZE + REQUEST_ID_SIZE, payload, payload_length);
-    }
-    request->packet_length = HEADER_SIZE + REQUEST_ID_SIZE + payload_length;
+    memcpy(request->packet + HEADER_SIZE + REQUEST_ID_SIZE, payload.data(), payload.size());
+    request->packet_length = HEADER_SIZE + REQUEST_ID_SIZE + payload.size();
     return request;
 }
 
@@ -363,14 +364,13 @@ int start_req(std::unique_ptr<pending_request> request)
 }
 
 int setup_common_req(const uint8_t *mac, packet_type type, request_result_cb callback, void *arg,
-                     const uint8_t *payload, size_t payload_length)
+                     std::span<const uint8_t> payload)
 {
     const char *const destination = get_fire_ip(mac);
     if (destination == nullptr) {
         return -1;
     }
-    std::unique_ptr<pending_request> request =
-        build_req(destination, type, callback, arg, payload, payload_length);
+    std::unique_ptr<pending_request> request = build_req(destination, type, callback, arg, payload);
     if (!request) {
         return log_failure("couldn't build request");
     }
@@ -426,7 +426,7 @@ int request_for_filter(packet_type type, const uint8_t (&fields)[LENGTH], const 
     uint8_t payload[MAX_REQUEST_PAYLOAD];
     memcpy(payload, fields, LENGTH);
     memcpy(payload + LENGTH, filter, strlen(filter) + 1);
-    return setup_common_req(mac, type, callback, arg, payload, LENGTH + strlen(filter) + 1);
+    return setup_common_req(mac, type, callback, arg, {payload, LENGTH + strlen(filter) + 1});
 }
 
 } // namespace
@@ -452,7 +452,7 @@ int remote_unsubscribe_all(uint32_t client_id)
     uint8_t payload[CLIENT_ID_SIZE];
     store_be(payload, client_id);
     std::unique_ptr<pending_request> request =
-        build_req(MULTICAST_GROUP, PACKET_UNSUBSCRIBE_ALL, nullptr, nullptr, payload, sizeof payload);
+        build_req(MULTICAST_GROUP, PACKET_UNSUBSCRIBE_ALL, nullptr, nullptr, payload);
     if (!request) {
         return log_failure("couldn't build unsubscribe all request");
     }
@@ -467,7 +467,7 @@ int remote_activate(const uint8_t *mac, uint8_t value, request_result_cb callbac
     if (check_arguments(mac != nullptr && callback != nullptr, log_source) == -1) {
         return -1;
     }
-    return setup_common_req(mac, PACKET_ACTIVATE, callback, arg, &value, sizeof value);
+    return setup_common_req(mac, PACKET_ACTIVATE, callback, arg, {&value, 1});
 }
 
 int remote_set_remote_download(const uint8_t *mac, uint8_t value, request_result_cb callback, void *arg)
@@ -475,7 +475,7 @@ int remote_set_remote_download(const uint8_t *mac, uint8_t value, request_result
     if (check_arguments(mac != nullptr && callback != nullptr, log_source) == -1) {
         return -1;
     }
-    return setup_common_req(mac, PACKET_REMOTE_DOWNLOAD, callback, arg, &value, sizeof value);
+    return setup_common_req(mac, PACKET_REMOTE_DOWNLOAD, callback, arg, {&value, 1});
 }
 
 namespace

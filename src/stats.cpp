@@ -22,6 +22,7 @@
 #include <memory>
 #include <new>
 #include <string_view>
+#include <utility>
 
 namespace
 {

@@ -23,13 +23,16 @@
 #include <uthash.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <memory>
 #include <new>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -696,9 +699,10 @@ void miswired_cb(const char *topic, const void *payload, int length, void *)
     if (!is_ready() || find_port_in_local_topic(topic, &port) == -1) {
         return;
     }
-    if (length != 0 && static_cast<size_t>(length) != ERPS_STATUS_SIZE) {
-        log_error("published ERPS port status data has wrong length (%zu, should be %zu)",
-                  static_cast<size_t>(length), ERPS_STATUS_SIZE);
+    const auto size = static_cast<size_t>(length);
+    if (size != 0 && size != ERPS_STATUS_SIZE) {
+        log_error("published ERPS port status data has wrong length (%zu, should be %zu)", size,
+                  ERPS_STATUS_SIZE);
         return;
     }
     if (port_bit(port) == 0) {
@@ -709,7 +713,7 @@ void miswired_cb(const char *topic, const void *payload, int length, void *)
     memcpy(before, section, sizeof before);
 
     const uint8_t *const status = static_cast<const uint8_t *>(payload);
-    const bool miswired = length != 0 && is_miswired(port, status);
+    const bool miswired = size != 0 && is_miswired(port, status);
     if (miswired) {
         store_miswired(port, status);
     }
@@ -743,12 +747,13 @@ void style7_cb(const char *topic, const void *payload, int length, void *)
     if (!is_ready() || !parse_ring(topic, ring)) {
         return;
     }
-    if (length != 0 && static_cast<size_t>(length) != RING_STATUS_SIZE) {
-        log_error("published ring status data has wrong length (%zu, should be %zu or 0)",
-                  static_cast<size_t>(length), RING_STATUS_SIZE);
+    const auto size = static_cast<size_t>(length);
+    if (size != 0 && size != RING_STATUS_SIZE) {
+        log_error("published ring status data has wrong length (%zu, should be %zu or 0)", size,
+                  RING_STATUS_SIZE);
         return;
     }
-    const int32_t state = length == 0 ? -1 : load_host<int32_t>(static_cast<const uint8_t *>(payload));
+    const int32_t state = size == 0 ? -1 : load_host<int32_t>(static_cast<const uint8_t *>(payload));
     const uint8_t bit = ring < RINGS ? static_cast<uint8_t>(1U << ring) : uint8_t{0};
     set_bits(local_summary->data[SUMMARY_RINGS], bit, state >= 0);
     set_bits(local_summary->data[SUMMARY_DEGRADED_RINGS], bit, state >= 0 && state != RING_STATUS_CLOSED);
@@ -787,14 +792,15 @@ void download_status_cb(const char *, const void *payload, int length, void *)
     if (!is_ready()) {
         return;
     }
+    const auto size = static_cast<size_t>(length);
     uint8_t *const status = local_summary->data + SUMMARY_DOWNLOAD_STATUS;
-    if (length == 0) {
+    if (size == 0) {
         memset(status, 0, SUMMARY_DOWNLOAD_STATUS_SIZE);
-    } else if (length == static_cast<int>(SUMMARY_DOWNLOAD_STATUS_SIZE)) {
+    } else if (size == SUMMARY_DOWNLOAD_STATUS_SIZE) {
         memcpy(status, payload, SUMMARY_DOWNLOAD_STATUS_SIZE);
     } else {
-        log_error("published download status has wrong length (%zu, should be %d)",
-                  static_cast<size_t>(length), static_cast<int>(SUMMARY_DOWNLOAD_STATUS_SIZE));
+        log_error("published download status has wrong length (%zu, should be %d)", size,
+                  static_cast<int>(SUMMARY_DOWNLOAD_STATUS_SIZE));
     }
     stamp_change(SUMMARY_INFO_DOWNLOAD);
 }

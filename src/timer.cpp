@@ -1,5 +1,6 @@
 #include "timer.h"
 
+#include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
