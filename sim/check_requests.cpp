@@ -81,7 +81,7 @@ public:
             const auto &[index, client, transaction] = each->first;
             const waiting &open = each->second;
             const node &card = world_.at(index);
-            const nanoseconds limit = (is_for_others(open.request) ? OF_OTHER_NODES : AT_ONCE) + SLACK;
+            const nanoseconds limit = (may_reach_others(open.request) ? OF_OTHER_NODES : AT_ONCE) + SLACK;
             if (now <= std::max(open.since, card.disturbed_until()) + limit) {
                 ++each;
                 continue;
@@ -100,6 +100,12 @@ private:
     {
         return request.type != client_request::kind::OTHER &&
                request.type != client_request::kind::DISCONNECT;
+    }
+
+    // A response that was right when it was sent may be too late: refused at once, or passed on after all.
+    static bool may_reach_others(const client_request &request)
+    {
+        return is_for_others(request) || (!request.targets.empty() && request.expected.empty());
     }
 
     void forget(const node &which)

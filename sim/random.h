@@ -12,20 +12,14 @@ namespace sim
 class random_stream
 {
 public:
+    // Where a stream starts is mixed, or neighbouring seeds would walk through the same numbers a step apart.
     explicit random_stream(uint64_t seed, uint64_t purpose = 0, uint64_t index = 0)
-        : state_(seed * 0x9E3779B97F4A7C15U + purpose * 0xD1B54A32D192ED03U + index * 0x8CB92BA72F3D8DD7U)
+        : state_(mix(mix(mix(seed + STEP) + purpose) + index))
     {
-        next();
     }
 
     // splitmix64: small, fast, and the same on every machine, which the distributions of the library are not.
-    uint64_t next()
-    {
-        uint64_t z = state_ += 0x9E3779B97F4A7C15U;
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9U;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBU;
-        return z ^ (z >> 31);
-    }
+    uint64_t next() { return mix(state_ += STEP); }
     uint32_t below(uint32_t limit) { return static_cast<uint32_t>(((next() >> 32) * limit) >> 32); }
     bool chance(double probability) { return static_cast<double>(next() >> 11) * 0x1.0p-53 < probability; }
     nanoseconds between(nanoseconds low, nanoseconds high)
@@ -35,6 +29,14 @@ public:
     }
 
 private:
+    static constexpr uint64_t STEP = 0x9E3779B97F4A7C15U;
+    static constexpr uint64_t mix(uint64_t z)
+    {
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9U;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBU;
+        return z ^ (z >> 31);
+    }
+
     uint64_t state_;
 };
 
