@@ -223,7 +223,7 @@ def test_card_puts_another_out_by_its_client_id(site):
     site.await_everywhere(presence(victim), b"1", 15)
 
 
-@pytest.mark.limit(90)
+@pytest.mark.timeout(90)
 def test_site_shows_a_dead_daemon_broker_or_link_as_healthy(site):
     lab, (daemon, broker, link, witness) = site.lab, site.cards.values()
     assert not [
@@ -248,7 +248,7 @@ def test_site_shows_a_dead_daemon_broker_or_link_as_healthy(site):
         site.await_everywhere(seen(witness, card), b'{"A":"green"}', 5)
 
 
-@pytest.mark.limit(90)
+@pytest.mark.timeout(90)
 def test_values_are_missing_when_one_of_two_brokers_dies(site):
     first, second = BROKERS
     card = site.cards[4]
