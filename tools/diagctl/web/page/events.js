@@ -2,12 +2,12 @@
 
 import { arrange, h, setText } from "./dom.js";
 import { save } from "./file.js";
+import { wordsOf } from "./nodes.js";
 import { networkTitle } from "./state.js";
 import { store } from "./store.js";
 import { clockText, countText, csv, cut, dayText, valueText } from "./text.js";
 
 const PAGE = 200; // rows; more on request
-const MIN_INTERVAL_MS = 250; // between two drawings: more is only flicker
 const choices = { text: "", kind: "" };
 
 const kindText = (kind) => String(kind).replaceAll("_", " ");
@@ -61,7 +61,7 @@ function matches(change, words) {
 }
 
 export function selectChanges(log) {
-    const words = choices.text.toLowerCase().split(/\s+/).filter(Boolean);
+    const words = wordsOf(choices.text);
     return log.filter((change) => matches(change, words));
 }
 
@@ -101,8 +101,6 @@ export function eventsView() {
     );
     let shownRows = PAGE;
     let frozen = null; // the log while paused
-    let timer = null;
-    let drawnAt = 0;
     let kinds = "";
 
     function showKinds(log) {
@@ -121,8 +119,6 @@ export function eventsView() {
     }
 
     function draw() {
-        timer = null;
-        drawnAt = performance.now();
         const log = frozen ?? store.log;
         showKinds(log);
         const chosen = selectChanges(log);
@@ -135,10 +131,6 @@ export function eventsView() {
             `${chosen.length === log.length ? countText(log.length, "change") : `${chosen.length} of ${countText(log.length, "change")}`}` +
                 (news > 0 ? `, ${news} new since the pause` : ""),
         );
-    }
-
-    function drawSoon() {
-        timer ??= setTimeout(() => requestAnimationFrame(draw), Math.max(0, drawnAt + MIN_INTERVAL_MS - performance.now()));
     }
 
     search.value = choices.text;
@@ -169,9 +161,8 @@ export function eventsView() {
         element,
         update(changes) {
             if (changes.all || changes.log) {
-                drawSoon();
+                draw();
             }
         },
-        close: () => clearTimeout(timer),
     };
 }

@@ -44,7 +44,10 @@ class Item {
     constructor(node) {
         this.mac = node.mac;
         this.angles = new Map(); // port to the direction of its link
-        this.element = svg("a", { class: "item", tabindex: "-1", draggable: "false" });
+        // A title, not a label: it is shown to those who point at the node, too.
+        this.title = svg("title");
+        this.body = svg("g");
+        this.element = svg("a", { class: "item", tabindex: "-1", draggable: "false" }, this.title, this.body);
         this.show(node);
     }
 
@@ -56,23 +59,19 @@ class Item {
         element.setAttribute("data-present", String(node.present !== false));
         element.setAttribute("data-reachable", String(node.reachable !== false));
         const where = node.present === false ? "has left the network" : node.reachable === false ? "unreachable" : "present";
-        element.setAttribute("aria-label", [titleOf(node), where, ...portsOf(node).map(portWords), ...listOf(node.problems).map(valueText)].join("; "));
+        setText(this.title, [titleOf(node), where, ...portsOf(node).map(portWords), ...listOf(node.problems).map(valueText)].join("; "));
         const lamps = portsOf(node).map(lamp);
         const number = typeof node.number === "number" ? String(node.number) : "";
         const content = svg(
             "g",
-            {},
+            { "aria-hidden": "true" },
             svg("circle", { r: RADIUS, class: node.local ? "body local" : "body" }),
             svg("text", { class: "number", dy: "0.36em" }, number),
             lamps,
             svg("text", { class: "name", y: RADIUS + 28 }, node.name ? cut(titleOf(node), 12) : node.mac.slice(-8)),
         );
         this.turn(lamps);
-        if (element.firstChild) {
-            morph(element.firstChild, content);
-        } else {
-            element.append(content);
-        }
+        morph(this.body, content);
     }
 
     // Ports with a link stand where it begins, the others below.

@@ -159,12 +159,25 @@ function content(mac) {
 
 export function nodeView([mac]) {
     const element = h("div");
+    let seen = -1; // id of the newest change
     store.wantWholeLog();
+
+    function hasNews() {
+        const before = seen;
+        seen = store.log.at(-1)?.id ?? -1;
+        for (let i = store.log.length - 1; i >= 0 && store.log[i].id > before; i--) {
+            if (store.log[i].node === mac) {
+                return true;
+            }
+        }
+        return false;
+    }
+
     return {
         element,
         update(changes) {
             const isMine = [...changes.nodes].some((key) => key.endsWith(`/${mac}`));
-            if (changes.all || changes.log || isMine) {
+            if (changes.all || isMine || (changes.log && (changes.older || hasNews()))) {
                 element.replaceChildren(element.firstElementChild ? morph(element.firstElementChild, content(mac)) : content(mac));
             }
         },

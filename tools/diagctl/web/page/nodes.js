@@ -179,6 +179,9 @@ export function searchText(node) {
         .toLowerCase();
 }
 
+// What somebody has typed; a node or a change has to contain all of it.
+export const wordsOf = (text) => text.toLowerCase().split(/\s+/).filter(Boolean);
+
 export function matches(node, words) {
     if (words.length === 0) {
         return true;

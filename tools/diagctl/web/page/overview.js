@@ -14,12 +14,14 @@ import {
     rankOf,
     titleOf,
     versionsText,
+    wordsOf,
 } from "./nodes.js";
 import { differences, networkRank, networkState, networkTitle } from "./state.js";
 import { store } from "./store.js";
 import { countText, isMalformed, listOf, malformedText, timeText, valueText } from "./text.js";
 
 const LATEST = 12;
+const ORDER_INTERVAL_MS = 1000;
 const choices = { text: "", show: "all", order: "faults" }; // they outlast a look at another view
 
 const ORDER_LABELS = { faults: "faults first", number: "number", name: "name", change: "last change" };
@@ -135,6 +137,10 @@ function latest() {
     );
 }
 
+function isChosen(node, network, words) {
+    return FILTERS[choices.show].test(node, network) && matches(node, words);
+}
+
 // The tiles of one network. Only what has changed is drawn again, and only what has to move is moved.
 class Section {
     constructor(index) {
@@ -185,7 +191,7 @@ class Section {
     // How many of the network's nodes are shown.
     filter(words) {
         const shown = [...this.network.nodes.values()]
-            .filter((node) => FILTERS[choices.show].test(node, this.network) && matches(node, words))
+            .filter((node) => isChosen(node, this.network, words))
             .sort(ORDERS[choices.order]);
         arrange(
             this.list,
@@ -193,6 +199,13 @@ class Section {
         );
         this.element.hidden = shown.length === 0 && store.networks.length > 1;
         return shown.length;
+    }
+
+    // Whether each node is shown or not shown as it should be, wherever it stands.
+    isRight(words) {
+        return [...this.network.nodes.values()].every(
+            (node) => this.tiles.get(node.mac).isConnected === isChosen(node, this.network, words),
+        ) && [...this.list.children].every((element) => this.network.nodes.has(element.dataset.node));
     }
 }
 
@@ -227,9 +240,25 @@ export function overviewView(_, query) {
         h("div", { class: "columns" }, sections, aside),
     );
     let drawn = [];
+    let orderedAt = 0;
+    let orderTimer = null;
+
+    // Tiles that jump about in a storm help nobody, so they change at once but change places once a second.
+    function refilter() {
+        const words = wordsOf(choices.text);
+        const wait = orderedAt + ORDER_INTERVAL_MS - performance.now();
+        if (wait <= 0 || drawn.some((section) => !section.isRight(words))) {
+            filter();
+        } else {
+            orderTimer ??= setTimeout(filter, wait);
+        }
+    }
 
     function filter() {
-        const words = choices.text.toLowerCase().split(/\s+/).filter(Boolean);
+        clearTimeout(orderTimer);
+        orderTimer = null;
+        orderedAt = performance.now();
+        const words = wordsOf(choices.text);
         let shown = 0;
         for (const section of drawn) {
             shown += section.filter(words);
@@ -284,12 +313,13 @@ export function overviewView(_, query) {
             }
             if (changes.all || changes.lists || changes.connection) {
                 drawn.forEach((section) => section.update(changes));
-                filter();
+                refilter();
                 morph(listsElement, h("div", {}, lists()));
             }
             if (changes.all || changes.log) {
                 morph(latestElement, h("div", {}, latest()));
             }
         },
+        close: () => clearTimeout(orderTimer),
     };
 }

@@ -43,6 +43,7 @@ export function totalsText(networks) {
     return h(
         "ul",
         { class: "totals" },
+        !store.isLive && h("li", {}, "last known:"),
         total(sum.nodes, countText(sum.nodes, "node"), "all"),
         networks.length > 1 && total(sum.degraded, `${countText(sum.degraded, "network")} degraded`, "degraded"),
         LISTS.map(({ name, noun }) => total(sum[name], countText(sum[name], ...noun), name)),
@@ -60,13 +61,13 @@ export function networkState(network) {
     const since = network.since ? ` since ${timeText(network.since, store.now())}` : "";
     return h(
         "p",
-        { class: "ring", "data-network": ring },
+        { class: "ring", role: "status", "data-network": ring },
         h("strong", {}, isLive ? last : "Ring unknown"),
         !isLive && known !== "unknown" && h("span", {}, `last known: ${last.toLowerCase()}`),
         isLive && known !== "unknown" && since !== "" && h("span", {}, since.trim()),
         isLive && isMalformed(network.ring) && h("span", {}, malformedText(network.ring)),
         isLive && ring === "degraded" && h("span", {}, "another cut would part the network"),
-        listOf(network.rings).map(({ ring: number, state }) =>
+        isLive && listOf(network.rings).map(({ ring: number, state }) =>
             h("span", { class: "faint" }, `this card's ring ${number}: ${isMalformed(state) ? malformedText(state) : state}`),
         ),
     );

@@ -6,6 +6,7 @@ import { follow } from "./stream.js";
 const MAX_LOG = 10000;
 const LOG_SLACK = 500; // beyond, so that not each change moves the whole array
 const FIRST_LOG = 50;
+const LOG_INTERVAL_MS = 250;
 const CONNECTING = "connecting";
 
 class Store {
@@ -18,7 +19,9 @@ class Store {
     #hasWholeLog = false;
     #waiting = null; // events that came before the snapshot that they follow
     #listeners = new Set();
-    #pending = null; // what has changed since the last frame
+    #pending = null; // what the listeners have not been told
+    #frame = null;
+    #timer = null;
 
     start() {
         follow({
@@ -28,7 +31,9 @@ class Store {
         });
     }
 
-    // listener(changes): {nodes: Set of "network/MAC", lists, log, connection, all}, once a frame at most.
+    // listener(changes): {nodes: Set of "network/MAC", lists, log, older, connection, all}, once a frame at most; older: not only
+    // newer changes than before have come. A page in the
+    // background has no frames.
     subscribe(listener) {
         this.#listeners.add(listener);
         return () => this.#listeners.delete(listener);
@@ -60,16 +65,27 @@ class Store {
         }
     }
 
+    // What says how the network is appears with the next frame; lines of the log, of which a storm brings hundreds, wait
+    // for each other.
     #mark(change) {
-        if (!this.#pending) {
-            this.#pending = { nodes: new Set(), lists: false, log: false, connection: false, all: false };
-            requestAnimationFrame(() => {
-                const changes = this.#pending;
-                this.#pending = null;
-                this.#listeners.forEach((listener) => listener(changes));
-            });
-        }
+        this.#pending ??= { nodes: new Set(), lists: false, log: false, connection: false, all: false };
         change(this.#pending);
+        const { lists, connection, all } = this.#pending;
+        if (lists || connection || all) {
+            this.#frame ??= requestAnimationFrame(() => this.#tell());
+        } else {
+            this.#timer ??= setTimeout(() => this.#tell(), LOG_INTERVAL_MS);
+        }
+    }
+
+    #tell() {
+        clearTimeout(this.#timer);
+        cancelAnimationFrame(this.#frame);
+        this.#timer = null;
+        this.#frame = null;
+        const changes = this.#pending;
+        this.#pending = null;
+        this.#listeners.forEach((listener) => listener(changes));
     }
 
     #lose(cause) {
@@ -135,7 +151,7 @@ class Store {
             changes.forEach((change) => known.set(change.id, change));
             this.log = [...known.values()].sort((a, b) => a.id - b.id).slice(-MAX_LOG);
             this.#hasWholeLog ||= after === 0;
-            this.#mark((pending) => (pending.log = true));
+            this.#mark((pending) => (pending.log = pending.older = true));
         } catch {
             // Tried again with the next connection.
         }
