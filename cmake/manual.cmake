@@ -1,4 +1,5 @@
-# The manual pages, made of packaging/man/NAME.SECTION.scd. Sets man_pages to the list of them, empty without scdoc.
+# The manual pages, made of packaging/man/NAME.SECTION.scd, with the version in their feet. Sets man_pages to the list of
+# them, empty without scdoc.
 
 find_program(SCDOC scdoc)
 set(man_pages)
@@ -9,7 +10,7 @@ if(SCDOC)
     set(page ${CMAKE_BINARY_DIR}/man/${name})
     add_custom_command(OUTPUT ${page}
       COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/man
-      COMMAND sh -c "exec \"$1\" <\"$2\" >\"$3\"" sh ${SCDOC} ${source} ${page}
+      COMMAND sh -c "sed '1s/$/ \"diag ${PROJECT_VERSION}\"/' \"$2\" | \"$1\" >\"$3\"" sh ${SCDOC} ${source} ${page}
       DEPENDS ${source} VERBATIM)
     list(APPEND man_pages ${page})
   endforeach()

@@ -3,6 +3,11 @@
 -- Try it with "tshark -X lua_script:contrib/wireshark/diag.lua -r FILE", or copy it to the personal Lua plug-ins
 -- (Help, About Wireshark, Folders). Filters: diag, diag.type == 10, diag.malformed, diag.response_time > 1.
 
+set_plugin_info({
+    version = "1.0.0",
+    description = "Packets of the panel network, UDP port 50004",
+})
+
 local PORT = 50004
 local MAX_PACKET, HEADER, SECTION_HEADER, FRONT_PORTS = 1024, 10, 3, 8
 

@@ -1,0 +1,18 @@
+# The version that documents and tools state in their own words is that of the project.
+function(expect file before after)
+  file(STRINGS ${SOURCE}/${file} lines)
+  foreach(line IN LISTS lines)
+    if(line MATCHES "${before}([0-9.]+)${after}")
+      if(NOT CMAKE_MATCH_1 STREQUAL VERSION)
+        message(SEND_ERROR "${file} is of version ${CMAKE_MATCH_1}, the project of ${VERSION}")
+      endif()
+      return()
+    endif()
+  endforeach()
+  message(SEND_ERROR "${file} states no version")
+endfunction()
+
+expect(CHANGELOG.md "^## " " - ")
+expect(contrib/wireshark/diag.lua "version = \"" "\"")
+expect(docs/asyncapi.yaml "^  version: " "$")
+expect(packaging/debian/changelog "^diag [(]" "[)]")
