@@ -15,6 +15,7 @@ from contextlib import contextmanager
 from pathlib import Path
 
 import diaglab
+import psutil
 
 HERE = Path(__file__).resolve().parent
 LAB = HERE.parent.parent / "lab" / "lab"
@@ -76,14 +77,14 @@ class Stream:
             self.signal(signal.SIGTERM)
         self.end()
 
-    def inner_pid(self):
+    def inside(self):
         """The process inside the node: what runs outside is nsenter, which waits for it. None after its end."""
-        children = Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children")
-        found = wait_until(lambda: children.read_text().split() or self.process.poll() is not None)
-        return int(found[0]) if isinstance(found, list) else None
+        outside = psutil.Process(self.process.pid)
+        found = wait_until(lambda: outside.children() or self.process.poll() is not None)
+        return found[0] if isinstance(found, list) else None
 
     def signal(self, number):
-        os.kill(self.inner_pid(), number)
+        self.inside().send_signal(number)
 
     def end(self, limit=10):
         """Waits for the process and returns its exit status, below 0 for a death by signal."""
@@ -110,18 +111,6 @@ class Daemon(Stream):
         status = super().end(limit)
         assert not re.search("Sanitizer|runtime error", "\n".join(self.items)), self.items
         return status
-
-    def memory(self):
-        """Resident, in bytes."""
-        words = Path(f"/proc/{self.inner_pid()}/statm").read_text(encoding="ascii").split()
-        return int(words[1]) * os.sysconf("SC_PAGE_SIZE")
-
-    def open_files(self):
-        return len(os.listdir(f"/proc/{self.inner_pid()}/fd"))
-
-    def cpu_seconds(self):
-        words = Path(f"/proc/{self.inner_pid()}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
-        return (int(words[11]) + int(words[12])) / os.sysconf("SC_CLK_TCK")
 
 
 class Node:
@@ -380,8 +369,7 @@ class Lab:
 
 # --- packets
 
-SUMMARY, SUBSCRIBE, UNSUBSCRIBE, UNSUBSCRIBE_ALL, ACK, TOPIC_DATA = 1, 2, 3, 4, 5, 6
-CLIENT_KEEPALIVE, RESET_STATS, RESET_ALL_STATS, ACTIVATE, REMOTE_DOWNLOAD, GOODBYE = 7, 8, 9, 10, 11, 12
+SUMMARY, UNSUBSCRIBE_ALL, ACK, CLIENT_KEEPALIVE, GOODBYE = 1, 4, 5, 7, 12
 
 REQUEST_TRIES = 10  # one a second
 
@@ -396,28 +384,13 @@ def mac_bytes(mac):
     return bytes.fromhex(mac.replace("-", ""))
 
 
-def packet(kind, mac, payload=b"", length=None):
-    length = len(payload) if length is None else length
-    return bytes([1, kind]) + mac_bytes(mac) + struct.pack(">H", length) + payload
-
-
-def section(kind, data, length=None):
-    return struct.pack(">BH", kind, len(data) if length is None else length) + data
+def packet(kind, mac, payload=b""):
+    return bytes([1, kind]) + mac_bytes(mac) + struct.pack(">H", len(payload)) + payload
 
 
 def summary(mac, sections):
     """A summary packet with these sections, a mapping of type to data."""
-    return packet(SUMMARY, mac, b"".join(section(kind, data) for kind, data in sections.items()))
-
-
-def cut_summary(data):
-    """The sections of a summary packet."""
-    sections, rest = {}, data[10:]
-    while rest:
-        kind, length = struct.unpack_from(">BH", rest)
-        sections[kind] = rest[3 : 3 + length]
-        rest = rest[3 + length :]
-    return sections
+    return packet(SUMMARY, mac, b"".join(struct.pack(">BH", kind, len(data)) + data for kind, data in sections.items()))
 
 
 def versions_text(*pairs):

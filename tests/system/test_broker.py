@@ -5,7 +5,7 @@ from concurrent.futures import ThreadPoolExecutor
 import pytest
 from panel import summary, wait_until
 
-KEPT_TOPIC, KEPT_FILTER = "pub/diag/net/fire/grnd_list", "local/diag/ring/+/status"
+KEPT_TOPIC = "pub/diag/net/fire/grnd_list"
 NEVER_STARTED = [
     "couldn't connect mosquitto instance",
     "couldn't connect to the broker",
@@ -33,11 +33,6 @@ CASES = {
         f"keep {KEPT_TOPIC}",
         (4, 8),
         [f"publish on topic {KEPT_TOPIC} still failed after maximum number of retries, exiting"],
-    ),
-    "keeps an acknowledgement of a subscription": (
-        f"keep {KEPT_FILTER}",
-        (4, 8),
-        [f"subscription on topic {KEPT_FILTER} still failed after maximum number of retries, exiting"],
     ),
     "refuses subscriptions": ("grant 128", (0, 4), ["granted QoS is wrong (128, should be 1)"]),
     "sends garbage": (
@@ -105,10 +100,10 @@ def test_daemon_dies_by_a_signal_or_goes_on_when_its_broker_is_killed(lab, busy)
 
 
 def assert_rests_and_ends(daemon):
-    cpu, start = daemon.cpu_seconds(), time.monotonic()
+    cpu, start = sum(daemon.inside().cpu_times()[:2]), time.monotonic()
     # A time to spin in, shorter than the daemon's patience with missing acknowledgements.
     wait_until(lambda: time.monotonic() > start + 1.2)
-    assert daemon.cpu_seconds() - cpu < 0.1
+    assert sum(daemon.inside().cpu_times()[:2]) - cpu < 0.1
     start = time.monotonic()
     assert daemon.stop() == 0
     assert time.monotonic() - start < 3

@@ -10,200 +10,172 @@ import random
 import time
 
 import pytest
-from panel import Lab, Stream, wait_until
+from panel import Stream, wait_until
 
 SECONDS = int(os.environ.get("DIAG_SOAK_SECONDS", "20"))
 NODES = 5
-CLIENTS = 8  # of each node, each with one request at a time
+CLIENTS = range(1, 9)  # of each node, each with one request at a time
 ANSWER_SECONDS = 15  # the longest request takes 10 s
 GROWTH_LIMIT = 4096  # of a daemon's resident memory, in kB, from one minute after its start
 WARM_UP_SECONDS = 60
 REQUEST, RESPONSE = "pub/diag/command/request", "pub/diag/command/response"
 # A small quarantine: freed memory is to come back, or every daemon would seem to grow.
 ENVIRONMENT = ["ASAN_OPTIONS=quarantine_size_mb=1:detect_leaks=1"]
+LOSS = """nft add table ip soak; nft flush table ip soak
+nft add chain ip soak input '{ type filter hook input priority 0; }'
+nft add rule ip soak input udp dport 50004 numgen random mod 100 '<' 20 drop"""
 
-
-class Client:
-    """One request after the other, each answered exactly once."""
-
-    def __init__(self, card, number):
-        self.card, self.number = card, number
-        self.subscriptions = 0  # the daemon does not answer who unsubscribes without one
-        self.pending = None  # (transaction, keyword, when it was sent)
-        self.last_answer = None
-        self.rest_until = 0.0
-
-    def request(self, macs):
-        other = random.choice(macs)
-        choices = {
-            "noop": 6,
-            f"subscribe;pub/diag/{other}/#;{random.choice((0, 1, 2, 10))}": 3,
-            f"reset-stats;{other};{random.choice('AB')}": 1,
-            "reset-all-stats": 0.1,
-            "activate;1 2 3 77;" + "0" * 32: 1,
-            "remote-download;2;;": 1,
-            "x" * random.randrange(1, 2000): 1,
-            f"unsubscribe;pub/diag/{other}/#": 2 * bool(self.subscriptions),
-            "disconnect": 1,
-        }
-        self.send(random.choices(list(choices), list(choices.values()))[0])
-
-    def send(self, text):
-        transaction = next(self.card.transactions)
-        self.pending = transaction, text.partition(";")[0], time.monotonic()
-        self.card.publisher.write(f"{self.number};{transaction};{text}")
-
-    def take(self, transaction, verdict):
-        if (transaction, verdict) == self.last_answer:
-            # The daemon publishes again what the broker has not acknowledged for a second.
-            return "repeated"
-        assert self.pending and self.pending[0] == transaction, f"{transaction} answered twice or never asked"
-        self.last_answer = transaction, verdict
-        keyword = self.pending[1]
-        self.pending = None
-        self.rest_until = time.monotonic() + random.expovariate(5)
-        if verdict == "ACK":
-            self.subscriptions += {"subscribe": 1, "unsubscribe": -1, "disconnect": -self.subscriptions}.get(keyword, 0)
-        return keyword
+transactions = itertools.count(1)
+counts = collections.Counter()
 
 
 class Card:
-    """A node with its clients."""
+    """A node with its clients, each of which has every request answered exactly once."""
 
-    def __init__(self, node, counts):
-        self.node, self.counts = node, counts
-        self.transactions = itertools.count(1)
-        self.clients = {number: Client(self, number) for number in range(1, CLIENTS + 1)}
+    def __init__(self, node):
+        self.node = node
+        node.shell(LOSS)
         node.watch()
         self.seen = 0
+        self.pending = {}  # by client: transaction, command, when it was sent
+        self.answered = {}  # by client: the last answer
+        self.rest_until = dict.fromkeys(CLIENTS, 0.0)
         self.publisher = Stream(node.command("mosquitto_pub", "-p", "1885", "-q", "1", "-t", REQUEST, "-l"))
-        self.is_resting = False
         self.start()
 
     def start(self):
-        self.node.start("-n", str(self.node.number), env=ENVIRONMENT)
+        self.daemon = self.node.start("-n", str(self.node.number), env=ENVIRONMENT)
         self.started = time.monotonic()
         self.warm_memory = None
-        for client in self.clients.values():
-            client.subscriptions = 0
+        # By client. The daemon doesn't answer who unsubscribes without a subscription, and takes a client for gone that
+        # has ended as many as it has begun.
+        self.subscribed = {client: [] for client in CLIENTS}
 
         def is_answering():
             self.publisher.write("0;0;noop")
             return (RESPONSE, b"0;0;ACK") in self.node.topics.items[self.seen :]
 
         wait_until(is_answering, what="the first answer")
-        self.files = self.node.daemon.open_files()
+        self.files = self.daemon.inside().num_fds()
         self.is_resting = False
 
-    def read(self):
-        items = self.node.topics.items
-        while self.seen < len(items):
-            topic, payload = items[self.seen]
-            self.seen += 1
-            if topic == RESPONSE:
-                number, transaction, verdict = payload.decode().split(";")[:3]
-                if number != "0":
-                    keyword = self.clients[int(number)].take(int(transaction), verdict)
-                    self.counts[f"{keyword.strip('x') or 'unknown'} {verdict}"] += 1
+    def send(self, client, text):
+        self.pending[client] = next(transactions), text, time.monotonic()
+        self.publisher.write(f"{client};{self.pending[client][0]};{text}")
 
-    def storm(self, macs):
+    def request(self, client, other):
+        mine = self.subscribed[client]
+        choices = {
+            "noop": 6,
+            f"subscribe;pub/diag/{other}/#;{random.choice((0, 1, 2, 10))}": 3,
+            f"unsubscribe;{random.choice(mine or [''])}": 2 * bool(mine),
+            f"reset-stats;{other};{random.choice('AB')}": 1,
+            "reset-all-stats": 0.1,
+            "activate;1 2 3 77;" + "0" * 32: 1,
+            "remote-download;2;;": 1,
+            "x" * random.randrange(1, 2000): 1,
+            "disconnect": 1,
+        }
+        self.send(client, *random.choices(list(choices), list(choices.values())))
+
+    def answer(self, client, transaction, verdict):
+        if self.answered.get(client) == (transaction, verdict):
+            return  # the daemon publishes again what the broker has not acknowledged for a second
+        asked, command, _ = self.pending.pop(client, (None, "", 0))
+        assert asked == transaction, f"{transaction} answered twice or never asked"
+        self.answered[client] = transaction, verdict
+        self.rest_until[client] = time.monotonic() + random.expovariate(5)
+        keyword, topic, *_ = f"{command};".split(";")
+        if (keyword, verdict) == ("subscribe", "ACK"):
+            self.subscribed[client].append(topic)
+        elif (keyword, verdict) == ("unsubscribe", "ACK"):
+            self.subscribed[client].remove(topic)
+        elif keyword == "disconnect":
+            self.subscribed[client].clear()
+        counts[f"{keyword.strip('x') or 'unknown'} {verdict}"] += 1
+
+    def go_on(self, macs):
+        """Takes the answers that have come, and gives commands."""
+        items = self.node.topics.items[self.seen :]
+        self.seen += len(items)
+        for client, transaction, verdict in (item[1].decode().split(";")[:3] for item in items if item[0] == RESPONSE):
+            if client != "0":
+                self.answer(int(client), int(transaction), verdict)
         now = time.monotonic()
-        for client in self.clients.values():
-            if client.pending:
-                assert now - client.pending[2] < ANSWER_SECONDS, f"no answer to {client.pending}"
-            elif not self.is_resting and now > client.rest_until:
-                client.request(macs)
-
-    def is_idle(self):
-        return not any(client.pending for client in self.clients.values())
+        for client in CLIENTS:
+            if client in self.pending:
+                assert now - self.pending[client][2] < ANSWER_SECONDS, f"no answer to {self.pending[client]}"
+            elif not self.is_resting and now > self.rest_until[client]:
+                self.request(client, random.choice(macs))
 
     def check_growth(self):
-        assert self.node.daemon.process.poll() is None, self.node.daemon.items
+        assert self.daemon.process.poll() is None, self.daemon.items
         if time.monotonic() - self.started > WARM_UP_SECONDS:
-            memory = self.node.daemon.memory()
+            memory = self.daemon.inside().memory_info().rss
             self.warm_memory = self.warm_memory or memory
             growth = (memory - self.warm_memory) >> 10
-            self.counts["largest growth in kB"] = max(self.counts["largest growth in kB"], growth)
+            counts["largest growth in kB"] = max(counts["largest growth in kB"], growth)
             assert growth < GROWTH_LIMIT
-        self.counts["most open files"] = max(self.counts["most open files"], self.node.daemon.open_files())
-
-
-def lose_datagrams(node, percent):
-    node.shell(
-        "nft add table ip soak; nft flush table ip soak;"
-        "nft add chain ip soak input '{ type filter hook input priority 0; }';"
-        f"nft add rule ip soak input udp dport 50004 numgen random mod 100 '<' {percent} drop"
-    )
-
-
-def settle(cards, macs):
-    """Waits for all answers."""
-    while not all(card.is_idle() for card in cards):
-        for card in cards:
-            card.read()
-            card.storm(macs)
-        time.sleep(0.01)
+        counts["most open files"] = max(counts["most open files"], self.daemon.inside().num_fds())
 
 
 @pytest.mark.timeout(SECONDS + 120)
-def test_soak_shows_a_lost_answer_a_leak_or_an_end():
+def test_soak_shows_a_lost_answer_a_leak_or_an_end(make_lab):
     seed = int(os.environ.get("DIAG_SOAK_SEED", str(time.time_ns())))
     print(f"seed {seed}")
     random.seed(seed)
-    counts = collections.Counter()
-    lab = Lab(NODES, daemons=False)
-    try:
-        for node in lab.nodes.values():
-            lose_datagrams(node, 20)
-        cards = [Card(node, counts) for node in lab.nodes.values()]
-        macs = [card.node.mac for card in cards]
-        end = time.monotonic() + SECONDS
-        cut = next_fault = next_check = 0
-        restarting = None
-        while (now := time.monotonic()) < end:
+    lab = make_lab(NODES, daemons=False)
+    cards = [Card(node) for node in lab.nodes.values()]
+    macs = [card.node.mac for card in cards]
+
+    def settle():
+        while any(card.pending for card in cards):
             for card in cards:
-                card.read()
-                card.storm(macs)
-            if restarting and restarting.is_idle():
-                assert restarting.node.daemon.stop() == 0
-                counts["restarts"] += 1
-                restarting.start()
-                restarting = None
-            if now > next_fault:
-                next_fault = now + random.uniform(3, 9)
-                if cut:
-                    lab.run("mend", cut, "B")
-                    cut = 0
-                elif random.random() < 0.6:
-                    cut = random.randrange(1, NODES + 1)
-                    lab.run("cut", cut, "B")
-                    counts["cuts"] += 1
-                if not restarting and random.random() < 0.3:
-                    restarting = random.choice(cards)
-                    restarting.is_resting = True
-                lab.run("errors", random.randrange(1, NODES + 1), "A", "7")
-            if now > next_check:
-                next_check = now + 5
-                for card in cards:
-                    card.check_growth()
+                card.go_on(macs)
             time.sleep(0.01)
 
+    end = time.monotonic() + SECONDS
+    next_fault = next_check = 0
+    cut = restarting = None
+    while (now := time.monotonic()) < end:
         for card in cards:
-            card.is_resting = True
-        settle(cards, macs)
-        lost = counts["subscribe NACK"] + counts["restarts"] * CLIENTS
-        for card in cards:
-            for client in card.clients.values():
-                client.send("disconnect")
-        settle(cards, macs)
-        # Subscriptions whose client never learnt of them, or is gone, live on for a while.
-        for card in cards:
-            wait_until(
-                lambda: card.node.daemon.open_files() <= card.files + lost, ANSWER_SECONDS, card.node.daemon.open_files
-            )
-            assert card.node.daemon.stop() == 0
-        print(*(f"{name}: {count}" for name, count in sorted(counts.items())), sep="\n")
-        assert counts["noop ACK"] > SECONDS
-        assert counts["subscribe ACK"] > SECONDS / 4
-    finally:
-        lab.down()
+            card.go_on(macs)
+        if restarting and not restarting.pending:
+            assert restarting.daemon.stop() == 0
+            counts["restarts"] += 1
+            counts["subscriptions at restarts"] += sum(map(len, restarting.subscribed.values()))
+            restarting.start()
+            restarting = None
+        if now > next_fault:
+            next_fault = now + random.uniform(3, 9)
+            if cut:
+                lab.run("mend", cut, "B")
+                cut = None
+            elif random.random() < 0.6:
+                cut = random.randrange(1, NODES + 1)
+                lab.run("cut", cut, "B")
+                counts["cuts"] += 1
+            if not restarting and random.random() < 0.3:
+                restarting = random.choice(cards)
+                restarting.is_resting = True
+            lab.run("errors", random.randrange(1, NODES + 1), "A", "7")
+        if now > next_check:
+            next_check = now + 5
+            for card in cards:
+                card.check_growth()
+        time.sleep(0.01)
+
+    for card in cards:
+        card.is_resting = True
+    settle()
+    # What a client never learnt of, and what a goodbye that was lost has left, lives on for a while.
+    lost = counts["subscribe NACK"] + counts["subscriptions at restarts"]
+    for card, client in itertools.product(cards, CLIENTS):
+        card.send(client, "disconnect")
+    settle()
+    for card in cards:
+        wait_until(lambda: card.daemon.inside().num_fds() <= card.files + lost, ANSWER_SECONDS, card.daemon.inside)
+        assert card.daemon.stop() == 0
+    print(*(f"{name}: {count}" for name, count in sorted(counts.items())), sep="\n")
+    assert counts["noop ACK"] > SECONDS
+    assert counts["subscribe ACK"] > SECONDS / 4
