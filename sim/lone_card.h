@@ -23,6 +23,7 @@ public:
     process &daemon() { return daemon_; }
     mqtt_broker &broker() override { return broker_; }
     timeline &clock() override { return clock_; }
+    nanoseconds now() const { return clock_.now(); }
     const network_interface *find_interface(const char *) const override { return &interface_; }
     time_t wall_clock() const override;
     int process_id() const override { return 100; }

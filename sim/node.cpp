@@ -43,7 +43,7 @@ std::string make_text(const mac_address &mac)
 
 node::node(world &where, size_t index)
     : world_(where), index_(index), eth0_{2, true, make_mac(index)}, mac_text_(make_text(eth0_.mac)),
-      daemon_(*this), broker_(where.clock(), where.topics(), *this, where.random(purpose::BROKER, index)),
+      broker_(where.clock(), where.topics(), *this, where.random(purpose::BROKER, index)), daemon_(*this),
       random_(where.random(purpose::FACTS, index))
 {
     for (size_t port = 0; port < RING_PORTS; port++) {

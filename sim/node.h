@@ -84,8 +84,8 @@ private:
     size_t index_;
     network_interface eth0_;
     std::string mac_text_;
-    process daemon_;
     mqtt_broker broker_;
+    process daemon_;
     facts told_;
     random_stream random_;
     bool is_on_ = false;

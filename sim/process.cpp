@@ -78,7 +78,7 @@ void process::start(std::vector<std::string> options)
     is_serving_ = false;
     is_signalled_ = false;
     sigterm_handler_ = nullptr;
-    random_ = 1;
+    srand(1);
     fiber_.prepare(run_program, this);
     run();
 }
@@ -196,13 +196,6 @@ void process::receive(const datagram &received)
     }
     datagrams_.push_back(received);
     mark_ready(static_cast<int>(socket - descriptors_.begin()) + FIRST_DESCRIPTOR);
-    run();
-}
-
-void process::break_descriptor(int fd)
-{
-    find(fd)->has_error = true;
-    mark_ready(fd);
     run();
 }
 
@@ -383,8 +376,7 @@ void process::wait_until(nanoseconds end)
 
 int process::rand()
 {
-    random_ = random_ * 1103515245U + 12345U;
-    return static_cast<int>((random_ >> 8) & 0x7FFFU);
+    return static_cast<int>(random_.next() >> 33);
 }
 
 } // namespace sim

@@ -6,6 +6,7 @@
 #include "fiber.h"
 #include "heap.h"
 #include "machine.h"
+#include "random.h"
 #include "shared_bytes.h"
 #include "timeline.h"
 
@@ -68,6 +69,9 @@ public:
     static constexpr int FIRST_DESCRIPTOR = 3;
 
     explicit process(machine &host) : host_(host) {}
+    process(const process &) = delete;
+    process &operator=(const process &) = delete;
+    ~process() { kill(); }
 
     // The process whose code runs now.
     static process &running();
@@ -82,8 +86,6 @@ public:
     void receive(const datagram &received);
     // Runs what calls the program's functions, as if the program did while it waits; it may not wait itself.
     void call(const std::function<void()> &what);
-    // epoll reports an error on the descriptor from now on.
-    void break_descriptor(int fd);
 
     // The descriptor of the first is FIRST_DESCRIPTOR.
     const std::vector<descriptor> &descriptors() const { return descriptors_; }
@@ -116,7 +118,7 @@ public:
     void wait_in_event_loop();
     void wait_until(nanoseconds end);
     [[noreturn]] void exit(int status);
-    void srand(unsigned seed) { random_ = seed; }
+    void srand(unsigned seed) { random_ = random_stream(seed); }
     int rand();
 
     // Lets the process do all that it can do now.
@@ -137,7 +139,7 @@ private:
     uint32_t starts_ = 0;
     std::vector<std::string> options_;
     int status_ = 0;
-    unsigned random_ = 0;
+    random_stream random_{1};
     void (*sigterm_handler_)(int) = nullptr;
     std::vector<uint64_t> variables_;
     heap memory_;

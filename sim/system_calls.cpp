@@ -1,4 +1,5 @@
 // The system calls of the daemon's modules, which the linker sends here (--wrap), for the process that runs.
+#include "mqtt_broker.h"
 #include "process.h"
 
 #include <arpa/inet.h>
@@ -155,8 +156,8 @@ int __wrap_epoll_wait(int, epoll_event *events, int, int)
 
 int __wrap_poll(pollfd *files, nfds_t, int)
 {
-    files->revents = POLLOUT;
-    return 1;
+    files->revents = self().host().broker().conduct().reads ? POLLOUT : 0;
+    return files->revents == 0 ? 0 : 1;
 }
 
 int __wrap_close(int fd)
@@ -289,12 +290,15 @@ void __wrap_srand(unsigned seed)
 
 [[gnu::format(printf, 2, 3)]] void __wrap_syslog(int, const char *format, ...)
 {
-    char line[2048];
+    char *line = nullptr;
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(line, sizeof line, format, arguments);
+    if (vasprintf(&line, format, arguments) == -1) {
+        throw std::bad_alloc();
+    }
     va_end(arguments);
     self().host().log(line);
+    free(line);
 }
 
 //

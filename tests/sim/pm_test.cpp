@@ -1,14 +1,9 @@
 // Performance-monitoring periods and days, and resets.
-#include "packet.h"
 #include "packets.h"
+#include "ports.h"
 #include "stats.h"
-#include "stats_node.h"
 
-#include <mosquitto.h>
-
-#include <cerrno>
-
-using namespace sim;
+using namespace card;
 
 namespace
 {
@@ -25,9 +20,7 @@ protected:
     }
 };
 
-class resets : public periods
-{
-};
+using resets = periods;
 
 // Each tick is also checked for how it arms the timer.
 TEST_F(periods, tick_less_than_30_s_from_a_quarter_hour_closes_a_period)
@@ -116,8 +109,8 @@ TEST_F(periods, down_time_is_cut_at_the_boundary)
     EXPECT_EQ(colour(), "red"); // with seconds in the running period
     tick();
     EXPECT_EQ(colour(), "yellow");
-    EXPECT_EQ(pm_down("period0"), down_figures({1, 300, 1, 180}));
-    EXPECT_EQ(pm_down("period1"), down_figures({0, 100, 0, 100}));
+    EXPECT_EQ(down_figures("pm/period0"), down({1, 300, 1, 180}));
+    EXPECT_EQ(down_figures("pm/period1"), down({0, 100, 0, 100}));
 }
 
 TEST_F(periods, missed_boundary_leaves_the_period_open)
@@ -186,7 +179,7 @@ TEST_F(periods, day_adds_up_its_periods_and_takes_the_present_error_ratio)
     EXPECT_EQ(pm("day0", "count64_0"), 0U); // 96 << 60, modulo 2^64
     EXPECT_EQ(pm("day0", "good_frames"), uint64_t{96} << 33);
     EXPECT_EQ(pm("day0", "errored_frames"), uint64_t{96} << 31);
-    EXPECT_EQ(pm_down("day0"), down_figures({3, 6, 3, 6}));
+    EXPECT_EQ(down_figures("pm/day0"), down({3, 6, 3, 6}));
     EXPECT_EQ(pm("day0", "dsl_count_60"), 0U); // 96 << 28, modulo 2^32
     EXPECT_EQ(pm("day0", "error_ratio_ppm"), stat("error_ratio_ppm"));
 }
@@ -223,6 +216,11 @@ TEST_F(periods, yellow_lasts_while_the_problem_is_among_the_other_95)
 // Resets
 //
 
+void reset(int port)
+{
+    receive_packet(PACKET_RESET_STATS, byte(port));
+}
+
 TEST_F(resets, port_that_is_up_starts_again_from_zero)
 {
     link_down(1);
@@ -241,7 +239,7 @@ TEST_F(resets, port_that_is_up_starts_again_from_zero)
     tick();
     tick();
     EXPECT_EQ(colour(), "red"); // for the error ratio
-    receive_datagram(packet_bytes(PACKET_RESET_STATS, byte(1)));
+    reset(1);
     for (const stats_field &field : STATS_FIELDS) {
         const std::string_view name = field.name;
         const uint64_t expected = name == "value32_56"        ? 8
@@ -250,8 +248,8 @@ TEST_F(resets, port_that_is_up_starts_again_from_zero)
                                                               : 0;
         EXPECT_EQ(stat(name), expected) << name;
     }
-    for (const auto &[topic, payload] : retained()) {
-        EXPECT_EQ(topic.find("/pm/"), std::string::npos) << topic;
+    for (const char *slot : {"period0", "period1", "last_period"}) {
+        EXPECT_EQ(held(std::string("pm/") + slot), "");
     }
     media(0);
     stats(values);
@@ -271,7 +269,7 @@ TEST_F(resets, history_is_forgotten)
     tick();
     tick_at(TEN_O_CLOCK + 7 * 60); // no boundary: the day begins in the midst of the slots
     EXPECT_EQ(colour(), "yellow");
-    receive_datagram(packet_bytes(PACKET_RESET_ALL_STATS, ""));
+    receive_packet(PACKET_RESET_ALL_STATS, "");
     EXPECT_EQ(colour(), "green");
     EXPECT_EQ(held("pm/last_day"), "");
     stats({{"good_frames", 5}});
@@ -290,87 +288,53 @@ TEST_F(resets, port_that_is_down_starts_down)
     advance(4s);
     stats();
     advance(3s);
-    receive_datagram(packet_bytes(PACKET_RESET_STATS, byte(1)));
-    EXPECT_EQ(stat_down(), down_figures({1, 3, 1, 3})); // 3 s had not been added by then
+    reset(1);
+    EXPECT_EQ(down_figures("stats"), down({1, 3, 1, 3})); // 3 s had not been added by then
     link_down(0);
     erps(0);
     stats();
     EXPECT_EQ(colour(), "red");
     tick();
-    EXPECT_EQ(pm_down("period0"), down_figures({1, 3, 1, 3}));
+    EXPECT_EQ(down_figures("pm/period0"), down({1, 3, 1, 3}));
 }
 
 TEST_F(resets, before_the_first_payload_it_still_starts_the_counters)
 {
     track("fire", "C");
-    receive_datagram(packet_bytes(PACKET_RESET_STATS, byte(2)));
+    reset(2);
     stats({{"good_frames", 1000}}, "C");
     EXPECT_EQ(stat("good_frames", "C"), 0U);
 }
 
-TEST_F(resets, port_that_is_not_tracked_is_refused)
+TEST_F(resets, port_that_is_not_tracked_ends_the_daemon)
 {
-    for (const auto &[port, name] : std::vector<std::pair<int, std::string>>{
-             {0, "A"}, {2, "C"}, {8, "CPU"}, {9, "9"}, {-1, "-1"}, {127, "127"}, {-128, "-128"}}) {
-        EXPECT_EQ(stats_reset_port(port), -1);
-        EXPECT_EQ(take_log(), lines({"stats: statistics reset: port " + name + " does not exist"}));
+    for (const auto &[port, name] :
+         {std::pair(0, "A"), {2, "C"}, {8, "CPU"}, {9, "9"}, {-1, "-1"}, {-128, "-128"}}) {
+        reset(port);
+        EXPECT_EQ(exit_status(), 1);
+        EXPECT_EQ(take_log().at(0), std::string("stats: statistics reset: port ") + name + " does not exist");
+        start_node();
     }
-    receive_datagram(packet_bytes(PACKET_RESET_STATS, byte(-1)));
-    EXPECT_EQ(exit_status(), 1);
-    EXPECT_EQ(take_log(),
-              lines({"stats: statistics reset: port -1 does not exist",
-                     "remote: couldn't reset port -1's statistics",
-                     "remote: couldn't process reset-stats request", "remote: couldn't process new packet",
-                     "remote: couldn't send packet (errno 9)", "remote: couldn't send goodbye message"}));
 }
 
-TEST_F(resets, one_failing_port_does_not_keep_the_others_from_it)
+TEST_F(resets, of_all_go_past_a_port_that_fails_and_keeps_its_history)
 {
-    untrack();
-    EXPECT_EQ(stats_reset_all(), 0);
-    for (const char *port : {"A", "B", "C"}) {
+    for (const char *port : {"A", "C"}) {
         bring_up(port);
+        link_down(1, port);
         stats({{"good_frames", 5}}, port);
     }
-    fail(failure("mosquitto_publish", MOSQ_ERR_NOMEM, published_topic("stats")));
-    EXPECT_EQ(stats_reset_all(), -1);
-    run();
-    const std::string topic = published_topic("stats");
-    EXPECT_EQ(take_log(), lines({"broker: couldn't publish message on topic " + topic + " (Out of memory.)",
-                                 "stats: couldn't publish port statistics to " + topic,
-                                 "stats: couldn't publish statistics of port B",
-                                 "stats: couldn't reset statistics of port B"}));
-    EXPECT_EQ(stat("good_frames", "A"), 0U);
-    EXPECT_EQ(stat("good_frames", "B"), 5U);
-    EXPECT_EQ(stat("good_frames", "C"), 0U);
-}
-
-TEST_F(resets, history_stays_when_the_clock_fails)
-{
-    link_down(1);
     tick();
-    fail(failure("clock_gettime", EIO));
-    EXPECT_EQ(stats_reset_port(1), -1);
+    fail(system_call::CLOCK_GETTIME, EIO);
+    EXPECT_EQ(as_daemon(stats_reset_all), -1);
     EXPECT_EQ(take_log(), lines({"stats: couldn't get current time (errno 5)",
-                                 "stats: couldn't update port B's link down time"}));
-    EXPECT_NE(held("pm/period0"), "");
+                                 "stats: couldn't update port C's link down time",
+                                 "stats: couldn't reset statistics of port C"}));
+    EXPECT_EQ(held("pm/period0", "A"), "");
+    EXPECT_NE(held("pm/period0", "C"), "");
     tick();
-    EXPECT_EQ(held("pm/last_period"), "period1");
-    EXPECT_EQ(pm("period1", "link_down_count"), 1U);
-}
-
-TEST_F(resets, topics_that_stay_do_not_stop_it)
-{
-    stats({{"good_frames", 5}});
-    tick();
-    const std::string topic = published_topic("pm/period0");
-    fail(failure("mosquitto_publish", MOSQ_ERR_NOMEM, topic));
-    EXPECT_EQ(stats_reset_port(1), 0);
-    run();
-    EXPECT_EQ(take_log(), lines({"broker: couldn't publish message on topic " + topic + " (Out of memory.)",
-                                 "stats: couldn't unpublish topic " + topic,
-                                 "stats: couldn't unpublish PM topics for port B"}));
-    EXPECT_EQ(stat("good_frames"), 0U);
+    EXPECT_EQ(held("pm/last_period", "A"), "period0");
+    EXPECT_EQ(held("pm/last_period", "C"), "period1");
 }
 
 } // namespace

@@ -1,30 +1,20 @@
 // Tracking of ports, their statistics, down times and status.
 #include "packet.h"
-#include "stats_node.h"
+#include "ports.h"
 #include "summary_record.h"
 
-#include <mosquitto.h>
-
-#include <cerrno>
-
-using namespace sim;
+using namespace card;
 
 namespace
 {
 
-class registry : public stats_node
-{
-};
-class statistics : public stats_node
-{
-};
-class colour_of_a_port : public stats_node
-{
-};
+using registry = stats_node;
+using statistics = stats_node;
+using colour_of_a_port = stats_node;
 
-std::vector<std::string> with_prefix(const std::string &prefix, const std::vector<std::string> &texts)
+lines with_prefix(const std::string &prefix, const lines &texts)
 {
-    std::vector<std::string> result;
+    lines result;
     for (const std::string &text : texts) {
         result.push_back(prefix + text);
     }
@@ -35,9 +25,9 @@ const lines DATA_TOPICS_OF_B =
     with_prefix("local/diag/port/B/", {"media", "link_down", "grnd", "stats", "status"});
 
 // The 106 topics of a port in the order in which they are cleared.
-std::vector<std::string> topics_of_b()
+lines topics_of_b()
 {
-    std::vector<std::string> names = {"stats", "pm/last_period"};
+    lines names = {"stats", "pm/last_period"};
     for (int i = 0; i < 96; i++) {
         names.push_back("pm/period" + std::to_string(i));
     }
@@ -99,7 +89,7 @@ TEST_F(registry, goes_on_after_a_port_without_a_name)
 TEST_F(registry, clears_all_106_topics_and_the_summary_of_a_port_that_has_gone)
 {
     for (const std::string &topic : topics_of_b()) {
-        retain(topic, "of an earlier run");
+        publish(topic, "of an earlier run");
     }
     bring_up();
     media(0);
@@ -138,45 +128,6 @@ TEST_F(registry, starts_from_zero_when_a_port_comes_back)
     stats({{"good_frames", 5}});
     EXPECT_EQ(stat("good_frames"), 5U);
     EXPECT_EQ(stat("link_down_count"), 1U);
-}
-
-// While publications are outstanding the library reads several messages at once: those behind the one that
-// made the daemon stop are still offered to the newest subscription.
-class registry_burst : public registry
-{
-protected:
-    void SetUp() override
-    {
-        registry::SetUp();
-        bring_up();
-        broker().answers_publish = false;
-        for (int i = 0; i < 3; i++) {
-            stats();
-        }
-    }
-    void TearDown() override
-    {
-        EXPECT_EQ(take_log().size(), 3U);
-        EXPECT_EQ(exit_status(), 1);
-        registry::TearDown();
-    }
-};
-
-TEST_F(registry_burst, reaches_a_port_that_could_not_be_unsubscribed)
-{
-    fail(failure("mosquitto_unsubscribe", MOSQ_ERR_NOMEM, local_topic("stats")));
-    before("mosquitto_loop_read", "", [] { erps(1); });
-    untrack();
-}
-
-TEST_F(registry_burst, reaches_a_port_that_could_not_be_subscribed)
-{
-    fail(failure("mosquitto_subscribe", MOSQ_ERR_NOMEM, local_topic("status")));
-    before("mosquitto_loop_read", "", [] {
-        track();
-        stats();
-    });
-    untrack();
 }
 
 //
@@ -303,7 +254,7 @@ TEST_F(statistics, down_time_is_summed_exactly_and_rounded_once)
             advance(10s);
         }
         stats();
-        EXPECT_EQ(stat_down(), down_figures({intervals.size(), seconds, intervals.size(), seconds}));
+        EXPECT_EQ(down_figures("stats"), down({intervals.size(), seconds, intervals.size(), seconds}));
         untrack();
     }
 }
@@ -319,7 +270,7 @@ TEST_F(statistics, repeated_down_reports_are_one_interval_that_grows)
     stats();
     advance(4s);
     stats();
-    EXPECT_EQ(stat_down(), down_figures({1, 7, 1, 7}));
+    EXPECT_EQ(down_figures("stats"), down({1, 7, 1, 7}));
 }
 
 TEST_F(statistics, unknown_state_of_a_new_port_is_no_event)
@@ -329,13 +280,13 @@ TEST_F(statistics, unknown_state_of_a_new_port_is_no_event)
     link_down(0);
     erps(0);
     stats();
-    EXPECT_EQ(stat_down(), down_figures({0, 0, 0, 0}));
+    EXPECT_EQ(down_figures("stats"), down({0, 0, 0, 0}));
     untrack();
     track();
     link_down(1);
     erps(1);
     stats();
-    EXPECT_EQ(stat_down(), down_figures({1, 0, 1, 0}));
+    EXPECT_EQ(down_figures("stats"), down({1, 0, 1, 0}));
 }
 
 TEST_F(statistics, only_1_is_down_and_erps_is_up_without_bits_but_bit_2)
@@ -465,9 +416,9 @@ TEST_F(colour_of_a_port, of_the_cpu_port_leaves_the_summary_alone)
     stats({{"good_frames", 3}}, "CPU");
     EXPECT_EQ(stat("good_frames", "CPU"), 3U);
     EXPECT_EQ(stat("link_down_count", "CPU"), 1U);
-    EXPECT_EQ(retained()[PORT_SUMMARY], "{}");
-    EXPECT_EQ(retained()[PORT_MEDIA], "{}");
-    EXPECT_EQ(hex(retained()["pub/diag/net/fire/link_down"]), "00");
+    EXPECT_EQ(retained(PORT_SUMMARY), "{}");
+    EXPECT_EQ(retained(PORT_MEDIA), "{}");
+    EXPECT_EQ(hex(retained("pub/diag/net/fire/link_down")), "00");
     tick_at(TEN_O_CLOCK);
     EXPECT_EQ(pm("period0", "good_frames", "CPU"), 3U);
     untrack("CPU");

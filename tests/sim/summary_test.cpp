@@ -1,14 +1,12 @@
 // Node summaries: what is received, what the node's own facts do to its summary, when it is sent, and when
 // silent nodes are forgotten.
 #include "packets.h"
+#include "ports.h"
 #include "summary.h"
-
-#include <mosquitto.h>
-#include <sys/epoll.h>
 
 #include <algorithm>
 
-using namespace sim;
+using namespace card;
 
 namespace
 {
@@ -21,14 +19,12 @@ const std::string STYLE7 = "local/diag/network_style7";
 const std::string DEGRADED = bytes("01");
 const std::string NOT_DEGRADED = bytes("00");
 const std::string NO_PORTS = bytes("00"); // an empty port list
-const std::string LOCAL = bytes("00 1A 2B 3C 4D 5E");
-
 std::string peer_topic(const std::string &name, const std::string &mac_text = PEER_MAC_TEXT)
 {
     return "pub/diag/" + mac_text + "/" + name;
 }
 
-std::string local_topic(const std::string &name)
+std::string own_topic(const std::string &name)
 {
     return peer_topic(name, LOCAL_MAC_TEXT);
 }
@@ -78,14 +74,10 @@ const messages BLANK_PUBLICATIONS = {
 // The MAC address 02-00-00-00-xx-xx of one of many nodes.
 std::string nth_mac(size_t n)
 {
-    return bytes("02 00 00 00") + big_endian_16(n);
+    return bytes("02 00 00 00") + be(n, 2);
 }
 
-class node_summary : public node
-{
-protected:
-    void SetUp() override { start_node(7); }
-};
+using node_summary = started_node;
 
 //
 // Summaries of other nodes
@@ -178,7 +170,7 @@ TEST_F(node_summary, each_change_publishes_what_depends_on_it_and_nothing_else)
     put(data, 171, "2");
     receive_summary(sections_of(data));
     EXPECT_EQ(take_published().at(0).payload.substr(115, 5), "2ppli");
-    EXPECT_FALSE(retained().contains(MISWIRED_LINKS));
+    EXPECT_EQ(retained(MISWIRED_LINKS), "");
 }
 
 TEST_F(node_summary, first_summary_publishes_lists_only_for_a_node_to_list)
@@ -187,23 +179,23 @@ TEST_F(node_summary, first_summary_publishes_lists_only_for_a_node_to_list)
     put(data, 1, bytes("01 02"));
     put(data, 12, bytes("01"));
     receive_summary(sections_of(data));
-    EXPECT_EQ(retained().at(LINK_DOWN), PEER_MAC + bytes("00 01"));
-    EXPECT_EQ(retained().at(GROUND), PEER_MAC + bytes("00 02"));
-    EXPECT_EQ(retained().at(MISWIRED), PEER_MAC + bytes("00 01"));
-    EXPECT_EQ(retained().at(MISWIRED_LINKS), bytes("00 00 00 00")); // leads to itself, which is no reason
+    EXPECT_EQ(retained(LINK_DOWN), PEER_MAC + bytes("00 01"));
+    EXPECT_EQ(retained(GROUND), PEER_MAC + bytes("00 02"));
+    EXPECT_EQ(retained(MISWIRED), PEER_MAC + bytes("00 01"));
+    EXPECT_EQ(retained(MISWIRED_LINKS), bytes("00 00 00 00")); // leads to itself, which is no reason
 }
 
 TEST_F(node_summary, port_list_ends_at_250_nodes_newest_first_and_local_last)
 {
-    summary_update_link(1, 1);
-    std::string list = LOCAL + bytes("07 02");
+    run_as_daemon([] { summary_update_link(1, 1); });
+    std::string list = LOCAL_MAC + bytes("07 02");
     for (size_t n = 1; n <= 249; n++) {
         receive_summary(section(0, bytes("08")) + section(1, bytes("01 00 00 00 00")), nth_mac(n));
         list = nth_mac(n) + bytes("08 01") + list;
-        ASSERT_EQ(retained().at(LINK_DOWN), list);
+        ASSERT_EQ(retained(LINK_DOWN), list);
     }
     receive_summary(section(1, bytes("80 00 00 00 00")), nth_mac(250));
-    EXPECT_EQ(retained().at(LINK_DOWN), nth_mac(250) + bytes("00 80") + list.substr(0, 249 * 8));
+    EXPECT_EQ(retained(LINK_DOWN), nth_mac(250) + bytes("00 80") + list.substr(0, 249 * 8));
 }
 
 TEST_F(node_summary, miswired_link_is_listed_once_from_the_end_met_first)
@@ -214,9 +206,9 @@ TEST_F(node_summary, miswired_link_is_listed_once_from_the_end_met_first)
     };
     miswire("01", "01", "02 03 00", 1);                               // node 1 port A to node 2 port D
     miswire("02", "09", "02 00 00  00 00 00  00 00 00  01 00 03", 2); // node 2 port A to itself, D back
-    EXPECT_EQ(retained().at(MISWIRED_LINKS), bytes("02 00 02 00  02 03 01 00"));
+    EXPECT_EQ(retained(MISWIRED_LINKS), bytes("02 00 02 00  02 03 01 00"));
     miswire("02", "00", "", 2);
-    EXPECT_EQ(retained().at(MISWIRED_LINKS), bytes("01 00 02 03"));
+    EXPECT_EQ(retained(MISWIRED_LINKS), bytes("01 00 02 03"));
     for (size_t n = 3; n <= 9; n++) { // 56 more links
         std::string peers;
         for (int port = 0; port < 8; port++) {
@@ -225,17 +217,17 @@ TEST_F(node_summary, miswired_link_is_listed_once_from_the_end_met_first)
         receive_summary(section(0, std::string(1, static_cast<char>(n))) + section(3, bytes("FF") + peers),
                         nth_mac(n));
     }
-    EXPECT_EQ(retained().at(MISWIRED_LINKS).size(), 200U);
-    EXPECT_EQ(retained().at(MISWIRED_LINKS).substr(192), bytes("03 00 FF 00  03 01 FF 00"));
+    EXPECT_EQ(retained(MISWIRED_LINKS).size(), 200U);
+    EXPECT_EQ(retained(MISWIRED_LINKS).substr(192), bytes("03 00 FF 00  03 01 FF 00"));
 }
 
 TEST_F(node_summary, own_mac_updates_the_local_record_which_never_goes)
 {
-    receive_summary(section(0, bytes("2A")) + section(1, bytes("01 00 00 00 00")), LOCAL);
-    EXPECT_EQ(retained().at(LINK_DOWN), LOCAL + bytes("2A 01"));
-    receive_goodbye(LOCAL);
+    receive_summary(section(0, bytes("2A")) + section(1, bytes("01 00 00 00 00")), LOCAL_MAC);
+    EXPECT_EQ(retained(LINK_DOWN), LOCAL_MAC + bytes("2A 01"));
+    receive_goodbye(LOCAL_MAC);
     advance(200s);
-    EXPECT_EQ(retained().at(LINK_DOWN), LOCAL + bytes("2A 01"));
+    EXPECT_EQ(retained(LINK_DOWN), LOCAL_MAC + bytes("2A 01"));
     take_published();
     receive_goodbye(nth_mac(99)); // of a node never heard
     EXPECT_EQ(take_published(), messages());
@@ -271,7 +263,7 @@ TEST_F(node_summary, goodbye_withdraws_what_the_node_left_except_its_versions)
     messages expected = withdrawn();
     expected.insert(expected.begin(), lists.begin(), lists.end());
     EXPECT_EQ(take_published(), expected);
-    EXPECT_TRUE(retained().contains(peer_topic("software_versions")));
+    EXPECT_NE(retained(peer_topic("software_versions")), "");
     receive_summary(sections_of(blank_data()));
     receive_goodbye();
     const messages again = take_published(); // known no more: all is published, and no list on leaving
@@ -286,143 +278,15 @@ TEST_F(node_summary, node_numbers_lead_to_all_their_macs_that_fit)
     }
     uint8_t macs[99 * 6];
     const auto found = [&](uint8_t number, size_t capacity) {
-        const size_t count = summary_get_mac_addrs(number, macs, capacity);
+        const size_t count = as_daemon([&] { return summary_get_mac_addrs(number, macs, capacity); });
         return std::string(macs, macs + 6 * count);
     };
     EXPECT_EQ(found(8, sizeof macs), "");
-    EXPECT_EQ(found(7, sizeof macs), nth_mac(3) + nth_mac(2) + nth_mac(1) + LOCAL);
+    EXPECT_EQ(found(7, sizeof macs), nth_mac(3) + nth_mac(2) + nth_mac(1) + LOCAL_MAC);
     EXPECT_EQ(take_log(), lines());
     EXPECT_EQ(found(7, 18), nth_mac(3) + nth_mac(2) + nth_mac(1));
     EXPECT_EQ(found(7, 17), nth_mac(3) + nth_mac(2));
-    EXPECT_EQ(summary_get_mac_addrs(7, nullptr, 6), 0U);
-    EXPECT_EQ(take_log(), lines(2, "summary.c: ignoring MAC address(es) since result array is too small") +
-                              lines({"summary.c: NULL pointer received as argument"}));
-}
-
-//
-// Failing publications
-//
-
-struct publication_case {
-    std::string topic;
-    bool is_goodbye;
-    lines log; // behind the broker's message
-};
-
-class publication : public node_summary, public testing::WithParamInterface<publication_case>
-{
-};
-
-TEST_P(publication, that_fails_is_logged_at_each_level_and_fatal)
-{
-    const publication_case &row = GetParam();
-    std::string data = blank_data();
-    put(data, 1, bytes("01 02"));
-    put(data, 10, bytes("01"));
-    put(data, 12, bytes("04"));
-    if (row.is_goodbye) {
-        expect_leak(); // the record, out of the list
-        receive_summary(sections_of(data));
-    }
-    fail(failure("mosquitto_publish", MOSQ_ERR_NOMEM, row.topic));
-    if (row.is_goodbye) {
-        receive_goodbye();
-    } else {
-        receive_summary(sections_of(data));
-    }
-    EXPECT_EQ(exit_status(), 1);
-    const lines outer =
-        row.is_goodbye ? lines{"summary.c: couldn't unpublish data from summary",
-                               "remote: couldn't clear summary", "remote: couldn't process goodbye message"}
-                       : lines{"summary.c: couldn't publish all information from summary",
-                               "remote: couldn't process node summary"};
-    EXPECT_EQ(take_log(),
-              lines({"broker: couldn't publish message on topic " + row.topic + " (Out of memory.)"}) +
-                  row.log + outer + FATAL_PACKET);
-}
-
-publication_case received(const std::string &topic, int type, lines log)
-{
-    for (std::string &line : log) {
-        line = "summary.c: couldn't " + line;
-    }
-    return {topic, false, log + lines{"summary.c: couldn't update info for type 0x0" + std::to_string(type)}};
-}
-
-publication_case leaving(const std::string &topic, lines log)
-{
-    publication_case row = received(topic, 0, std::move(log));
-    row.is_goodbye = true;
-    row.log.pop_back();
-    return row;
-}
-
-publication_case received_plain(const std::string &name, int type, const std::string &purpose)
-{
-    return received(peer_topic(name), type, {"publish " + purpose});
-}
-
-const publication_case PUBLICATIONS[] = {
-    received(LINK_DOWN, 1, {"publish port list to " + LINK_DOWN}),
-    received(GROUND, 1, {"publish port list to " + GROUND}),
-    received(peer_topic("port_summary"), 1,
-             {"publish {} to " + peer_topic("port_summary"), "publish port summary"}),
-    received(peer_topic("port_media"), 2,
-             {"publish {} to " + peer_topic("port_media"), "publish port media"}),
-    received(STYLE7, 2, {"publish 0x01 to " + STYLE7, "publish global style 7 status"}),
-    received(MISWIRED, 3, {"publish port list to " + MISWIRED, "publish miswired ports and links"}),
-    received(MISWIRED_LINKS, 3,
-             {"publish miswired links to " + MISWIRED_LINKS, "publish miswired ports and links"}),
-    received_plain("job_rev", 5, "job revision"),
-    received_plain("job_name", 5, "job name"),
-    received_plain("download_status", 6, "download status"),
-    received_plain("M301", 6, "M301 status"),
-    received_plain("M702", 6, "M702 status"),
-    received_plain("comm_loss", 6, "comm loss LED status"),
-    received_plain("download_pending", 6, "download pending status"),
-    received_plain("CF_free_space", 6, "free space in CF"),
-    received_plain("repeater", 7, "repeater source"),
-    received(peer_topic("software_versions"), 8,
-             {"publish " + BLANK_VERSIONS + " to " + peer_topic("software_versions"),
-              "publish software versions"}),
-    leaving(LINK_DOWN, {"publish port list to " + LINK_DOWN}),
-    leaving(GROUND, {"publish port list to " + GROUND}),
-    leaving(MISWIRED, {"publish port list to " + MISWIRED, "publish miswired ports and links"}),
-    leaving(STYLE7, {"publish 0x00 to " + STYLE7, "publish global style 7 status"}),
-    leaving(peer_topic("port_summary"), {"unpublish topic " + peer_topic("port_summary")}),
-    leaving(peer_topic("repeater"), {"unpublish topic " + peer_topic("repeater")}),
-};
-INSTANTIATE_TEST_SUITE_P(table, publication, testing::ValuesIn(PUBLICATIONS), [](const auto &row) {
-    std::string name = row.param.topic.substr(row.param.topic.rfind('/') + 1);
-    return name + (row.param.is_goodbye ? "_on_goodbye" : "");
-});
-
-TEST_F(node_summary, clock_failure_at_the_end_of_a_summary_is_fatal)
-{
-    fail(failure("clock_gettime", EINVAL));
-    receive_summary("");
-    EXPECT_EQ(exit_status(), 1);
-    EXPECT_EQ(take_log().at(0), "summary.c: couldn't get time (errno 22)");
-}
-
-TEST_F(node_summary, ring_status_that_fails_with_the_rings_is_fatal)
-{
-    std::string data = blank_data();
-    put(data, 10, bytes("01"));
-    put(data, 12, bytes("04"));
-    fail(failure("mosquitto_publish", MOSQ_ERR_NOMEM, STYLE7).from(2)); // the first goes with the media
-    receive_summary(sections_of(data));
-    EXPECT_EQ(exit_status(), 1);
-    EXPECT_EQ(take_log().at(3), "summary.c: couldn't update info for type 0x04");
-}
-
-TEST_F(node_summary, missing_arguments_are_refused)
-{
-    const uint8_t byte = 0;
-    EXPECT_EQ(summary_process(nullptr, &byte, 0), -1);
-    EXPECT_EQ(summary_process(LOCAL_MAC, nullptr, 0), -1);
-    EXPECT_EQ(summary_clear(nullptr), -1);
-    EXPECT_EQ(take_log(), lines(3, "summary.c: NULL pointer received as argument"));
+    EXPECT_EQ(take_log(), lines(2, "summary.c: ignoring MAC address(es) since result array is too small"));
 }
 
 //
@@ -430,12 +294,12 @@ TEST_F(node_summary, missing_arguments_are_refused)
 // are sent.
 //
 
-class local_summary : public node_summary
+class local_summary : public started_node
 {
 protected:
     void SetUp() override
     {
-        node_summary::SetUp();
+        started_node::SetUp();
         while (take_datagrams().empty()) {
             advance(1s);
         }
@@ -497,7 +361,7 @@ protected:
                        const std::string &log = "")
     {
         SCOPED_TRACE(testing::Message() << port << ' ' << value << ' ' << data);
-        EXPECT_EQ(function(port, value), log.empty() ? 0 : -1);
+        EXPECT_EQ(as_daemon([&] { return function(port, value); }), log.empty() ? 0 : -1);
         expect_effect(offset, data, stamped, published, log);
     }
 };
@@ -516,21 +380,17 @@ TEST_F(local_summary, starts_with_number_versions_and_nothing_else)
 std::string erps(uint8_t flags, uint32_t state, uint32_t peer_port, uint32_t peer_node, uint8_t peer_flags)
 {
     std::string status(92, '\x55');
-    const auto put_host = [&](size_t offset, const auto &value) {
-        status.replace(offset, sizeof value,
-                       std::string(reinterpret_cast<const char *>(&value), sizeof value));
-    };
-    put_host(0, flags);
-    put_host(4, state);
-    put_host(76, peer_port);
-    put_host(80, peer_node);
-    put_host(88, peer_flags);
+    put(status, 0, host_bytes(flags));
+    put(status, 4, host_bytes(state));
+    put(status, 76, host_bytes(peer_port));
+    put(status, 80, host_bytes(peer_node));
+    put(status, 88, host_bytes(peer_flags));
     return status;
 }
 
 std::string ring(int32_t state)
 {
-    return {reinterpret_cast<const char *>(&state), sizeof state};
+    return host_bytes(state);
 }
 
 TEST_F(local_summary, topics_change_stamp_and_publish)
@@ -538,7 +398,8 @@ TEST_F(local_summary, topics_change_stamp_and_publish)
     const std::string port = "local/diag/port/";
     const std::string ring_topic = "local/diag/ring/";
     const auto miswired = [](const char *mask, const char *links) {
-        const std::string list = bytes(mask) == bytes("00") ? NO_PORTS : LOCAL + bytes("07") + bytes(mask);
+        const std::string list =
+            bytes(mask) == bytes("00") ? NO_PORTS : LOCAL_MAC + bytes("07") + bytes(mask);
         return messages({{MISWIRED, list}, {MISWIRED_LINKS, bytes(links)}});
     };
     const messages rings = {{STYLE7, NOT_DEGRADED}};
@@ -572,54 +433,53 @@ TEST_F(local_summary, topics_change_stamp_and_publish)
     hear(ring_topic + "7/status", "", 37, "00 00", 4, rings);
     hear(ring_topic + "x/status", ring(3), 37, "00 00", 0);
     // Job
-    hear(local_topic("job_name"), "ABCDEFGH", 39, "41 42 43 44 45 46 47 48", 0);
-    hear(local_topic("job_rev"), "ABC", 47, "41 42 43", 0);
-    hear(local_topic("job_rev"), "", 47, "00 42 43", 0);
-    hear(local_topic("job_rev"), "ABCD", 47, "00 42 43", 0, {},
+    hear(own_topic("job_name"), "ABCDEFGH", 39, "41 42 43 44 45 46 47 48", 0);
+    hear(own_topic("job_rev"), "ABC", 47, "41 42 43", 0);
+    hear(own_topic("job_rev"), "", 47, "00 42 43", 0);
+    hear(own_topic("job_rev"), "ABCD", 47, "00 42 43", 0, {},
          "published job information on topic pub/diag/00-1A-2B-3C-4D-5E/job_rev is too long (4, must be at "
          "most 3)");
-    hear(local_topic("job_name"), "XY", 39, "58 59 00 00 00 00 00 00", 0);
-    hear(local_topic("job_name"), "123456789", 39, "58 59", 0, {},
+    hear(own_topic("job_name"), "XY", 39, "58 59 00 00 00 00 00 00", 0);
+    hear(own_topic("job_name"), "123456789", 39, "58 59", 0, {},
          "published job information on topic pub/diag/00-1A-2B-3C-4D-5E/job_name is too long (9, must be at "
          "most 8)");
     // Download
-    hear(local_topic("download_status"), bytes("12 34"), 50, "12 34", 6);
-    hear(local_topic("download_status"), "1", 50, "12 34", 6, {},
+    hear(own_topic("download_status"), bytes("12 34"), 50, "12 34", 6);
+    hear(own_topic("download_status"), "1", 50, "12 34", 6, {},
          "published download status has wrong length (1, should be 2)");
-    hear(local_topic("download_status"), "", 50, "00 00", 6);
-    hear(local_topic("CF_free_space"), "0x10", 52, "10 00 00 00", 6);
-    hear(local_topic("CF_free_space"), "12abc", 52, "10 00 00 00", 6, {},
-         "invalid CF free space value 12abc");
-    hear(local_topic("CF_free_space"), "-1", 52, "10 00 00 00", 6, {}, "invalid CF free space value -1");
-    hear(local_topic("CF_free_space"), " 1", 52, "10 00 00 00", 6, {}, "invalid CF free space value  1");
-    hear(local_topic("CF_free_space"), "4294967295", 52, "FF FF FF FF", 6);
-    hear(local_topic("CF_free_space"), "4294967296", 52, "FF FF FF FF", 6, {},
+    hear(own_topic("download_status"), "", 50, "00 00", 6);
+    hear(own_topic("CF_free_space"), "0x10", 52, "10 00 00 00", 6);
+    hear(own_topic("CF_free_space"), "12abc", 52, "10 00 00 00", 6, {}, "invalid CF free space value 12abc");
+    hear(own_topic("CF_free_space"), "-1", 52, "10 00 00 00", 6, {}, "invalid CF free space value -1");
+    hear(own_topic("CF_free_space"), " 1", 52, "10 00 00 00", 6, {}, "invalid CF free space value  1");
+    hear(own_topic("CF_free_space"), "4294967295", 52, "FF FF FF FF", 6);
+    hear(own_topic("CF_free_space"), "4294967296", 52, "FF FF FF FF", 6, {},
          "invalid CF free space value 4294967296");
-    hear(local_topic("CF_free_space"), "010", 52, "08 00 00 00", 6);
-    hear(local_topic("CF_free_space"), "", 52, "00 00 00 00", 0);
-    hear(local_topic("M301"), "1", 56, "01 00 00 00", 6);
-    hear(local_topic("M702"), "1", 56, "01 01 00 00", 6);
-    hear(local_topic("comm_loss"), "1", 56, "01 01 01 00", 6);
-    hear(local_topic("download_pending"), "1", 56, "01 01 01 01", 6);
-    hear(local_topic("M301"), "2", 56, "00 01 01 01", 6);
-    hear(local_topic("M702"), "", 56, "00 00 01 01", 6);
-    hear(local_topic("comm_loss"), "11", 56, "00 00 01 01", 0, {},
+    hear(own_topic("CF_free_space"), "010", 52, "08 00 00 00", 6);
+    hear(own_topic("CF_free_space"), "", 52, "00 00 00 00", 0);
+    hear(own_topic("M301"), "1", 56, "01 00 00 00", 6);
+    hear(own_topic("M702"), "1", 56, "01 01 00 00", 6);
+    hear(own_topic("comm_loss"), "1", 56, "01 01 01 00", 6);
+    hear(own_topic("download_pending"), "1", 56, "01 01 01 01", 6);
+    hear(own_topic("M301"), "2", 56, "00 01 01 01", 6);
+    hear(own_topic("M702"), "", 56, "00 00 01 01", 6);
+    hear(own_topic("comm_loss"), "11", 56, "00 00 01 01", 0, {},
          "message published on pub/diag/00-1A-2B-3C-4D-5E/comm_loss has wrong length (2, should be 1 or 0)");
     // Repeater
-    hear(local_topic("repeater"), "255", 60, "FF", 7);
-    hear(local_topic("repeater"), "256", 60, "00", 7);
-    hear(local_topic("repeater"), "0x1f", 60, "1F", 7);
-    hear(local_topic("repeater"), "", 60, "00", 0);
-    hear(local_topic("repeater"), "12 ", 60, "00", 7);
+    hear(own_topic("repeater"), "255", 60, "FF", 7);
+    hear(own_topic("repeater"), "256", 60, "00", 7);
+    hear(own_topic("repeater"), "0x1f", 60, "1F", 7);
+    hear(own_topic("repeater"), "", 60, "00", 0);
+    hear(own_topic("repeater"), "12 ", 60, "00", 7);
 }
 
 TEST_F(local_summary, port_events_change_stamp_and_publish)
 {
     const auto list = [](const std::string &topic, const char *mask) {
-        return messages({{topic, LOCAL + bytes("07") + bytes(mask)}});
+        return messages({{topic, LOCAL_MAC + bytes("07") + bytes(mask)}});
     };
-    const auto colours = [](const char *text) { return messages({{local_topic("port_summary"), text}}); };
-    const auto media = [](const char *text) { return messages({{local_topic("port_media"), text}}); };
+    const auto colours = [](const char *text) { return messages({{own_topic("port_summary"), text}}); };
+    const auto media = [](const char *text) { return messages({{own_topic("port_media"), text}}); };
     update(summary_update_link, 1, 1, 1, "02", 1, list(LINK_DOWN, "02"));
     update(summary_update_link, 1, 1, 1, "02", 0);
     update(summary_update_link, 8, 1, 1, "02", 0);
@@ -649,97 +509,15 @@ TEST_F(local_summary, port_events_change_stamp_and_publish)
     update(summary_update_type, 0, 2, 10, "00 00", 0, {{STYLE7, NOT_DEGRADED}});
 }
 
-TEST_F(local_summary, failing_updates_tell_the_caller)
-{
-    const auto degrade = [](int, int) { return summary_update_type(0, 0); };
-    const struct {
-        int (*update)(int port, int value);
-        std::string topic;
-        lines log;
-    } rows[] = {
-        {summary_update_link, LINK_DOWN, {"couldn't publish port list to " + LINK_DOWN}},
-        {summary_update_ground, GROUND, {"couldn't publish port list to " + GROUND}},
-        {summary_update_status,
-         local_topic("port_summary"),
-         {R"(couldn't publish {"A":"yellow"} to )" + local_topic("port_summary"),
-          "couldn't publish local port summary"}},
-        {summary_update_media,
-         local_topic("port_media"),
-         {R"(couldn't publish {"A":"dsl"} to )" + local_topic("port_media"),
-          "couldn't publish local port media"}},
-        {degrade, STYLE7, {"couldn't publish 0x01 to " + STYLE7, "couldn't publish global style 7 status"}},
-    };
-    for (const auto &row : rows) {
-        fail(failure("mosquitto_publish", MOSQ_ERR_NOMEM, row.topic));
-        EXPECT_EQ(row.update(0, 1), -1);
-        lines expected = {"broker: couldn't publish message on topic " + row.topic + " (Out of memory.)"};
-        for (const std::string &line : row.log) {
-            expected.push_back("summary.c: " + line);
-        }
-        EXPECT_EQ(take_log(), expected);
-    }
-}
-
 TEST_F(local_summary, change_without_a_clock_goes_out_with_the_next_periodic_summary)
 {
-    fail(failure("clock_gettime", EINVAL));
-    publish(local_topic("download_status"), "ab");
-    fail(failure("clock_gettime", EINVAL));
+    fail(system_call::CLOCK_GETTIME, EINVAL);
+    publish(own_topic("download_status"), "ab");
+    fail(system_call::CLOCK_GETTIME, EINVAL);
     publish("local/diag/ring/0/status", ring(2));
     EXPECT_EQ(take_log(), lines(2, "summary.c: couldn't get time (errno 22)"));
     EXPECT_EQ(take_published(), messages({{STYLE7, NOT_DEGRADED}}));
     EXPECT_EQ(sent_next(), 0);
-}
-
-class list_callback : public local_summary, public testing::WithParamInterface<bool>
-{
-};
-
-TEST_P(list_callback, that_cannot_publish_ends_the_daemon)
-{
-    const bool is_ring = GetParam();
-    const std::string topic = is_ring ? STYLE7 : MISWIRED;
-    fail(failure("mosquitto_publish", MOSQ_ERR_NOMEM, topic));
-    publish(is_ring ? "local/diag/ring/0/status" : "local/diag/port/A/status",
-            is_ring ? ring(2) : erps(0, 0, 0, 1, 1));
-    EXPECT_EQ(exit_status(), 1);
-    EXPECT_EQ(take_log().back(), is_ring ? "summary.c: couldn't publish global style 7 status"
-                                         : "summary.c: couldn't publish miswired ports and links");
-}
-
-INSTANTIATE_TEST_SUITE_P(ring, list_callback, testing::Bool(), testing::PrintToStringParamName());
-
-class summary_module : public node
-{
-};
-
-TEST_F(summary_module, refuses_updates_before_its_start)
-{
-    for (const auto update : {summary_update_link, summary_update_ground, summary_update_status,
-                              summary_update_media, summary_update_type}) {
-        EXPECT_EQ(update(0, 0), -1);
-        EXPECT_EQ(take_log(), lines({"summary.c: local summary is not initialized"}));
-    }
-}
-
-TEST_F(summary_module, ignores_messages_after_a_failed_start)
-{
-    retain("local/diag/port/A/status", erps(0, 0, 0, 1, 1));
-    retain("local/diag/ring/0/status", ring(2));
-    for (const char *name : {"job_rev", "download_status", "CF_free_space", "M301", "repeater"}) {
-        retain(local_topic(name), "1");
-    }
-    fail(failure("timerfd_settime", EINVAL).from(3)); // the send timer's
-    before("mosquitto_subscribe", local_topic("repeater"), [] { broker().reads = false; });
-    before("mosquitto_disconnect", "", [] { take_published(); });
-    start_daemon({});
-    advance(2s); // the disconnect waits for the stalled broker and reads what has come
-    EXPECT_EQ(exit_status(), 1);
-    const lines log = take_log();
-    EXPECT_EQ(log.front(), "summary.c: couldn't arm send timer (errno 22)");
-    EXPECT_EQ(log.back(), "broker: couldn't disconnect mosquitto instance");
-    EXPECT_EQ(log.size(), 6U);
-    EXPECT_EQ(take_published(), messages());
 }
 
 //
@@ -762,14 +540,13 @@ TEST_F(local_summary, schedule_over_two_minutes)
 
 TEST_F(local_summary, change_is_recent_for_3_s_inclusive)
 {
-    summary_update_link(0, 1); // at the very time of the tick before
+    run_as_daemon([] { summary_update_link(0, 1); }); // at the very time of the tick before
     advance(3s);
-    EXPECT_EQ(take_datagrams(),
-              std::vector<datagram>({{"224.22.33.44", bytes("01 01 00 1A 2B 3C 4D 5E 00 0C  00 00 01 07  "
-                                                            "01 00 05 01 00 00 00 00")}}));
+    EXPECT_EQ(take_datagrams(), datagrams({{GROUP, bytes("01 01 00 1A 2B 3C 4D 5E 00 0C  00 00 01 07  "
+                                                         "01 00 05 01 00 00 00 00")}}));
     EXPECT_EQ(sent_next(), 0);
     advance(3s - 1ns);
-    summary_update_link(0, 0);
+    run_as_daemon([] { summary_update_link(0, 0); });
     EXPECT_EQ(sent_next(), 1); // two ticks, of which the first sends it
 }
 
@@ -782,12 +559,12 @@ TEST_F(node_summary, silent_node_goes_at_the_first_check_that_finds_it_35_s_old)
     EXPECT_EQ(take_published(), messages());
     advance(1ns);
     EXPECT_EQ(take_published().at(0).topic, peer_topic("port_summary", "02-00-00-00-00-01"));
-    EXPECT_NE(find_timer(34900ms), -1); // after the smallest age
+    EXPECT_TRUE(has_timer(34900ms)); // after the smallest age
     advance(34900ms - 1ns);
     EXPECT_EQ(take_published(), messages());
     advance(1ns);
     EXPECT_EQ(take_published().at(10).topic, peer_topic("repeater", "02-00-00-00-00-02"));
-    EXPECT_NE(find_timer(35s), -1);
+    EXPECT_TRUE(has_timer(35s));
     EXPECT_EQ(take_published(), messages());
 }
 
@@ -800,95 +577,6 @@ TEST_F(node_summary, node_heard_every_15_s_stays)
     EXPECT_EQ(take_published(), messages());
     advance(70s);
     EXPECT_EQ(take_published(), withdrawn());
-}
-
-TEST_F(node_summary, check_at_the_moment_of_a_summary_does_not_disarm_the_timer)
-{
-    advance(35s - 1ns);
-    before("clock_gettime", "", [] {
-        const uint8_t mac[6] = {2};
-        summary_process(mac, mac, 0);
-    });
-    advance(71s);
-    EXPECT_EQ(take_published().size(), LEAVING.size());
-}
-
-struct tick_case {
-    const char *name;
-    duration first_expiry; // of the timer
-    duration period;
-    duration delay; // until the tick
-    failure what;   // "": an unexpected event instead
-    lines log;
-};
-
-class tick : public local_summary, public testing::WithParamInterface<tick_case>
-{
-};
-
-TEST_P(tick, failure_closes_its_timer_and_ends_the_daemon)
-{
-    const tick_case &row = GetParam();
-    receive_summary("");
-    const int timer = find_timer(row.first_expiry, row.period);
-    advance(row.delay - 1ns);
-    take_datagrams();
-    fail(row.what);
-    if (row.what.call.empty()) {
-        inject_events(timer, EPOLLIN | EPOLLERR);
-    }
-    advance(1ns);
-    EXPECT_EQ(exit_status(), 1);
-    EXPECT_EQ(find_timer(row.first_expiry, row.period), -1);
-    EXPECT_EQ(take_datagrams().size(), 1U); // the goodbye
-    EXPECT_EQ(take_log(), row.log);
-}
-
-const tick_case TICKS[] = {
-    {"send_event", 1s, 3s, 3s, failure("", 0), {"summary.c: unexpected event(s) on file descriptor"}},
-    {"send_read", 1s, 3s, 3s, failure("read", EIO), {"summary.c: couldn't clear send timer (errno 5)"}},
-    {"send_short_read",
-     1s,
-     3s,
-     3s,
-     failure("read", EIO).returning(7),
-     {"summary.c: couldn't clear send timer (errno 5)"}},
-    {"send_clock", 1s, 3s, 3s, failure("clock_gettime", EINVAL), {"summary.c: couldn't get time (errno 22)"}},
-    {"send",
-     1s,
-     3s,
-     15s,
-     failure("sendto", ENETDOWN),
-     {"remote: couldn't send packet (errno 100)", "remote: couldn't send node summary",
-      "summary.c: coudln't send summary to remote nodes"}},
-    {"purge_event", 35s, 0s, 34s, failure("", 0), {"summary.c: unexpected event(s) on file descriptor"}},
-    {"purge_clock",
-     35s,
-     0s,
-     34s,
-     failure("clock_gettime", EINVAL),
-     {"summary.c: couldn't get time (errno 22)"}},
-    {"purge_arming",
-     35s,
-     0s,
-     34s,
-     failure("timerfd_settime", EINVAL),
-     {"summary.c: couldn't set purge timer (errno 22)"}},
-};
-INSTANTIATE_TEST_SUITE_P(table, tick, testing::ValuesIn(TICKS),
-                         [](const auto &row) { return std::string(row.param.name); });
-
-TEST_F(node_summary, failing_withdrawal_of_a_silent_node_ends_the_daemon)
-{
-    expect_leak(); // the record, out of the list
-    receive_summary("");
-    fail(failure("mosquitto_publish", MOSQ_ERR_NOMEM, peer_topic("M301")));
-    advance(35s);
-    EXPECT_EQ(exit_status(), 1);
-    EXPECT_EQ(take_log(),
-              lines({"broker: couldn't publish message on topic " + peer_topic("M301") + " (Out of memory.)",
-                     "summary.c: couldn't unpublish topic " + peer_topic("M301"),
-                     "summary.c: couldn't unpublish data from summary"}));
 }
 
 } // namespace

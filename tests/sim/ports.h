@@ -1,9 +1,8 @@
-// A node as the card's port processes feed it and as clients see its ports. Without a port, everything is
-// about port B.
+// A card whose port processes speak and whose ports clients read. Without a port, everything is about port B.
 #pragma once
 
+#include "card.h"
 #include "common/bytes.h"
-#include "platform.h"
 #include "records.h"
 
 #include <array>
@@ -11,24 +10,19 @@
 #include <string_view>
 #include <utility>
 
-namespace sim
+namespace card
 {
 
 inline constexpr time_t TEN_O_CLOCK = 1'704'103'200; // 2024-01-01 10:00:00 UTC
 
-inline std::string local_topic(const std::string &name, const std::string &port = "B")
-{
-    return "local/diag/port/" + port + "/" + name;
-}
-
 // "stats", "pm/period3"
 inline std::string published_topic(const std::string &name, const std::string &port = "B")
 {
-    return "pub/diag/" + LOCAL_MAC_TEXT + "/" + port + "/" + name;
+    return OWN_TOPIC + "/" + port + "/" + name;
 }
 
-inline const std::string PORT_SUMMARY = "pub/diag/" + LOCAL_MAC_TEXT + "/port_summary";
-inline const std::string PORT_MEDIA = "pub/diag/" + LOCAL_MAC_TEXT + "/port_media";
+inline const std::string PORT_SUMMARY = OWN_TOPIC + "/port_summary";
+inline const std::string PORT_MEDIA = OWN_TOPIC + "/port_media";
 
 //
 // What the port processes publish
@@ -37,12 +31,19 @@ inline const std::string PORT_MEDIA = "pub/diag/" + LOCAL_MAC_TEXT + "/port_medi
 // Not retained: a port that is tracked again starts without it.
 inline void tell(const std::string &name, const std::string &payload, const std::string &port = "B")
 {
-    publish(local_topic(name, port), payload, false);
+    publish("local/diag/port/" + port + "/" + name, payload, false);
 }
 
 inline std::string byte(int value)
 {
     return {static_cast<char>(value)};
+}
+
+// A number as the card's processes write it.
+template <typename Number>
+std::string host_bytes(Number value)
+{
+    return {reinterpret_cast<const char *>(&value), sizeof value};
 }
 
 // A statistics payload with these fields, and 0 in the others.
@@ -63,10 +64,8 @@ inline std::string stats_payload(const counters &values)
 // A ring protection status with this state, and filler in all other bytes.
 inline std::string erps_payload(uint32_t state, uint8_t filler = 0)
 {
-    uint8_t payload[ERPS_STATUS_SIZE];
-    memset(payload, filler, sizeof payload);
-    store_host(payload + ERPS_STATUS_STATE, state);
-    return {payload, payload + sizeof payload};
+    std::string payload(ERPS_STATUS_SIZE, static_cast<char>(filler));
+    return payload.replace(ERPS_STATUS_STATE, sizeof state, host_bytes(state));
 }
 
 inline void track(const std::string &type = "fire", const std::string &port = "B")
@@ -117,11 +116,9 @@ inline void bring_up(const std::string &port = "B")
 // What clients find
 //
 
-// Empty when the broker holds nothing.
 inline std::string held(const std::string &name, const std::string &port = "B")
 {
-    const auto found = retained().find(published_topic(name, port));
-    return found == retained().end() ? "" : found->second;
+    return retained(published_topic(name, port));
 }
 
 template <typename Fields>
@@ -147,29 +144,21 @@ inline uint64_t pm(const std::string &slot, std::string_view name, const std::st
     return read_field(PM_FIELDS, held("pm/" + slot, port), name);
 }
 
-// Times and seconds with the link down, and with the ring port down.
-using down_figures = std::array<uint64_t, 4>;
-template <typename Fields>
-down_figures read_down_figures(const Fields &fields, const std::string &record)
+// Times and seconds with the link down, and with the ring port down, in "stats" or "pm/day0".
+using down = std::array<uint64_t, 4>;
+inline down down_figures(const std::string &name)
 {
-    return {read_field(fields, record, "link_down_count"), read_field(fields, record, "link_down_seconds"),
-            read_field(fields, record, "erps_down_count"), read_field(fields, record, "erps_down_seconds")};
-}
-
-inline down_figures stat_down()
-{
-    return read_down_figures(STATS_FIELDS, held("stats"));
-}
-
-inline down_figures pm_down(const std::string &slot)
-{
-    return read_down_figures(PM_FIELDS, held("pm/" + slot));
+    const auto read = [record = held(name), is_pm = name != "stats"](std::string_view field) {
+        return is_pm ? read_field(PM_FIELDS, record, field) : read_field(STATS_FIELDS, record, field);
+    };
+    return {read("link_down_count"), read("link_down_seconds"), read("erps_down_count"),
+            read("erps_down_seconds")};
 }
 
 // "none" for a port without one.
 inline std::string colour(const std::string &port = "B")
 {
-    const std::string &summary = retained()[PORT_SUMMARY];
+    const std::string summary = retained(PORT_SUMMARY);
     const std::string key = "\"" + port + "\":\"";
     const size_t found = summary.find(key);
     if (found == std::string::npos) {
@@ -180,30 +169,30 @@ inline std::string colour(const std::string &port = "B")
 }
 
 //
-// The node
+// The quarter hours
 //
 
-class stats_node : public node
+class stats_node : public started_node
 {
 public:
-    // Sets the wall clock so that the PM timer next expires at this time, and lets it expire.
+    // Sets the wall clock so that the timer of the periods next expires at this time, and lets it expire.
     void tick_at(time_t wall_time)
     {
-        set_wall_clock(wall_time - static_cast<time_t>((pm_expiry - now()) / 1s));
-        wall = wall_time - PM_PERIOD;
-        delay = PM_PERIOD;
+        set_wall_clock(wall_time - static_cast<time_t>((expiry_ - now()) / 1s));
+        wall_ = wall_time - PERIOD;
+        delay_ = PERIOD;
         tick();
     }
     // Lets it expire as it is armed, and expects it to be armed for the next quarter hour, beyond the one that
     // is less than 30 s away.
     void tick()
     {
-        advance(pm_expiry - now());
-        wall += delay;
-        const time_t past_boundary = wall % PM_PERIOD;
-        delay = (past_boundary > PM_PERIOD - 30 ? 2 : 1) * PM_PERIOD - past_boundary;
-        pm_expiry = now() + std::chrono::seconds(delay);
-        EXPECT_TRUE(!is_running() || find_timer(std::chrono::seconds(delay)) == pm_timer) << delay;
+        advance(expiry_ - now());
+        wall_ += delay_;
+        const time_t past_boundary = wall_ % PERIOD;
+        delay_ = (past_boundary > PERIOD - 30 ? 2 : 1) * PERIOD - past_boundary;
+        expiry_ = now() + std::chrono::seconds(delay_);
+        EXPECT_TRUE(has_timer(std::chrono::seconds(delay_))) << delay_;
     }
     void ticks(unsigned count)
     {
@@ -212,22 +201,20 @@ public:
         }
     }
 
-    int pm_timer = -1;
-
 protected:
     void SetUp() override
     {
-        start_node(7);
-        pm_timer = find_timer(30s);
-        pm_expiry = now() + 30s;
+        started_node::SetUp();
+        expiry_ = now() + 30s;
+        EXPECT_TRUE(has_timer(30s));
     }
 
 private:
-    static constexpr time_t PM_PERIOD = 900;
+    static constexpr time_t PERIOD = 900;
 
-    duration pm_expiry{};
-    time_t wall = 0;  // at the last expiry
-    time_t delay = 0; // from it to the next
+    duration expiry_{};
+    time_t wall_ = 0;  // at the last expiry
+    time_t delay_ = 0; // from it to the next
 };
 
-} // namespace sim
+} // namespace card
