@@ -22,6 +22,7 @@ import { countText, isMalformed, listOf, malformedText, timeText, valueText } fr
 
 const LATEST = 12;
 const ORDER_INTERVAL_MS = 1000;
+const MAX_OPEN = 300; // nodes of all networks; beyond, those with nothing wrong are folded away
 const choices = { text: "", show: "all", order: "faults" }; // they outlast a look at another view
 
 const ORDER_LABELS = { faults: "faults first", number: "number", name: "name", change: "last change" };
@@ -72,7 +73,8 @@ function tile(node) {
     );
 }
 
-function listEntries(network, { name }) {
+function listEntries(network, index, { name }) {
+    const prefix = store.networks.length > 1 ? `${networkTitle(network, index)}: ` : "";
     return listOf(network[name]).flatMap((entry) =>
         listOf(entry.ports).map((port) =>
             h(
@@ -81,7 +83,7 @@ function listEntries(network, { name }) {
                 h(
                     "a",
                     { href: `#/pm/${encodeURIComponent(entry.mac)}/${encodeURIComponent(port)}` },
-                    `${listedNode(network, entry)} ${port}`,
+                    `${prefix}${listedNode(network, entry)} ${port}`,
                 ),
             ),
         ),
@@ -102,7 +104,7 @@ function lists() {
         "div",
         { class: "lists" },
         LISTS.map((list) => {
-            const entries = store.networks.flatMap((network) => listEntries(network, list));
+            const entries = store.networks.flatMap((network, index) => listEntries(network, index, list));
             const words = store.networks.map((network) => listWords(network, list)).filter(Boolean);
             return h(
                 "section",
@@ -137,6 +139,8 @@ function latest() {
     );
 }
 
+const nodeCount = () => store.networks.reduce((sum, { nodes }) => sum + nodes.size, 0);
+
 function isChosen(node, network, words) {
     return FILTERS[choices.show].test(node, network) && matches(node, words);
 }
@@ -148,7 +152,10 @@ class Section {
         this.tiles = new Map(); // MAC address to element
         this.head = h("div", { class: "head" });
         this.list = h("ul", { class: "tiles" });
-        this.element = h("section", { class: "network" }, this.head, this.list);
+        this.soundTitle = h("summary");
+        this.soundList = h("ul", { class: "tiles" });
+        this.sound = h("details", { class: "sound", open: nodeCount() <= MAX_OPEN }, this.soundTitle, this.soundList);
+        this.element = h("section", { class: "network" }, this.head, this.list, this.sound);
     }
 
     get network() {
@@ -193,10 +200,14 @@ class Section {
         const shown = [...this.network.nodes.values()]
             .filter((node) => isChosen(node, this.network, words))
             .sort(ORDERS[choices.order]);
-        arrange(
-            this.list,
-            shown.map((node) => this.tiles.get(node.mac)),
-        );
+        // Of many networks one wants to see what is wrong with each before what is not, unless one looks for something.
+        const isParted = store.networks.length > 1 && choices.order === "faults" && choices.show === "all" && words.length === 0;
+        const sound = isParted ? shown.filter((node) => rankOf(node) > 2) : [];
+        const tilesOf = (nodes) => nodes.map((node) => this.tiles.get(node.mac));
+        arrange(this.list, tilesOf(shown.slice(0, shown.length - sound.length)));
+        arrange(this.soundList, tilesOf(sound));
+        setText(this.soundTitle, `${countText(sound.length, "node")} with nothing wrong now`);
+        this.sound.hidden = sound.length === 0;
         this.element.hidden = shown.length === 0 && store.networks.length > 1;
         return shown.length;
     }
@@ -205,7 +216,7 @@ class Section {
     isRight(words) {
         return [...this.network.nodes.values()].every(
             (node) => this.tiles.get(node.mac).isConnected === isChosen(node, this.network, words),
-        ) && [...this.list.children].every((element) => this.network.nodes.has(element.dataset.node));
+        ) && this.list.childElementCount + this.soundList.childElementCount <= this.network.nodes.size;
     }
 }
 
@@ -263,7 +274,7 @@ export function overviewView(_, query) {
         for (const section of drawn) {
             shown += section.filter(words);
         }
-        const all = store.networks.reduce((sum, { nodes }) => sum + nodes.size, 0);
+        const all = nodeCount();
         setText(count, shown === all ? countText(all, "node") : `${shown} of ${countText(all, "node")}`);
         if (drawn.length > 1) {
             const order = [...drawn].sort((a, b) => networkRank(a.network) - networkRank(b.network) || a.index - b.index);
