@@ -1,6 +1,6 @@
 # What the toolchain files of the other processors share; cross_processor and cross_triplet are set, and the file has
 # Debian's name of the architecture. The tests need nothing of those machines but the compiler's own libraries: the
-# simulated platform takes the MQTT library's place, and GoogleTest is built from source. The Debian packages are linked
+# simulation takes the MQTT library's place, and GoogleTest is built from source. The Debian packages are linked
 # with the libraries in DIAG_CROSS_ROOT, which packaging/build-cross fills.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ${cross_processor})

@@ -27,21 +27,9 @@ int find_threshold(int facility)
     return level;
 }
 
-struct rc_case {
-    const char *name;
-    std::string text;
-    int diag;
-    int hwinfo;
-};
-
-void PrintTo(const rc_case &test, std::ostream *out)
-{
-    *out << test.name;
-}
-
-class lumlog_rc : public testing::TestWithParam<rc_case>
-{
-};
+// A file and the thresholds of two components that follow from it. It is read once in a process.
+using rc_case = std::tuple<std::string, int, int>;
+using lumlog_rc = testing::TestWithParam<rc_case>;
 
 } // namespace
 
@@ -98,32 +86,26 @@ TEST(lumlog, message_that_can_not_be_formatted_still_leaves_a_line)
 
 TEST_P(lumlog_rc, sets_thresholds)
 {
-    const temp_file rc(GetParam().text);
+    const auto &[text, diag, hwinfo] = GetParam();
+    const temp_file rc(text);
     setenv("LUMLOG_RC", rc.path(), 1);
-    EXPECT_EQ(find_threshold(LUMLOG_DIAG), GetParam().diag);
-    EXPECT_EQ(find_threshold(LUMLOG_HWINFO), GetParam().hwinfo);
+    EXPECT_EQ(find_threshold(LUMLOG_DIAG), diag);
+    EXPECT_EQ(find_threshold(LUMLOG_HWINFO), hwinfo);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     lines, lumlog_rc,
     testing::Values(
-        rc_case{"of_one_component_only", "LUMLOG_DIAG.debug\n", 7, 3},
-        rc_case{"in_any_case", "lumlog_diag.CRIT", 2, 3},
-        rc_case{"where_a_comment_follows", "LUMLOG_DIAG.debug # note\n", 7, 3},
-        rc_case{"past_comments_and_empty_lines", "# anything\n\nLUMLOG_DIAG.info\n", 6, 3},
-        rc_case{"from_a_prefix_of_the_value", "LUMLOG_DIAG.warning\nLUMLOG_HWINFO.debugger\n", 4, 7},
-        rc_case{"not_from_an_abbreviation", "LUMLOG_DIAG.deb\nLUMLOG_HWINFO.none\n", 3, 3},
-        rc_case{"not_past_blanks", " LUMLOG_DIAG.debug\nLUMLOG_HWINFO. debug\n", 3, 3},
-        rc_case{"between_runs_of_dots", "..LUMLOG_DIAG...debug.err\n", 7, 3},
-        rc_case{"from_the_last_line",
-                "LUMLOG_DIAG.alert\nLUMLOG_DIAG.emerg\nLUMLOG_HWINFO.info\n"
-                "LUMLOG_HWINFO.notice\n",
-                0, 5},
-        rc_case{"past_a_very_long_line",
-                std::string(100000, 'x') + "\nLUMLOG_DIAG.panic\nLUMLOG_HWINFO.info" + std::string(9999, 'y'),
+        rc_case{"LUMLOG_DIAG.debug\n", 7, 3}, rc_case{"lumlog_diag.CRIT", 2, 3},
+        rc_case{"# anything\n\nLUMLOG_DIAG.debug # note\n", 7, 3},
+        rc_case{"LUMLOG_DIAG.warning\nLUMLOG_HWINFO.debugger\n", 4, 7}, // begins with the value
+        rc_case{"LUMLOG_DIAG.deb\nLUMLOG_HWINFO.none\n", 3, 3},
+        rc_case{" LUMLOG_DIAG.debug\nLUMLOG_HWINFO. debug\n", 3, 3},
+        rc_case{"..LUMLOG_DIAG...debug.err\n", 7, 3},
+        rc_case{"LUMLOG_DIAG.alert\nLUMLOG_DIAG.emerg\nLUMLOG_HWINFO.info\nLUMLOG_HWINFO.notice\n", 0, 5},
+        rc_case{std::string(100000, 'x') + "\nLUMLOG_DIAG.panic\nLUMLOG_HWINFO.info" + std::string(9999, 'y'),
                 0, 6},
-        rc_case{"past_junk", std::string("\0.\0\n\xff\xfe.x\n.\n...\nLUMLOG\nLUMLOG_DIAG.alert", 39), 1, 3}),
-    [](const auto &test) { return std::string(test.param.name); });
+        rc_case{std::string("\0.\0\n\xff\xfe.x\n.\n...\nLUMLOG\nLUMLOG_DIAG.alert", 39), 1, 3}));
 
 TEST(lumlog, rc_line_is_cut_at_its_comment_and_split_at_dots_alone)
 {

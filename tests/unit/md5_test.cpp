@@ -46,19 +46,6 @@ std::string to_hex(const digest &bytes)
 
 } // namespace
 
-TEST(md5, gives_the_digests_of_the_standard)
-{
-    EXPECT_EQ(to_hex(md5("")), "d41d8cd98f00b204e9800998ecf8427e");
-    EXPECT_EQ(to_hex(md5("a")), "0cc175b9c0f1b6a831c399e269772661");
-    EXPECT_EQ(to_hex(md5("abc")), "900150983cd24fb0d6963f7d28e17f72");
-    EXPECT_EQ(to_hex(md5("message digest")), "f96b697d7cb7938d525a2f31aaf161d0");
-    EXPECT_EQ(to_hex(md5("abcdefghijklmnopqrstuvwxyz")), "c3fcd3d76192e4007dfb496cca67e13b");
-    EXPECT_EQ(to_hex(md5("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789")),
-              "d174ab98d277d9f5a5611c2c9f419d9f");
-    EXPECT_EQ(to_hex(md5("12345678901234567890123456789012345678901234567890123456789012345678901234567890")),
-              "57edf4a22be3c955ac49da2e2107b67a");
-}
-
 TEST(md5, pads_every_length_and_takes_any_pieces)
 {
     // The digest of the digests of 0 to 199 times 'x', as md5sum gives it.

@@ -36,29 +36,6 @@ TEST(utils, times_compare_subtract_and_add_across_the_second)
     }
 }
 
-TEST(utils, missing_arguments_are_reported_once_each)
-{
-    const timespec time = {1, 2};
-    const timespec none = {-1, -1};
-    char field[] = "untouched";
-    int port = 77;
-    EXPECT_EQ(timespec_cmp(&time, nullptr), 0);
-    EXPECT_EQ(timespec_cmp(nullptr, &time), 0);
-    EXPECT_EQ(timespec_diff(&time, nullptr), none);
-    EXPECT_EQ(timespec_diff(nullptr, &time), none);
-    EXPECT_EQ(timespec_sum(&time, nullptr), none);
-    EXPECT_EQ(timespec_sum(nullptr, &time), none);
-    EXPECT_EQ(find_mac_addr_in_topic(nullptr), nullptr);
-    EXPECT_EQ(find_port_in_local_topic(nullptr, &port), -1);
-    EXPECT_EQ(find_port_in_local_topic("local/diag/port/A/type", nullptr), -1);
-    for (const auto get_version : {get_eos_version, get_priapp_version, get_eboot_version}) {
-        EXPECT_EQ(get_version(nullptr, 10, field, sizeof field), -1);
-        EXPECT_EQ(get_version(field, sizeof field, nullptr, 40), -1);
-    }
-    EXPECT_EQ(logged_messages(), log_messages(15, "NULL pointer received as argument"));
-    EXPECT_STREQ(field, "untouched");
-}
-
 TEST(utils, mac_address_is_found_as_scanf_reads_it)
 {
     using mac = std::vector<uint8_t>;
