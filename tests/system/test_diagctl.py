@@ -1,11 +1,13 @@
 """diagctl as an engineer uses it: with real daemons, and with a broker that says what the test wants."""
 import json
+import re
 import shlex
 import signal
 import struct
 import subprocess
 import tempfile
 
+import jsonschema
 import pytest
 from panel import BUILD, HERE, Stream, run, wait_until
 
@@ -13,6 +15,8 @@ DIAGCTL = str(BUILD / "diagctl")
 LOCAL, PEER = "02-00-00-00-00-01", "02-00-00-00-00-02"
 SUCCESS, FAILURE, USAGE, NO_BROKER = range(4)
 MANUAL = (HERE.parent.parent / "packaging" / "man" / "diagctl.1.scd").read_text(encoding="ascii")
+SCHEMA = HERE.parent.parent / "docs" / "json.schema.json"
+NAMES = "/run/names"
 BUSY = 30  # seconds that a busy machine may take
 
 pytestmark = pytest.mark.timeout(150)
@@ -115,7 +119,8 @@ def test_cut_link_is_missing_or_late_in_a_command(lab):
             lab.run("cut", 1, "B")
             lines.wait(lambda line: line.endswith(f"link-down list gained node {LOCAL} (1) port B"), BUSY)
             change = objects.wait(lambda item: item["topic"] == "pub/diag/net/fire/link_down", BUSY)
-            assert {"mac": LOCAL, "number": 1, "ports": ["B"]} in change["value"]
+            assert {"mac": LOCAL, "name": None, "number": 1, "ports": ["B"]} in change["value"]
+            assert (change["mac"], change["port"], change["old"], change["new"]) == (LOCAL, "B", False, True)
             nodes.wait(lambda item: {"port": "B", "colour": "red", "media": "smf"} in item["nodes"][0]["ports"], BUSY)
             top.wait(lambda line: line.endswith("network ring status degraded"), BUSY)
             node.topics.wait(lambda item: item[0] == "local/diag/network_style7" and item[1] == b"\x01", BUSY)
@@ -245,25 +250,91 @@ def test_performance_records_in_the_wrong_order_or_with_wrong_values(played):
     assert (days["kind"], [(day["slot"], day["dsl_count_60"]) for day in days["records"]]) == ("days", [("day2", 1)])
 
 
-def keys_of(value):
-    if isinstance(value, dict):
-        return set(value) | keys_of(list(value.values()))
-    return set().union(*map(keys_of, value)) if isinstance(value, list) else set()
+def validator(name, schema=json.loads(SCHEMA.read_text(encoding="ascii"))):
+    """Takes what the schema says of a command's output, and no field that it does not tell."""
+
+    def close(part):
+        if isinstance(part, dict):
+            closed = {"additionalProperties": False} if "properties" in part else {}
+            return closed | {key: close(value) for key, value in part.items()}
+        return [close(item) for item in part] if isinstance(part, list) else part
+
+    return jsonschema.Draft202012Validator({"$ref": f"#/$defs/{name}", "$defs": close(schema["$defs"])})
 
 
-def test_json_field_that_the_manual_does_not_tell(lab):
+def test_json_that_the_schema_does_not_tell(lab):
     node = lab[1]
     record = (f"pub/diag/{LOCAL}/H/pm/period0", PM.pack(0, *range(9)))
     link = ("pub/diag/net/fire/miswired_links", bytes.fromhex("01000202"))
-    with Stream(node.command(DIAGCTL, "watch", "--json"), json.loads) as changes:
+    names = f"{LOCAL} Lobby\n"
+    node.exec("tee", NAMES, stdin=names)
+    watched = node.command("sh", "-c", f"exec {DIAGCTL} watch --json --names {NAMES}")
+    with Stream(watched, json.loads) as changes:
         changes.wait(lambda change: change["topic"].endswith("/stats"), BUSY)
-        node.publish(record, link)
-        changes.wait(lambda change: change["topic"] == record[0], BUSY)
-        objects = list(changes.items)
-    commands = (["nodes"], ["show", "local"], ["ports", "local"], ["pm", "local", "H"], ["lists"])
-    objects += [read_json(node, *words) for words in commands]
+        node.publish(record, link, (f"pub/diag/{LOCAL}/job_name", "NORTH"), (f"pub/diag/{LOCAL}/repeater", "256"))
+        changes.wait(lambda change: change["kind"] == "fact" and change["new"] == {"malformed_bytes": 3}, BUSY)
+        objects = [("change", item) for item in changes.items]
+    kinds = {item["kind"] for _, item in objects}
+    assert {"statistics", "record", "miswired_link", "fact"} <= kinds
+    assert all(item["name"] == "Lobby" for _, item in objects if item["mac"] == LOCAL)
+    for words in (["nodes"], ["show", "local"], ["ports", "local"], ["pm", "local", "H"], ["lists"], ["ping"]):
+        objects.append((words[0], read_json(node, *words)))
+    objects.append(("explain", read_json(node, "explain", "packet is too small (3 bytes), ignoring")))
     node.publish((record[0], ""), (link[0], ""))
-    assert sorted(key for key in keys_of(objects) if f"_{key}_" not in MANUAL) == []
+    for name, item in objects:
+        validator(name).validate(item)
+
+
+def test_node_that_can_not_be_called_by_its_name(played):
+    publish_node(played, (f"pub/diag/{PEER}/port_summary", '{"B":"red"}'))
+
+    def named(text, *words, **options):
+        played.exec("tee", NAMES, stdin=text)
+        return diagctl(played, *words, "--names", NAMES, **options)
+
+    both = f"# who is who\n{LOCAL} Lobby\n02:0:0:0:0:2\tCellar # below\n"
+    assert json.loads(named(both, "show", "cellar", "--json"))["name"] == "Cellar"
+    assert f"Cellar  {PEER}" in named(both, "nodes")
+    assert "Lobby, Cellar" in named(both, "show", "Attic", status=USAGE)
+    assert PEER in named(f"{LOCAL} Twin\n{PEER} Twin\n", "show", "Twin", status=FAILURE)
+    for line, complaint in (
+        ("Lobby", "no MAC address"),
+        (f"{PEER} North stair", "one word"),
+        (f"{PEER} 12", "a node already"),
+    ):
+        said = named(f"{LOCAL} Lobby\n{line}\n", "nodes", status=FAILURE)
+        assert f"{NAMES}:2: " in said and complaint in said
+
+
+def test_verdict_that_a_monitoring_service_takes_wrong(lab, played):
+    publish_node(
+        played,
+        (f"pub/diag/{PEER}/port_summary", '{"B":"red"}'),
+        *((f"pub/diag/net/fire/{name}", b"\0") for name in ("grnd_list", "miswired")),
+        ("pub/diag/net/fire/link_down", bytes.fromhex("020000000001 09 01 020000000002 09 02")),
+        ("local/diag/network_style7", b"\1"),
+    )
+
+    def check(node, *words):
+        done = subprocess.run(
+            node.command(DIAGCTL, "check", *words), capture_output=True, text=True, timeout=BUSY, check=False
+        )
+        return done.returncode, done.stdout
+
+    status, text = check(lab[1], "--expect", "3")
+    assert re.fullmatch(
+        r"DIAG OK - 3 nodes, ring normal \| nodes=3;;3:;0 ports_down=0;0;;0 ground_faults=0;0;;0 miswired=0;0;;0 "
+        r"ring_degraded=0;0;;0;1 answer_time=[0-9.]+s;;5;0\n",
+        text,
+    ), text
+    assert status == 0
+    assert check(lab[1], "--expect", "4")[0] == 2
+    status, text = check(played, "--timeout", "1")
+    assert status == 2 and text.startswith("DIAG CRITICAL - no daemon has answered")
+    assert f"2 ports down ({LOCAL}/A, {PEER}/B)" in text and "ring degraded" in text
+    assert check(played, "--port", "1")[0] == 2
+    for words in (["--ports-down", "x"], ["--nothing"], ["--names", "/none"]):
+        assert check(played, *words)[0] == 3, words
 
 
 class Terminal:
@@ -336,13 +407,16 @@ def test_command_that_bash_does_not_complete_or_the_manual_does_not_tell(tmp_pat
 
     def complete(*words):
         set_up = f'. {script}; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _diagctl; echo "${{COMPREPLY[*]}}"'
-        return run("bash", "-euc", set_up, "bash", "diagctl", *words).split()
+        return run("bash", "-euc", set_up, "bash", DIAGCTL, *words).split()
 
     commands = complete("")
     listed = run(DIAGCTL, "--help").partition("Subcommands:\n")[2].partition("\n\n")[0]
-    assert sorted(commands) == sorted([*(line.split()[0] for line in listed.splitlines()), "--help"])
-    assert [command for command in commands if f"*diagctl* *{command}*" not in MANUAL] == ["--help"]
+    assert sorted(commands) == sorted([*(line.split()[0] for line in listed.splitlines()), "--help", "--version"])
+    assert [command for command in commands if f"*diagctl* *{command}*" not in MANUAL] == ["--help", "--version"]
     assert complete("po") == ["ports"]
     assert complete("pm", "local", "--d") == ["--days"]
     assert complete("pm", "local", "C") == ["C", "CPU"]
+    names = tmp_path / "names"
+    names.write_text(f"{LOCAL} Lobby\n", encoding="ascii")
+    assert complete("show", "--names", str(names), "L") == ["Lobby"]
     assert complete("nodes", "--host", "") == [], "no option where a host is due"

@@ -26,9 +26,10 @@ def act(node, *words, status=SUCCESS, stdin=""):
     return done.stdout + done.stderr
 
 
-def put(node, path, text):
+def put(node, path, text, mode="600"):
     """Writes a file of the node, which sees no folder of the machine that may be written."""
     node.exec("tee", path, stdin=text)
+    node.exec("chmod", mode, path)
 
 
 @pytest.fixture(scope="module")
@@ -94,17 +95,21 @@ def test_guarded_command_with_a_wrong_answer_or_wrong_nodes(lab):
     with open(re.search("DIAG_SECRETS_FILE:FILEPATH=(.*)", CACHE)[1], encoding="ascii") as words:
         put(node, WORDS, words.read())
     put(node, WRONG, "".join(f"wrong word {i}\n" for i in range(127)))
-    assert "--words" in act(node, "activate", "2", "--yes", "--words", WRONG, status=FAILURE)
+    assert "--secrets" in act(node, "activate", "2", "--yes", "--words", WRONG, status=FAILURE)
     put(node, WRONG, "too few\n")
     assert "no word table" in act(node, "activate", "2", "--yes", "--words", WRONG, status=FAILURE)
-    maybe = ["remote-download", "maybe", "2", "--words", WORDS]
-    for words in (["activate", "2"], ["activate", "--words", WORDS], maybe):
+    put(node, WRONG, "secret words\n", mode="644")
+    assert "lets others read or write it" in act(node, "activate", "2", "--yes", "--secrets", WRONG, status=FAILURE)
+    if "DIAG_TOOLS_SECRETS:BOOL=ON" not in CACHE:
+        assert "/etc/diag/secrets" in act(node, "activate", "2", "--yes", status=FAILURE)
+    maybe = ["remote-download", "maybe", "2", "--secrets", WORDS]
+    for words in (["activate", "--secrets", WORDS], maybe):
         act(node, *words, status=USAGE)
-    assert "failed nodes: 42" in act(node, "activate", "42", "--words", WORDS, "--yes", status=FAILURE)
-    assert "nodes 2 3" in act(node, "remote-download", "on", "2,3", "--words", WORDS, stdin="y\n")
+    assert "failed nodes: 42" in act(node, "activate", "42", "--secrets", WORDS, "--yes", status=FAILURE)
+    assert "nodes 2 3" in act(node, "remote-download", "on", "2,3", "--secrets", WORDS, stdin="y\n")
     for number in (2, 3):
         lab[number].await_topics({"local/remotedl": b"\x01"}, BUSY)
-    assert "node 1" in act(node, "activate", "1", "--words", WORDS, "--yes")
+    assert "node 1" in act(node, "activate", "1", "--secrets", WORDS, "--yes")
     node.await_topics({"local/activate": b"\x05"}, BUSY)
 
 

@@ -1,10 +1,13 @@
 // What the acting commands of diagctl compute: answers to challenges, recordings, metrics.
-#include "broker/challenge.h"
+#include "broker/words.h"
+#include "clock.h"
 #include "export/metrics.h"
+#include "failure.h"
 #include "network/recording.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <map>
 
@@ -20,7 +23,7 @@ word_table numbered_words()
     return words;
 }
 
-std::vector<uint8_t> bytes(std::string_view text)
+std::vector<uint8_t> raw(std::string_view text)
 {
     return {text.begin(), text.end()};
 }
@@ -36,6 +39,17 @@ TEST(challenge, answered_with_other_words_or_in_another_order)
     }
 }
 
+std::string complaint_of(const std::string &path)
+{
+    try {
+        read_words(path);
+        return "";
+    } catch (const failure &error) {
+        const std::string text = error.what();
+        return text.substr(text.find(": ") + 2);
+    }
+}
+
 TEST(word_file, of_the_wrong_form_taken)
 {
     const std::string path = testing::TempDir() + "diagctl-words";
@@ -46,17 +60,19 @@ TEST(word_file, of_the_wrong_form_taken)
         }
         file << last << "\n";
         file.close();
-        std::string error;
-        return read_words(path, error) ? "" : error;
+        std::filesystem::permissions(path, std::filesystem::perms(0600));
+        return complaint_of(path);
     };
     EXPECT_EQ(read(127, "last word"), "");
     EXPECT_EQ(read(126, "last word"), "it has 126 lines, a word table has 127");
     EXPECT_EQ(read(128, "last word"), "it has 128 lines, a word table has 127");
     EXPECT_EQ(read(127, "short"), "line 127 isn't 6 to 31 printable ASCII characters");
     EXPECT_EQ(read(127, std::string(32, 'x')), "line 127 isn't 6 to 31 printable ASCII characters");
-    std::string error;
-    EXPECT_FALSE(read_words(path + "-none", error));
-    EXPECT_EQ(error, "No such file or directory");
+    EXPECT_EQ(complaint_of(path + "-none"), "No such file or directory");
+    for (const unsigned open_mode : {0604U, 0602U, 0620U}) {
+        std::filesystem::permissions(path, std::filesystem::perms(open_mode));
+        EXPECT_EQ(complaint_of(path), "chmod 600 " + path) << open_mode;
+    }
 }
 
 TEST(recording, changes_a_payload_or_takes_a_damaged_line)
@@ -68,9 +84,9 @@ TEST(recording, changes_a_payload_or_takes_a_damaged_line)
         {0x7F},
         {0x80},
         {0xFF, 0xFE},
-        bytes("green \"A\"\\"),
-        bytes("äß€😀"),
-        bytes("a\nb"),
+        raw("green \"A\"\\"),
+        raw("äß€😀"),
+        raw("a\nb"),
         {0xC0, 0x80},
         {0xED, 0xA0, 0x80},
         {0xC2, 0x85},
@@ -86,9 +102,9 @@ TEST(recording, changes_a_payload_or_takes_a_damaged_line)
         EXPECT_DOUBLE_EQ(message->time, 1.234);
         EXPECT_TRUE(message->is_retained);
     }
-    EXPECT_TRUE(is_printable(bytes("äß€😀")));
+    EXPECT_TRUE(is_printable("äß€😀"));
     for (const unsigned binary : {1U, 2U, 3U, 4U, 5U, 8U, 9U, 10U, 11U, 12U, 13U}) {
-        EXPECT_FALSE(is_printable(payloads[binary])) << binary;
+        EXPECT_FALSE(is_printable(as_text(payloads[binary]))) << binary;
     }
     for (const char *damaged : {
              "",
@@ -135,9 +151,9 @@ TEST(metrics, of_a_node_that_has_left_or_a_wrong_value)
         network_apply(net, topic, payload, true, current_moment());
     };
     const std::string mac = "02-00-00-00-00-02";
-    apply("pub/diag/local_node", bytes("02-00-00-00-00-01"));
-    apply("pub/diag/" + mac + "/port_summary", bytes(R"({"A":"red","B":"green"})"));
-    apply("pub/diag/" + mac + "/comm_loss", bytes("1"));
+    apply("pub/diag/local_node", raw("02-00-00-00-00-01"));
+    apply("pub/diag/" + mac + "/port_summary", raw(R"({"A":"red","B":"green"})"));
+    apply("pub/diag/" + mac + "/comm_loss", raw("1"));
     apply("pub/diag/net/fire/link_down", {2, 0, 0, 0, 0, 2, 7, 1});
     std::vector<uint8_t> stats(STATS_BLOCK_SIZE);
     stats[STATS_LINK_DOWN_COUNT + 3] = 9;

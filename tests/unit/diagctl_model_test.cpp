@@ -1,5 +1,6 @@
 #include "common/bytes.h"
 #include "network/model.h"
+#include "screen/changes.h"
 #include "screen/top.h"
 
 #include <gtest/gtest.h>
@@ -35,8 +36,13 @@ protected:
     lines apply(const string &topic, const string &payload, bool is_retained = false)
     {
         now.steady += std::chrono::seconds(1);
-        return network_apply(net, topic, {reinterpret_cast<const uint8_t *>(payload.data()), payload.size()},
-                             is_retained, now);
+        lines texts;
+        for (const change &item :
+             network_apply(net, topic, {reinterpret_cast<const uint8_t *>(payload.data()), payload.size()},
+                           is_retained, now)) {
+            texts.push_back(change_text(net, item));
+        }
+        return texts;
     }
     lines retained(const string &topic, const string &payload) { return apply(topic, payload, true); }
     lines of_node(const string &mac, const string &name, const string &payload)
@@ -282,7 +288,7 @@ TEST_F(diagctl, bytes_from_outside_cannot_command_the_terminal)
 TEST_F(diagctl, statistics_are_decoded_whole_or_not_at_all)
 {
     announce_local();
-    const stats_target target = {{.is_local = true, .mac = {}, .number = {}}, LUM_PORT_B, "local/B"};
+    const stats_target target = {{.is_local = true}, LUM_PORT_B, "local/B"};
     EXPECT_NE(shown(100, 40, &target).find("local/B: none published"), string::npos);
 
     string stats(STATS_BLOCK_SIZE, '\0');
@@ -348,18 +354,18 @@ TEST_F(diagctl, running_period_counts_from_the_close_that_was_seen)
 TEST_F(diagctl, users_name_nodes_in_the_common_forms_only)
 {
     for (const char *text : {"02-00-00-00-00-02", "02:00:00:00:00:02", "020000000002"}) {
-        ASSERT_TRUE(parse_node_reference(text)) << text;
-        EXPECT_EQ(parse_node_reference(text)->mac, REMOTE_MAC);
+        ASSERT_TRUE(parse_node_reference(text, {})) << text;
+        EXPECT_EQ(parse_node_reference(text, {})->macs, std::vector{REMOTE_MAC});
     }
-    EXPECT_TRUE(parse_node_reference("local")->is_local);
-    EXPECT_EQ(parse_node_reference("12")->number, 12);
+    EXPECT_TRUE(parse_node_reference("local", {})->is_local);
+    EXPECT_EQ(parse_node_reference("12", {})->number, 12);
     for (const char *text : {"", "0", "256", "-1", "remote", "02-00-00-00-00", "02-00-00-00-00-02-03",
                              "02-00-00-00-00-0x", "02:00-00-00-00-02", "2-0-0-0-0-2"}) {
-        EXPECT_FALSE(parse_node_reference(text)) << text;
+        EXPECT_FALSE(parse_node_reference(text, {})) << text;
     }
     apply("pub/diag/net/fire/link_down", list_record("\x02", 9, 1) + list_record("\x03", 9, 1));
-    EXPECT_EQ(find_nodes(net, *parse_node_reference("9")).size(), 2U);
-    EXPECT_EQ(find_nodes(net, *parse_node_reference("8")).size(), 0U);
+    EXPECT_EQ(find_nodes(net, *parse_node_reference("9", {})).size(), 2U);
+    EXPECT_EQ(find_nodes(net, *parse_node_reference("8", {})).size(), 0U);
 }
 
 TEST_F(diagctl, screen_keeps_to_its_size)
@@ -372,7 +378,7 @@ TEST_F(diagctl, screen_keeps_to_its_size)
         of_node(mac, "software_versions", versions_text("1.0"));
         events.push_back({now, string("event ") + mac});
     }
-    const stats_target target = {{.is_local = true, .mac = {}, .number = {}}, LUM_PORT_B, "local/B"};
+    const stats_target target = {{.is_local = true}, LUM_PORT_B, "local/B"};
     of_node(LOCAL, "B/stats", string(STATS_BLOCK_SIZE, 'x'));
     for (const auto &[width, height] :
          {std::pair<size_t, size_t>{80, 24}, {200, 100}, {40, 10}, {1, 1}, {0, 0}}) {

@@ -1,4 +1,5 @@
 #include "common/bytes.h"
+#include "screen/changes.h"
 #include "screen/reports.h"
 
 #include <gtest/gtest.h>
@@ -42,8 +43,13 @@ class diagctl_report : public testing::Test
 protected:
     lines apply(const string &topic, const string &payload, bool is_retained = false)
     {
-        return network_apply(net, topic, {reinterpret_cast<const uint8_t *>(payload.data()), payload.size()},
-                             is_retained, now, change_detail::RECORDS);
+        lines texts;
+        for (const change &item :
+             network_apply(net, topic, {reinterpret_cast<const uint8_t *>(payload.data()), payload.size()},
+                           is_retained, now, change_detail::RECORDS)) {
+            texts.push_back(change_text(net, item));
+        }
+        return texts;
     }
     const port_records &records() { return net.nodes.at({2, 0, 0, 0, 0, 1}).ports.at(LUM_PORT_A); }
     void wait(int seconds) { now.steady += std::chrono::seconds(seconds); }
@@ -123,9 +129,9 @@ TEST_F(diagctl_report, node_that_has_left_shown_as_present)
 {
     apply(topic_of(2, "card_addr"), "7", true);
     const node &left = net.nodes.at({2, 0, 0, 0, 0, 2});
-    EXPECT_NE(text_of(report_node(net, left).lines).find("has left the network"), string::npos);
+    EXPECT_NE(text_of(node_lines(net, left)).find("has left the network"), string::npos);
     apply(topic_of(2, "port_summary"), R"({"B":"red"})");
-    const string text = text_of(report_node(net, left).lines);
+    const string text = text_of(node_lines(net, left));
     EXPECT_EQ(text.find("has left"), string::npos);
     EXPECT_NE(text.find("card address      7\n"), string::npos) << text;
 }

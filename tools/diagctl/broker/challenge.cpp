@@ -4,51 +4,14 @@
 #include "common/text.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 
 namespace
 {
 
 constexpr std::string_view CHALLENGE_PREFIX = "1;";
-constexpr size_t MIN_WORD_LENGTH = 6;
-constexpr size_t MAX_WORD_LENGTH = 31;
-
-bool is_word(std::string_view line)
-{
-    return line.size() >= MIN_WORD_LENGTH && line.size() <= MAX_WORD_LENGTH &&
-           std::all_of(line.begin(), line.end(), [](char c) { return c >= ' ' && c <= '~'; });
-}
 
 } // namespace
-
-std::optional<word_table> read_words(const std::string &path, std::string &error)
-{
-    std::ifstream file(path);
-    if (!file) {
-        error = strerror(errno);
-        return {};
-    }
-    word_table words;
-    size_t lines = 0;
-    for (std::string line; std::getline(file, line); lines++) {
-        if (!is_word(line)) {
-            error = "line " + std::to_string(lines + 1) + " isn't 6 to 31 printable ASCII characters";
-            return {};
-        }
-        if (lines < words.size()) {
-            words[lines] = std::move(line);
-        }
-    }
-    if (lines != words.size()) {
-        error =
-            "it has " + std::to_string(lines) + " lines, a word table has " + std::to_string(words.size());
-        return {};
-    }
-    return words;
-}
 
 std::optional<std::string> challenge_response(std::string_view challenge, const word_table &words)
 {

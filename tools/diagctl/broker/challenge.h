@@ -9,10 +9,6 @@
 constexpr size_t CHALLENGE_WORDS = 127;
 using word_table = std::array<std::string, CHALLENGE_WORDS>;
 
-// Reads the file that the daemon was built with: 127 lines of 6 to 31 printable ASCII characters. Empty, with the
-// reason in error, when it can't be read or isn't one.
-std::optional<word_table> read_words(const std::string &path, std::string &error);
-
 // The response to a challenge such as "1;17 4 99": the MD5 digest of the words with these indices, in hexadecimal.
 // Empty when the challenge is malformed.
 std::optional<std::string> challenge_response(std::string_view challenge, const word_table &words);

@@ -3,6 +3,7 @@
 #include "broker/signals.h"
 #include "topics.h"
 
+#include <fmt/core.h>
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 #include <poll.h>
@@ -10,9 +11,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
+#include <utility>
 
 namespace
 {
@@ -26,7 +27,6 @@ constexpr milliseconds MAX_IDLE(1000); // the keepalive has to be looked after
 // What a broker has retained comes in one burst. At QoS 1 a broker queues only so much of it for one client
 // (1000 messages by default) and drops the rest; at QoS 0 it is bound by the socket alone.
 constexpr int SUBSCRIPTION_QOS = 0;
-
 constexpr int PUBLISH_QOS = 1;
 // A topic that never has a retained value. The broker answers in the order in which it was asked, so that the answer
 // to a subscription of this one comes behind everything that was retained for the one before.
@@ -35,94 +35,14 @@ constexpr const char *BARRIER_FILTER = RESPONSE_TOPIC;
 constexpr int NO_ANSWER = -1;
 constexpr int REFUSED_SUBSCRIPTION = 0x80;
 
-struct {
-    mosquitto *client = nullptr;
-    message_handler handler;
-    int connect_answer = NO_ANSWER;
-    size_t subscriptions_granted = 0;
-    bool is_subscription_refused = false;
-    size_t publications_pending = 0;
-    bool keeps_retain_flags = false;
-} session;
-
-void connect_cb(mosquitto *, void *, int answer)
-{
-    session.connect_answer = answer;
-}
-
-void subscribe_cb(mosquitto *, void *, int, int count, const int *granted)
-{
-    for (int i = 0; i < count; i++) {
-        if (granted[i] >= REFUSED_SUBSCRIPTION) {
-            session.is_subscription_refused = true;
-        } else {
-            session.subscriptions_granted++;
-        }
-    }
-}
-
-void publish_cb(mosquitto *, void *, int)
-{
-    session.publications_pending--;
-}
-
-// An exception must not pass through the library: it ends the program here.
-void message_cb(mosquitto *, void *, const mosquitto_message *message) noexcept
-{
-    session.handler(
-        message->topic,
-        {static_cast<const uint8_t *>(message->payload), static_cast<size_t>(message->payloadlen)},
-        message->retain);
-}
-
-std::string reason(int result)
+std::string reason_of(int result)
 {
     return result == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(result);
 }
 
-bool wait_for_answer(const std::function<bool()> &is_done, std::string &error)
-{
-    switch (session_wait(is_done, ANSWER_TIME, error)) {
-    case session_end::DONE:
-        return true;
-    case session_end::TIMEOUT:
-        error = "it does not answer";
-        return false;
-    case session_end::INTERRUPTED:
-        error = "interrupted";
-        return false;
-    default:
-        return false;
-    }
-}
-
-bool subscribe(const std::vector<std::string> &filters, std::string &error)
-{
-    session.subscriptions_granted = 0;
-    for (const std::string &filter : filters) {
-        const int options = session.keeps_retain_flags ? MQTT_SUB_OPT_RETAIN_AS_PUBLISHED : 0;
-        const int result = mosquitto_subscribe_v5(session.client, nullptr, filter.c_str(), SUBSCRIPTION_QOS,
-                                                  options, nullptr);
-        if (result != MOSQ_ERR_SUCCESS) {
-            error = reason(result);
-            return false;
-        }
-    }
-    const auto is_answered = [&] {
-        return session.is_subscription_refused || session.subscriptions_granted == filters.size();
-    };
-    if (!wait_for_answer(is_answered, error)) {
-        return false;
-    }
-    if (session.is_subscription_refused) {
-        error = "it refuses the subscription";
-    }
-    return !session.is_subscription_refused;
-}
-
 // The library's connection attempt has no limit of its own, and a host that isn't there would keep it for minutes: an
 // alarm interrupts it, once for each of the host's addresses.
-int connect_in_time(const broker_address &address)
+int connect_in_time(mosquitto *client, const broker_address &address)
 {
     struct sigaction interrupt = {};
     struct sigaction before = {};
@@ -130,8 +50,7 @@ int connect_in_time(const broker_address &address)
     sigaction(SIGALRM, &interrupt, &before);
     const itimerval limit = {{ANSWER_TIME.count(), 0}, {ANSWER_TIME.count(), 0}};
     setitimer(ITIMER_REAL, &limit, nullptr);
-    const int result =
-        mosquitto_connect(session.client, address.host.c_str(), address.port, KEEPALIVE_SECONDS);
+    const int result = mosquitto_connect(client, address.host.c_str(), address.port, KEEPALIVE_SECONDS);
     const int cause = errno;
     const itimerval never = {};
     setitimer(ITIMER_REAL, &never, nullptr);
@@ -140,139 +59,234 @@ int connect_in_time(const broker_address &address)
     return result;
 }
 
-bool connect(const broker_address &address, std::string &error)
+struct library_user {
+    library_user() { mosquitto_lib_init(); }
+    ~library_user() { mosquitto_lib_cleanup(); }
+};
+
+mosquitto *new_client(session *owner)
 {
-    const int result = connect_in_time(address);
-    if (result == MOSQ_ERR_ERRNO && errno == EINTR) {
-        error = "no connection within " + std::to_string(ANSWER_TIME.count()) + " s";
-        return false;
-    }
-    if (result != MOSQ_ERR_SUCCESS) {
-        error = reason(result);
-        return false;
-    }
-    const bool is_answered = wait_for_answer([] { return session.connect_answer != NO_ANSWER; }, error);
-    if (session.connect_answer > 0) {
-        error = mosquitto_connack_string(session.connect_answer);
-    }
-    return is_answered && session.connect_answer <= 0;
+    static const library_user library;
+    return mosquitto_new(nullptr, true, owner);
+}
+
+[[noreturn]] void report_no_broker(const broker_address &address, const std::string &reason)
+{
+    throw failure(
+        STATUS_NO_BROKER,
+        fmt::format("no broker at {}: {}\n"
+                    "Is it running there? Name another with --host and --port, or DIAG_HOST and DIAG_PORT.",
+                    address.text(), reason));
 }
 
 } // namespace
 
-bool session_open(const broker_address &address, const std::vector<std::string> &filters,
-                  message_handler handler, std::string &error)
+session::session(broker_address broker, const signal_input *watched, retain_flags wanted)
+    : where(std::move(broker)), flags(wanted), client(new_client(this), mosquitto_destroy), signals(watched),
+      connect_answer(NO_ANSWER)
 {
-    mosquitto_lib_init();
-    session.handler = std::move(handler);
-    session.client = mosquitto_new(nullptr, true, nullptr);
-    if (session.client == nullptr) {
-        error = strerror(errno);
-        return false;
+    if (client == nullptr) {
+        report_no_broker(where, strerror(errno));
     }
-    if (session.keeps_retain_flags) {
-        mosquitto_int_option(session.client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+    if (flags == retain_flags::AS_PUBLISHED) {
+        mosquitto_int_option(client.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     }
-    mosquitto_connect_callback_set(session.client, connect_cb);
-    mosquitto_subscribe_callback_set(session.client, subscribe_cb);
-    mosquitto_message_callback_set(session.client, message_cb);
-    mosquitto_publish_callback_set(session.client, publish_cb);
-    if (!connect(address, error) || !subscribe(filters, error) || !subscribe({BARRIER_FILTER}, error)) {
-        session_close();
-        return false;
-    }
-    return true;
+    install_callbacks();
+    connect();
 }
 
-void session_keep_retain_flags()
+// Sends what is pending, as far as the socket takes it.
+session::~session()
 {
-    session.keeps_retain_flags = true;
+    mosquitto_disconnect(client.get());
 }
 
-bool session_subscribe(const std::string &filter, std::string &error)
+void session::install_callbacks()
 {
-    return subscribe({filter}, error) && subscribe({BARRIER_FILTER}, error);
+    mosquitto_connect_callback_set(client.get(), [](mosquitto *, void *owner, int answer) {
+        static_cast<session *>(owner)->connect_answer = answer;
+    });
+    mosquitto_subscribe_callback_set(
+        client.get(), [](mosquitto *, void *owner, int, int count, const int *granted) {
+            auto &self = *static_cast<session *>(owner);
+            for (int i = 0; i < count; i++) {
+                self.subscriptions_granted += granted[i] < REFUSED_SUBSCRIPTION ? 1U : 0U;
+                self.is_subscription_refused |= granted[i] >= REFUSED_SUBSCRIPTION;
+            }
+        });
+    mosquitto_message_callback_set(client.get(),
+                                   [](mosquitto *, void *owner, const mosquitto_message *message) {
+                                       static_cast<session *>(owner)->handle(*message);
+                                   });
+    mosquitto_publish_callback_set(client.get(), [](mosquitto *, void *owner, int) {
+        static_cast<session *>(owner)->publications_pending--;
+    });
 }
 
-bool session_publish(const std::string &topic, std::span<const uint8_t> payload, bool is_retained,
-                     std::string &error)
+// An exception must not pass through the library.
+void session::handle(const mosquitto_message &message) noexcept
+{
+    const std::span<const uint8_t> payload(static_cast<const uint8_t *>(message.payload),
+                                           static_cast<size_t>(message.payloadlen));
+    try {
+        static_cast<void>(std::any_of(handlers.begin(), handlers.end(), [&](const message_handler &handler) {
+            return handler(message.topic, payload, message.retain);
+        }));
+    } catch (...) {
+        handler_failure = std::current_exception();
+    }
+}
+
+void session::connect()
+{
+    const int result = connect_in_time(client.get(), where);
+    if (result == MOSQ_ERR_ERRNO && errno == EINTR) {
+        report_no_broker(where, fmt::format("no connection within {} s", ANSWER_TIME.count()));
+    }
+    if (result != MOSQ_ERR_SUCCESS) {
+        report_no_broker(where, reason_of(result));
+    }
+    wait_for_answer([&] { return connect_answer != NO_ANSWER; });
+    if (connect_answer > 0) {
+        report_no_broker(where, mosquitto_connack_string(connect_answer));
+    }
+}
+
+void session::listen(message_handler handler)
+{
+    handlers.push_back(std::move(handler));
+}
+
+void session::subscribe(const std::vector<std::string> &filters)
+{
+    grant(filters);
+    grant({BARRIER_FILTER});
+    is_open = true;
+}
+
+void session::grant(const std::vector<std::string> &filters)
+{
+    subscriptions_granted = 0;
+    for (const std::string &filter : filters) {
+        const int options = flags == retain_flags::AS_PUBLISHED ? MQTT_SUB_OPT_RETAIN_AS_PUBLISHED : 0;
+        const int result =
+            mosquitto_subscribe_v5(client.get(), nullptr, filter.c_str(), SUBSCRIPTION_QOS, options, nullptr);
+        if (result != MOSQ_ERR_SUCCESS) {
+            report_lost(reason_of(result));
+        }
+    }
+    wait_for_answer([&] { return is_subscription_refused || subscriptions_granted == filters.size(); });
+    if (is_subscription_refused) {
+        report_lost("it refuses the subscription");
+    }
+}
+
+void session::wait_for_answer(const std::function<bool()> &is_done)
+{
+    switch (wait(is_done, ANSWER_TIME)) {
+    case wait_end::DONE:
+        break;
+    case wait_end::TIMEOUT:
+        report_lost("it does not answer");
+    case wait_end::INTERRUPTED:
+        report_lost("interrupted");
+    }
+}
+
+void session::publish(const std::string &topic, std::span<const uint8_t> payload, bool is_retained)
 {
     const int result =
-        mosquitto_publish(session.client, nullptr, topic.c_str(), static_cast<int>(payload.size()),
+        mosquitto_publish(client.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()),
                           payload.data(), PUBLISH_QOS, is_retained);
     if (result != MOSQ_ERR_SUCCESS) {
-        error = reason(result);
+        report_lost(reason_of(result));
+    }
+    publications_pending++;
+}
+
+void session::watch(const signal_input &watched, std::function<bool(int)> take)
+{
+    signals = &watched;
+    decide_signal = std::move(take);
+}
+
+bool session::take_signal()
+{
+    const int number = signals->take();
+    if (decide_signal) {
+        return number != 0 && decide_signal(number);
+    }
+    return number != 0 && number != SIGWINCH && number != SIGTSTP;
+}
+
+wait_end session::wait(const std::function<bool()> &is_done, milliseconds limit, std::span<wait_input> inputs)
+{
+    const auto start = steady_clock::now();
+    while (next_look = MAX_IDLE, !is_done()) {
+        const auto left = limit - std::chrono::duration_cast<milliseconds>(steady_clock::now() - start);
+        if (left.count() <= 0) {
+            return wait_end::TIMEOUT;
+        }
+        if (!look(std::min({left, next_look, MAX_IDLE}), inputs)) {
+            return wait_end::INTERRUPTED;
+        }
+    }
+    return wait_end::DONE;
+}
+
+// Waits for the next thing that happens; false when a signal is to end the wait.
+bool session::look(milliseconds limit, std::span<wait_input> inputs)
+{
+    const int write_event = mosquitto_want_write(client.get()) ? POLLOUT : 0;
+    std::vector<pollfd> fds = {
+        {mosquitto_socket(client.get()), static_cast<short>(POLLIN | write_event), 0},
+        {signals == nullptr ? -1 : signals->descriptor(), POLLIN, 0},
+    };
+    for (const wait_input &input : inputs) {
+        fds.push_back({input.descriptor, POLLIN, 0});
+    }
+    if (poll(fds.data(), fds.size(), static_cast<int>(limit.count())) == -1) {
+        if (errno != EINTR) {
+            report_lost(strerror(errno));
+        }
+        return true;
+    }
+    if (fds[1].revents != 0 && take_signal()) {
         return false;
     }
-    session.publications_pending++;
+    for (size_t i = 0; i < inputs.size(); i++) {
+        if (fds[i + 2].revents != 0) {
+            inputs[i].take();
+        }
+    }
+    serve(fds[0].revents);
     return true;
 }
 
-bool session_is_delivered()
-{
-    return session.publications_pending == 0;
-}
-
-session_end session_wait(const std::function<bool()> &is_done, milliseconds limit, std::string &error)
-{
-    const auto deadline = steady_clock::now() + limit;
-    while (!is_done()) {
-        const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
-        if (left.count() <= 0) {
-            return session_end::TIMEOUT;
-        }
-        pollfd fds[] = {
-            {session_socket(), session_events(), 0},
-            {signals_fd(), POLLIN, 0},
-        };
-        if (poll(fds, std::size(fds), static_cast<int>(std::min(left, MAX_IDLE).count())) == -1 &&
-            errno != EINTR) {
-            error = strerror(errno);
-            return session_end::LOST;
-        }
-        if (fds[1].revents != 0 && signals_take() != 0) {
-            return session_end::INTERRUPTED;
-        }
-        if (!session_serve(fds[0].revents, error)) {
-            return session_end::LOST;
-        }
-    }
-    return session_end::DONE;
-}
-
-int session_socket()
-{
-    return mosquitto_socket(session.client);
-}
-
-short session_events()
-{
-    return static_cast<short>(POLLIN | (mosquitto_want_write(session.client) ? POLLOUT : 0));
-}
-
-bool session_serve(short events, std::string &error)
+void session::serve(short events)
 {
     int result = MOSQ_ERR_SUCCESS;
     if ((events & (POLLIN | POLLHUP | POLLERR)) != 0) {
-        result = mosquitto_loop_read(session.client, 1);
+        result = mosquitto_loop_read(client.get(), 1);
     }
-    if (result == MOSQ_ERR_SUCCESS && mosquitto_want_write(session.client)) {
-        result = mosquitto_loop_write(session.client, 1);
+    if (result == MOSQ_ERR_SUCCESS && mosquitto_want_write(client.get())) {
+        result = mosquitto_loop_write(client.get(), 1);
     }
     if (result == MOSQ_ERR_SUCCESS) {
-        result = mosquitto_loop_misc(session.client);
+        result = mosquitto_loop_misc(client.get());
     }
-    if (result != MOSQ_ERR_SUCCESS) {
-        error = reason(result);
-        return false;
+    if (handler_failure) {
+        std::rethrow_exception(std::exchange(handler_failure, nullptr));
     }
-    return true;
+    if (result != MOSQ_ERR_SUCCESS && connect_answer <= 0) {
+        report_lost(reason_of(result));
+    }
 }
 
-void session_close()
+void session::report_lost(const std::string &reason) const
 {
-    mosquitto_disconnect(session.client);
-    mosquitto_destroy(session.client);
-    mosquitto_lib_cleanup();
-    session = {};
+    if (!is_open) {
+        report_no_broker(where, reason);
+    }
+    throw failure(STATUS_NO_BROKER, fmt::format("lost the broker at {}: {}", where.text(), reason));
 }

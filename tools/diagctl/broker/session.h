@@ -1,62 +1,104 @@
-// The one session with a broker, driven by the caller's poll loop. A lost session is not taken up again.
+// A session with a broker, served while something waits. A lost session is not taken up again: what is called then throws.
 #pragma once
+
+#include "failure.h"
 
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <functional>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+class signal_input;
+struct mosquitto;
+struct mosquitto_message;
+
 struct broker_address {
     std::string host;
     int port;
+
+    std::string text() const { return host + ":" + std::to_string(port); }
 };
 
-// Called for each message; topic and payload are valid only during the call.
+// Called for each message; topic and payload are valid only during the call. True: no other handler gets it.
 using message_handler =
-    std::function<void(std::string_view topic, std::span<const uint8_t> payload, bool is_retained)>;
+    std::function<bool(std::string_view topic, std::span<const uint8_t> payload, bool is_retained)>;
 
-// Connects, waits for the broker's answer (5 s at most for the TCP connection, and for the answer), subscribes and hands over
-// what the filters' topics have retained: it has all been handled when this returns. False, with the reason in error,
-// when there is no such broker or it refuses.
-bool session_open(const broker_address &address, const std::vector<std::string> &filters,
-                  message_handler handler, std::string &error);
-
-// From here on, before session_open(): a message's is_retained tells whether it was published to be retained, not
-// whether it was there before the subscription. Takes a broker that speaks MQTT 5.
-void session_keep_retain_flags();
-
-// The same for one more filter of an open session.
-bool session_subscribe(const std::string &filter, std::string &error);
-
-// Sends a message at QoS 1. It may still be on its way: session_is_delivered() tells.
-bool session_publish(const std::string &topic, std::span<const uint8_t> payload, bool is_retained,
-                     std::string &error);
-
-// Whether the broker has acknowledged everything published.
-bool session_is_delivered();
-
-enum class session_end {
+enum class wait_end {
     DONE,        // is_done said so
     TIMEOUT,     // the time is over
-    INTERRUPTED, // one of the signals of signals_open() came
-    LOST,        // the session, with the reason in error
+    INTERRUPTED, // by a signal
 };
 
-// Serves the session until something of it happens. is_done is asked after each message or packet, and once a
-// second. Signals count once signals_open() was called.
-session_end session_wait(const std::function<bool()> &is_done, std::chrono::milliseconds limit,
-                         std::string &error);
+// Something else to look at while a session waits.
+struct wait_input {
+    int descriptor;             // -1: nothing to look at any more
+    std::function<void()> take; // called when there is something to read, or the end
+};
 
-// For a poll loop of one's own: the socket and the events to poll it for.
-int session_socket();
-short session_events();
+class session
+{
+public:
+    enum class retain_flags {
+        OF_SUBSCRIPTION, // a message's is_retained tells that it was there before the subscription
+        AS_PUBLISHED,    // ... that it was published to be retained; takes a broker that speaks MQTT 5
+    };
+    // Connects: 5 s at most for the TCP connection, and for the broker's answer. watched: see watch().
+    explicit session(broker_address broker, const signal_input *watched = nullptr,
+                     retain_flags wanted = retain_flags::OF_SUBSCRIPTION);
+    ~session();
+    session(const session &) = delete;
+    session &operator=(const session &) = delete;
 
-// Does what the polled events allow and keeps the session alive; to be called once a second at least.
-// False, with the reason in error, when the session is lost.
-bool session_serve(short events, std::string &error);
+    const broker_address &address() const { return where; }
 
-// Sends what is pending, as far as the socket takes it, and disconnects.
-void session_close();
+    // Handlers are asked in the order in which they came.
+    void listen(message_handler handler);
+    // Subscribes; what the filters' topics have retained has been handled when this returns.
+    void subscribe(const std::vector<std::string> &filters);
+
+    // Sends a message at QoS 1. It may still be on its way: is_delivered() tells whether all have been acknowledged.
+    void publish(const std::string &topic, std::span<const uint8_t> payload, bool is_retained);
+    bool is_delivered() const { return publications_pending == 0; }
+
+    // From here on signals end a wait, or take_signal, given, decides which do.
+    void watch(const signal_input &signals, std::function<bool(int signal)> take_signal = {});
+
+    // Serves the session until something of it happens. is_done is asked after each message or packet, and once a second;
+    // it may leave next_look the time after which it wants to be asked again.
+    static constexpr std::chrono::milliseconds FOREVER = std::chrono::years(10);
+    wait_end wait(const std::function<bool()> &is_done, std::chrono::milliseconds limit,
+                  std::span<wait_input> inputs = {});
+    std::chrono::milliseconds next_look = std::chrono::milliseconds::max();
+
+    [[noreturn]] void report_lost(const std::string &reason) const;
+
+private:
+    using library_handle = std::unique_ptr<mosquitto, void (*)(mosquitto *)>;
+
+    void connect();
+    void grant(const std::vector<std::string> &filters);
+    void wait_for_answer(const std::function<bool()> &is_done);
+    bool take_signal();
+    bool look(std::chrono::milliseconds limit, std::span<wait_input> inputs);
+    void serve(short events);
+    void handle(const mosquitto_message &message) noexcept;
+    void install_callbacks();
+
+    broker_address where;
+    retain_flags flags;
+    library_handle client;
+    std::vector<message_handler> handlers;
+    std::exception_ptr handler_failure; // thrown once the library has returned
+    const signal_input *signals = nullptr;
+    std::function<bool(int)> decide_signal;
+    int connect_answer;
+    bool is_open = false;
+    size_t subscriptions_granted = 0;
+    bool is_subscription_refused = false;
+    size_t publications_pending = 0;
+};

@@ -1,44 +1,51 @@
 #include "broker/signals.h"
 
+#include "failure.h"
+
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
-#include <initializer_list>
+#include <cstring>
 
 namespace
 {
 
-int signal_fd = -1;
-
-}
-
-int signals_open(bool with_terminal)
+sigset_t watched_signals()
 {
-    signal(SIGPIPE, SIG_IGN);
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH, SIGTSTP}) {
         sigaddset(&signals, number);
     }
-    if (with_terminal) {
-        sigaddset(&signals, SIGWINCH);
-        sigaddset(&signals, SIGTSTP);
-    }
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    signal_fd = signalfd(signal_fd, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    return signal_fd;
+    return signals;
 }
 
-int signals_fd()
+} // namespace
+
+signal_input::signal_input()
 {
-    return signal_fd;
+    signal(SIGPIPE, SIG_IGN);
+    const sigset_t signals = watched_signals();
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    fd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (fd == -1) {
+        throw failure(STATUS_FAILURE, std::string("couldn't watch for signals: ") + strerror(errno));
+    }
 }
 
-int signals_take()
+signal_input::~signal_input()
+{
+    const sigset_t signals = watched_signals();
+    sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+    close(fd);
+}
+
+int signal_input::take() const
 {
     signalfd_siginfo info{};
-    return read(signal_fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)
+    return read(fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)
                ? static_cast<int>(info.ssi_signo)
                : 0;
 }

@@ -1,13 +1,20 @@
 // The signals that end or change a running command, as input to poll.
 #pragma once
 
-// From here on SIGINT, SIGTERM, SIGHUP and SIGQUIT, and with with_terminal SIGWINCH and SIGTSTP, come only through
-// the returned descriptor, which stays open; SIGPIPE is ignored. Before, Ctrl-C ends the program in the usual way. -1
-// with errno when that can't be done.
-int signals_open(bool with_terminal = false);
+// As long as it lives, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH and SIGTSTP come only through its descriptor, and SIGPIPE is
+// ignored. Without one, Ctrl-C ends the program in the usual way. Threads that are started later don't get them.
+class signal_input
+{
+public:
+    signal_input();
+    ~signal_input();
+    signal_input(const signal_input &) = delete;
+    signal_input &operator=(const signal_input &) = delete;
 
-// That descriptor, -1 before.
-int signals_fd();
+    int descriptor() const { return fd; }
+    // The next signal's number, 0 when there is none. Doesn't wait.
+    int take() const;
 
-// The next signal's number, 0 when there is none. Doesn't wait.
-int signals_take();
+private:
+    int fd;
+};

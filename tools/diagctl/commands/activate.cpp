@@ -1,17 +1,11 @@
 // diagctl activate: nodes activate what they have downloaded.
-#include "commands/guarded.h"
+#include "commands/acting.h"
 
-namespace
+void add_activate_command(command_line &line, context &common)
 {
-
-guarded_options activate;
-
-} // namespace
-
-void add_activate_command(CLI::App &app, command_context &context)
-{
-    CLI::App *const command = add_command(
-        app, context, "activate", "Tell nodes to activate; guarded by the daemon's challenge.",
-        [&context] { return guarded_run(context.address, activate, "activate;", "Activate", "activated"); });
-    add_guarded_options(*command, activate);
+    const auto options = std::make_shared<guarded_options>();
+    command added = line.add(
+        "activate", "Tell nodes to activate; guarded by the daemon's challenge.",
+        [&common, options] { return run_guarded(common, *options, "activate;", "Activate", "activated"); });
+    add_guarded_options(added, common, *options);
 }

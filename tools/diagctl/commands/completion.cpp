@@ -1,68 +1,189 @@
 #include "commands/completion.h"
 
-#include "network/model.h"
+#include "network/payloads.h"
+
+#include <fmt/core.h>
+
+#include <algorithm>
 
 namespace
 {
 
-constexpr const char *SCRIPT_START = R"(_diagctl() {
-    local command='' word words with_value
+// Each script asks the program for the names of nodes, with the file that the command line names.
+
+constexpr const char *BASH_START = R"script(_diagctl() {
+    local command='' word words with_value takes_node='' names=${DIAG_NAMES-} previous=''
     COMPREPLY=()
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         [[ $word == -* || -n $command ]] || command=$word
+        [[ $previous != --names ]] || names=$word
+        previous=$word
     done
     case $command in
-)";
-constexpr const char *SCRIPT_END = R"(    *) return 0 ;;
+)script";
+constexpr const char *BASH_END = R"script(    *) return 0 ;;
     esac
     [[ " $with_value " != *" ${COMP_WORDS[COMP_CWORD-1]} "* ]] || return 0
+    [[ -z $takes_node ]] || words+=" $(DIAG_NAMES=$names "${COMP_WORDS[0]}" --list-names 2>/dev/null || true)"
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "${COMP_WORDS[COMP_CWORD]}")
 }
 complete -o default -F _diagctl diagctl
-)";
+)script";
+
+constexpr const char *ZSH_START = R"script(#compdef diagctl
+local command='' word takes_node='' names=${DIAG_NAMES-} previous=''
+local -a found with_value
+for word in "${(@)words[2,CURRENT-1]}"; do
+    [[ $word == -* || -n $command ]] || command=$word
+    [[ $previous != --names ]] || names=$word
+    previous=$word
+done
+case $command in
+)script";
+constexpr const char *ZSH_END = R"script(esac
+if (( ${with_value[(Ie)${words[CURRENT-1]}]} )); then
+    _files
+    return
+fi
+[[ -z $takes_node ]] || found+=(${(f)"$(DIAG_NAMES=$names ${words[1]} --list-names 2>/dev/null)"})
+_describe 'diagctl' found || _files
+)script";
+
+constexpr const char *FISH_START =
+    R"script(complete -c diagctl -f -n __fish_use_subcommand -l help -d 'Print the help'
+complete -c diagctl -f -n __fish_use_subcommand -l version -d 'Print the version'
+)script";
+
+// The words that an argument of this name may have.
+std::vector<std::string> argument_words(const std::string &name)
+{
+    std::vector<std::string> words;
+    if (name == "NODE" || name == "PLACE" || name == "NODES" || name == "FILTER") {
+        words.emplace_back("local");
+    } else if (name == "PORT") {
+        for (int port = LUM_PORT_A; port <= LUM_PORT_CPU; port++) {
+            words.push_back(port_text(port));
+        }
+    } else if (name == "STATE") {
+        words = {"on", "off"};
+    }
+    return words;
+}
+
+bool takes_node(const completed_command &command)
+{
+    return std::any_of(command.arguments.begin(), command.arguments.end(), [](const std::string &name) {
+        const std::vector<std::string> words = argument_words(name);
+        return !words.empty() && words[0] == "local";
+    });
+}
+
+// Between apostrophes.
+std::string quoted(const std::string &text)
+{
+    std::string result = "'";
+    for (const char c : text) {
+        result += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return result + "'";
+}
 
 void append_word(std::string &words, const std::string &word)
 {
     words += (words.empty() ? "" : " ") + word;
 }
 
-// The words that an argument of this name may have.
-std::string argument_words(const std::string &name)
+std::string bash_script(const std::vector<completed_command> &commands)
 {
-    if (name == "NODE") {
-        return "local";
+    std::string script = BASH_START;
+    std::string names;
+    for (const completed_command &command : commands) {
+        std::string words;
+        std::string with_value;
+        for (const std::string &argument : command.arguments) {
+            for (const std::string &word : argument_words(argument)) {
+                append_word(words, word);
+            }
+        }
+        for (const completed_option &option : command.options) {
+            append_word(words, option.name.word);
+            if (option.has_value) {
+                append_word(with_value, option.name.word);
+            }
+        }
+        append_word(names, command.name);
+        script += fmt::format("    {}) words='{}' with_value='{}' takes_node={} ;;\n", command.name, words,
+                              with_value, takes_node(command) ? "1" : "''");
     }
-    std::string words;
-    if (name == "PORT") {
-        for (int port = LUM_PORT_A; port <= LUM_PORT_CPU; port++) {
-            append_word(words, port_text(port));
+    return script + fmt::format("    '') words='{} --help --version' with_value='' ;;\n", names) + BASH_END;
+}
+
+// A word with its explanation as _describe takes them.
+std::string zsh_word(const std::string &word, const std::string &help)
+{
+    std::string text = word;
+    for (size_t i = 0; (i = text.find(':', i)) != std::string::npos; i += 2) {
+        text.insert(i, "\\");
+    }
+    return quoted(help.empty() ? text : text + ":" + help);
+}
+
+std::string zsh_script(const std::vector<completed_command> &commands)
+{
+    std::string script = ZSH_START;
+    std::string names;
+    for (const completed_command &command : commands) {
+        std::string words;
+        std::string with_value;
+        for (const std::string &argument : command.arguments) {
+            for (const std::string &word : argument_words(argument)) {
+                append_word(words, zsh_word(word, ""));
+            }
+        }
+        for (const completed_option &option : command.options) {
+            append_word(words, zsh_word(option.name.word, option.name.help));
+            if (option.has_value) {
+                append_word(with_value, option.name.word);
+            }
+        }
+        append_word(names, zsh_word(command.name, command.help));
+        script += fmt::format("{}) found=({}) with_value=({}) takes_node={} ;;\n", command.name, words,
+                              with_value, takes_node(command) ? "1" : "''");
+    }
+    return script + fmt::format("'') found=({} --help --version) ;;\n", names) + ZSH_END;
+}
+
+std::string fish_script(const std::vector<completed_command> &commands)
+{
+    std::string script = FISH_START;
+    for (const completed_command &command : commands) {
+        script += fmt::format("complete -c diagctl -f -n __fish_use_subcommand -a {} -d {}\n", command.name,
+                              quoted(command.help));
+        const std::string start =
+            fmt::format("complete -c diagctl -n '__fish_seen_subcommand_from {}'", command.name);
+        for (const completed_option &option : command.options) {
+            const bool is_long = option.name.word.starts_with("--");
+            script += fmt::format("{} {} {}{} -d {}\n", start, is_long ? "-l" : "-s",
+                                  option.name.word.substr(is_long ? 2 : 1), option.has_value ? " -r" : "",
+                                  quoted(option.name.help));
+        }
+        for (const std::string &argument : command.arguments) {
+            for (const std::string &word : argument_words(argument)) {
+                script += fmt::format("{} -f -a {}\n", start, quoted(word));
+            }
+        }
+        if (takes_node(command)) {
+            script += start + " -f -a '(diagctl --list-names 2>/dev/null)'\n";
         }
     }
-    return words;
+    return script;
 }
 
 } // namespace
 
-std::string bash_completion(const CLI::App &app)
+std::string completion_script(const std::string &shell, const std::vector<completed_command> &commands)
 {
-    std::string script = SCRIPT_START;
-    std::string commands;
-    for (const CLI::App *const command : app.get_subcommands({})) {
-        std::string words;
-        std::string with_value;
-        for (const CLI::Option *const option : command->get_options()) {
-            if (option->nonpositional()) {
-                append_word(words, option->get_name());
-                if (option->get_items_expected_max() > 0) {
-                    append_word(with_value, option->get_name());
-                }
-            } else if (const std::string more = argument_words(option->get_name(true)); !more.empty()) {
-                append_word(words, more);
-            }
-        }
-        append_word(commands, command->get_name());
-        script.append("    ").append(command->get_name()).append(") words='").append(words);
-        script.append("' with_value='").append(with_value).append("' ;;\n");
-    }
-    return script + "    '') words='" + commands + " --help' with_value='' ;;\n" + SCRIPT_END;
+    return shell == "bash"  ? bash_script(commands)
+           : shell == "zsh" ? zsh_script(commands)
+                            : fish_script(commands);
 }

@@ -1,9 +1,27 @@
-// Shell completion from the program's own commands and options.
+// Completion for shells, from the program's own commands and options.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <string>
+#include <vector>
 
-// A script for bash that completes the commands of app, their options, and the words that arguments may have.
-std::string bash_completion(const CLI::App &app);
+struct described_word {
+    std::string word;
+    std::string help;
+};
+
+struct completed_option {
+    described_word name;
+    bool has_value;
+};
+
+struct completed_command {
+    std::string name;
+    std::string help;
+    std::vector<std::string> arguments; // names of the positional ones
+    std::vector<completed_option> options;
+};
+
+constexpr const char *COMPLETION_SHELLS[] = {"bash", "zsh", "fish"};
+
+// A script that completes the commands, their options, the words that arguments may have, and the names of nodes.
+std::string completion_script(const std::string &shell, const std::vector<completed_command> &commands);

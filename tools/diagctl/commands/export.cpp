@@ -1,121 +1,117 @@
 // diagctl export: the network for Prometheus, over HTTP.
+#include "broker/requests.h"
 #include "broker/signals.h"
-#include "commands/action.h"
+#include "clock.h"
+#include "commands/context.h"
 #include "export/metrics.h"
-#include "topics.h"
 
+#include <fmt/core.h>
 #include <prometheus/collectable.h>
 #include <prometheus/exposer.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <mutex>
 
 namespace
 {
 
-using std::chrono::seconds;
+constexpr std::chrono::seconds ASK_INTERVAL(5); // also how long the daemon may take to answer
 
-constexpr seconds ASK_INTERVAL(5); // also how long the daemon may take to answer
-
-struct {
+struct export_options {
     std::string listen = "127.0.0.1:9885";
-    std::mutex mutex; // of net and is_daemon_up: the server's threads read them
-    network net;
-    bool is_daemon_up = false;
-} exported;
-
-class exporter : public prometheus::Collectable
-{
-public:
-    std::vector<prometheus::MetricFamily> Collect() const override
-    {
-        const std::lock_guard lock(exported.mutex);
-        return network_metrics(exported.net, exported.is_daemon_up);
-    }
 };
 
-void take_message(std::string_view topic, std::span<const uint8_t> payload, bool is_retained)
+// The network as the server's threads read it.
+class exported_network : public prometheus::Collectable
 {
-    if (!request_take_answer(topic, payload)) {
-        const std::lock_guard lock(exported.mutex);
-        network_apply(exported.net, topic, payload, is_retained, current_moment());
-    }
-}
+public:
+    explicit exported_network(network empty) : net(std::move(empty)) {}
 
-// A daemon that has ended leaves all that it published on the broker: only its answers tell that it is there.
-exit_status ask_daemon(const broker_address &address)
+    std::vector<prometheus::MetricFamily> Collect() const override
+    {
+        const std::lock_guard lock(mutex);
+        return network_metrics(net, is_daemon_up);
+    }
+    void apply(std::string_view topic, bytes payload, bool is_retained)
+    {
+        const std::lock_guard lock(mutex);
+        network_apply(net, topic, payload, is_retained, current_moment());
+    }
+    void set_daemon(bool is_up)
+    {
+        const std::lock_guard lock(mutex);
+        is_daemon_up = is_up;
+    }
+
+private:
+    mutable std::mutex mutex;
+    network net;
+    bool is_daemon_up = false;
+};
+
+// A daemon that has ended leaves all that it published on the broker: only its answers tell that it is there. Returns when a
+// signal comes.
+void ask_daemon(session &broker, requests &asked, exported_network &exported)
 {
-    std::string error;
-    for (;;) {
-        const uint32_t transaction = request_send("noop", error);
+    wait_end end = wait_end::DONE;
+    while (end != wait_end::INTERRUPTED) {
+        const uint32_t transaction = asked.send("noop");
         bool is_answered = false;
         const auto take_answer = [&] {
-            if (!is_answered && request_answer(transaction)) {
-                const std::lock_guard lock(exported.mutex);
-                is_answered = exported.is_daemon_up = true;
+            if (!is_answered && asked.answer(transaction)) {
+                is_answered = true;
+                exported.set_daemon(true);
             }
             return false;
         };
-        const session_end end =
-            transaction == 0 ? session_end::LOST : session_wait(take_answer, ASK_INTERVAL, error);
-        if (end == session_end::LOST) {
-            return report_lost(address, error);
-        }
-        if (end == session_end::INTERRUPTED) {
-            return STATUS_SUCCESS;
-        }
+        end = broker.wait(take_answer, ASK_INTERVAL);
         if (!is_answered) {
-            request_forget(transaction);
-            const std::lock_guard lock(exported.mutex);
-            exported.is_daemon_up = false;
+            asked.forget(transaction);
+            exported.set_daemon(false);
         }
     }
 }
 
-exit_status serve(const broker_address &address)
+std::unique_ptr<prometheus::Exposer> listen_on(const std::string &address)
 {
-    const auto collectable = std::make_shared<exporter>();
-    std::optional<prometheus::Exposer> server;
     try {
-        server.emplace(exported.listen);
+        return std::make_unique<prometheus::Exposer>(address);
     } catch (const std::exception &) {
-        fprintf(stderr, "diagctl: couldn't listen on %s: is the address this machine's, and the port free?\n",
-                exported.listen.c_str());
-        return STATUS_FAILURE;
+        throw failure(
+            STATUS_FAILURE,
+            fmt::format("couldn't listen on {}: is the address this machine's, and the port free?", address));
     }
-    server->RegisterCollectable(collectable);
-    fprintf(stderr, "diagctl: metrics of %s:%d at http://%s/metrics\n", address.host.c_str(), address.port,
-            exported.listen.c_str());
-    return ask_daemon(address);
 }
 
-exit_status run_export(const broker_address &address)
+exit_status run_export(const context &common, const export_options &options)
 {
     // Before the server's threads exist: they inherit that signals come to the main thread alone.
-    if (signals_open() == -1) {
-        fprintf(stderr, "diagctl: couldn't watch for signals: %s\n", strerror(errno));
-        return STATUS_FAILURE;
-    }
-    const exit_status opened =
-        open_session(address, {DIAG_FILTER, NETWORK_STYLE7_TOPIC, RING_STATUS_FILTER}, take_message);
-    if (opened != STATUS_SUCCESS) {
-        return opened;
-    }
-    const exit_status status = serve(address);
-    session_close();
-    return status;
+    const signal_input signals;
+    const auto exported = std::make_shared<exported_network>(named_network(common));
+    session broker(common.address, &signals);
+    requests asked(broker);
+    broker.listen([&](std::string_view topic, bytes payload, bool is_retained) {
+        exported->apply(topic, payload, is_retained);
+        return true;
+    });
+    broker.subscribe(all_filters());
+    const std::unique_ptr<prometheus::Exposer> server = listen_on(options.listen);
+    server->RegisterCollectable(exported);
+    fmt::print(stderr, "diagctl: metrics of {} at http://{}/metrics\n", common.address.text(),
+               options.listen);
+    ask_daemon(broker, asked, *exported);
+    return STATUS_SUCCESS;
 }
 
 } // namespace
 
-void add_export_command(CLI::App &app, command_context &context)
+void add_export_command(command_line &line, context &common)
 {
-    CLI::App *const command = add_command(
-        app, context, "export", "Serve the network's state as metrics for Prometheus, until Ctrl-C.",
-        [&context] { return run_export(context.address); });
-    command->add_option("--listen", exported.listen, "Where to serve http://ADDRESS:PORT/metrics")
-        ->type_name("ADDRESS:PORT")
-        ->capture_default_str();
+    const auto options = std::make_shared<export_options>();
+    command added = line.add("export", "Serve the network's state as metrics for Prometheus, until Ctrl-C.",
+                             [&common, options] { return run_export(common, *options); });
+    added.text(
+        {.name = "--listen", .help = "Where to serve http://ADDRESS:PORT/metrics", .value = "ADDRESS:PORT"},
+        options->listen);
+    add_broker_options(added, common);
 }

@@ -1,19 +1,26 @@
 // diagctl lists: what is wrong in the network.
 #include "commands/reading.h"
+#include "network/json.h"
 
 namespace
 {
 
-reading_options list_options;
+exit_status run_lists(const context &common, const reading_options &options)
+{
+    reading looked(common, options);
+    return looked.show({.lines = [&] { return lists_lines(looked.net()); },
+                        .object = [&] { return lists_json(looked.net()); }});
+}
 
 } // namespace
 
-void add_lists_command(CLI::App &app, command_context &context)
+void add_lists_command(command_line &line, context &common)
 {
-    CLI::App *const command = add_command(
-        app, context, "lists",
-        "Show the network's lists: ports with the link down, a ground fault or miswired, miswired links, and "
-        "whether the network would survive a cut.",
-        [&context] { return reading_of_network(context.address, list_options, report_lists); });
-    add_reading_options(*command, list_options);
+    const auto options = std::make_shared<reading_options>();
+    command added =
+        line.add("lists",
+                 "Show the network's lists: ports with the link down, a ground fault or miswired, miswired "
+                 "links, and whether the network would survive a cut.",
+                 [&common, options] { return run_lists(common, *options); });
+    add_reading_options(added, common, *options);
 }

@@ -1,29 +1,35 @@
 // diagctl nodes: a table of the nodes.
+#include "clock.h"
 #include "commands/reading.h"
+#include "network/json.h"
 
 namespace
 {
 
-struct {
-    reading_options options;
-    node_order order = node_order::MAC;
-} nodes;
+struct nodes_options : reading_options {
+    unsigned order = 0; // of ORDERS
+};
+
+const std::vector<std::string> ORDERS = {"mac", "number", "faults", "change"}; // by node_order
+
+exit_status run_nodes(const context &common, const nodes_options &options)
+{
+    reading looked(common, options);
+    const network &net = looked.net();
+    const auto order = static_cast<node_order>(options.order);
+    return looked.show({.lines = [&] { return node_table(net, sorted_nodes(net, order), current_moment()); },
+                        .object = [&] { return nodes_json(net, order); }});
+}
 
 } // namespace
 
-void add_nodes_command(CLI::App &app, command_context &context)
+void add_nodes_command(command_line &line, context &common)
 {
-    CLI::App *const command = add_command(app, context, "nodes", "Show a table of the nodes.", [&context] {
-        return reading_of_network(context.address, nodes.options, [](const network &net) {
-            return report_nodes(net, nodes.order, current_moment());
-        });
-    });
-    add_reading_options(*command, nodes.options);
-    command->add_option("--sort", nodes.order, "Order of the nodes: mac, number, faults or change")
-        ->type_name("ORDER")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, node_order>{{"mac", node_order::MAC},
-                                                                              {"number", node_order::NUMBER},
-                                                                              {"faults", node_order::FAULTS},
-                                                                              {"change", node_order::CHANGE}})
-                        .description(""));
+    const auto options = std::make_shared<nodes_options>();
+    command added = line.add("nodes", "Show a table of the nodes.",
+                             [&common, options] { return run_nodes(common, *options); });
+    add_reading_options(added, common, *options);
+    added.choice(
+        {.name = "--sort", .help = "Order of the nodes: mac, number, faults or change", .value = "ORDER"},
+        ORDERS, options->order);
 }

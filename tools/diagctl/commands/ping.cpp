@@ -1,55 +1,57 @@
 // diagctl ping: is the daemon there?
-#include "commands/action.h"
+#include "broker/requests.h"
+#include "commands/context.h"
+#include "network/json.h"
+
+#include <fmt/core.h>
+#include <nlohmann/json.hpp>
 
 #include <cstdio>
 
 namespace
 {
 
-struct {
+struct ping_options {
     unsigned count = 1;
-} ping;
+    bool is_json = false;
+};
 
 constexpr std::chrono::seconds INTERVAL(1);
 
-exit_status run_ping(const broker_address &address)
+exit_status run_ping(const context &common, const ping_options &options)
 {
-    const exit_status opened =
-        open_session(address, {}, [](std::string_view topic, std::span<const uint8_t> payload, bool) {
-            request_take_answer(topic, payload);
-        });
-    if (opened != STATUS_SUCCESS) {
-        return opened;
-    }
-    exit_status status = STATUS_SUCCESS;
-    std::string error;
-    for (unsigned i = 0; i < ping.count && status == STATUS_SUCCESS; i++) {
-        if (i > 0 && session_wait([] { return false; }, INTERVAL, error) == session_end::LOST) {
-            status = report_lost(address, error);
-            break;
+    using std::chrono::steady_clock;
+    session broker(common.address);
+    requests asked(broker);
+    broker.subscribe({});
+    for (unsigned i = 0; i < options.count; i++) {
+        if (i > 0) {
+            broker.wait([] { return false; }, INTERVAL);
         }
-        const auto start = std::chrono::steady_clock::now();
-        status = request_run(address, {.command = "noop"});
-        if (status == STATUS_SUCCESS) {
-            const std::chrono::duration<double, std::milli> taken = std::chrono::steady_clock::now() - start;
-            printf("the daemon at %s:%d has answered in %.1f ms\n", address.host.c_str(), address.port,
-                   taken.count());
-            fflush(stdout);
+        const auto start = steady_clock::now();
+        asked.run({.command = "noop"});
+        const std::chrono::duration<double, std::milli> taken = steady_clock::now() - start;
+        if (options.is_json) {
+            const json object = {{"broker", common.address.text()}, {"answer_ms", taken.count()}};
+            puts(json_text(object).c_str());
+        } else {
+            fmt::print("the daemon at {} has answered in {:.1f} ms\n", common.address.text(), taken.count());
         }
+        fflush(stdout);
     }
-    session_close();
-    return status;
+    return STATUS_SUCCESS;
 }
 
 } // namespace
 
-void add_ping_command(CLI::App &app, command_context &context)
+void add_ping_command(command_line &line, context &common)
 {
-    CLI::App *const command = add_command(
-        app, context, "ping", "Ask the daemon whether it is there, and show how long its answer takes.",
-        [&context] { return run_ping(context.address); });
-    command->add_option("--count", ping.count, "How often, once a second")
-        ->type_name("N")
-        ->check(CLI::Range(1U, 1000000U))
-        ->capture_default_str();
+    const auto options = std::make_shared<ping_options>();
+    command added =
+        line.add("ping", "Ask the daemon whether it is there, and show how long its answer takes.",
+                 [&common, options] { return run_ping(common, *options); });
+    add_broker_options(added, common);
+    added.number({.name = "--count", .help = "How often, once a second", .value = "N"}, options->count, 1,
+                 1000000);
+    add_json_option(added, options->is_json, "Print one JSON object a line");
 }

@@ -1,18 +1,17 @@
 // diagctl ports: the statistics of a node's ports, with rates.
 #include "commands/reading.h"
+#include "network/json.h"
 #include "topics.h"
 
 #include <algorithm>
-#include <cstdio>
 
 namespace
 {
 
-struct {
-    reading_options options;
+struct ports_options : reading_options {
     std::string node;
     unsigned measure_seconds = 3;
-} ports;
+};
 
 bool has_rates(const node &found)
 {
@@ -26,43 +25,34 @@ bool has_statistics(const node &found)
                        [](const auto &entry) { return entry.second.stats.is_published; });
 }
 
-exit_status run_ports(const broker_address &address)
+exit_status run_ports(const context &common, const ports_options &options)
 {
-    // Rates take two messages.
-    const auto measure = [&](const network &net, const node &found) {
-        std::string error;
-        if (!has_statistics(found)) {
-            return report_no_records(net, found, "port statistics");
-        }
-        const std::chrono::seconds limit(ports.options.is_watch ? 0 : ports.measure_seconds);
-        switch (session_wait([&] { return has_rates(found); }, limit, error)) {
-        case session_end::LOST:
-            return report_lost(address, error);
-        default:
-            return STATUS_SUCCESS;
-        }
-    };
-    return reading_of_node(
-        address, ports.options,
-        {.reference = ports.node,
-         .suffix = std::string("+/") + PORT_STATS,
-         .prepare = measure,
-         .build = [](const network &, const node &found) { return report_ports(found, {}); }});
+    reading looked(common, options);
+    looked.select(options.node);
+    looked.subscribe(std::string("+/") + PORT_STATS);
+    if (!has_statistics(looked.selected())) {
+        report_no_records(looked.net(), looked.selected(), "port statistics");
+    }
+    if (!options.is_watch) {
+        // Rates take two messages.
+        looked.wait([&] { return has_rates(looked.selected()); },
+                    std::chrono::seconds(options.measure_seconds));
+    }
+    return looked.show({.lines = [&] { return ports_lines(looked.selected()); },
+                        .object = [&] { return ports_json(looked.net(), looked.selected()); }});
 }
 
 } // namespace
 
-void add_ports_command(CLI::App &app, command_context &context)
+void add_ports_command(command_line &line, context &common)
 {
-    CLI::App *const command =
-        add_command(app, context, "ports", "Show the statistics of a node's ports since the last reset.",
-                    [&context] { return run_ports(context.address); });
-    add_node_argument(*command, ports.node);
-    add_reading_options(*command, ports.options);
-    command
-        ->add_option("--measure", ports.measure_seconds,
-                     "How long to wait for the two messages that a rate takes; 0 shows no rates")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0, 3600).description(""))
-        ->capture_default_str();
+    const auto options = std::make_shared<ports_options>();
+    command added = line.add("ports", "Show the statistics of a node's ports since the last reset.",
+                             [&common, options] { return run_ports(common, *options); });
+    add_node_argument(added, options->node);
+    add_reading_options(added, common, *options);
+    added.number({.name = "--measure",
+                  .help = "How long to wait for the two messages that a rate takes; 0 shows no rates",
+                  .value = "SECONDS"},
+                 options->measure_seconds, 0, 3600);
 }

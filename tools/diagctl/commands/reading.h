@@ -1,31 +1,51 @@
-// What the reading commands have in common: they learn the network from what the broker has retained, show a report
-// of it once, or again with every change (--watch), as text or as JSON (--json).
+// What the commands that look have in common: they learn the network from what the broker has retained, show a report of
+// it once, or again with every change (--watch), as text or as JSON (--json).
 #pragma once
 
-#include "commands/command.h"
+#include "commands/context.h"
 #include "screen/reports.h"
+
+#include <nlohmann/json.hpp>
 
 struct reading_options {
     bool is_json = false;
     bool is_watch = false;
 };
 
-void add_reading_options(CLI::App &command, reading_options &options);
+void add_reading_options(command &added, context &common, reading_options &options);
 
-// Says on standard error that there are no records of a node's ports, and where they are.
-exit_status report_no_records(const network &net, const node &found, const char *what);
+// There are no records of a node's ports: says where they are.
+[[noreturn]] void report_no_records(const network &net, const node &found, const std::string &what);
 
-// The whole of a command about the network: shows what build makes of it.
-exit_status reading_of_network(const broker_address &address, const reading_options &options,
-                               const std::function<report(const network &net)> &build);
-
-// The whole of a command about one node: finds it, takes in pub/diag/<MAC>/<suffix> where suffix isn't empty, lets
-// prepare wait for more or refuse, and shows what build makes of it.
-struct node_reading {
-    std::string reference; // as the user wrote it
-    std::string suffix;
-    std::function<exit_status(const network &net, const node &found)> prepare; // may be empty
-    std::function<report(const network &net, const node &found)> build;
+// The same facts for people and for programs.
+struct report {
+    std::function<screen_lines()> lines;
+    std::function<nlohmann::ordered_json()> object;
 };
-exit_status reading_of_node(const broker_address &address, const reading_options &options,
-                            const node_reading &reading);
+
+// A command that looks while it runs.
+class reading
+{
+public:
+    reading(const context &common, const reading_options &options);
+
+    network &net() { return model; }
+    // From here on one node is meant, which stays when the network forgets it.
+    void select(const std::string &reference);
+    const node &selected() { return model.nodes[*kept]; }
+    // Takes in pub/diag/<MAC>/<suffix> of it as well.
+    void subscribe(const std::string &suffix);
+    void wait(const std::function<bool()> &is_done, std::chrono::milliseconds limit);
+
+    exit_status show(const report &shown);
+
+private:
+    exit_status watch(const report &shown);
+    void print(const report &shown, int indent) const;
+
+    const reading_options &options;
+    network model;
+    std::function<void()> changed;
+    std::optional<mac_address> kept;
+    session broker;
+};

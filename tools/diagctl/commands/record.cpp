@@ -1,135 +1,151 @@
 // diagctl record: what is published on the broker, into a file.
 #include "broker/signals.h"
-#include "commands/command.h"
+#include "clock.h"
+#include "commands/context.h"
+#include "network/json.h"
 #include "network/recording.h"
-#include "screen/text.h"
 #include "topics.h"
 
-#include <mosquitto.h>
+#include <fmt/core.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 namespace
 {
 
 using std::chrono::steady_clock;
 
-struct {
+struct record_options {
     std::string path;
     std::vector<std::string> filters = {DIAG_FILTER, LOCAL_FILTER};
     unsigned seconds = 0; // 0: until a signal
-    FILE *file = nullptr;
-    bool is_running = false; // false while the broker hands over what it has retained
-    bool is_failed = false;
-    steady_clock::time_point start;
+};
+
+[[noreturn]] void report_file(const std::string &path, const char *what)
+{
+    throw failure(STATUS_FAILURE, fmt::format("couldn't {} {}: {}", what, path, strerror(errno)));
+}
+
+// The file that a recording goes to. A recording can't be made again: none is ever overwritten.
+class recording_file
+{
+public:
+    explicit recording_file(const std::string &wanted)
+        : path(wanted), file(fopen(wanted.c_str(), "wxe"), fclose)
+    {
+        if (file == nullptr) {
+            report_file(path, "create");
+        }
+    }
+    // Each line reaches the file at once, so that whatever ends the recording leaves all of it.
+    void write(const std::string &line)
+    {
+        if (fprintf(file.get(), "%s\n", line.c_str()) < 0 || fflush(file.get()) != 0) {
+            report_file(path, "write");
+        }
+    }
+    void close()
+    {
+        if (fclose(file.release()) != 0) {
+            report_file(path, "write");
+        }
+    }
+
+private:
+    std::string path;
+    std::unique_ptr<FILE, int (*)(FILE *)> file;
+};
+
+class recorder
+{
+public:
+    recorder(const context &common, const record_options &wanted) : options(wanted), file(wanted.path)
+    {
+        file.write(recording_head(utc_text(current_moment().wall)));
+        try {
+            broker.emplace(common.address, &signals, session::retain_flags::AS_PUBLISHED);
+            broker->listen([this](std::string_view topic, bytes payload, bool is_retained) {
+                take(std::string(topic), payload, is_retained);
+                return true;
+            });
+            broker->subscribe(options.filters);
+        } catch (const failure &) {
+            remove(options.path.c_str());
+            throw;
+        }
+    }
+
+    exit_status run()
+    {
+        start = steady_clock::now();
+        fmt::print(stderr, "recording {} into {}, Ctrl-C ends\n", broker->address().text(), options.path);
+        const std::chrono::milliseconds limit =
+            options.seconds == 0 ? session::FOREVER : std::chrono::seconds(options.seconds);
+        try {
+            broker->wait([] { return false; }, limit);
+        } catch (const failure &lost) {
+            fmt::print(stderr, "diagctl: {}\n", lost.what());
+            report();
+            return lost.status;
+        }
+        report();
+        return STATUS_SUCCESS;
+    }
+
+private:
+    void take(const std::string &topic, bytes payload, bool is_retained)
+    {
+        // The session listens to the responses by itself.
+        if (std::any_of(options.filters.begin(), options.filters.end(),
+                        [&](const std::string &filter) { return matches(filter, topic); })) {
+            const std::chrono::duration<double> time =
+                start ? steady_clock::now() - *start : steady_clock::duration();
+            file.write(recording_line(time.count(), is_retained, topic, payload));
+            (start ? messages : retained)++;
+        }
+    }
+
+    void report()
+    {
+        file.close();
+        const auto time = std::chrono::duration_cast<std::chrono::seconds>(steady_clock::now() - *start);
+        fmt::print("recorded {} retained values and {} messages in {} s\n", retained, messages, time.count());
+    }
+
+    const record_options &options;
+    const signal_input signals;
+    recording_file file;
+    std::optional<steady_clock::time_point> start; // none while the broker hands over what it has retained
     size_t retained = 0;
     size_t messages = 0;
-} record;
-
-void write_line(const std::string &line)
-{
-    // Each line reaches the file at once, so that whatever ends the recording leaves all of it.
-    if (fprintf(record.file, "%s\n", line.c_str()) < 0 || fflush(record.file) != 0) {
-        record.is_failed = true;
-    }
-}
-
-void take_message(std::string_view topic, std::span<const uint8_t> payload, bool is_retained)
-{
-    // The session listens to the responses by itself.
-    bool is_wanted = false;
-    for (const std::string &filter : record.filters) {
-        bool is_match = false;
-        is_wanted = is_wanted || (mosquitto_topic_matches_sub(filter.c_str(), std::string(topic).c_str(),
-                                                              &is_match) == MOSQ_ERR_SUCCESS &&
-                                  is_match);
-    }
-    if (!is_wanted || record.is_failed) {
-        return;
-    }
-    const std::chrono::duration<double> time = steady_clock::now() - record.start;
-    write_line(recording_line(record.is_running ? time.count() : 0, is_retained, topic, payload));
-    (record.is_running ? record.messages : record.retained)++;
-}
-
-exit_status report_file(const char *what)
-{
-    fprintf(stderr, "diagctl: couldn't %s %s: %s\n", what, record.path.c_str(), strerror(errno));
-    return STATUS_FAILURE;
-}
-
-exit_status record_messages(const broker_address &address)
-{
-    record.is_running = true;
-    record.start = steady_clock::now();
-    fprintf(stderr, "recording %s:%d into %s, Ctrl-C ends\n", address.host.c_str(), address.port,
-            record.path.c_str());
-    std::string error;
-    const auto limit = record.seconds == 0 ? std::chrono::seconds(std::chrono::years(10))
-                                           : std::chrono::seconds(record.seconds);
-    const session_end end = session_wait([] { return record.is_failed; }, limit, error);
-    if (end == session_end::LOST) {
-        report_lost(address, error);
-    }
-    if (record.is_failed) {
-        return report_file("write");
-    }
-    printf("recorded %zu retained values and %zu messages in %lld s\n", record.retained, record.messages,
-           static_cast<long long>(
-               std::chrono::duration_cast<std::chrono::seconds>(steady_clock::now() - record.start).count()));
-    return end == session_end::LOST ? STATUS_NO_BROKER : STATUS_SUCCESS;
-}
-
-exit_status run_record(const broker_address &address)
-{
-    if (signals_open() == -1) {
-        return report_file("watch for signals for");
-    }
-    // A recording can't be made again: none is ever overwritten.
-    record.file = fopen(record.path.c_str(), "wxe");
-    if (record.file == nullptr) {
-        return report_file("create");
-    }
-    write_line(recording_head(utc_text(std::chrono::system_clock::now())));
-    session_keep_retain_flags();
-    exit_status status = open_session(address, record.filters, take_message);
-    if (status == STATUS_SUCCESS) {
-        status = record_messages(address);
-        session_close();
-    } else {
-        remove(record.path.c_str());
-    }
-    if (fclose(record.file) != 0 && status == STATUS_SUCCESS) {
-        status = report_file("write");
-    }
-    return status;
-}
+    std::optional<session> broker;
+};
 
 std::string check_filter(const std::string &text)
 {
-    return mosquitto_sub_topic_check(text.c_str()) == MOSQ_ERR_SUCCESS ? ""
-                                                                       : "'" + text + "' is no topic filter";
+    return is_filter(text) ? "" : "'" + text + "' is no topic filter";
 }
 
 } // namespace
 
-void add_record_command(CLI::App &app, command_context &context)
+void add_record_command(command_line &line, context &common)
 {
-    CLI::App *const command =
-        add_command(app, context, "record",
-                    "Record what is published on the broker, and what it has retained, until Ctrl-C.",
-                    [&context] { return run_record(context.address); });
-    command->add_option("FILE", record.path, "The file to create")->type_name("")->required();
-    command
-        ->add_option("--filter", record.filters,
-                     "Only topics that match this MQTT filter; several may be given")
-        ->type_name("FILTER")
-        ->check(check_filter)
-        ->allow_extra_args(false)
-        ->capture_default_str();
-    command->add_option("--duration", record.seconds, "End by itself after so many seconds")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(1U, 31536000U));
+    const auto options = std::make_shared<record_options>();
+    command added =
+        line.add("record", "Record what is published on the broker, and what it has retained, until Ctrl-C.",
+                 [&common, options] { return recorder(common, *options).run(); });
+    added.text({.name = "FILE", .help = "The file to create", .is_required = true}, options->path);
+    added.texts({.name = "--filter",
+                 .help = "Only topics that match this MQTT filter; several may be given",
+                 .value = "FILTER",
+                 .check = check_filter},
+                options->filters);
+    added.number(
+        {.name = "--duration", .help = "End by itself after so many seconds; 0: don't", .value = "SECONDS"},
+        options->seconds, 0, 31536000);
+    add_broker_options(added, common);
 }

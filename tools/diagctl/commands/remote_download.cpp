@@ -1,33 +1,30 @@
 // diagctl remote-download: switches remote download of nodes on and off.
-#include "commands/guarded.h"
+#include "commands/acting.h"
 
 namespace
 {
 
-struct {
-    std::string state;
-    guarded_options options;
-} download;
+struct download_options : guarded_options {
+    unsigned state = 0; // of STATES
+};
 
-exit_status run_download(const broker_address &address)
+const std::vector<std::string> STATES = {"off", "on"};
+
+exit_status run_download(const context &common, const download_options &options)
 {
-    const bool is_on = download.state == "on";
-    const std::string switched = std::string("remote download ") + (is_on ? "on" : "off");
-    return guarded_run(address, download.options, std::string("remote-download;") + (is_on ? "1;" : "0;"),
+    const std::string switched = "remote download " + STATES[options.state];
+    return run_guarded(common, options, "remote-download;" + std::to_string(options.state) + ";",
                        "Switch " + switched + " at", switched + " at");
 }
 
 } // namespace
 
-void add_remote_download_command(CLI::App &app, command_context &context)
+void add_remote_download_command(command_line &line, context &common)
 {
-    CLI::App *const command =
-        add_command(app, context, "remote-download",
-                    "Switch remote download of nodes on or off; guarded by the daemon's challenge.",
-                    [&context] { return run_download(context.address); });
-    command->add_option("STATE", download.state, "on or off")
-        ->type_name("")
-        ->check(CLI::IsMember({"on", "off"}).description(""))
-        ->required();
-    add_guarded_options(*command, download.options);
+    const auto options = std::make_shared<download_options>();
+    command added = line.add("remote-download",
+                             "Switch remote download of nodes on or off; guarded by the daemon's challenge.",
+                             [&common, options] { return run_download(common, *options); });
+    added.choice({.name = "STATE", .help = "on or off", .is_required = true}, STATES, options->state);
+    add_guarded_options(added, common, *options);
 }

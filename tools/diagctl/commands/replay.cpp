@@ -1,11 +1,13 @@
 // diagctl replay: publishes a recording again, so that it can be looked at with every other command.
+#include "broker/requests.h"
 #include "broker/signals.h"
-#include "commands/action.h"
+#include "commands/context.h"
 #include "network/recording.h"
 #include "topics.h"
 
+#include <fmt/core.h>
+
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -21,179 +23,135 @@ using std::chrono::steady_clock;
 constexpr milliseconds DAEMON_ANSWER_TIME(1000);
 constexpr size_t MAX_PENDING = 100; // messages on their way
 // Whoever listens to these acts on them.
-constexpr std::array<std::string_view, 3> NEVER_REPLAYED = {REQUEST_TOPIC, ACTIVATE_TOPIC,
-                                                            REMOTE_DOWNLOAD_TOPIC};
+constexpr std::string_view NEVER_REPLAYED[] = {REQUEST_TOPIC, ACTIVATE_TOPIC, REMOTE_DOWNLOAD_TOPIC};
 
-struct {
+struct replay_options {
     std::string path;
     double speed = 1;
-} replay;
-
-enum class step {
-    GO_ON,
-    INTERRUPTED,
-    LOST,
 };
 
-step step_after(session_end end)
-{
-    return end == session_end::INTERRUPTED ? step::INTERRUPTED
-           : end == session_end::LOST      ? step::LOST
-                                           : step::GO_ON;
-}
+struct recording {
+    std::string started;
+    std::vector<recorded_message> messages;
+};
 
-exit_status report_file(const char *problem)
+[[noreturn]] void report_file(const std::string &path, const std::string &problem)
 {
-    fprintf(stderr, "diagctl: couldn't replay %s: %s\n", replay.path.c_str(), problem);
-    return STATUS_FAILURE;
+    throw failure(STATUS_FAILURE, fmt::format("couldn't replay {}: {}", path, problem));
 }
 
 // All of it, so that a damaged file is refused before anything is published.
-exit_status read_recording(std::string &started, std::vector<recorded_message> &messages)
+recording read_recording(const std::string &path)
 {
-    std::ifstream file(replay.path);
+    std::ifstream file(path);
     if (!file) {
-        return report_file(strerror(errno));
+        report_file(path, strerror(errno));
     }
     std::string line;
     std::getline(file, line);
     const std::optional<std::string> head = parse_recording_head(line);
     if (!head) {
-        return report_file("it isn't a recording of this version of diagctl");
+        report_file(path, "it isn't a recording of this version of diagctl");
     }
-    started = *head;
+    recording result = {*head, {}};
     for (size_t number = 2; std::getline(file, line); number++) {
         std::optional<recorded_message> message = parse_recording_line(line);
         if (message) {
-            messages.push_back(std::move(*message));
+            result.messages.push_back(std::move(*message));
         } else if (file.eof()) {
             // Without an end: the recording was cut off while this line was written.
-            fprintf(stderr, "diagctl: the last line of %s is incomplete and left out\n", replay.path.c_str());
+            fmt::print(stderr, "diagctl: the last line of {} is incomplete and left out\n", path);
         } else {
-            return report_file(
-                ("line " + std::to_string(number) + " isn't a message of a recording").c_str());
+            report_file(path, fmt::format("line {} isn't a message of a recording", number));
         }
     }
-    return STATUS_SUCCESS;
-}
-
-exit_status refuse_daemon(const broker_address &address)
-{
-    std::string error;
-    const uint32_t transaction = request_send("noop", error);
-    std::optional<std::string> answer;
-    const auto is_answered = [&] {
-        answer = request_answer(transaction);
-        return answer.has_value();
-    };
-    const session_end end =
-        transaction == 0 ? session_end::LOST : session_wait(is_answered, DAEMON_ANSWER_TIME, error);
-    if (end == session_end::LOST) {
-        return report_lost(address, error);
-    }
-    if (end == session_end::DONE) {
-        fprintf(stderr,
-                "diagctl: a daemon runs at %s:%d, a recording would mix with what it publishes\n"
-                "Start a broker for the recording, such as 'mosquitto -p 11885', and name it with --host and "
-                "--port.\n",
-                address.host.c_str(), address.port);
-        return STATUS_FAILURE;
-    }
-    return end == session_end::INTERRUPTED ? STATUS_FAILURE : STATUS_SUCCESS;
-}
-
-step publish(const recorded_message &message, steady_clock::time_point due, std::string &error)
-{
-    const auto never = [] { return false; };
-    step result = step::GO_ON;
-    const auto left = std::chrono::ceil<milliseconds>(due - steady_clock::now());
-    if (left.count() > 0) {
-        result = step_after(session_wait(never, left, error));
-    }
-    if (result == step::GO_ON &&
-        !session_publish(message.topic, message.payload, message.is_retained, error)) {
-        result = step::LOST;
-    }
+    std::erase_if(result.messages, [](const recorded_message &message) {
+        return std::find(std::begin(NEVER_REPLAYED), std::end(NEVER_REPLAYED), message.topic) !=
+               std::end(NEVER_REPLAYED);
+    });
     return result;
 }
 
-step deliver(std::string &error)
+// False when a signal came.
+bool refuse_daemon(session &broker)
 {
-    const session_end end = session_wait(session_is_delivered, LOCAL_ANSWER_TIME, error);
-    if (end == session_end::TIMEOUT) {
-        error = "it doesn't acknowledge what is published";
-        return step::LOST;
+    requests asked(broker);
+    broker.subscribe({});
+    const uint32_t transaction = asked.send("noop");
+    const wait_end end =
+        broker.wait([&] { return asked.answer(transaction).has_value(); }, DAEMON_ANSWER_TIME);
+    if (end == wait_end::DONE) {
+        throw failure(
+            STATUS_FAILURE,
+            fmt::format("a daemon runs at {}, a recording would mix with what it publishes\n"
+                        "Start a broker for the recording, such as 'mosquitto -p 11885', and name it with "
+                        "--host and --port.",
+                        broker.address().text()));
     }
-    return step_after(end);
+    return end != wait_end::INTERRUPTED;
 }
 
-exit_status publish_all(const broker_address &address, const std::vector<recorded_message> &messages)
+// Waits until what is on its way has been acknowledged; false when a signal came.
+bool deliver(session &broker)
+{
+    const wait_end end = broker.wait([&] { return broker.is_delivered(); }, LOCAL_ANSWER_TIME);
+    if (end == wait_end::TIMEOUT) {
+        broker.report_lost("it doesn't acknowledge what is published");
+    }
+    return end == wait_end::DONE;
+}
+
+// The number of messages that have been published before the end, or a signal.
+size_t publish_all(session &broker, const std::vector<recorded_message> &messages, double speed,
+                   bool &is_interrupted)
 {
     const auto start = steady_clock::now();
-    std::string error;
-    step result = step::GO_ON;
     size_t published = 0;
     for (const recorded_message &message : messages) {
-        if (std::find(NEVER_REPLAYED.begin(), NEVER_REPLAYED.end(), message.topic) != NEVER_REPLAYED.end()) {
-            continue;
+        const std::chrono::duration<double> time(speed > 0 ? message.time / speed : 0);
+        const auto due = start + std::chrono::duration_cast<steady_clock::duration>(time);
+        const auto left = std::chrono::ceil<milliseconds>(due - steady_clock::now());
+        is_interrupted = left.count() > 0 && broker.wait([] { return false; }, left) == wait_end::INTERRUPTED;
+        if (!is_interrupted) {
+            broker.publish(message.topic, message.payload, message.is_retained);
+            is_interrupted = ++published % MAX_PENDING == 0 && !deliver(broker);
         }
-        const std::chrono::duration<double> time(replay.speed > 0 ? message.time / replay.speed : 0);
-        result = publish(message, start + std::chrono::duration_cast<steady_clock::duration>(time), error);
-        if (result == step::GO_ON && ++published % MAX_PENDING == 0) {
-            result = deliver(error);
-        }
-        if (result != step::GO_ON) {
-            break;
+        if (is_interrupted) {
+            return published;
         }
     }
-    if (result == step::GO_ON) {
-        result = deliver(error);
-    }
-    if (result == step::LOST) {
-        return report_lost(address, error);
-    }
-    printf("replayed %zu messages%s\n", published, result == step::INTERRUPTED ? ", interrupted" : "");
-    return STATUS_SUCCESS;
+    is_interrupted = !deliver(broker);
+    return published;
 }
 
-exit_status run_replay(const broker_address &address)
+exit_status run_replay(const context &common, const replay_options &options)
 {
-    std::string started;
-    std::vector<recorded_message> messages;
-    exit_status status = read_recording(started, messages);
-    if (status != STATUS_SUCCESS) {
-        return status;
+    const recording recorded = read_recording(options.path);
+    const signal_input signals;
+    session broker(common.address, &signals);
+    if (!refuse_daemon(broker)) {
+        return STATUS_FAILURE;
     }
-    if (signals_open() == -1) {
-        return report_file(strerror(errno));
-    }
-    status = open_session(address, {}, [](std::string_view topic, std::span<const uint8_t> payload, bool) {
-        request_take_answer(topic, payload);
-    });
-    if (status != STATUS_SUCCESS) {
-        return status;
-    }
-    status = refuse_daemon(address);
-    if (status == STATUS_SUCCESS) {
-        const double time = messages.empty() ? 0 : messages.back().time;
-        fprintf(stderr, "replaying %.0f s recorded from %s into %s:%d, Ctrl-C ends\n", time, started.c_str(),
-                address.host.c_str(), address.port);
-        status = publish_all(address, messages);
-    }
-    session_close();
-    return status;
+    const double time = recorded.messages.empty() ? 0 : recorded.messages.back().time;
+    fmt::print(stderr, "replaying {:.0f} s recorded from {} into {}, Ctrl-C ends\n", time,
+               printable(recorded.started), common.address.text());
+    bool is_interrupted = false;
+    const size_t published = publish_all(broker, recorded.messages, options.speed, is_interrupted);
+    fmt::print("replayed {} messages{}\n", published, is_interrupted ? ", interrupted" : "");
+    return STATUS_SUCCESS;
 }
 
 } // namespace
 
-void add_replay_command(CLI::App &app, command_context &context)
+void add_replay_command(command_line &line, context &common)
 {
-    CLI::App *const command =
-        add_command(app, context, "replay", "Publish a recording again, on a broker without a daemon.",
-                    [&context] { return run_replay(context.address); });
-    command->add_option("FILE", replay.path, "The recording")->type_name("")->required();
-    command->add_option("--speed", replay.speed, "So many times as fast as recorded; 0 doesn't wait at all")
-        ->type_name("FACTOR")
-        ->check(CLI::Range(0.0, 1e6))
-        ->capture_default_str();
+    const auto options = std::make_shared<replay_options>();
+    command added = line.add("replay", "Publish a recording again, on a broker without a daemon.",
+                             [&common, options] { return run_replay(common, *options); });
+    added.text({.name = "FILE", .help = "The recording", .is_required = true}, options->path);
+    added.number({.name = "--speed",
+                  .help = "So many times as fast as recorded; 0 doesn't wait at all",
+                  .value = "FACTOR"},
+                 options->speed, 0.0, 1e6);
+    add_broker_options(added, common);
 }

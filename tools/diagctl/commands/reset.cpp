@@ -1,68 +1,59 @@
 // diagctl reset: statistics begin again at 0.
-#include "commands/action.h"
+#include "commands/acting.h"
+#include "screen/text.h"
+
+#include <fmt/core.h>
 
 #include <cstdio>
 
 namespace
 {
 
-struct {
+struct reset_options {
     std::string node;
-    int port = LUM_PORT_A;
+    std::string port;
     bool is_all = false;
     bool is_yes = false;
-} reset;
+};
 
-exit_status reset_all(const broker_address &address)
+void reset_all(acting &card, const reset_options &options)
 {
-    exit_status status = confirm(
-        address, "Reset the statistics of all ports of all nodes, and delete their performance records?",
-        reset.is_yes);
-    if (status == STATUS_SUCCESS) {
-        status = request_run(address, {.command = "reset-all-stats"});
-    }
-    if (status == STATUS_SUCCESS) {
-        puts("the statistics of this card have been reset; the other nodes have been told, once, and don't "
-             "acknowledge");
-    }
-    return status;
+    card.confirm("Reset the statistics of all ports of all nodes, and delete their performance records?",
+                 options.is_yes);
+    card.daemon().run({.command = "reset-all-stats"});
+    puts("the statistics of this card have been reset; the other nodes have been told, once, and don't "
+         "acknowledge");
 }
 
-exit_status reset_port(const broker_address &address, const network &net)
+void reset_port(acting &card, const reset_options &options)
 {
-    const node *const found = resolve_node(net, reset.node);
-    if (found == nullptr) {
-        return STATUS_FAILURE;
+    const node &found = resolve_node(card.net(), options.node);
+    const mac_address mac = found.mac;
+    const bool is_local = card.net().is_local(mac);
+    const std::string port = port_text(*parse_port(options.port));
+    const std::string what = fmt::format("port {} of node {}", port, node_text(card.net(), mac));
+    card.confirm(fmt::format("Reset the statistics of {}, and delete its performance records?", what),
+                 options.is_yes);
+    card.daemon().run({.command = fmt::format("reset-stats;{};{}", mac_text(mac), port)});
+    if (is_local) {
+        fmt::print("the statistics of {} have been reset\n", what);
+    } else {
+        fmt::print("the reset of {} has been sent; the node doesn't acknowledge it\n", what);
     }
-    const std::string mac = mac_text(found->mac);
-    const std::string what = "port " + port_text(reset.port) + " of node " + mac;
-    const bool is_local = net.is_local(found->mac);
-    exit_status status = confirm(
-        address, "Reset the statistics of " + what + ", and delete its performance records?", reset.is_yes);
-    if (status == STATUS_SUCCESS) {
-        status = request_run(address, {.command = "reset-stats;" + mac + ";" + port_text(reset.port)});
-    }
-    if (status == STATUS_SUCCESS) {
-        printf(is_local ? "the statistics of %s have been reset\n"
-                        : "the reset of %s has been sent; the node doesn't acknowledge it\n",
-               what.c_str());
-    }
-    return status;
 }
 
-exit_status run_reset(const broker_address &address)
+exit_status run_reset(const context &common, const reset_options &options)
 {
-    if (reset.is_all != reset.node.empty()) {
-        fputs("diagctl: name either a NODE and a PORT, or --all\n", stderr);
-        return STATUS_USAGE;
+    if (options.is_all ? !options.node.empty() : options.port.empty()) {
+        throw failure(STATUS_USAGE, "name either a NODE and a PORT, or --all");
     }
-    action_state state;
-    exit_status status = open_action(address, state);
-    if (status == STATUS_SUCCESS) {
-        status = reset.is_all ? reset_all(address) : reset_port(address, state.net);
-        session_close();
+    acting card(common);
+    if (options.is_all) {
+        reset_all(card, options);
+    } else {
+        reset_port(card, options);
     }
-    return status;
+    return STATUS_SUCCESS;
 }
 
 // A request has room for one letter: the daemon would take CPU for port C.
@@ -73,15 +64,14 @@ std::string check_front_port(const std::string &text)
 
 } // namespace
 
-void add_reset_command(CLI::App &app, command_context &context)
+void add_reset_command(command_line &line, context &common)
 {
-    CLI::App *const command =
-        add_command(app, context, "reset", "Reset the statistics of a port, or of all ports of all nodes.",
-                    [&context] { return run_reset(context.address); });
-    CLI::Option *const node = add_node_argument(*command, reset.node)->required(false);
-    CLI::Option *const port =
-        add_port_argument(*command, reset.port)->check(check_front_port)->required(false);
-    node->needs(port);
-    command->add_flag("--all", reset.is_all, "All ports of all nodes");
-    add_yes_option(*command, reset.is_yes);
+    const auto options = std::make_shared<reset_options>();
+    command added = line.add("reset", "Reset the statistics of a port, or of all ports of all nodes.",
+                             [&common, options] { return run_reset(common, *options); });
+    add_node_argument(added, options->node, false);
+    add_port_argument(added, options->port, check_front_port, false);
+    added.flag({.name = "--all", .help = "All ports of all nodes"}, options->is_all);
+    add_yes_option(added, options->is_yes);
+    add_broker_options(added, common);
 }

@@ -1,30 +1,29 @@
 // diagctl show: all that is known of one node.
 #include "commands/reading.h"
+#include "network/json.h"
 
 namespace
 {
 
-struct {
-    reading_options options;
+struct show_options : reading_options {
     std::string node;
-} show;
+};
 
-exit_status run_show(const broker_address &address)
+exit_status run_show(const context &common, const show_options &options)
 {
-    return reading_of_node(
-        address, show.options,
-        {.reference = show.node,
-         .suffix = {},
-         .prepare = {},
-         .build = [](const network &net, const node &found) { return report_node(net, found); }});
+    reading looked(common, options);
+    looked.select(options.node);
+    return looked.show({.lines = [&] { return node_lines(looked.net(), looked.selected()); },
+                        .object = [&] { return node_json(looked.net(), looked.selected()); }});
 }
 
 } // namespace
 
-void add_show_command(CLI::App &app, command_context &context)
+void add_show_command(command_line &line, context &common)
 {
-    CLI::App *const command = add_command(app, context, "show", "Show all that is known of a node.",
-                                          [&context] { return run_show(context.address); });
-    add_node_argument(*command, show.node);
-    add_reading_options(*command, show.options);
+    const auto options = std::make_shared<show_options>();
+    command added = line.add("show", "Show all that is known of a node.",
+                             [&common, options] { return run_show(common, *options); });
+    add_node_argument(added, options->node);
+    add_reading_options(added, common, *options);
 }

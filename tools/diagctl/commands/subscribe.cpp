@@ -1,16 +1,14 @@
 // diagctl subscribe: another node's topics, relayed by the daemon.
-#include "broker/signals.h"
-#include "commands/action.h"
+#include "clock.h"
+#include "commands/acting.h"
 #include "network/recording.h"
 #include "screen/changes.h"
 #include "screen/live.h"
 #include "topics.h"
 
-#include <mosquitto.h>
+#include <fmt/core.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 namespace
 {
@@ -18,138 +16,121 @@ namespace
 constexpr unsigned DEFAULT_PERIOD = 10;
 constexpr unsigned MAX_PERIOD = 65535;
 
-struct {
+struct subscribe_options {
     std::string place; // NODE, NODE/PORT or NODE/TOPIC
     unsigned period = DEFAULT_PERIOD;
     bool is_json = false;
-    action_state state;
-    std::string filter; // empty until the node is known
-} subscribe;
-
-void take_message(std::string_view topic_text, std::span<const uint8_t> payload, bool is_retained)
-{
-    const moment now = current_moment();
-    const std::string topic(topic_text);
-    const std::vector<std::string> changes =
-        network_apply(subscribe.state.net, topic, payload, is_retained, now, change_detail::RECORDS);
-    bool is_match = false;
-    // What is relayed is never retained.
-    if (is_retained || subscribe.filter.empty() ||
-        mosquitto_topic_matches_sub(subscribe.filter.c_str(), topic.c_str(), &is_match) != MOSQ_ERR_SUCCESS ||
-        !is_match) {
-        return;
-    }
-    for (const std::string &text : changes) {
-        print_change(subscribe.state.net, topic, text, now, subscribe.is_json);
-    }
-    if (changes.empty()) {
-        // Known already, or a topic that isn't decoded.
-        print_change(subscribe.state.net, topic, topic + " " + payload_display(payload), now,
-                     subscribe.is_json);
-    }
-    live_changed();
-}
+};
 
 // What follows the node: "" all of it, "a" all of port A, "A/stats" and "job_name" as they are.
 std::string filter_of(const mac_address &mac, std::string rest)
 {
     const size_t slash = rest.find('/');
-    const std::optional<int> port = parse_port(rest.substr(0, slash));
-    if (port) {
+    if (const std::optional<int> port = parse_port(rest.substr(0, slash))) {
         rest = port_text(*port) + (slash == std::string::npos ? "/#" : rest.substr(slash));
     }
-    return std::string(DIAG_PREFIX) + mac_text(mac) + "/" + (rest.empty() ? "#" : rest);
+    return fmt::format("{}{}/{}", DIAG_PREFIX, mac_text(mac), rest.empty() ? "#" : rest);
 }
 
-exit_status follow(const broker_address &address, const std::string &mac)
+// The filter of the place, and the node's MAC address as text.
+std::pair<std::string, std::string> find_place(const network &net, const std::string &place)
 {
-    std::string error;
-    if (!session_subscribe(subscribe.filter, error)) {
-        return report_lost(address, error);
+    const size_t slash = place.find('/');
+    const node &found = resolve_node(net, place.substr(0, slash));
+    if (net.is_local(found.mac)) {
+        throw failure(
+            STATUS_FAILURE,
+            fmt::format("node {} is the local one, all of its topics are on this broker: use 'diagctl watch'",
+                        mac_text(found.mac)));
     }
-    bool was_interrupted = false;
-    exit_status status =
-        request_run(address,
-                    {.command = "subscribe;" + subscribe.filter + ";" + std::to_string(subscribe.period),
-                     .limit = REMOTE_ANSWER_TIME,
-                     .waiting_for = "node " + mac,
-                     .is_answer_needed_anyway = true},
-                    &was_interrupted);
-    if (status != STATUS_SUCCESS) {
-        return status;
-    }
-    if (!was_interrupted) {
-        fprintf(stderr,
-                subscribe.period == 0
-                    ? "diagctl: node %s has sent %s, once; Ctrl-C ends\n"
-                    : "diagctl: node %s sends what changes of %s, every %u s; Ctrl-C ends\n",
-                mac.c_str(), subscribe.filter.c_str(), subscribe.period);
-        status = live_run(address, {.render = {}, .take_key = {}, .print = [] {}});
-    }
-    if (status == STATUS_NO_BROKER) {
-        return status;
-    }
-    const exit_status ended = request_run(address, {.command = "disconnect"});
-    return status == STATUS_SUCCESS ? ended : status;
+    return {filter_of(found.mac, slash == std::string::npos ? "" : place.substr(slash + 1)),
+            mac_text(found.mac)};
 }
 
-exit_status run_subscribe(const broker_address &address)
+class subscription
 {
-    if (signals_open() == -1) {
-        fprintf(stderr, "diagctl: couldn't watch for signals: %s\n", strerror(errno));
-        return STATUS_FAILURE;
+public:
+    subscription(const context &common, const subscribe_options &wanted)
+        : options(wanted), card(common, &signals, [this](auto... message) { take(message...); })
+    {
     }
-    exit_status status = open_action(address, subscribe.state, take_message);
-    if (status != STATUS_SUCCESS) {
+
+    exit_status run()
+    {
+        const auto [wanted_filter, mac] = find_place(card.net(), options.place);
+        filter = wanted_filter;
+        card.broker().subscribe({filter});
+        const bool was_interrupted =
+            card.daemon().run({.command = fmt::format("subscribe;{};{}", filter, options.period),
+                               .limit = REMOTE_ANSWER_TIME,
+                               .waiting_for = "node " + mac,
+                               .is_answer_needed_anyway = true});
+        exit_status status = STATUS_SUCCESS;
+        if (!was_interrupted) {
+            fmt::print(stderr, "diagctl: node {} {}; Ctrl-C ends\n", mac,
+                       options.period == 0
+                           ? fmt::format("has sent {}, once", filter)
+                           : fmt::format("sends what changes of {}, every {} s", filter, options.period));
+            status = view.run(card.broker(), signals);
+        }
+        card.daemon().run({.command = "disconnect"});
         return status;
     }
-    const size_t slash = subscribe.place.find('/');
-    const node *const found = resolve_node(subscribe.state.net, subscribe.place.substr(0, slash));
-    if (found == nullptr) {
-        status = STATUS_FAILURE;
-    } else if (subscribe.state.net.is_local(found->mac)) {
-        fprintf(
-            stderr,
-            "diagctl: node %s is the local one, all of its topics are on this broker: use 'diagctl watch'\n",
-            mac_text(found->mac).c_str());
-        status = STATUS_FAILURE;
-    } else {
-        subscribe.filter =
-            filter_of(found->mac, slash == std::string::npos ? "" : subscribe.place.substr(slash + 1));
-        status = follow(address, mac_text(found->mac));
+
+private:
+    void take(std::string_view topic_text, bytes payload, bool is_retained, const changes &items)
+    {
+        const std::string topic(topic_text);
+        // What is relayed is never retained.
+        if (is_retained || filter.empty() || !matches(filter, topic)) {
+            return;
+        }
+        const moment now = current_moment();
+        for (const change &item : items) {
+            print_change(card.net(), item, topic, now, options.is_json);
+        }
+        if (items.empty()) {
+            // Known already, or a topic that isn't decoded.
+            print_message(card.net(), topic, payload_display(payload), now, options.is_json);
+        }
+        view.changed();
     }
-    session_close();
-    return status;
-}
+
+    const subscribe_options &options;
+    const signal_input signals;
+    live_view view;
+    std::string filter; // empty until the node is known
+    acting card;
+};
 
 std::string check_place(const std::string &text)
 {
     const size_t slash = text.find('/');
     const std::string rest = slash == std::string::npos ? "#" : text.substr(slash + 1);
-    const bool is_place = parse_node_reference(text.substr(0, slash)) &&
-                          rest.find(';') == std::string::npos &&
-                          (rest.empty() || mosquitto_sub_topic_check(rest.c_str()) == MOSQ_ERR_SUCCESS);
-    return is_place ? ""
-                    : "'" + text +
-                          "' is no NODE, NODE/PORT or NODE/TOPIC: NODE is a MAC address or a node number, "
-                          "PORT is A to H or CPU";
+    const bool is_place =
+        slash != 0 && rest.find(';') == std::string::npos && (rest.empty() || is_filter(rest));
+    return is_place
+               ? ""
+               : "'" + text +
+                     "' is no NODE, NODE/PORT or NODE/TOPIC: NODE is a MAC address, a node number or a name, "
+                     "PORT is A to H or CPU";
 }
 
 } // namespace
 
-void add_subscribe_command(CLI::App &app, command_context &context)
+void add_subscribe_command(command_line &line, context &common)
 {
-    CLI::App *const command =
-        add_command(app, context, "subscribe",
-                    "Have another node's topics sent here and print them, decoded, until Ctrl-C.",
-                    [&context] { return run_subscribe(context.address); });
-    command->add_option("PLACE", subscribe.place, "NODE, NODE/PORT or NODE/TOPIC")
-        ->type_name("")
-        ->check(check_place)
-        ->required();
-    command->add_option("--period", subscribe.period, "How often the node sends what has changed; 0: once")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0U, MAX_PERIOD))
-        ->capture_default_str();
-    command->add_flag("--json", subscribe.is_json, "Print one JSON object a line");
+    const auto options = std::make_shared<subscribe_options>();
+    command added =
+        line.add("subscribe", "Have another node's topics sent here and print them, decoded, until Ctrl-C.",
+                 [&common, options] { return subscription(common, *options).run(); });
+    added.text(
+        {.name = "PLACE", .help = "NODE, NODE/PORT or NODE/TOPIC", .is_required = true, .check = check_place},
+        options->place);
+    added.number({.name = "--period",
+                  .help = "How often the node sends what has changed; 0: once",
+                  .value = "SECONDS"},
+                 options->period, 0, MAX_PERIOD);
+    add_broker_options(added, common);
+    add_json_option(added, options->is_json, "Print one JSON object a line");
 }

@@ -1,7 +1,12 @@
 // diagctl top: the network as one broker sees it, live.
 #include "screen/top.h"
+
+#include "clock.h"
+#include "commands/context.h"
+#include "screen/changes.h"
 #include "screen/live.h"
-#include "topics.h"
+
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -11,147 +16,144 @@ namespace
 
 constexpr size_t MAX_EVENTS = 1000;
 
-struct {
-    network net;
-    std::deque<event> events;
-    std::optional<stats_target> target;
-    std::string broker;
-    node_order order = node_order::MAC;
-    mac_address selected{};
-    bool is_detail = false; // of the selected node
-} top;
+struct top_options {
+    std::string stats; // NODE/PORT, for example local/A or 02-00-00-00-00-03/CPU; may be empty
+};
 
-void take_message(std::string_view topic, std::span<const uint8_t> payload, bool is_retained)
-{
-    const moment now = current_moment();
-    for (std::string &text : network_apply(top.net, topic, payload, is_retained, now)) {
-        const event happened = {now, std::move(text)};
-        if (!terminal_is_screen()) {
-            printf("%s\n", event_line(happened).c_str());
-        }
-        top.events.push_back(happened);
-    }
-    while (top.events.size() > MAX_EVENTS) {
-        top.events.pop_front();
-    }
-    live_changed();
-}
-
-// Moves the selection by so many nodes, to the first or last one at most.
-void select(std::ptrdiff_t distance)
-{
-    const std::vector<const node *> nodes = sorted_nodes(top.net, top.order);
-    if (nodes.empty()) {
-        return;
-    }
-    const auto last = static_cast<std::ptrdiff_t>(nodes.size()) - 1;
-    const auto from = static_cast<std::ptrdiff_t>(index_of(nodes, top.selected));
-    top.selected = nodes[static_cast<size_t>(std::clamp<std::ptrdiff_t>(from + distance, 0, last))]->mac;
-}
-
-void take_key(key pressed)
-{
-    constexpr std::ptrdiff_t PAGE = 10;
-    switch (pressed) {
-    case key::UP:
-        select(-1);
-        break;
-    case key::DOWN:
-        select(1);
-        break;
-    case key::PAGE_UP:
-        select(-PAGE);
-        break;
-    case key::PAGE_DOWN:
-        select(PAGE);
-        break;
-    case key::SORT_MAC:
-        top.order = node_order::MAC;
-        break;
-    case key::SORT_NUMBER:
-        top.order = node_order::NUMBER;
-        break;
-    case key::SORT_FAULTS:
-        top.order = node_order::FAULTS;
-        break;
-    case key::SORT_CHANGE:
-        top.order = node_order::CHANGE;
-        break;
-    case key::ENTER:
-        select(0);
-        top.is_detail = !top.is_detail;
-        break;
-    case key::BACK:
-        top.is_detail = false;
-        break;
-    default:
-        break;
-    }
-}
-
-std::vector<screen_line> render(size_t width, size_t height)
-{
-    return view_render({.broker = top.broker,
-                        .net = top.net,
-                        .events = top.events,
-                        .target = top.target ? &*top.target : nullptr,
-                        .order = top.order,
-                        .selected = top.selected,
-                        .is_detail = top.is_detail,
-                        .width = width,
-                        .height = height},
-                       current_moment());
-}
-
-exit_status run_top(const broker_address &address)
-{
-    top.broker = address.host + ":" + std::to_string(address.port);
-    const exit_status opened =
-        open_session(address, {DIAG_FILTER, NETWORK_STYLE7_TOPIC, RING_STATUS_FILTER}, take_message);
-    if (opened != STATUS_SUCCESS) {
-        return opened;
-    }
-    select(0);
-    const exit_status status =
-        live_run(address, {.render = render, .take_key = take_key, .print = [] { /* take_message has */ }});
-    session_close();
-    return status;
-}
-
-// NODE/PORT, for example local/A or 02-00-00-00-00-03/CPU.
-std::optional<stats_target> parse_stats_target(const std::string &text)
+std::optional<stats_target> parse_stats_target(const std::string &text, const node_names &names)
 {
     const size_t slash = text.rfind('/');
     if (slash == std::string::npos) {
         return {};
     }
-    const std::optional<node_reference> node = parse_node_reference(text.substr(0, slash));
-    const std::optional<int> port = parse_port(text.substr(slash + 1));
-    if (!node || !port) {
-        return {};
-    }
-    return stats_target{*node, *port, text};
+    return stats_target{parse_node(text.substr(0, slash), names), parse_port(text.substr(slash + 1)).value(),
+                        text};
 }
 
 std::string check_stats_target(const std::string &text)
 {
-    return parse_stats_target(text) ? ""
-                                    : "'" + text +
-                                          "' is not NODE/PORT: NODE is local, a MAC address or a number from "
-                                          "1 to 255, PORT is A to H or CPU";
+    const size_t slash = text.rfind('/');
+    const bool is_target = slash != std::string::npos && slash > 0 && parse_port(text.substr(slash + 1));
+    return is_target ? "" : "'" + text + "' is not NODE/PORT: PORT is A to H or CPU";
 }
+
+class top
+{
+public:
+    top(const context &common, const top_options &options)
+        : net(named_network(common)), target(parse_stats_target(options.stats, net.names)),
+          broker(common.address)
+    {
+        broker.listen([this](std::string_view topic, bytes payload, bool is_retained) {
+            take(topic, payload, is_retained);
+            return true;
+        });
+        broker.subscribe(all_filters());
+        select(0);
+        view.render = [this](terminal_size size) { return render(size); };
+        view.take_key = [this](key pressed) { take_key(pressed); };
+    }
+
+    exit_status run()
+    {
+        const signal_input signals;
+        return view.run(broker, signals);
+    }
+
+private:
+    void take(std::string_view topic, bytes payload, bool is_retained)
+    {
+        const moment now = current_moment();
+        for (const change &item : network_apply(net, topic, payload, is_retained, now)) {
+            events.push_back({now, change_text(net, item)});
+            if (!is_screen) {
+                fmt::print("{} {}\n", date_text(now), events.back().text);
+            }
+        }
+        while (events.size() > MAX_EVENTS) {
+            events.pop_front();
+        }
+        view.changed();
+    }
+
+    // Moves the selection by so many nodes, to the first or last one at most.
+    void select(std::ptrdiff_t distance)
+    {
+        const std::vector<const node *> nodes = sorted_nodes(net, order);
+        if (!nodes.empty()) {
+            const auto last = static_cast<std::ptrdiff_t>(nodes.size()) - 1;
+            const auto from = static_cast<std::ptrdiff_t>(index_of(nodes, selected));
+            selected = nodes[static_cast<size_t>(std::clamp<std::ptrdiff_t>(from + distance, 0, last))]->mac;
+        }
+    }
+
+    void take_key(key pressed)
+    {
+        constexpr std::ptrdiff_t PAGE = 10;
+        constexpr struct {
+            key pressed;
+            std::ptrdiff_t distance;
+        } MOVES[] = {{key::UP, -1}, {key::DOWN, 1}, {key::PAGE_UP, -PAGE}, {key::PAGE_DOWN, PAGE}};
+        constexpr struct {
+            key pressed;
+            node_order order;
+        } SORTS[] = {{key::SORT_MAC, node_order::MAC},
+                     {key::SORT_NUMBER, node_order::NUMBER},
+                     {key::SORT_FAULTS, node_order::FAULTS},
+                     {key::SORT_CHANGE, node_order::CHANGE}};
+        for (const auto &move : MOVES) {
+            if (pressed == move.pressed) {
+                select(move.distance);
+            }
+        }
+        for (const auto &sort : SORTS) {
+            order = pressed == sort.pressed ? sort.order : order;
+        }
+        if (pressed == key::ENTER) {
+            select(0);
+        }
+        is_detail = pressed == key::ENTER ? !is_detail : is_detail && pressed != key::BACK;
+    }
+
+    screen_lines render(terminal_size size)
+    {
+        return view_render({.broker = broker.address().text(),
+                            .net = net,
+                            .events = events,
+                            .target = target ? &*target : nullptr,
+                            .order = order,
+                            .selected = selected,
+                            .is_detail = is_detail,
+                            .width = size.width,
+                            .height = size.height},
+                           current_moment());
+    }
+
+    network net;
+    std::deque<event> events;
+    std::optional<stats_target> target;
+    node_order order = node_order::MAC;
+    mac_address selected{};
+    bool is_detail = false; // of the selected node
+    const bool is_screen = terminal_is_screen();
+    live_view view;
+    session broker;
+};
 
 } // namespace
 
-void add_top_command(CLI::App &app, command_context &context)
+void add_top_command(command_line &line, context &common)
 {
-    CLI::App *const command = add_command(
-        app, context, "top",
-        "Show the network live: nodes, ports, lists and events. On a terminal full-screen, q quits; "
-        "elsewhere one line for each change.",
-        [&context] { return run_top(context.address); });
-    const auto set_target = [](const std::string &text) { top.target = parse_stats_target(text); };
-    command->add_option_function<std::string>("--stats", set_target, "Also show the statistics of this port")
-        ->type_name("NODE/PORT")
-        ->check(check_stats_target);
+    const auto options = std::make_shared<top_options>();
+    command added =
+        line.add("top",
+                 "Show the network live: nodes, ports, lists and events. On a terminal full-screen, q quits; "
+                 "elsewhere one line for each change.",
+                 [&common, options] { return top(common, *options).run(); });
+    added.text({.name = "--stats",
+                .help = "Also show the statistics of this port",
+                .value = "NODE/PORT",
+                .check = check_stats_target},
+               options->stats);
+    add_broker_options(added, common);
 }

@@ -14,7 +14,6 @@ using labels = std::vector<ClientMetric::Label>;
 
 constexpr uint64_t PERIOD_SECONDS = 900;
 constexpr double PARTS_PER_MILLION = 1e6;
-constexpr const char *COLOURS[] = {"green", "yellow", "red"};
 
 struct flag_metric {
     int topic;
@@ -26,18 +25,6 @@ constexpr flag_metric FLAGS[] = {
     {TOPIC_M702, "diag_node_m702", "Whether the M702 flag of the node is on."},
     {TOPIC_COMM_LOSS, "diag_node_comm_loss", "Whether the node reports a loss of communication."},
     {TOPIC_DOWNLOAD_PENDING, "diag_node_download_pending", "Whether a download to the node is pending."},
-};
-
-struct list_metric {
-    int list;
-    const char *name;
-    const char *help;
-};
-constexpr list_metric LISTS[] = {
-    {LIST_LINK_DOWN, "diag_port_link_down",
-     "Whether the link of the port is in the network's link-down list."},
-    {LIST_GROUND, "diag_port_ground_fault", "Whether the port is in the network's ground-fault list."},
-    {LIST_MISWIRED, "diag_port_miswired", "Whether the port is in the network's list of miswired ports."},
 };
 
 class families
@@ -87,7 +74,7 @@ std::string counter_name(std::string name)
 void add_statistics(families &out, const labels &port, const stats_record &record)
 {
     for (const stats_field &field : STATS_FIELDS) {
-        const auto value = static_cast<double>(field_value(record, field.offset, field.width));
+        const auto value = static_cast<double>(field_value(record, field));
         const std::string name = field.name;
         if (field.offset == STATS_ERROR_RATIO_PPM) {
             out.gauge("diag_port_error_ratio", "Share of errored frames since the last reset, 0 to 1.", port,
@@ -114,8 +101,8 @@ void add_performance(families &out, const labels &port, const port_records &reco
         const pm_record &value = *record.value;
         periods++;
         down_seconds +=
-            std::min<uint64_t>(field_value(value, PM_LINK_DOWN_SECONDS, sizeof(uint32_t)), PERIOD_SECONDS);
-        last_time = std::max(last_time, field_value(value, PM_TIME, sizeof(uint64_t)));
+            std::min<uint64_t>(load_be<uint32_t>(value.data() + PM_LINK_DOWN_SECONDS), PERIOD_SECONDS);
+        last_time = std::max(last_time, static_cast<uint64_t>(closing_time(value)));
     }
     out.gauge("diag_port_pm_periods", "Closed quarter hours of the last day with a performance record.", port,
               static_cast<double>(periods));
@@ -129,23 +116,15 @@ void add_performance(families &out, const labels &port, const port_records &reco
     }
 }
 
-uint8_t listed(const fact<std::vector<listed_ports>> &list, const mac_address &mac)
-{
-    const auto &records = *list.value;
-    const auto found = std::find_if(records.begin(), records.end(),
-                                    [&](const listed_ports &record) { return record.mac == mac; });
-    return found == records.end() ? uint8_t{0} : found->ports;
-}
-
 void add_ports(families &out, const network &net, const node &shown)
 {
     for (int port = 0; port < LUM_FRONT_PORTS; port++) {
         const labels label = port_labels(shown.mac, port);
         const int colour = shown.colours ? (*shown.colours)[static_cast<size_t>(port)] : -1;
-        const bool has_colour = colour >= 0 && colour < static_cast<int>(std::size(COLOURS));
-        for (int i = 0; has_colour && i < static_cast<int>(std::size(COLOURS)); i++) {
+        const bool has_colour = colour >= 0 && colour < PORT_STATUS_NONE;
+        for (int i = 0; has_colour && i < PORT_STATUS_NONE; i++) {
             labels with_colour = label;
-            with_colour.push_back({"colour", COLOURS[i]});
+            with_colour.push_back({"colour", colour_name(i)});
             out.gauge("diag_port_status", "1 for the colour that the port has, 0 for the others.",
                       with_colour, i == colour ? 1 : 0);
         }
@@ -155,11 +134,14 @@ void add_ports(families &out, const network &net, const node &shown)
             with_media.push_back({"media", hwinfo_lumtype_enum_to_str(media)});
             out.gauge("diag_port_media_info", "The media of the port.", with_media, 1);
         }
-        for (const list_metric &metric : LISTS) {
-            const auto &list = net.lists[static_cast<size_t>(metric.list)];
-            const bool is_listed = list.value && (listed(list, shown.mac) >> port & 1) != 0;
-            if (list.value && (has_colour || is_listed)) {
-                out.gauge(metric.name, metric.help, label, is_listed ? 1 : 0);
+        for (int i = 0; i < PORT_LISTS; i++) {
+            const auto which = static_cast<port_list>(i);
+            const port_list_info &info = PORT_LIST_INFOS[which];
+            const bool is_listed = (net.listed(which, shown.mac) >> port & 1) != 0;
+            if (net.lists[which].value && (has_colour || is_listed)) {
+                out.gauge(std::string("diag_port_") + info.name,
+                          std::string("Whether the port is in the network's ") + info.label + ".", label,
+                          is_listed ? 1 : 0);
             }
         }
     }
@@ -207,7 +189,7 @@ std::vector<MetricFamily> network_metrics(const network &net, bool is_daemon_up)
     out.gauge("diag_daemon_up", "Whether the card's daemon answers commands.", {}, is_daemon_up ? 1 : 0);
     size_t present = 0;
     for (const auto &[mac, shown] : net.nodes) {
-        if (shown.is_present || net.is_local(mac)) {
+        if (net.has(shown)) {
             present++;
             add_node(out, net, shown);
         }

@@ -1,28 +1,15 @@
-// What a broker's diagnostic topics say about the network: topic and payload in, a model and one line of text
-// for each change out. Nothing here talks to a broker, or looks at a clock
-// but current_moment().
+// What a broker's diagnostic topics say about the network: topic and payload in, a model and the changes that they mean out.
+// Nothing here talks to a broker or a terminal or looks at a clock.
 //
-// Every value keeps whether its topic is published at all and whether it could be decoded: a payload of the
-// wrong form is never shown in part.
+// Every value keeps whether its topic is published at all and whether it could be decoded.
 #pragma once
 
-#include "common/netif.h"
-#include "hwinfo/hwinfo.h"
-#include "records.h"
+#include "network/change.h"
+#include "network/names.h"
+#include "network/payloads.h"
 
-#include <array>
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
 #include <map>
-#include <optional>
-#include <span>
-#include <string>
-#include <string_view>
-#include <vector>
-
-using mac_address = std::array<uint8_t, MAC_SIZE>;
-std::string mac_text(const mac_address &mac);
 
 // Two readings of one instant: steady for ages, wall for what people read.
 struct moment {
@@ -30,55 +17,15 @@ struct moment {
     std::chrono::system_clock::time_point wall;
 };
 
-moment current_moment();
-
 // The last value of a topic.
 template <typename T>
 struct fact {
     bool is_published = false; // false: never heard of, or withdrawn
     size_t size = 0;           // length of the payload
     std::optional<T> value;    // empty while is_published: the payload is malformed
+
+    bool is_malformed() const { return is_published && !value; }
 };
-
-// The topics pub/diag/<MAC>/<name> that hold one value.
-enum node_topic {
-    TOPIC_PORT_SUMMARY,
-    TOPIC_PORT_MEDIA,
-    TOPIC_JOB_REV,
-    TOPIC_JOB_NAME,
-    TOPIC_DOWNLOAD_STATUS,
-    TOPIC_CF_FREE_SPACE,
-    TOPIC_M301,
-    TOPIC_M702,
-    TOPIC_COMM_LOSS,
-    TOPIC_DOWNLOAD_PENDING,
-    TOPIC_REPEATER,
-    TOPIC_SOFTWARE_VERSIONS,
-    TOPIC_CARD_ADDR,
-    NODE_TOPICS,
-};
-// The daemon withdraws the first eleven when a node leaves; the others stay.
-constexpr int NODE_TOPICS_WITHDRAWN = TOPIC_SOFTWARE_VERSIONS;
-
-enum class value_kind {
-    TEXT,
-    NUMBER,
-    FLAG,      // "on" or "off"
-    STRUCTURE, // taken apart in struct node
-};
-
-struct node_topic_info {
-    const char *name;  // last level of the topic
-    const char *label; // for people
-    value_kind kind;
-};
-node_topic_info node_topic_of(int topic);
-
-// One code for each front port; the code for none where the topic doesn't name the port.
-using port_codes = std::array<int, LUM_FRONT_PORTS>;
-
-using stats_record = std::array<uint8_t, STATS_BLOCK_SIZE>;
-using pm_record = std::array<uint8_t, PM_RECORD_SIZE>;
 
 struct stats_sample {
     stats_record record;
@@ -94,16 +41,10 @@ struct port_records {
     std::map<std::string, fact<pm_record>, std::less<>> pm; // by slot: "period0" ... "day6"
     fact<std::string> last_period;                          // the slot closed last
     fact<std::string> last_day;
-    // The statistics when the running period began, and when that was; empty until a period has been seen to
-    // close. The daemon publishes a period only when it closes.
+    // The statistics when the running period began; empty until a period has been seen to close. The daemon publishes a
+    // period only when it closes.
     std::optional<stats_record> period_start;
-    std::optional<moment> period_start_time;
     bool is_reset_seen = false; // and no period closed since: the running period began with the totals
-};
-
-struct software_version {
-    std::string name;
-    std::string version;
 };
 
 struct node {
@@ -120,79 +61,39 @@ struct node {
     std::optional<moment> last_change;                // of anything but ports; empty: none since the start
 };
 
-struct listed_ports {
-    mac_address mac;
-    uint8_t number;
-    uint8_t ports; // bit n: port n
-};
-
-struct miswired_link {
-    uint8_t number;
-    uint8_t port;
-    uint8_t peer_number;
-    uint8_t peer_port;
-    bool operator==(const miswired_link &) const = default;
-};
-
-enum port_list {
-    LIST_LINK_DOWN,
-    LIST_GROUND,
-    LIST_MISWIRED,
-    PORT_LISTS,
-};
-
-struct network {
-    fact<mac_address> local;
+// What one card says of the whole network.
+struct card_view {
+    fact<mac_address> local; // the card itself
     fact<bool> ring_degraded;
-    std::map<unsigned, fact<int32_t>> rings; // of the local node, see ring_state_text()
-    std::array<fact<std::vector<listed_ports>>, PORT_LISTS> lists;
+    std::map<unsigned, fact<int32_t>> rings; // of the card itself, see ring_state_text()
+    std::array<fact<port_list_value>, PORT_LISTS> lists;
     fact<std::vector<miswired_link>> miswired_links; // not published: no miswired link
-    std::map<mac_address, node> nodes;               // also nodes that have left, see is_present
 
     bool is_local(const mac_address &mac) const { return local.value == mac; }
+    // The ports of a node that a list names.
+    unsigned listed(port_list list, const mac_address &mac) const
+    {
+        return ports_in(lists[list].value.value_or(port_list_value{}), mac);
+    }
 };
 
-// Upper-case name of a port, or its number where it has none.
-std::string port_text(int port);
+struct network : card_view {
+    std::map<mac_address, node> nodes; // also nodes that have left, see is_present
+    node_names names;
 
-// A port's number from its name in upper or lower case, empty for anything else.
-std::optional<int> parse_port(std::string_view text);
-
-// "7/A to 9/C": the ends as node number and port.
-std::string miswired_link_text(const miswired_link &link);
-
-// "closed", "open" or "not configured".
-const char *ring_state_text(int32_t state);
-
-// "green", "yellow" or "red".
-const char *colour_name(int status);
-
-// A topic pub/diag/<MAC>/<name> or pub/diag/<MAC>/<PORT>/<name>.
-struct topic_place {
-    mac_address mac;
-    std::optional<int> port;
-    std::string_view name; // within the topic's text
+    // What can be looked at as a node: it is present, or the card itself.
+    bool has(const node &item) const { return item.is_present || is_local(item.mac); }
 };
-std::optional<topic_place> parse_topic_place(std::string_view topic);
-
-// A node_topic, -1 for other names.
-int node_topic_named(std::string_view name);
-
-std::optional<int> port_list_of_topic(std::string_view topic); // a port_list
 
 enum class change_detail {
     NETWORK, // not the contents of statistics and performance records
     RECORDS,
 };
 
-// Takes in one message and returns the changes it means, one line each. Of a retained message, which tells
-// what was before the subscription, there are none. Topics that aren't known are passed over.
-std::vector<std::string> network_apply(network &net, std::string_view topic, std::span<const uint8_t> payload,
-                                       bool is_retained, const moment &now,
-                                       change_detail detail = change_detail::NETWORK);
-
-// An unsigned big-endian field of a published record.
-uint64_t field_value(std::span<const uint8_t> record, size_t offset, size_t width);
+// Takes in one message and returns the changes it means. Of a retained message, which tells what was before the
+// subscription, there are none. Topics that aren't known are passed over.
+changes network_apply(network &net, std::string_view topic, bytes payload, bool is_retained,
+                      const moment &now, change_detail detail = change_detail::NETWORK);
 
 // How much a counter grew each second between the last two statistics. Empty when their times aren't known, and for
 // what isn't a counter of traffic.
@@ -204,14 +105,40 @@ std::optional<double> field_rate(const port_records &records, const stats_field 
 // beginning wasn't seen, when there are no statistics, and for the time.
 std::optional<uint64_t> running_period_value(const port_records &records, const pm_field &field);
 
-// The node a user means: "local", a MAC address in either case with dashes, colons, dots or nothing between its
-// bytes, or a number from 1 to 255.
+// The performance records of a port in the order in which they were closed, what can't be decoded first.
+enum class pm_kind {
+    PERIODS,
+    DAYS,
+};
+struct closed_record {
+    std::string slot;
+    fact<pm_record> record;
+    bool is_last; // closed last
+
+    std::chrono::system_clock::time_point time() const; // only of what can be decoded
+};
+std::vector<closed_record> closed_records(const node &shown, int port, pm_kind kind);
+
+// The present nodes, the local one among them.
+enum class node_order {
+    MAC, // the local node first
+    NUMBER,
+    FAULTS, // most red ports first, then most yellow ones
+    CHANGE, // the latest first
+};
+std::vector<const node *> sorted_nodes(const network &net, node_order order);
+
+// The node a user means: "local", a MAC address in any form that parse_mac() knows, a number from 1 to 255, or a name. A
+// name has the addresses that the names give it, none where they don't have it.
 struct node_reference {
     bool is_local = false;
-    std::optional<mac_address> mac;
-    std::optional<uint8_t> number;
+    std::optional<uint8_t> number = {};
+    std::vector<mac_address> macs = {};
 };
-std::optional<node_reference> parse_node_reference(std::string_view text);
+std::optional<node_reference> parse_node_reference(std::string_view text, const node_names &names);
 
-// The nodes of the model that a reference fits: several where cards share a number.
+// The nodes of the model that a reference fits: several where cards share a number or a name.
 std::vector<const node *> find_nodes(const network &net, const node_reference &reference);
+
+// Whether a change is one of the node's or nodes': it names it by address or number, or as an end of a link.
+bool concerns(const network &net, const node_reference &reference, const change &item);

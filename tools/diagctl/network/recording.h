@@ -9,12 +9,7 @@
 // printable text is text, any other hexadecimal. An empty one that is retained has removed the topic's value.
 #pragma once
 
-#include <cstdint>
-#include <optional>
-#include <span>
-#include <string>
-#include <string_view>
-#include <vector>
+#include "network/payloads.h"
 
 struct recorded_message {
     double time;
@@ -23,15 +18,12 @@ struct recorded_message {
     std::vector<uint8_t> payload;
 };
 
-// UTF-8 without control characters.
-bool is_printable(std::span<const uint8_t> payload);
 // The payload as it is where it is printable, else in hexadecimal after "0x".
-std::string payload_display(std::span<const uint8_t> payload);
+std::string payload_display(bytes payload);
 
 // Lines without their end. started: UTC.
 std::string recording_head(const std::string &started);
-std::string recording_line(double time, bool is_retained, std::string_view topic,
-                           std::span<const uint8_t> payload);
+std::string recording_line(double time, bool is_retained, std::string_view topic, bytes payload);
 
 // The start of a recording; empty when the line isn't a recording's first.
 std::optional<std::string> parse_recording_head(const std::string &line);

@@ -1,5 +1,8 @@
+#include "network/json.h"
 #include "screen/reports.h"
 #include "topics.h"
+
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <cctype>
@@ -7,8 +10,6 @@
 
 namespace
 {
-
-using std::to_string;
 
 struct field_unit {
     size_t offset;
@@ -32,20 +33,17 @@ const char *unit_of(const stats_field &field)
 // One decimal below 100.
 std::string rate_text(double rate)
 {
-    char text[32];
-    snprintf(text, sizeof text, rate > 0 && rate < 100 ? "%.1f/s" : "%.0f/s", rate);
-    return text;
+    return rate > 0 && rate < 100 ? fmt::format("{:.1f}/s", rate) : fmt::format("{:.0f}/s", rate);
 }
 
 // Right-aligned, as numbers are read.
-std::vector<screen_line> align_right(std::vector<std::string> texts,
-                                     const std::vector<text_style> &styles = {})
+screen_lines align_right(std::vector<std::string> texts, const std::vector<text_style> &styles = {})
 {
     size_t width = 0;
     for (const std::string &text : texts) {
         width = std::max(width, text.size());
     }
-    std::vector<screen_line> cells;
+    screen_lines cells;
     for (size_t i = 0; i < texts.size(); i++) {
         const text_style style = i < styles.size() ? styles[i] : text_style::PLAIN;
         cells.push_back({{style, std::string(width - texts[i].size(), ' ') + texts[i]}});
@@ -67,7 +65,7 @@ screen_line port_title(const node &shown, int port)
     return {{text_style::BOLD, text}};
 }
 
-void add_port_lines(std::vector<screen_line> &lines, const node &shown, int port, const port_records &records)
+void add_port_lines(screen_lines &lines, const node &shown, int port, const port_records &records)
 {
     lines.push_back(port_title(shown, port));
     if (!records.stats.value) {
@@ -78,50 +76,17 @@ void add_port_lines(std::vector<screen_line> &lines, const node &shown, int port
     std::vector<std::string> rates;
     for (const stats_field &field : STATS_FIELDS) {
         const std::optional<double> rate = field_rate(records, field);
-        totals.push_back(to_string(field_value(*records.stats.value, field.offset, field.width)));
+        totals.push_back(std::to_string(field_value(*records.stats.value, field)));
         rates.push_back(rate ? rate_text(*rate) : "");
     }
-    const std::vector<screen_line> total_cells = align_right(totals);
-    const std::vector<screen_line> rate_cells = align_right(rates);
-    std::vector<std::vector<screen_line>> rows;
+    const screen_lines total_cells = align_right(totals);
+    const screen_lines rate_cells = align_right(rates);
+    std::vector<screen_lines> rows;
     for (size_t i = 0; i < STATS_FIELDS.size(); i++) {
         rows.push_back({plain(std::string("  ") + STATS_FIELDS[i].name), total_cells[i],
                         plain(unit_of(STATS_FIELDS[i])), rate_cells[i]});
     }
     append_lines(lines, columns(rows));
-}
-
-struct period {
-    std::string slot;
-    fact<pm_record> record;
-    bool is_last; // closed last
-
-    int64_t closed() const
-    {
-        return record.value ? static_cast<int64_t>(field_value(*record.value, PM_TIME, sizeof(int64_t)))
-                            : INT64_MIN;
-    }
-};
-
-// In the order of closing, what can't be decoded first.
-std::vector<period> closed_periods(const node &shown, int port, pm_kind kind)
-{
-    std::vector<period> periods;
-    const auto found = shown.ports.find(port);
-    if (found == shown.ports.end()) {
-        return periods;
-    }
-    const port_records &records = found->second;
-    const bool is_day = kind == pm_kind::DAYS;
-    const fact<std::string> &last = is_day ? records.last_day : records.last_period;
-    for (const auto &[slot, record] : records.pm) {
-        if (slot.starts_with(PM_DAY) == is_day && record.is_published) {
-            periods.push_back({slot, record, last.value == slot});
-        }
-    }
-    std::stable_sort(periods.begin(), periods.end(),
-                     [](const period &a, const period &b) { return a.closed() < b.closed(); });
-    return periods;
 }
 
 constexpr const char *UTF8_BARS[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
@@ -142,25 +107,25 @@ std::string sparkline(const std::vector<uint64_t> &bars, uint64_t max, bool is_u
 }
 
 // The values of a field in the periods that can be decoded.
-std::vector<uint64_t> values_of(const std::vector<period> &periods, const pm_field &field)
+std::vector<uint64_t> values_of(const std::vector<closed_record> &periods, const pm_field &field)
 {
     std::vector<uint64_t> values;
-    for (const period &item : periods) {
+    for (const closed_record &item : periods) {
         if (item.record.value) {
-            values.push_back(field_value(*item.record.value, field.offset, field.width));
+            values.push_back(field_value(*item.record.value, field));
         }
     }
     return values;
 }
 
 // Neighbours share a bar, the highest of them, where there is no room for each.
-std::vector<screen_line> sparklines(const std::vector<period> &periods,
-                                    const std::vector<const pm_field *> &fields, const pm_style &style)
+screen_lines sparklines(const std::vector<closed_record> &periods,
+                        const std::vector<const pm_field *> &fields, const pm_style &style)
 {
     constexpr size_t LABELS = 40; // of name and maximum
     const size_t room = style.width > 2 * LABELS ? style.width - LABELS : LABELS;
     const size_t share = (periods.size() + room - 1) / room;
-    std::vector<std::vector<screen_line>> rows;
+    std::vector<screen_lines> rows;
     for (const pm_field *const field : fields) {
         std::vector<uint64_t> bars;
         const std::vector<uint64_t> values = values_of(periods, *field);
@@ -171,34 +136,18 @@ std::vector<screen_line> sparklines(const std::vector<period> &periods,
             bars.back() = std::max(bars.back(), values[i]);
         }
         const uint64_t max = *std::max_element(values.begin(), values.end());
-        rows.push_back(
-            {plain(field->name), plain(sparkline(bars, max, style.is_utf8)), plain("max " + to_string(max))});
+        rows.push_back({plain(field->name), plain(sparkline(bars, max, style.is_utf8)),
+                        plain("max " + std::to_string(max))});
     }
-    std::vector<screen_line> lines = columns(rows);
+    screen_lines lines = columns(rows);
     if (share > 1) {
-        lines.push_back(plain("(each bar the highest of " + to_string(share) + ")"));
+        lines.push_back(plain("(each bar the highest of " + std::to_string(share) + ")"));
     }
     return lines;
 }
 
-std::chrono::system_clock::time_point closing_time(const period &item)
-{
-    return std::chrono::system_clock::from_time_t(static_cast<time_t>(item.closed()));
-}
-
-json pm_records_json(const std::vector<period> &periods)
-{
-    json records = json::array();
-    for (const period &item : periods) {
-        json entry = {{"slot", item.slot}};
-        entry.update(item.record.value ? pm_json(*item.record.value) : malformed_or_null(item.record));
-        records.push_back(entry);
-    }
-    return records;
-}
-
 // Titles of two lines, for the names are longer than the values: "errored" above "frames".
-void add_title(std::vector<std::vector<screen_line>> &rows, const std::string &title)
+void add_title(std::vector<screen_lines> &rows, const std::string &title)
 {
     const size_t cut = title.rfind('_');
     const bool is_words = cut != std::string::npos && !std::isdigit(static_cast<unsigned char>(title.back()));
@@ -206,30 +155,28 @@ void add_title(std::vector<std::vector<screen_line>> &rows, const std::string &t
     rows[1].push_back({{text_style::BOLD, is_words ? title.substr(cut + 1) : title}});
 }
 
-std::vector<screen_line> pm_table(const std::vector<period> &periods,
-                                  const std::vector<const pm_field *> &fields)
+screen_lines pm_table(const std::vector<closed_record> &periods, const std::vector<const pm_field *> &fields)
 {
-    std::vector<std::vector<screen_line>> rows(2);
+    std::vector<screen_lines> rows(2);
     add_title(rows, "CLOSED");
     add_title(rows, "SLOT");
-    for (const period &item : periods) {
+    for (const closed_record &item : periods) {
         const std::string closed =
-            item.record.value ? date_text({{}, closing_time(item)}) : fact_text(item.record, "", "");
+            item.record.value ? date_text({{}, item.time()}) : fact_text(item.record, "", "");
         rows.push_back({plain(closed), plain(item.slot + (item.is_last ? " (last)" : ""))});
     }
     for (const pm_field *const field : fields) {
         add_title(rows, field->name);
         std::vector<std::string> texts;
         std::vector<text_style> styles;
-        for (const period &item : periods) {
-            const uint64_t value =
-                item.record.value ? field_value(*item.record.value, field->offset, field->width) : 0;
+        for (const closed_record &item : periods) {
+            const uint64_t value = item.record.value ? field_value(*item.record.value, *field) : 0;
             // What makes a port red is also marked, as in the table of nodes.
             const bool is_problem = value > field->limit;
-            texts.push_back((item.record.value ? to_string(value) : "") + (is_problem ? "!" : " "));
+            texts.push_back((item.record.value ? std::to_string(value) : "") + (is_problem ? "!" : " "));
             styles.push_back(is_problem ? text_style::RED : text_style::PLAIN);
         }
-        const std::vector<screen_line> cells = align_right(texts, styles);
+        const screen_lines cells = align_right(texts, styles);
         for (size_t i = 0; i < cells.size(); i++) {
             rows[i + 2].push_back(cells[i]);
         }
@@ -239,74 +186,25 @@ std::vector<screen_line> pm_table(const std::vector<period> &periods,
 
 } // namespace
 
-json stats_json(const stats_record &record)
+screen_lines ports_lines(const node &shown)
 {
-    json object = json::object();
-    for (const stats_field &field : STATS_FIELDS) {
-        object[field.name] = field_value(record, field.offset, field.width);
-    }
-    return object;
-}
-
-report report_ports(const node &shown, std::optional<int> port)
-{
-    report result;
-    result.object = {
-        {"mac", mac_text(shown.mac)},
-        {"number", shown.number ? json(*shown.number) : json()},
-        {"ports", json::array()},
-    };
+    screen_lines lines;
     for (const auto &[number, records] : shown.ports) {
-        if ((port && *port != number) || !records.stats.is_published) {
-            continue;
-        }
-        if (!result.lines.empty()) {
-            result.lines.emplace_back();
-        }
-        add_port_lines(result.lines, shown, number, records);
-        json rates;
-        for (const stats_field &field : STATS_FIELDS) {
-            if (const std::optional<double> rate = field_rate(records, field)) {
-                rates[field.name] = *rate;
+        if (records.stats.is_published) {
+            if (!lines.empty()) {
+                lines.emplace_back();
             }
-        }
-        result.object["ports"].push_back(
-            {{"port", port_text(number)},
-             {"statistics",
-              records.stats.value ? stats_json(*records.stats.value) : malformed_or_null(records.stats)},
-             {"rates_per_second", rates}});
-    }
-    return result;
-}
-
-json pm_json(const pm_record &record)
-{
-    json object = json::object();
-    for (const pm_field &field : PM_FIELDS) {
-        const uint64_t value = field_value(record, field.offset, field.width);
-        if (field.treatment == pm_treatment::CLOSING_TIME) {
-            object[field.name] = utc_text(std::chrono::system_clock::from_time_t(static_cast<time_t>(value)));
-        } else {
-            object[field.name] = value;
+            add_port_lines(lines, shown, number, records);
         }
     }
-    return object;
+    return lines;
 }
 
-report report_pm(const node &shown, int port, pm_kind kind, const pm_style &style)
+screen_lines pm_lines(const node &shown, int port, pm_kind kind, const pm_style &style)
 {
-    const std::vector<period> periods = closed_periods(shown, port, kind);
-    report result;
-    result.object = {
-        {"mac", mac_text(shown.mac)},
-        {"port", port_text(port)},
-        {"kind", kind == pm_kind::DAYS ? "days" : "periods"},
-        {"records", pm_records_json(periods)},
-    };
+    const std::vector<closed_record> periods = closed_records(shown, port, kind);
     if (periods.empty()) {
-        result.lines.push_back(
-            plain(kind == pm_kind::DAYS ? "no day has closed yet" : "no quarter hour has closed yet"));
-        return result;
+        return {plain(kind == pm_kind::DAYS ? "no day has closed yet" : "no quarter hour has closed yet")};
     }
     // Only what has something to tell has a column and a sparkline.
     std::vector<const pm_field *> fields;
@@ -322,30 +220,30 @@ report report_pm(const node &shown, int port, pm_kind kind, const pm_style &styl
             zeros += (zeros.empty() ? "" : ", ") + std::string(field.name);
         }
     }
-    result.lines = pm_table(periods, fields);
-    result.lines.emplace_back();
-    append_lines(result.lines, sparklines(periods, fields, style));
+    screen_lines lines = pm_table(periods, fields);
+    lines.emplace_back();
+    append_lines(lines, sparklines(periods, fields, style));
     if (!zeros.empty()) {
-        result.lines.push_back(plain("always 0: " + zeros));
+        lines.push_back(plain("always 0: " + zeros));
     }
-    return result;
+    return lines;
 }
 
-std::vector<screen_line> pm_csv(const node &shown, int port, pm_kind kind)
+screen_lines pm_csv(const node &shown, int port, pm_kind kind)
 {
     std::string head = "slot";
     for (const pm_field &field : PM_FIELDS) {
         head += std::string(",") + field.name;
     }
-    std::vector<screen_line> lines = {plain(head)};
-    for (const period &item : closed_periods(shown, port, kind)) {
+    screen_lines lines = {plain(head)};
+    for (const closed_record &item : closed_records(shown, port, kind)) {
         std::string row = item.slot;
         for (const pm_field &field : PM_FIELDS) {
             row += ",";
             if (item.record.value) {
                 row += field.treatment == pm_treatment::CLOSING_TIME
-                           ? utc_text(closing_time(item))
-                           : to_string(field_value(*item.record.value, field.offset, field.width));
+                           ? utc_text(item.time())
+                           : std::to_string(field_value(*item.record.value, field));
             }
         }
         // Without numbers, so that nobody calculates with a record that couldn't be read.

@@ -1,10 +1,10 @@
 #include "screen/terminal.h"
 
 #include <sys/ioctl.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
@@ -51,12 +51,6 @@ constexpr key_code KEYS[] = {
     {"\x1b", key::BACK},
 };
 
-struct {
-    termios saved{};
-    bool is_saved = false;
-    std::string shown; // the last frame, not drawn again while nothing changes
-} terminal;
-
 bool write_all(std::string_view text)
 {
     while (!text.empty()) {
@@ -87,37 +81,53 @@ bool terminal_is_screen()
     return isatty(STDOUT_FILENO) == 1 && name != nullptr && *name != '\0' && std::string_view(name) != "dumb";
 }
 
-void terminal_enter()
+terminal_size current_terminal_size()
 {
-    terminal.is_saved = tcgetattr(STDIN_FILENO, &terminal.saved) == 0;
-    if (terminal.is_saved) {
-        termios raw = terminal.saved;
+    winsize size{};
+    const bool is_known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 && size.ws_row > 0;
+    return is_known ? terminal_size{size.ws_col, size.ws_row} : terminal_size{80, 24};
+}
+
+full_screen::full_screen()
+{
+    enter();
+}
+
+full_screen::~full_screen()
+{
+    leave();
+}
+
+void full_screen::enter()
+{
+    is_saved = tcgetattr(STDIN_FILENO, &saved) == 0;
+    if (is_saved) {
+        termios raw = saved;
         raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
         raw.c_cc[VMIN] = 1;
         raw.c_cc[VTIME] = 0;
         tcsetattr(STDIN_FILENO, TCSANOW, &raw);
     }
     write_all(ENTER);
-    terminal_redraw();
+    redraw();
 }
 
-void terminal_leave()
+void full_screen::leave()
 {
     write_all(LEAVE);
-    if (terminal.is_saved) {
-        tcsetattr(STDIN_FILENO, TCSANOW, &terminal.saved);
+    if (is_saved) {
+        tcsetattr(STDIN_FILENO, TCSANOW, &saved);
     }
 }
 
-void terminal_size(size_t &width, size_t &height)
+void full_screen::suspend()
 {
-    winsize size{};
-    const bool is_known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 && size.ws_row > 0;
-    width = is_known ? size.ws_col : 80;
-    height = is_known ? size.ws_row : 24;
+    leave();
+    raise(SIGSTOP);
+    enter();
 }
 
-bool terminal_draw(const std::vector<screen_line> &lines)
+bool full_screen::draw(const std::vector<screen_line> &lines)
 {
     std::string frame(HOME);
     for (size_t i = 0; i < lines.size(); i++) {
@@ -125,20 +135,15 @@ bool terminal_draw(const std::vector<screen_line> &lines)
         frame += CLEAR_LINE;
         append_styled(frame, lines[i]);
     }
-    if (frame == terminal.shown) {
+    if (frame == shown) {
         return true;
     }
-    const bool is_drawn = write_all(terminal.shown.empty() ? std::string(CLEAR) + frame : frame);
-    terminal.shown = std::move(frame);
+    const bool is_drawn = write_all(shown.empty() ? std::string(CLEAR) + frame : frame);
+    shown = std::move(frame);
     return is_drawn;
 }
 
-void terminal_redraw()
-{
-    terminal.shown.clear();
-}
-
-bool terminal_read_keys(std::vector<key> &keys)
+bool read_keys(std::vector<key> &keys)
 {
     char buffer[64];
     const ssize_t length = read(STDIN_FILENO, buffer, sizeof buffer);

@@ -4,20 +4,42 @@
 
 #include "screen/text.h"
 
+#include <termios.h>
+
 // Whether a full screen can be shown: standard output is a terminal that knows how to place the cursor.
 bool terminal_is_screen();
 
-void terminal_enter();
-void terminal_leave();
-
 // The size in characters, 80 by 24 where the terminal does not tell.
-void terminal_size(size_t &width, size_t &height);
+struct terminal_size {
+    size_t width;
+    size_t height;
+};
+terminal_size current_terminal_size();
 
-// Shows the lines from the top of the screen, as many as it has. False when the terminal is gone.
-bool terminal_draw(const std::vector<screen_line> &lines);
+// The full screen, from here to its end.
+class full_screen
+{
+public:
+    full_screen();
+    ~full_screen();
+    full_screen(const full_screen &) = delete;
+    full_screen &operator=(const full_screen &) = delete;
 
-// Forgets what is shown, so that the next drawing paints all of it.
-void terminal_redraw();
+    // Shows the lines from the top of the screen, as many as it has. False when the terminal is gone.
+    bool draw(const std::vector<screen_line> &lines);
+    // Forgets what is shown, so that the next drawing paints all of it.
+    void redraw() { shown.clear(); }
+    // Stops the process as the terminal's user asked to, with the terminal as it was before.
+    void suspend();
+
+private:
+    void enter();
+    void leave();
+
+    termios saved{};
+    bool is_saved = false;
+    std::string shown; // the last frame, not drawn again while nothing changes
+};
 
 enum class key {
     QUIT,
@@ -35,7 +57,7 @@ enum class key {
 };
 
 // The keys that wait on standard input; false when it has ended.
-bool terminal_read_keys(std::vector<key> &keys);
+bool read_keys(std::vector<key> &keys);
 
 // Writes the line to standard output, with its styles if that is a terminal that shows them.
 void terminal_print(const screen_line &line);

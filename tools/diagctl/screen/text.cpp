@@ -1,29 +1,17 @@
 #include "screen/text.h"
 
+#include <fmt/chrono.h>
+
 #include <algorithm>
-#include <ctime>
 
 namespace
 {
-
-using std::to_string;
 
 constexpr const char *COLUMN_GAP = "  ";
 
 bool is_continuation(char c)
 {
     return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U;
-}
-
-// Room for a year of any length.
-using time_text = char[32];
-
-tm broken_down(std::chrono::system_clock::time_point when, tm *(*break_down)(const time_t *, tm *))
-{
-    const time_t seconds = std::chrono::system_clock::to_time_t(when);
-    tm result{};
-    break_down(&seconds, &result);
-    return result;
 }
 
 } // namespace
@@ -80,7 +68,7 @@ void cut_lines(std::vector<screen_line> &lines, size_t count)
     const size_t left_out = lines.size() - count + 1;
     lines.resize(count);
     if (count > 0) {
-        lines.back() = {{text_style::DIM, "... " + to_string(left_out) + " more lines"}};
+        lines.back() = {{text_style::DIM, fmt::format("... {} more lines", left_out)}};
     }
 }
 
@@ -130,33 +118,37 @@ std::vector<screen_line> heading(const std::vector<std::string> &titles)
 
 std::string date_text(const moment &when)
 {
-    const tm time = broken_down(when.wall, localtime_r);
-    time_text text = "";
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &time);
-    return text;
+    return fmt::format("{:%Y-%m-%d %H:%M:%S}",
+                       fmt::localtime(std::chrono::system_clock::to_time_t(when.wall)));
 }
 
 std::string clock_text(const moment &when)
 {
-    const tm time = broken_down(when.wall, localtime_r);
-    time_text text = "";
-    strftime(text, sizeof text, "%H:%M:%S", &time);
-    return text;
-}
-
-std::string utc_text(std::chrono::system_clock::time_point when)
-{
-    const tm time = broken_down(when, gmtime_r);
-    time_text text = "";
-    strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &time);
-    return text;
+    return fmt::format("{:%H:%M:%S}", fmt::localtime(std::chrono::system_clock::to_time_t(when.wall)));
 }
 
 std::string age_text(std::chrono::steady_clock::duration age)
 {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(age).count();
     if (seconds < 120) {
-        return to_string(seconds) + " s";
+        return fmt::format("{} s", seconds);
     }
-    return seconds < 7200 ? to_string(seconds / 60) + " min" : to_string(seconds / 3600) + " h";
+    return seconds < 7200 ? fmt::format("{} min", seconds / 60) : fmt::format("{} h", seconds / 3600);
+}
+
+std::string malformed_text(size_t size)
+{
+    return fmt::format("malformed ({} byte{})", size, size == 1 ? "" : "s");
+}
+
+std::string node_text(const network &net, const mac_address &mac)
+{
+    const std::string *const name = net.names.of(mac);
+    return name == nullptr ? mac_text(mac) : fmt::format("{} {}", *name, mac_text(mac));
+}
+
+std::string node_label(const network &net, const mac_address &mac, std::optional<uint8_t> number)
+{
+    const std::string text = "node " + node_text(net, mac);
+    return number ? fmt::format("{} ({})", text, *number) : text;
 }

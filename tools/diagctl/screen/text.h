@@ -45,11 +45,17 @@ std::vector<screen_line> heading(const std::vector<std::string> &titles);
 std::string date_text(const moment &when);
 std::string clock_text(const moment &when);
 
-// "2024-05-01T08:15:03Z".
-std::string utc_text(std::chrono::system_clock::time_point when);
-
 // "7 s", "12 min" or "3 h".
 std::string age_text(std::chrono::steady_clock::duration age);
+
+// "malformed (5 bytes)".
+std::string malformed_text(size_t size);
+
+// "02-00-00-00-00-03", behind its name where it has one.
+std::string node_text(const network &net, const mac_address &mac);
+
+// "node Lobby 02-00-00-00-00-03 (7)": the number, where it is known, in brackets.
+std::string node_label(const network &net, const mac_address &mac, std::optional<uint8_t> number);
 
 // text where the topic's value is known; otherwise absent, or "malformed (N bytes)".
 template <typename T>
@@ -58,7 +64,5 @@ std::string fact_text(const fact<T> &value, const char *absent, const std::strin
     if (!value.is_published) {
         return absent;
     }
-    return value.value
-               ? text
-               : "malformed (" + std::to_string(value.size) + (value.size == 1 ? " byte)" : " bytes)");
+    return value.value ? text : malformed_text(value.size);
 }

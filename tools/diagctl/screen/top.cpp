@@ -1,20 +1,18 @@
 #include "screen/top.h"
 
-#include "screen/reports.h"
+#include <fmt/core.h>
 
 #include <algorithm>
 
 namespace
 {
 
-using std::to_string;
-
 constexpr size_t MIN_EVENT_LINES = 4; // with their title
 constexpr size_t MIN_NODE_ROWS = 3;
 constexpr size_t MAX_LIST_LINES = 3;
 constexpr const char *HELP = "sort m:mac n:number f:faults c:change  enter detail  q quit";
 
-std::vector<screen_line> header_lines(const screen &screen, size_t node_count, const moment &now)
+screen_lines header_lines(const screen &screen, size_t node_count, const moment &now)
 {
     const network &net = screen.net;
     std::string title = "diagctl top  " + screen.broker + "  " + clock_text(now);
@@ -24,20 +22,19 @@ std::vector<screen_line> header_lines(const screen &screen, size_t node_count, c
         title += help;
     }
     screen_line state = plain("Local node ");
-    state.push_back({text_style::BOLD,
-                     fact_text(net.local, "unknown", net.local.value ? mac_text(*net.local.value) : "")});
+    state.push_back({text_style::BOLD, fact_text(net.local, "unknown",
+                                                 net.local.value ? node_text(net, *net.local.value) : "")});
     state.push_back({text_style::PLAIN, "   Network ring "});
     state.push_back({ring_style(net), ring_text(net)});
-    state.push_back(
-        {text_style::PLAIN, "   " + to_string(node_count) + (node_count == 1 ? " node" : " nodes")});
+    state.push_back({text_style::PLAIN, fmt::format("   {} node{}", node_count, node_count == 1 ? "" : "s")});
     return {title_line(title, screen.width), state};
 }
 
 // The table, scrolled so that the selected node is in it.
-std::vector<screen_line> node_lines(const screen &screen, const std::vector<const node *> &nodes,
-                                    size_t max_rows, const moment &now)
+screen_lines visible_nodes(const screen &screen, const std::vector<const node *> &nodes, size_t max_rows,
+                           const moment &now)
 {
-    std::vector<screen_line> lines = node_table(screen.net, nodes, now);
+    screen_lines lines = node_table(screen.net, nodes, now);
     if (nodes.empty()) {
         return lines;
     }
@@ -51,18 +48,18 @@ std::vector<screen_line> node_lines(const screen &screen, const std::vector<cons
     const size_t first = selected < visible ? 0 : selected - visible + 1;
     const auto body = lines.begin() + 1;
     const auto from = body + static_cast<std::ptrdiff_t>(first);
-    std::vector<screen_line> cut = {lines[0]};
+    screen_lines cut = {lines[0]};
     cut.insert(cut.end(), from, from + static_cast<std::ptrdiff_t>(visible));
-    cut.push_back({{text_style::DIM, "... nodes " + to_string(first + 1) + " to " +
-                                         to_string(first + visible) + " of " + to_string(nodes.size())}});
+    cut.push_back({{text_style::DIM,
+                    fmt::format("... nodes {} to {} of {}", first + 1, first + visible, nodes.size())}});
     return cut;
 }
 
 // One node with the statistics of its ports.
-std::vector<screen_line> detail_lines(const screen &screen, const node &shown)
+screen_lines detail_lines(const screen &screen, const node &shown)
 {
-    std::vector<screen_line> lines = report_node(screen.net, shown).lines;
-    const std::vector<screen_line> ports = report_ports(shown, {}).lines;
+    screen_lines lines = node_lines(screen.net, shown);
+    const screen_lines ports = ports_lines(shown);
     if (!ports.empty()) {
         lines.push_back(title_line("Statistics since reset", screen.width));
         append_lines(lines, ports);
@@ -71,22 +68,22 @@ std::vector<screen_line> detail_lines(const screen &screen, const node &shown)
 }
 
 // "Link down: none", or the entries behind the title, wrapped and cut.
-std::vector<screen_line> list_lines(const std::string &title, const std::vector<std::string> &entries,
-                                    const std::string &other, size_t width)
+screen_lines list_lines(const std::string &title, const std::vector<std::string> &entries,
+                        const std::string &other, size_t width)
 {
     screen_line line = plain(title + ": ");
     if (entries.empty()) {
         line.push_back({text_style::PLAIN, other});
         return {line};
     }
-    std::vector<screen_line> lines;
+    screen_lines lines;
     const size_t indent = length_of(line);
     for (size_t i = 0; i < entries.size(); i++) {
         const bool is_last = i + 1 == entries.size();
         const std::string text = entries[i] + (is_last ? "" : ", ");
         if (length_of(line) > indent && length_of(line) + text.size() > width) {
             if (lines.size() + 1 == MAX_LIST_LINES) {
-                line.push_back({text_style::RED, "... " + to_string(entries.size() - i) + " more"});
+                line.push_back({text_style::RED, fmt::format("... {} more", entries.size() - i)});
                 break;
             }
             lines.push_back(line);
@@ -98,21 +95,20 @@ std::vector<screen_line> list_lines(const std::string &title, const std::vector<
     return lines;
 }
 
-std::vector<screen_line> all_list_lines(const network &net, size_t width)
+screen_lines all_list_lines(const network &net, size_t width)
 {
-    std::vector<std::vector<screen_line>> lists;
-    for (size_t i = 0; i < PORT_LISTS; i++) {
-        const auto &list = net.lists[i];
-        lists.push_back(list_lines(LIST_TITLES[i],
-                                   port_list_entries(list.value.value_or(std::vector<listed_ports>{})),
-                                   fact_text(list, "unknown", "none"), width));
+    std::vector<screen_lines> lists;
+    for (int list = 0; list < PORT_LISTS; list++) {
+        const auto which = static_cast<port_list>(list);
+        lists.push_back(list_lines(PORT_LIST_INFOS[which].title, port_list_entries(net, which),
+                                   fact_text(net.lists[which], "unknown", "none"), width));
     }
     lists.push_back(list_lines("Miswired links", miswired_link_entries(net),
                                fact_text(net.miswired_links, "none", "none"), width));
 
     // Short lists share a line.
     constexpr const char *LIST_GAP = "   ";
-    std::vector<screen_line> lines;
+    screen_lines lines;
     for (const auto &list : lists) {
         if (list.size() == 1 && !lines.empty() &&
             length_of(lines.back()) + length_of(list[0]) + std::string_view(LIST_GAP).size() <= width) {
@@ -126,20 +122,20 @@ std::vector<screen_line> all_list_lines(const network &net, size_t width)
 }
 
 // Statistics since the last reset, and the running and the last period beside them where they have the field.
-std::vector<std::vector<screen_line>> stats_rows(const port_records &records, const pm_record *last_period)
+std::vector<screen_lines> stats_rows(const port_records &records, const pm_record *last_period)
 {
-    std::vector<std::vector<screen_line>> rows;
-    const auto cell = [](std::optional<uint64_t> value) { return plain(value ? to_string(*value) : "-"); };
+    std::vector<screen_lines> rows;
+    const auto cell = [](std::optional<uint64_t> value) {
+        return plain(value ? std::to_string(*value) : "-");
+    };
     for (const stats_field &field : STATS_FIELDS) {
         const auto pm = std::find_if(PM_FIELDS.begin(), PM_FIELDS.end(),
                                      [&](const pm_field &candidate) { return candidate.source == &field; });
-        std::vector<screen_line> row = {plain(field.name),
-                                        cell(field_value(*records.stats.value, field.offset, field.width))};
+        screen_lines row = {plain(field.name), cell(field_value(*records.stats.value, field))};
         if (pm != PM_FIELDS.end()) {
             row.push_back(cell(running_period_value(records, *pm)));
-            row.push_back(cell(last_period == nullptr
-                                   ? std::nullopt
-                                   : std::optional(field_value(*last_period, pm->offset, pm->width))));
+            row.push_back(
+                cell(last_period == nullptr ? std::nullopt : std::optional(field_value(*last_period, *pm))));
         } else {
             row.resize(4);
         }
@@ -150,10 +146,8 @@ std::vector<std::vector<screen_line>> stats_rows(const port_records &records, co
 
 std::string pm_time_text(const pm_record &record)
 {
-    const auto seconds = static_cast<int64_t>(field_value(record, PM_TIME, sizeof(int64_t)));
-    moment closed{};
-    closed.wall = std::chrono::system_clock::from_time_t(static_cast<time_t>(seconds));
-    return clock_text(closed);
+    return clock_text(
+        {{}, std::chrono::system_clock::from_time_t(static_cast<time_t>(closing_time(record)))});
 }
 
 // What can be said of the running and the last period, with the last period's record where there is one.
@@ -189,7 +183,7 @@ const pm_record *last_period_record(const port_records &records)
     return slot == records.pm.end() || !slot->second.value ? nullptr : &*slot->second.value;
 }
 
-std::vector<screen_line> stats_lines(const screen &screen)
+screen_lines stats_lines(const screen &screen)
 {
     const stats_target &target = *screen.target;
     const std::vector<const node *> nodes = find_nodes(screen.net, target.node);
@@ -213,19 +207,19 @@ std::vector<screen_line> stats_lines(const screen &screen)
         return {title_line(title + ": " + fact_text(records.stats, "", ""), screen.width)};
     }
     const pm_record *const last_period = last_period_record(records);
-    std::vector<screen_line> lines = {
+    screen_lines lines = {
         title_line(title + " since reset (" + period_text(records, last_period) + ")", screen.width)};
 
-    const std::vector<screen_line> heads = {
+    const screen_lines heads = {
         {{text_style::BOLD, "FIELD"}},
         {{text_style::BOLD, "TOTAL"}},
         {{text_style::BOLD, "RUNNING"}},
         {{text_style::BOLD, "LAST"}},
     };
-    std::vector<std::vector<screen_line>> rows = stats_rows(records, last_period);
+    std::vector<screen_lines> rows = stats_rows(records, last_period);
     // Two halves side by side where they fit.
     const size_t half = (rows.size() + 1) / 2;
-    std::vector<std::vector<screen_line>> wide = {heads};
+    std::vector<screen_lines> wide = {heads};
     wide[0].insert(wide[0].end(), heads.begin(), heads.end());
     for (size_t i = 0; i < half; i++) {
         wide.push_back(rows[i]);
@@ -233,7 +227,7 @@ std::vector<screen_line> stats_lines(const screen &screen)
             wide.back().insert(wide.back().end(), rows[i + half].begin(), rows[i + half].end());
         }
     }
-    std::vector<screen_line> body = columns(wide);
+    screen_lines body = columns(wide);
     if (length_of(body[0]) > screen.width) {
         rows.insert(rows.begin(), heads);
         body = columns(rows);
@@ -242,9 +236,9 @@ std::vector<screen_line> stats_lines(const screen &screen)
     return lines;
 }
 
-std::vector<screen_line> event_lines(const screen &screen, size_t count)
+screen_lines event_lines(const screen &screen, size_t count)
 {
-    std::vector<screen_line> lines = {title_line("Events", screen.width)};
+    screen_lines lines = {title_line("Events", screen.width)};
     if (screen.events.empty()) {
         lines.push_back({{text_style::DIM, "none since the start"}});
     }
@@ -265,10 +259,10 @@ size_t index_of(const std::vector<const node *> &nodes, const mac_address &mac)
     return found == nodes.end() ? 0 : static_cast<size_t>(found - nodes.begin());
 }
 
-std::vector<screen_line> view_render(const screen &screen, const moment &now)
+screen_lines view_render(const screen &screen, const moment &now)
 {
     const std::vector<const node *> nodes = sorted_nodes(screen.net, screen.order);
-    std::vector<screen_line> lines = header_lines(screen, nodes.size(), now);
+    screen_lines lines = header_lines(screen, nodes.size(), now);
     // The rows that may follow when the newest events stay in sight.
     const auto room = [&](size_t others) {
         const size_t fixed = lines.size() + others + MIN_EVENT_LINES;
@@ -276,19 +270,18 @@ std::vector<screen_line> view_render(const screen &screen, const moment &now)
     };
     const auto selected = screen.net.nodes.find(screen.selected);
     if (screen.is_detail && selected != screen.net.nodes.end()) {
-        std::vector<screen_line> detail = detail_lines(screen, selected->second);
+        screen_lines detail = detail_lines(screen, selected->second);
         cut_lines(detail, room(0));
         append_lines(lines, detail);
     } else {
-        const std::vector<screen_line> lists = all_list_lines(screen.net, screen.width);
-        std::vector<screen_line> stats =
-            screen.target != nullptr ? stats_lines(screen) : std::vector<screen_line>{};
+        const screen_lines lists = all_list_lines(screen.net, screen.width);
+        screen_lines stats = screen.target != nullptr ? stats_lines(screen) : screen_lines{};
         // Nodes shrink to a few rows before statistics do.
         const size_t rows = room(lists.size() + 1);
         const size_t node_rows =
             std::min(nodes.size(), std::max(MIN_NODE_ROWS, rows > stats.size() ? rows - stats.size() : 0));
         cut_lines(stats, rows > node_rows ? rows - node_rows : 0);
-        append_lines(lines, node_lines(screen, nodes, node_rows, now));
+        append_lines(lines, visible_nodes(screen, nodes, node_rows, now));
         append_lines(lines, lists);
         append_lines(lines, stats);
     }
@@ -299,9 +292,4 @@ std::vector<screen_line> view_render(const screen &screen, const moment &now)
         clip(line, screen.width);
     }
     return lines;
-}
-
-std::string event_line(const event &event)
-{
-    return date_text(event.when) + " " + event.text;
 }

@@ -33,7 +33,4 @@ struct screen {
 size_t index_of(const std::vector<const node *> &nodes, const mac_address &mac);
 
 // screen.height lines, none wider than screen.width.
-std::vector<screen_line> view_render(const screen &screen, const moment &now);
-
-// "2024-05-01 10:15:03 node ... appeared", in local time.
-std::string event_line(const event &event);
+screen_lines view_render(const screen &screen, const moment &now);

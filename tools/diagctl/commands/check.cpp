@@ -1,0 +1,276 @@
+// diagctl check: a verdict for monitoring, by the conventions of monitoring plugins: one line with performance data, and the
+// exit status.
+#include "broker/requests.h"
+#include "commands/context.h"
+#include "screen/text.h"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+
+namespace
+{
+
+enum verdict { VERDICT_OK, VERDICT_WARNING, VERDICT_CRITICAL, VERDICT_UNKNOWN };
+constexpr const char *VERDICTS[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
+const std::vector<std::string> SEVERITIES = {"ok", "warning", "critical"};
+constexpr size_t MAX_NAMED = 5; // ports or nodes in the line
+
+// More than these is a warning, and critical; nothing: never.
+struct limits {
+    std::optional<unsigned> warning;
+    std::optional<unsigned> critical;
+};
+
+struct check_options {
+    std::string port_limits[PORT_LISTS] = {"0", "0", "0"}; // by port_list
+    unsigned ring_severity = VERDICT_WARNING;
+    std::string expected; // a count, "names", or empty
+    unsigned seconds = 5;
+};
+
+std::optional<unsigned> parse_count(std::string_view text)
+{
+    unsigned value = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+    return result.ec == std::errc() && result.ptr == text.data() + text.size() ? std::optional(value)
+                                                                               : std::nullopt;
+}
+
+// "0", "0,4" or ",4".
+std::optional<limits> parse_limits(std::string_view text)
+{
+    const size_t comma = std::min(text.find(','), text.size());
+    const std::string_view warning = text.substr(0, comma);
+    const std::string_view critical = text.substr(std::min(comma + 1, text.size()));
+    const limits parsed = {parse_count(warning), parse_count(critical)};
+    const bool is_right =
+        (warning.empty() || parsed.warning) && (critical.empty() || parsed.critical) && text != "";
+    return is_right ? std::optional(parsed) : std::nullopt;
+}
+
+std::string check_limits(const std::string &text)
+{
+    return parse_limits(text) ? ""
+                              : "'" + text +
+                                    "' is not MAX or MAX,MAX: more than the first is a warning, more than "
+                                    "the second is critical; either may be left out";
+}
+
+std::string check_expected(const std::string &text)
+{
+    return text == "names" || parse_count(text) ? ""
+                                                : "'" + text + "' is neither a number of nodes nor 'names'";
+}
+
+// The findings of a check, the gravest first, and the performance data.
+class findings
+{
+public:
+    void add(verdict severity, const std::string &text)
+    {
+        all.push_back({severity, text});
+        worst = rank(severity) > rank(worst) ? severity : worst;
+    }
+    void measure(const std::string &text) { data += (data.empty() ? "" : " ") + text; }
+
+    int print()
+    {
+        std::stable_sort(all.begin(), all.end(),
+                         [](const auto &a, const auto &b) { return rank(a.severity) > rank(b.severity); });
+        std::string text;
+        for (const auto &[severity, words] : all) {
+            text += (text.empty() ? "" : ", ") + words;
+        }
+        std::replace(text.begin(), text.end(), '|', '/');
+        fmt::print("DIAG {} - {}{}{}\n", VERDICTS[worst], text, data.empty() ? "" : " | ", data);
+        return worst;
+    }
+
+private:
+    // What is known to be wrong counts more than what isn't known.
+    static int rank(verdict severity)
+    {
+        constexpr int RANKS[] = {0, 2, 3, 1}; // by verdict
+        return RANKS[severity];
+    }
+
+    struct finding {
+        verdict severity;
+        std::string text;
+    };
+    std::vector<finding> all;
+    std::string data;
+    verdict worst = VERDICT_OK;
+};
+
+std::string shortened(const std::vector<std::string> &items)
+{
+    std::string text;
+    for (size_t i = 0; i < std::min(items.size(), MAX_NAMED); i++) {
+        text += (i == 0 ? "" : ", ") + items[i];
+    }
+    return items.size() > MAX_NAMED ? fmt::format("{} and {} more", text, items.size() - MAX_NAMED) : text;
+}
+
+std::string limit_text(const std::optional<unsigned> &limit)
+{
+    return limit ? std::to_string(*limit) : "";
+}
+
+void check_list(const network &net, port_list which, const limits &allowed, findings &out)
+{
+    static constexpr const char *COUNTED[] = {"down", "with a ground fault", "miswired"}; // by port_list
+    static constexpr const char *MEASURES[] = {"ports_down", "ground_faults", "miswired"};
+    const fact<port_list_value> &list = net.lists[which];
+    if (!list.value) {
+        out.add(VERDICT_UNKNOWN,
+                fmt::format("{} {}", PORT_LIST_INFOS[which].label, fact_text(list, "missing", "")));
+        return;
+    }
+    unsigned count = 0;
+    std::vector<std::string> ports;
+    for (const listed_ports &record : *list.value) {
+        const std::string *const name = net.names.of(record.mac);
+        for (const char port : port_letters(record.ports)) {
+            count++;
+            ports.push_back(fmt::format("{}/{}", name == nullptr ? mac_text(record.mac) : *name, port));
+        }
+    }
+    out.measure(fmt::format("{}={};{};{};0", MEASURES[which], count, limit_text(allowed.warning),
+                            limit_text(allowed.critical)));
+    if (count > 0) {
+        const verdict severity = allowed.critical && count > *allowed.critical ? VERDICT_CRITICAL
+                                 : allowed.warning && count > *allowed.warning ? VERDICT_WARNING
+                                                                               : VERDICT_OK;
+        out.add(severity, fmt::format("{} port{} {} ({})", count, count == 1 ? "" : "s", COUNTED[which],
+                                      shortened(ports)));
+    }
+}
+
+void check_ring(const network &net, verdict severity, findings &out)
+{
+    if (!net.ring_degraded.value) {
+        out.add(VERDICT_UNKNOWN,
+                "state of the network's ring " + fact_text(net.ring_degraded, "missing", ""));
+        return;
+    }
+    const bool is_degraded = *net.ring_degraded.value;
+    out.measure(fmt::format("ring_degraded={};{};{};0;1", int{is_degraded},
+                            severity == VERDICT_WARNING ? "0" : "", severity == VERDICT_CRITICAL ? "0" : ""));
+    out.add(is_degraded ? severity : VERDICT_OK, is_degraded ? "ring degraded" : "ring normal");
+}
+
+void check_nodes(const network &net, const std::string &expected, findings &out)
+{
+    const size_t present = sorted_nodes(net, node_order::MAC).size();
+    std::vector<std::string> missing;
+    size_t wanted = 0;
+    if (expected == "names") {
+        wanted = net.names.all().size();
+        for (const auto &[mac, name] : net.names.all()) {
+            const auto found = net.nodes.find(mac);
+            if (found == net.nodes.end() || !net.has(found->second)) {
+                missing.push_back(name);
+            }
+        }
+    } else {
+        wanted = parse_count(expected).value_or(0);
+    }
+    out.measure(fmt::format("nodes={};;{};0", present, wanted == 0 ? "" : fmt::format("{}:", wanted)));
+    const std::string text = fmt::format("{} node{}", present, present == 1 ? "" : "s");
+    if (!missing.empty()) {
+        out.add(VERDICT_CRITICAL,
+                fmt::format("{} of {} nodes missing ({})", missing.size(), wanted, shortened(missing)));
+    } else if (expected != "names" && present < wanted) {
+        out.add(VERDICT_CRITICAL, fmt::format("{} instead of {}", text, wanted));
+    } else {
+        out.add(VERDICT_OK, text);
+    }
+}
+
+// How long the daemon takes to answer: what it has published stays on the broker when it is gone.
+void check_daemon(requests &asked, unsigned seconds, findings &out)
+{
+    const auto start = std::chrono::steady_clock::now();
+    asked.run({.command = "noop", .limit = std::chrono::seconds(seconds)});
+    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+    out.measure(fmt::format("answer_time={:.4f}s;;{};0", taken.count(), seconds));
+}
+
+void check_network(const context &common, const check_options &options, findings &out)
+{
+    network net = named_network(common);
+    if (options.expected == "names" && net.names.all().empty()) {
+        throw failure(STATUS_USAGE,
+                      "no names are known that could be expected: name their file with --names");
+    }
+    session broker(common.address);
+    requests asked(broker);
+    feed(broker, net);
+    broker.subscribe(network_filters());
+    if (!net.local.is_published) {
+        report_no_daemon(common.address);
+    }
+    check_nodes(net, options.expected, out);
+    for (int list = 0; list < PORT_LISTS; list++) {
+        check_list(net, static_cast<port_list>(list), parse_limits(options.port_limits[list]).value(), out);
+    }
+    check_ring(net, static_cast<verdict>(options.ring_severity), out);
+    check_daemon(asked, options.seconds, out);
+}
+
+exit_status run_check(const context &common, const check_options &options)
+{
+    findings out;
+    try {
+        check_network(common, options, out);
+    } catch (const failure &error) {
+        // One line: what to do stands in the second one.
+        const std::string text = error.what();
+        const bool is_card_at_fault = error.status == STATUS_NO_BROKER;
+        out.add(is_card_at_fault ? VERDICT_CRITICAL : VERDICT_UNKNOWN, text.substr(0, text.find('\n')));
+    }
+    return static_cast<exit_status>(out.print());
+}
+
+} // namespace
+
+void add_check_command(command_line &line, context &common)
+{
+    const auto options = std::make_shared<check_options>();
+    command added =
+        line.add("check",
+                 "Judge the network for a monitoring service: one line, exit status 0 OK, 1 WARNING, 2 "
+                 "CRITICAL, 3 UNKNOWN.",
+                 [&common, options] { return run_check(common, *options); });
+    added.text(
+        {.name = "--expect",
+         .help = "So many nodes must be there, or with 'names' every node of the names file; else CRITICAL",
+         .value = "N|names",
+         .check = check_expected},
+        options->expected);
+    constexpr struct {
+        port_list list;
+        const char *name;
+        const char *help;
+    } LIMITS[] = {
+        {LIST_LINK_DOWN, "--ports-down",
+         "More ports down than the first are a WARNING, than the second CRITICAL"},
+        {LIST_GROUND, "--ground-faults", "The same of ports with a ground fault"},
+        {LIST_MISWIRED, "--miswired", "The same of miswired ports"},
+    };
+    for (const auto &[list, name, help] : LIMITS) {
+        added.text({.name = name, .help = help, .value = "MAX[,MAX]", .check = check_limits},
+                   options->port_limits[list]);
+    }
+    added.choice({.name = "--ring-degraded",
+                  .help = "What a degraded ring is: ok, warning (as without) or critical",
+                  .value = "VERDICT"},
+                 SEVERITIES, options->ring_severity);
+    added.number({.name = "--timeout", .help = "How long the daemon may take to answer", .value = "SECONDS"},
+                 options->seconds, 1, 60);
+    add_broker_options(added, common);
+}

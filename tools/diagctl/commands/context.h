@@ -1,0 +1,65 @@
+// What the commands have in common. Each is one function add_X_command() in a file of its own, which adds the command with
+// its options to the command line; main.cpp lists them all.
+#pragma once
+
+#include "broker/session.h"
+#include "commands/command_line.h"
+#include "network/model.h"
+
+// What every command is told.
+struct context {
+    broker_address address = {"127.0.0.1", 1885}; // a card's broker
+    std::string names_file;                       // empty: the usual ones
+};
+
+void add_activate_command(command_line &line, context &common);
+void add_check_command(command_line &line, context &common);
+void add_explain_command(command_line &line, context &common);
+void add_export_command(command_line &line, context &common);
+void add_lists_command(command_line &line, context &common);
+void add_nodes_command(command_line &line, context &common);
+void add_ping_command(command_line &line, context &common);
+void add_pm_command(command_line &line, context &common);
+void add_ports_command(command_line &line, context &common);
+void add_record_command(command_line &line, context &common);
+void add_remote_download_command(command_line &line, context &common);
+void add_replay_command(command_line &line, context &common);
+void add_reset_command(command_line &line, context &common);
+void add_show_command(command_line &line, context &common);
+void add_subscribe_command(command_line &line, context &common);
+void add_top_command(command_line &line, context &common);
+void add_watch_command(command_line &line, context &common);
+
+// Adds the options of the broker, and those of names.
+void add_broker_options(command &added, context &common);
+void add_names_option(command &added, context &common);
+void add_json_option(command &added, bool &is_json, const char *help = "Print JSON");
+// Adds a positional NODE, which resolve_node() takes apart, and a positional PORT, A to H or CPU in either case.
+void add_node_argument(command &added, std::string &text, bool is_required = true);
+void add_port_argument(command &added, std::string &text, const value_check &check = {},
+                       bool is_required = true);
+
+// The names of the file that the user gives, else of /etc/diag/names and of the user's own.
+node_names read_names(const context &common);
+
+// The names that can be given for a node, one a line, for completion: DIAG_NAMES counts where the options aren't read.
+std::string listed_names(const context &common);
+
+// What a user means by a word: wrong usage where it can't be a node, with what it may be.
+node_reference parse_node(const std::string &text, const node_names &names);
+// The one node that is meant: throws when there is none or, with a number or a name that several cards share, more than one.
+const node &resolve_node(const network &net, const std::string &text);
+
+// A network with the names, fed with the messages of a session; listen before subscribing.
+network named_network(const context &common);
+void feed(session &broker, network &net);
+
+// Everything, and what tells of the whole network but the ports' records.
+std::vector<std::string> all_filters();
+std::vector<std::string> network_filters();
+
+[[noreturn]] void report_no_daemon(const broker_address &address);
+
+// Whether a topic matches an MQTT filter, and whether a text is one.
+bool matches(const std::string &filter, const std::string &topic);
+bool is_filter(const std::string &text);
