@@ -100,7 +100,7 @@ void heap::free_all()
     count_ = 0;
 }
 
-size_t heap::find_leak(std::span<const uint64_t> variables) const
+size_t heap::find_leak(std::span<const uintptr_t> variables) const
 {
     std::vector<const block *> blocks;
     for (const block *each = first_; each != nullptr; each = each->next) {
@@ -113,24 +113,24 @@ size_t heap::find_leak(std::span<const uint64_t> variables) const
     const uintptr_t first = blocks.front()->start();
     const uintptr_t last = blocks.back()->start() + blocks.back()->size;
     std::vector<bool> is_held(blocks.size());
-    std::vector<std::span<const uint64_t>> unread = {variables};
+    std::vector<std::span<const uintptr_t>> unread = {variables};
     while (!unread.empty()) {
-        const std::span<const uint64_t> words = unread.back();
+        const std::span<const uintptr_t> words = unread.back();
         unread.pop_back();
-        for (const uint64_t word : words) {
+        for (const uintptr_t word : words) {
             if (word < first || word > last) {
                 continue;
             }
             // The last block that starts at or before the address.
-            const auto after =
-                std::upper_bound(blocks.begin(), blocks.end(), word,
-                                 [](uint64_t address, const block *each) { return address < each->start(); });
+            const auto after = std::upper_bound(
+                blocks.begin(), blocks.end(), word,
+                [](uintptr_t address, const block *each) { return address < each->start(); });
             const block *const found = *(after - 1);
             const auto index = static_cast<size_t>(after - 1 - blocks.begin());
             if (word - found->start() < std::max(found->size, size_t{1}) && !is_held[index]) {
                 is_held[index] = true;
-                unread.emplace_back(reinterpret_cast<const uint64_t *>(found + 1),
-                                    found->size / sizeof(uint64_t));
+                unread.emplace_back(reinterpret_cast<const uintptr_t *>(found + 1),
+                                    found->size / sizeof(uintptr_t));
             }
         }
     }

@@ -28,7 +28,7 @@ public:
 
     size_t count() const { return count_; }
     // The size of a block that neither the variables nor a block in use points to, 0 when there is none.
-    size_t find_leak(std::span<const uint64_t> variables) const;
+    size_t find_leak(std::span<const uintptr_t> variables) const;
 
 private:
     struct block;

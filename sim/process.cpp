@@ -9,8 +9,8 @@
 int daemon_main(int argc, char **argv);
 
 // All variables of the daemon's modules; the linker script gathers them in one section.
-extern uint64_t state_start[] asm("__start_diag_state");
-extern uint64_t state_end[] asm("__stop_diag_state");
+extern uintptr_t state_start[] asm("__start_diag_state");
+extern uintptr_t state_end[] asm("__stop_diag_state");
 
 namespace sim
 {
@@ -30,7 +30,7 @@ size_t count_words()
 }
 
 // Word by word: memcpy, which an optimiser would make of it, would meet the sanitizer's guards between the variables.
-__attribute__((no_sanitize("address"))) void copy_words(const uint64_t *from, volatile uint64_t *to)
+__attribute__((no_sanitize("address"))) void copy_words(const uintptr_t *from, volatile uintptr_t *to)
 {
     const size_t count = count_words();
     for (size_t i = 0; i < count; i++) {
@@ -39,10 +39,10 @@ __attribute__((no_sanitize("address"))) void copy_words(const uint64_t *from, vo
 }
 
 // The variables as they are when the program starts.
-const std::vector<uint64_t> &fresh_variables()
+const std::vector<uintptr_t> &fresh_variables()
 {
-    static const std::vector<uint64_t> fresh = [] {
-        std::vector<uint64_t> copy(count_words());
+    static const std::vector<uintptr_t> fresh = [] {
+        std::vector<uintptr_t> copy(count_words());
         copy_words(state_start, copy.data());
         return copy;
     }();

@@ -141,7 +141,7 @@ private:
     int status_ = 0;
     random_stream random_{1};
     void (*sigterm_handler_)(int) = nullptr;
-    std::vector<uint64_t> variables_;
+    std::vector<uintptr_t> variables_;
     heap memory_;
     fiber fiber_;
     std::vector<descriptor> descriptors_;
