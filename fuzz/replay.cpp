@@ -4,8 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 namespace
@@ -13,17 +11,11 @@ namespace
 
 unsigned replay(const char *fuzzer, const std::filesystem::path &path)
 {
-    std::ifstream file(path, std::ios::binary);
-    const std::vector<char> input{std::istreambuf_iterator<char>(file), {}};
-    if (file.bad() || !file.is_open()) {
-        perror(path.c_str());
-        exit(EXIT_FAILURE);
-    }
+    const std::vector<uint8_t> input = fuzz::read_input(path);
     fprintf(stderr, "%s\n", path.c_str()); // the last one named is the one that fails
     fuzz::subject daemon;
     daemon.start();
-    fuzz::play(daemon, {reinterpret_cast<const uint8_t *>(input.data()), input.size()},
-               fuzz::steps_of(fuzzer));
+    fuzz::play(daemon, input, fuzz::steps_of(fuzzer));
     daemon.finish();
     return 1;
 }

@@ -6,7 +6,10 @@
 #include "topics.h"
 
 #include <algorithm>
-#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -193,6 +196,16 @@ const step_table &steps_of(std::string_view fuzzer)
     static constexpr step_table LOCAL = {FACT, OWN_TOPIC, TOPIC, RUN, STALL, PACKET, COMMAND, FACT};
     static constexpr step_table REQUEST = {COMMAND, COMMAND, PACKET, RUN, STALL, FACT, COMMAND, PACKET};
     return fuzzer == "receive" ? RECEIVE : fuzzer == "local" ? LOCAL : REQUEST;
+}
+
+std::vector<uint8_t> read_input(const std::filesystem::path &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file.is_open()) {
+        perror(path.c_str());
+        exit(EXIT_FAILURE);
+    }
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 void play(subject &daemon, bytes input, const step_table &kinds)

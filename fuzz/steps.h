@@ -15,6 +15,10 @@
 
 #include "subject.h"
 
+#include <array>
+#include <filesystem>
+#include <string_view>
+
 namespace fuzz
 {
 
@@ -25,6 +29,9 @@ using step_table = std::array<step, 8>;
 
 // The table of the fuzzer "receive", "local" or "request".
 const step_table &steps_of(std::string_view fuzzer);
+
+// The content of a file.
+std::vector<uint8_t> read_input(const std::filesystem::path &path);
 
 // Takes a started daemon through the steps.
 void play(subject &daemon, bytes input, const step_table &kinds);

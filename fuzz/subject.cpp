@@ -41,7 +41,9 @@ bool is_meant_to_end(const std::string &line)
 void subject::finish()
 {
     if (!status_) {
-        check_resources();
+        if (const char *const litter = find_litter(); litter != nullptr) {
+            misuse(litter);
+        }
         daemon().send_sigterm();
         run_for(sim::seconds(2));
         if (status_ != EXIT_SUCCESS) {
@@ -95,14 +97,12 @@ void subject::published(const sim::mqtt_message &message)
     }
 }
 
-void subject::check_resources()
+const char *subject::find_litter()
 {
     if (daemon().find_unwatched() != -1) {
-        misuse("a descriptor is open that nothing watches");
+        return "a descriptor is open that nothing watches";
     }
-    if (daemon().find_leak() != 0) {
-        misuse("memory has leaked");
-    }
+    return daemon().find_leak() == 0 ? nullptr : "memory has leaked";
 }
 
 } // namespace fuzz

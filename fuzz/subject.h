@@ -23,6 +23,8 @@ public:
     void start() { lone_card::start({"-n", "7"}); }
     // SIGTERM where it is still alive, and the checks at the end.
     void finish();
+    // What memory or descriptors show that shouldn't be, null for nothing.
+    const char *find_litter();
     // A message of another client, unless no broker takes its topic.
     void publish(const std::string &topic, std::span<const uint8_t> payload, bool retain);
     // The right response to the challenge that is published.
@@ -35,8 +37,6 @@ public:
 
 protected:
     void published(const sim::mqtt_message &message) override;
-    void check_resources();
-
     std::vector<std::string> lines_;
     std::optional<int> status_;
 

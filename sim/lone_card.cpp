@@ -39,12 +39,10 @@ const std::string *lone_card::find_file(const char *path) const
 void lone_card::start(std::vector<std::string> options)
 {
     const nanoseconds limit = clock_.now() + START_LIMIT;
-    is_ready_ = false;
     daemon_.start(std::move(options));
     for (run_for({}); daemon_.is_alive() && !daemon_.is_serving() && clock_.now() < limit;) {
         run_for(START_STEP);
     }
-    is_ready_ = daemon_.is_alive() && daemon_.is_serving();
 }
 
 void lone_card::publish(std::string_view topic, std::span<const uint8_t> payload, bool retain)

@@ -21,6 +21,7 @@ public:
     ~lone_card() { daemon_.kill(); }
 
     process &daemon() { return daemon_; }
+    const process &daemon() const { return daemon_; }
     mqtt_broker &broker() override { return broker_; }
     timeline &clock() override { return clock_; }
     nanoseconds now() const { return clock_.now(); }
@@ -32,7 +33,6 @@ public:
 
     // Starts the daemon's main and lets it run to its event loop or its end.
     void start(std::vector<std::string> options);
-    bool is_ready() const { return is_ready_; } // it has been in its event loop
 
     // What happens to the daemon, which does all that it can do then.
     void publish(std::string_view topic, std::span<const uint8_t> payload, bool retain = false);
@@ -58,7 +58,6 @@ private:
     network_interface interface_ = {1, true, MAC};
     mqtt_broker broker_;
     process daemon_;
-    bool is_ready_ = false;
 };
 
 } // namespace sim

@@ -35,6 +35,7 @@ struct mosquitto {
     unsigned in_flight = 0;
     bool is_in_callback = false;
     bool is_leaving = false;        // by disconnect, which waits for what is to be written
+    mqtt_packet taken{};            // by the callback that runs; not on the stack, in which a process may end
     std::deque<mqtt_packet> output; // until the next write
     std::deque<mqtt_packet> queued; // until others are acknowledged
 };
@@ -116,13 +117,13 @@ void take_acknowledgement(mosquitto &client, int message_id)
 
 void take_message(mosquitto &client, const mqtt_packet &packet)
 {
-    std::string topic = client.broker->topics().name(packet.topic);
-    const mosquitto_message message = {.mid = packet.message_id,
-                                       .topic = topic.data(),
-                                       .payload = const_cast<uint8_t *>(packet.payload.data()),
-                                       .payloadlen = static_cast<int>(packet.payload.size()),
-                                       .qos = 1,
-                                       .retain = packet.is_retained};
+    const mosquitto_message message = {
+        .mid = packet.message_id,
+        .topic = const_cast<char *>(client.broker->topics().name(packet.topic).data()),
+        .payload = const_cast<uint8_t *>(packet.payload.data()),
+        .payloadlen = static_cast<int>(packet.payload.size()),
+        .qos = 1,
+        .retain = packet.is_retained};
     client.on_message(&client, nullptr, &message);
 }
 
@@ -309,9 +310,9 @@ int __wrap_mosquitto_loop_read(mosquitto *client, int)
             return client->connection->is_closed ? lose_connection(*client, MOSQ_ERR_CONN_LOST)
                                                  : MOSQ_ERR_SUCCESS;
         }
-        const mqtt_packet packet = std::move(client->connection->arrived.front());
+        client->taken = std::move(client->connection->arrived.front());
         client->connection->arrived.pop_front();
-        if (const int result = take_packet(*client, packet); result != MOSQ_ERR_SUCCESS) {
+        if (const int result = take_packet(*client, client->taken); result != MOSQ_ERR_SUCCESS) {
             return result;
         }
     }

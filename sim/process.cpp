@@ -87,7 +87,8 @@ void process::run_program(void *self)
 {
     auto *const started = static_cast<process *>(self);
     char name[] = "diag";
-    std::vector<char *> arguments = {name};
+    std::vector<char *> &arguments = started->arguments_;
+    arguments = {name};
     for (std::string &option : started->options_) {
         arguments.push_back(option.data());
     }
@@ -353,12 +354,6 @@ void process::attach_session(int fd, mosquitto *client)
 void process::wait()
 {
     fiber_.leave();
-}
-
-void process::wait_in_event_loop()
-{
-    is_serving_ = true;
-    wait();
 }
 
 void process::wake(uint64_t start)

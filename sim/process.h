@@ -78,7 +78,7 @@ public:
 
     void start(std::vector<std::string> options);
     bool is_alive() const { return is_alive_; }
-    bool is_serving() const { return is_serving_; } // it has come to wait in its event loop
+    bool is_serving() const { return is_serving_; } // it has come to its event loop
     void send_sigterm();
     void kill(); // ended() is not called
     // A process that gets no processor: what happens meanwhile waits for it.
@@ -115,7 +115,7 @@ public:
     void attach_session(int fd, mosquitto *client);
     // Lets the others run until something has happened to this process.
     void wait();
-    void wait_in_event_loop();
+    void set_serving() { is_serving_ = true; }
     void wait_until(nanoseconds end);
     [[noreturn]] void exit(int status);
     void srand(unsigned seed) { random_ = random_stream(seed); }
@@ -138,6 +138,7 @@ private:
     bool is_signalled_ = false;
     uint32_t starts_ = 0;
     std::vector<std::string> options_;
+    std::vector<char *> arguments_; // not on the stack, which is left behind when the process ends
     int status_ = 0;
     random_stream random_{1};
     void (*sigterm_handler_)(int) = nullptr;

@@ -134,6 +134,10 @@ int __wrap_epoll_ctl(int, int operation, int fd, epoll_event *event)
 int __wrap_epoll_wait(int, epoll_event *events, int, int)
 {
     set_unused({});
+    self().set_serving();
+    if (self().fails(system_call::EPOLL_WAIT)) {
+        return -1;
+    }
     for (;;) {
         if (self().take_signal()) {
             errno = EINTR;
@@ -141,16 +145,13 @@ int __wrap_epoll_wait(int, epoll_event *events, int, int)
         }
         const int fd = self().take_ready();
         if (fd != -1) {
-            if (self().fails(system_call::EPOLL_WAIT)) {
-                return -1;
-            }
             descriptor &ready = *self().find(fd);
             ready.has_error = ready.has_error || self().fails(system_call::HANG_UP);
             events->events = ready.has_error ? EPOLLIN | EPOLLERR : EPOLLIN;
             events->data.ptr = ready.watch;
             return 1;
         }
-        self().wait_in_event_loop();
+        self().wait();
     }
 }
 
