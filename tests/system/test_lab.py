@@ -126,66 +126,59 @@ def test_interrupted_lab_leaves_traces(late, number):
     assert_gone(namespace, before)
 
 
-def test_ended_process_is_shown_as_running_or_stays():
+@pytest.fixture(scope="module")
+def lab(make_lab):
+    return make_lab(2, "star")
+
+
+def test_ended_process_is_shown_as_running_or_stays(lab):
     """A daemon, a broker and a card that die under the lab; what the lab then says, and that it starts them again."""
-    lab = Lab(2, "star")
-    try:
 
-        def state(process):
-            return json.loads(lab.run("status", "--json"))["nodes"][0][process]
+    def state(process):
+        return json.loads(lab.run("status", "--json"))["nodes"][0][process]
 
-        for process in ("daemon", "broker", "card"):
-            pid = state(process)
-            lab[1].exec("sh", "-c", f"kill -KILL {pid}")
-            wait_until(lambda process=process: state(process) is None)
-            assert lab[1].exec("sh", "-c", f"[ ! -e /proc/{pid} ] && echo gone") == "gone\n"
-            assert lab.run("wait", 1) == "137\n"
-        assert " exit:137 " in lab.run("status")
-        for words in (["broker", "start", 1], ["card", "start", 1], ["start", 1]):
-            lab.run(*words)
-        assert all(map(state, ("daemon", "broker", "card")))
-    finally:
-        lab.down()
+    for process in ("daemon", "broker", "card"):
+        pid = state(process)
+        lab[1].exec("sh", "-c", f"kill -KILL {pid}")
+        wait_until(lambda process=process: state(process) is None)
+        assert lab[1].exec("sh", "-c", f"[ ! -e /proc/{pid} ] && echo gone") == "gone\n"
+        assert lab.run("wait", 1) == "137\n"
+    assert " exit:137 " in lab.run("status")
+    for words in (["broker", "start", 1], ["card", "start", 1], ["start", 1]):
+        lab.run(*words)
+    assert all(map(state, ("daemon", "broker", "card")))
 
 
-def test_status_differs_from_its_document():
+def test_status_differs_from_its_document(lab):
     """Of each object the fields, in their order."""
     text = (LAB.parent / "README.md").read_text(encoding="utf-8")
     documented = re.findall(r"^\| `(\w+)` \|", text.partition("## Status for programs")[2], re.MULTILINE)
-    lab = Lab(2)
-    try:
-        report = json.loads(lab.run("status", "--json"))
-    finally:
-        lab.down()
-    shown = [*report, *report["nodes"][0], *report["nodes"][0]["ports"][0]]
-    assert shown == documented
+    report = json.loads(lab.run("status", "--json"))
+    assert [*report, *report["nodes"][0], *report["nodes"][0]["ports"][0]] == documented
 
 
-def test_wrong_command_line_is_taken_or_not_explained():
-    lab = Lab(2, "star", daemons=False)
-    try:
-        name = ("--name", lab.name)
-        again = f"lab: a lab named {lab.name} is up already"
-        assert refused(*name, "up", 1, "--build", BUILD, status=1) == [again]
-        for words, reason, topic in [
-            (["frobnicate"], "unknown command frobnicate", ""),
-            (["status", "--star"], "unknown option --star", " status"),
-            (["up", "2", "--build"], "--build needs a value", " up"),
-            (["cut", "1"], "usage: lab cut NODE PORT", " cut"),
-            (["miswire", 1, "A", 2, "A", 3], "usage: lab miswire NODE PORT PEER_NODE PEER_PORT|off", " miswire"),
-            (["status", "--name", "a b"], "a name has letters, digits, - and _ only: a b", " status"),
-            (["up", "251"], "1 to 250 nodes, not 251", " up"),
-            (["up", "11"], "a ring has at most 10 nodes, use --star for more", " up"),
-            (["stop", "3"], "unknown node 3, the lab has 1 to 2", " stop"),
-            (["cut", "1", "B"], "unknown port B, a node of this lab has A", " cut"),
-            (["ground", "1", "A", "maybe"], "on or off", " ground"),
-        ]:
-            assert refused(*name, *words) == [f"lab: {reason}", f"lab: try: lab help{topic}"]
-        assert refused(*name, "stop", 1, status=1) == ["lab: node 1: the daemon doesn't run"]
-        assert refused("--name", "nowhere", "status", status=1) == ["lab: no lab named nowhere is up"]
-        assert refused("--name", "nowhere")[0].startswith("A panel network on one machine")
-    finally:
-        lab.down()
+def test_wrong_command_line_is_taken_or_not_explained(lab):
+    name = ("--name", lab.name)
+    again = f"lab: a lab named {lab.name} is up already"
+    assert refused(*name, "up", 1, "--build", BUILD, status=1) == [again]
+    for words, reason, topic in [
+        (["frobnicate"], "unknown command frobnicate", ""),
+        (["status", "--star"], "unknown option --star", " status"),
+        (["up", "2", "--build"], "--build needs a value", " up"),
+        (["cut", "1"], "usage: lab cut NODE PORT", " cut"),
+        (["miswire", 1, "A", 2, "A", 3], "usage: lab miswire NODE PORT PEER_NODE PEER_PORT|off", " miswire"),
+        (["status", "--name", "a b"], "a name has letters, digits, - and _ only: a b", " status"),
+        (["up", "251"], "1 to 250 nodes, not 251", " up"),
+        (["up", "11"], "a ring has at most 10 nodes, use --star for more", " up"),
+        (["stop", "3"], "unknown node 3, the lab has 1 to 2", " stop"),
+        (["cut", "1", "B"], "unknown port B, a node of this lab has A", " cut"),
+        (["ground", 1, "A", "maybe"], "on or off", " ground"),
+    ]:
+        assert refused(*name, *words) == [f"lab: {reason}", f"lab: try: lab help{topic}"]
+    lab.run("stop", 1)
+    assert refused(*name, "stop", 1, status=1) == ["lab: node 1: the daemon doesn't run"]
+    assert refused("--name", "nowhere", "status", status=1) == ["lab: no lab named nowhere is up"]
+    assert refused("--name", "nowhere")[0].startswith("A panel network on one machine")
 
 
 def script(path, text):
