@@ -132,7 +132,7 @@ function content(mac) {
     const changes = changesOf(mac);
     return h(
         "article",
-        { class: "node", "data-node": mac, "data-present": node.present !== false, "data-reachable": node.reachable !== false },
+        { class: "node", "data-node": mac, "data-present": String(node.present !== false), "data-reachable": String(node.reachable !== false) },
         h("h1", {}, titleOf(node)),
         h(
             "section",

@@ -47,8 +47,8 @@ function tile(node) {
         {
             class: `tile rank${rankOf(node)}`,
             "data-node": node.mac,
-            "data-present": node.present !== false,
-            "data-reachable": node.reachable !== false,
+            "data-present": String(node.present !== false),
+            "data-reachable": String(node.reachable !== false),
         },
         h(
             "div",

@@ -17,7 +17,7 @@ export function startRecording(bar) {
         SPEEDS.map((factor) => h("option", { value: String(factor) }, `${factor} ×`)),
     );
     const place = h("span", { class: "place" });
-    bar.append(h("b", {}, "Recording"), play, slider, place, speed);
+    bar.append(h("strong", {}, "Recording"), play, slider, place, speed);
     let isPaused = false;
     let isHeld = false; // the slider, by the person
     let isAsking = false;
