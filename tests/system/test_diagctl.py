@@ -9,15 +9,13 @@ import tempfile
 
 import jsonschema
 import pytest
-from panel import BUILD, HERE, Stream, run, wait_until
+from client import BUSY, DIAGCTL, FAILURE, NO_BROKER, ROOT, SUCCESS, USAGE, diagctl, put, read_json, run_in
+from panel import Stream, run, wait_until
 
-DIAGCTL = str(BUILD / "diagctl")
 LOCAL, PEER = "02-00-00-00-00-01", "02-00-00-00-00-02"
-SUCCESS, FAILURE, USAGE, NO_BROKER = range(4)
-MANUAL = (HERE.parent.parent / "packaging" / "man" / "diagctl.1.scd").read_text(encoding="ascii")
-SCHEMA = HERE.parent.parent / "docs" / "json.schema.json"
+MANUAL = (ROOT / "packaging" / "man" / "diagctl.1.scd").read_text(encoding="ascii")
+SCHEMA = ROOT / "docs" / "json.schema.json"
 NAMES = "/run/names"
-BUSY = 30  # seconds that a busy machine may take
 
 pytestmark = pytest.mark.timeout(150)
 
@@ -29,19 +27,6 @@ STATS_FIELDS = [
     *("dsl_count_60", "value16_64"),
 ]
 PM = struct.Struct(">q3Q6I")
-
-
-def diagctl(node, *words, status=SUCCESS, env=()):
-    """Runs a command in a node: its output, or what it says on standard error where it is to fail."""
-    command = node.command("env", "TZ=UTC", *env, DIAGCTL, *words)
-    done = subprocess.run(command, capture_output=True, text=True, timeout=BUSY, check=False)
-    assert done.returncode == status, done
-    assert bool(done.stderr) == (status != SUCCESS), done
-    return done.stdout if status == SUCCESS else done.stderr
-
-
-def read_json(node, *words):
-    return json.loads(diagctl(node, *words, "--json"))
 
 
 @pytest.fixture(scope="module")
@@ -266,8 +251,7 @@ def test_json_that_the_schema_does_not_tell(lab):
     node = lab[1]
     record = (f"pub/diag/{LOCAL}/H/pm/period0", PM.pack(0, *range(9)))
     link = ("pub/diag/net/fire/miswired_links", bytes.fromhex("01000202"))
-    names = f"{LOCAL} Lobby\n"
-    node.exec("tee", NAMES, stdin=names)
+    put(node, NAMES, f"{LOCAL} Lobby\n")
     watched = node.command("sh", "-c", f"exec {DIAGCTL} watch --json --names {NAMES}")
     with Stream(watched, json.loads) as changes:
         changes.wait(lambda change: change["topic"].endswith("/stats"), BUSY)
@@ -289,7 +273,7 @@ def test_node_that_can_not_be_called_by_its_name(played):
     publish_node(played, (f"pub/diag/{PEER}/port_summary", '{"B":"red"}'))
 
     def named(text, *words, **options):
-        played.exec("tee", NAMES, stdin=text)
+        put(played, NAMES, text)
         return diagctl(played, *words, "--names", NAMES, **options)
 
     both = f"# who is who\n{LOCAL} Lobby\n02:0:0:0:0:2\tCellar # below\n"
@@ -304,6 +288,9 @@ def test_node_that_can_not_be_called_by_its_name(played):
     ):
         said = named(f"{LOCAL} Lobby\n{line}\n", "nodes", status=FAILURE)
         assert f"{NAMES}:2: " in said and complaint in said
+    played.exec("mkdir", "-p", "/run/config/diag")
+    put(played, "/run/config/diag/names", both)
+    assert f"Cellar  {PEER}" in diagctl(played, "nodes", env=["XDG_CONFIG_HOME=/run/config"])
 
 
 def test_verdict_that_a_monitoring_service_takes_wrong(lab, played):
@@ -316,9 +303,7 @@ def test_verdict_that_a_monitoring_service_takes_wrong(lab, played):
     )
 
     def check(node, *words):
-        done = subprocess.run(
-            node.command(DIAGCTL, "check", *words), capture_output=True, text=True, timeout=BUSY, check=False
-        )
+        done = run_in(node, "check", *words)
         return done.returncode, done.stdout
 
     status, text = check(lab[1], "--expect", "3")

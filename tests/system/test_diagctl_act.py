@@ -1,16 +1,12 @@
 """diagctl as it acts: commands to real daemons, recordings, and metrics that Prometheus takes."""
-import json
 import re
 import signal
-import subprocess
 
 import pytest
-from panel import BUILD, HERE, Stream, run, wait_until
+from client import BUSY, DIAGCTL, FAILURE, NO_BROKER, ROOT, SUCCESS, USAGE, act, put, read_json
+from panel import BUILD, Stream, run, wait_until
 
-DIAGCTL = str(BUILD / "diagctl")
-SUCCESS, FAILURE, USAGE, NO_BROKER = range(4)
-BUSY = 30  # seconds that a busy machine may take
-RULES = HERE.parent.parent / "packaging" / "prometheus"
+RULES = ROOT / "packaging" / "prometheus"
 CACHE = (BUILD / "CMakeCache.txt").read_text(encoding="utf-8")
 WORDS, WRONG, RECORDING, DAMAGED = "/run/words", "/run/wrong", "/run/recording", "/run/damaged"
 STRANGER = "02-00-00-00-00-63"
@@ -18,26 +14,12 @@ STRANGER = "02-00-00-00-00-63"
 pytestmark = pytest.mark.timeout(150)
 
 
-def act(node, *words, status=SUCCESS, stdin=""):
-    """Runs a command in a node: what it says on both outputs."""
-    command = node.command(DIAGCTL, *words)
-    done = subprocess.run(command, input=stdin, capture_output=True, text=True, timeout=BUSY, check=False)
-    assert done.returncode == status, done
-    return done.stdout + done.stderr
-
-
-def put(node, path, text, mode="600"):
-    """Writes a file of the node, which sees no folder of the machine that may be written."""
-    node.exec("tee", path, stdin=text)
-    node.exec("chmod", mode, path)
-
-
 @pytest.fixture(scope="module")
 def lab(make_lab):
     lab = make_lab(3, "star")
     for node in lab.nodes.values():
         node.watch()
-    wait_until(lambda: len(json.loads(act(lab[1], "nodes", "--json"))["nodes"]) == 3, BUSY)
+    wait_until(lambda: len(read_json(lab[1], "nodes")["nodes"]) == 3, BUSY)
     return lab
 
 
@@ -54,6 +36,7 @@ def test_subscription_brings_nothing_or_outlives_the_command(lab):
         wait_until(change, BUSY, lambda: lines.items)
         lines.signal(signal.SIGINT)
         assert lines.end(BUSY) == SUCCESS
+    first.mark_broker()
     responses = [text for topic, text in first.topics.items if topic == "pub/diag/command/response"]
     assert len(responses) >= 2 and all(text.endswith(b";ACK") for text in responses[-2:]), "subscribe, disconnect"
     assert "watch" in act(first, "subscribe", "local", status=FAILURE)
@@ -143,7 +126,7 @@ def test_recording_loses_or_changes_what_was_published(lab, make_lab):
     assert retained["pub/diag/probe"] == bytes([0, 255])
     assert "pub/diag/probe/gone" not in retained and "local/activate" not in retained
     assert retained["pub/diag/local_node"].decode() == node.mac
-    shown = [json.loads(act(where, "nodes", "--json"))["nodes"] for where in (node, empty)]
+    shown = [read_json(where, "nodes")["nodes"] for where in (node, empty)]
     assert [item["mac"] for item in shown[0]] == [item["mac"] for item in shown[1]]
     put(empty, DAMAGED, recording + "{}\n")
     assert "isn't a message" in act(empty, "replay", DAMAGED, status=FAILURE)

@@ -1,12 +1,14 @@
-// What the acting commands of diagctl compute: answers to challenges, recordings, metrics.
+// What diagctl computes beside the model: answers to challenges, names, recordings, explanations, metrics.
 #include "broker/words.h"
 #include "clock.h"
+#include "explain/messages.h"
 #include "export/metrics.h"
 #include "failure.h"
 #include "network/recording.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -124,6 +126,52 @@ TEST(recording, changes_a_payload_or_takes_a_damaged_line)
     }
     EXPECT_EQ(parse_recording_head(recording_head("2024-05-01T08:15:03Z")), "2024-05-01T08:15:03Z");
     EXPECT_FALSE(parse_recording_head(R"({"diagctl_recording":2,"started":"2024-05-01T08:15:03Z"})"));
+}
+
+TEST(names, line_of_the_wrong_form_taken_or_named_wrongly)
+{
+    node_names names;
+    names.add("# who is who\n02:0:0:0:0:2\tCellar # below\n\n02-00-00-00-00-03 Lobby\r\n", "a");
+    names.add("020000000003 Hall", "b");
+    EXPECT_EQ(*names.of({2, 0, 0, 0, 0, 2}), "Cellar");
+    EXPECT_EQ(*names.of({2, 0, 0, 0, 0, 3}), "Hall") << "the later file counts";
+    EXPECT_EQ(names.find("cELLAR").size(), 1U);
+    EXPECT_EQ(names.of({2, 0, 0, 0, 0, 4}), nullptr);
+    for (const char *line :
+         {"Lobby", "02:00:00:00:00:02", "02:00:00:00:00 Lobby", "02:00:00:00:00:02 North stair",
+          "02:00:00:00:00:02 local", "02:00:00:00:00:02 12", "02:00:00:00:00:02 a/b",
+          "02:00:00:00:00:02 \x1b[2J", "02:00:00:00:00:02 \xff"}) {
+        try {
+            names.add(std::string("\n") + line, "file");
+            ADD_FAILURE() << line;
+        } catch (const bad_names &error) {
+            EXPECT_TRUE(std::string(error.what()).starts_with("file:2: ")) << error.what();
+        }
+    }
+}
+
+// A message with something in place of its conversions is explained by its own row, whatever else fits.
+TEST(explanation, of_another_message_or_missing)
+{
+    EXPECT_GT(known_messages().size(), 300U);
+    for (const message_row &row : known_messages()) {
+        std::string text = row.format;
+        for (size_t i = 0; (i = text.find('%')) != std::string::npos;) {
+            const size_t end = text.find_first_of("sduxXc", i);
+            text.replace(i, end - i + 1, text[end] == 's' ? "some thing" : "7");
+        }
+        const std::string source = row.source == "any" ? "main" : row.source;
+        const std::string line = "Nov 23 14:00:00 card diag: [ERROR] diag(12) - " + source + ":764 - " + text;
+        const auto found = find_messages(known_messages(), parse_log_line(line));
+        EXPECT_TRUE(std::any_of(found.begin(), found.end(), [&](const message_row *other) {
+            return other->format == row.format;
+        })) << line;
+        EXPECT_FALSE(row.cause.empty() || row.effect.empty() || row.cure.empty()) << row.format;
+    }
+    EXPECT_TRUE(
+        find_messages(known_messages(), parse_log_line("Started diag.service - Diagnostics.")).empty());
+    EXPECT_FALSE(matches_format("packet is too small (x bytes)", "packet is too small (%zd bytes)"));
+    EXPECT_EQ(parse_message_rows("| `a \\| %d` | x | *b* `c` [d](e) \\* f | g | h |")[0].cause, "b c d * f");
 }
 
 // "name{label=value,...}" of every metric.

@@ -1,21 +1,10 @@
-#include "common/bytes.h"
-#include "network/model.h"
-#include "screen/changes.h"
-#include "screen/top.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
+// What messages make of the network, and the sentences of the changes.
+#include "diagctl_fixture.h"
 
 namespace
 {
 
-using lines = std::vector<std::string>;
 using std::string;
-
-const string LOCAL = "02-00-00-00-00-01";
-const string REMOTE = "02-00-00-00-00-02";
-const mac_address REMOTE_MAC = {2, 0, 0, 0, 0, 2};
 
 // The eleven topics that the daemon withdraws of a leaving node, in its order.
 constexpr const char *WITHDRAWN[] = {"port_summary",    "port_media",       "job_rev", "job_name",
@@ -29,56 +18,6 @@ string versions_text(const char *version)
              "2.0               77", "APP", "3.0");
     return text;
 }
-
-class diagctl : public testing::Test
-{
-protected:
-    lines apply(const string &topic, const string &payload, bool is_retained = false)
-    {
-        now.steady += std::chrono::seconds(1);
-        lines texts;
-        for (const change &item :
-             network_apply(net, topic, {reinterpret_cast<const uint8_t *>(payload.data()), payload.size()},
-                           is_retained, now)) {
-            texts.push_back(change_text(net, item));
-        }
-        return texts;
-    }
-    lines retained(const string &topic, const string &payload) { return apply(topic, payload, true); }
-    lines of_node(const string &mac, const string &name, const string &payload)
-    {
-        return apply("pub/diag/" + mac + "/" + name, payload);
-    }
-    void announce_local() { retained("pub/diag/local_node", LOCAL); }
-    const node &remote() { return net.nodes.at(REMOTE_MAC); }
-
-    string shown(size_t width, size_t height, const stats_target *target = nullptr)
-    {
-        string text;
-        for (const screen_line &line :
-             view_render({"broker:1", net, events, target, node_order::MAC, {}, false, width, height}, now)) {
-            string whole;
-            for (const styled_text &part : line) {
-                whole += part.text;
-            }
-            widest = std::max(widest, whole.size());
-            text += whole + "\n";
-        }
-        return text;
-    }
-
-    network net;
-    std::deque<event> events;
-    moment now{};
-    size_t widest = 0;
-};
-
-string list_record(const string &mac_tail, char number, char ports)
-{
-    return string("\x02\0\0\0\0", 5) + mac_tail + number + ports;
-}
-
-const string NONE_LISTED(1, '\0');
 
 } // namespace
 
@@ -252,6 +191,39 @@ TEST_F(diagctl, lists_tell_each_port_gained_and_lost)
     EXPECT_NE(shown(80, 24).find("Ground fault: none"), string::npos);
 }
 
+// Who watches node 2 wants all of these, and nothing else.
+TEST_F(diagctl, change_of_a_node_not_shown_to_who_watches_it)
+{
+    announce_local();
+    net.names.add(REMOTE + " Cellar", "names");
+    const auto is_of = [&](const char *reference) {
+        const auto wanted = parse_node_reference(reference, net.names);
+        return !last.empty() && std::all_of(last.begin(), last.end(),
+                                            [&](const change &item) { return concerns(net, *wanted, item); });
+    };
+    const struct {
+        const char *topic;
+        string payload;
+    } messages[] = {
+        {"pub/diag/net/fire/grnd_list", list_record("\x02", 2, 1)},
+        {"pub/diag/02-00-00-00-00-02/port_summary", R"({"A":"red"})"},
+        {"pub/diag/net/fire/miswired_links", string("\x09\0\x02\x01", 4)},
+        {"pub/diag/02-00-00-00-00-02/A/stats", stats_of(1, 2, 3)},
+        {"pub/diag/net/fire/grnd_list", NONE_LISTED},
+        {"pub/diag/02-00-00-00-00-02/port_summary", ""},
+    };
+    detail = change_detail::RECORDS;
+    for (const auto &[topic, payload] : messages) {
+        apply(topic, payload);
+        for (const char *reference : {"2", "cellar", "02:00:00:00:00:02"}) {
+            EXPECT_TRUE(is_of(reference)) << topic << " " << reference;
+        }
+        EXPECT_FALSE(is_of("local") || is_of("3")) << topic;
+    }
+    apply("local/diag/ring/0/status", string("\x02\0\0\0", 4));
+    EXPECT_TRUE(is_of("local"));
+}
+
 TEST_F(diagctl, miswired_links_name_both_ends)
 {
     EXPECT_EQ(apply("pub/diag/net/fire/miswired_links", string("\x07\0\x09\x02", 4)),
@@ -310,17 +282,13 @@ TEST_F(diagctl, running_period_counts_from_the_close_that_was_seen)
 {
     announce_local();
     const auto publish_stats = [&](uint64_t good, uint32_t errored, uint32_t ratio) {
-        uint8_t block[STATS_BLOCK_SIZE] = {};
-        store_be(block + STATS_GOOD_FRAMES, good);
-        store_be(block + STATS_ERRORED_FRAMES, errored);
-        store_be(block + STATS_ERROR_RATIO_PPM, ratio);
-        of_node(LOCAL, "A/stats", string(std::begin(block), std::end(block)));
+        of_node(LOCAL, "A/stats", stats_of(good, errored, ratio));
     };
     const auto running = [&](size_t offset) {
         const auto field = std::find_if(PM_FIELDS.begin(), PM_FIELDS.end(), [&](const pm_field &candidate) {
             return candidate.offset == offset;
         });
-        return running_period_value(net.nodes.at({2, 0, 0, 0, 0, 1}).ports.at(LUM_PORT_A), *field);
+        return running_period_value(net.nodes.at(LOCAL_MAC).ports.at(LUM_PORT_A), *field);
     };
     publish_stats(100, 5, 9);
     EXPECT_EQ(running(PM_GOOD_FRAMES), 100U) << "nothing has been closed yet";
@@ -366,30 +334,4 @@ TEST_F(diagctl, users_name_nodes_in_the_common_forms_only)
     apply("pub/diag/net/fire/link_down", list_record("\x02", 9, 1) + list_record("\x03", 9, 1));
     EXPECT_EQ(find_nodes(net, *parse_node_reference("9", {})).size(), 2U);
     EXPECT_EQ(find_nodes(net, *parse_node_reference("8", {})).size(), 0U);
-}
-
-TEST_F(diagctl, screen_keeps_to_its_size)
-{
-    announce_local();
-    for (int i = 1; i <= 60; i++) {
-        char mac[MAC_STR_SIZE];
-        snprintf(mac, sizeof mac, "02-00-00-00-00-%02X", i);
-        of_node(mac, "port_summary", R"({"A":"green","B":"red","C":"yellow"})");
-        of_node(mac, "software_versions", versions_text("1.0"));
-        events.push_back({now, string("event ") + mac});
-    }
-    const stats_target target = {{.is_local = true}, LUM_PORT_B, "local/B"};
-    of_node(LOCAL, "B/stats", string(STATS_BLOCK_SIZE, 'x'));
-    for (const auto &[width, height] :
-         {std::pair<size_t, size_t>{80, 24}, {200, 100}, {40, 10}, {1, 1}, {0, 0}}) {
-        const string screen = shown(width, height, &target);
-        EXPECT_EQ(static_cast<size_t>(std::count(screen.begin(), screen.end(), '\n')), height);
-        EXPECT_LE(widest, width);
-        widest = 0;
-    }
-    const string screen = shown(80, 24, &target);
-    EXPECT_NE(screen.find("of 60"), string::npos) << screen;
-    EXPECT_NE(screen.find("event 02-00-00-00-00-3C"), string::npos)
-        << "the newest event is in sight" << screen;
-    EXPECT_NE(screen.find("A  B! C~"), string::npos) << "colours have marks" << screen;
 }

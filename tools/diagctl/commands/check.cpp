@@ -24,6 +24,21 @@ struct limits {
     std::optional<unsigned> critical;
 };
 
+struct watched_list {
+    port_list list;
+    const char *option;
+    const char *help;
+    const char *measure; // in the performance data
+    const char *counted; // behind "2 ports"
+};
+constexpr watched_list WATCHED[PORT_LISTS] = {
+    {LIST_LINK_DOWN, "--ports-down", "More ports down than the first are a WARNING, than the second CRITICAL",
+     "ports_down", "down"},
+    {LIST_GROUND, "--ground-faults", "The same of ports with a ground fault", "ground_faults",
+     "with a ground fault"},
+    {LIST_MISWIRED, "--miswired", "The same of miswired ports", "miswired", "miswired"},
+};
+
 struct check_options {
     std::string port_limits[PORT_LISTS] = {"0", "0", "0"}; // by port_list
     unsigned ring_severity = VERDICT_WARNING;
@@ -120,14 +135,12 @@ std::string limit_text(const std::optional<unsigned> &limit)
     return limit ? std::to_string(*limit) : "";
 }
 
-void check_list(const network &net, port_list which, const limits &allowed, findings &out)
+void check_list(const network &net, const watched_list &watched, const limits &allowed, findings &out)
 {
-    static constexpr const char *COUNTED[] = {"down", "with a ground fault", "miswired"}; // by port_list
-    static constexpr const char *MEASURES[] = {"ports_down", "ground_faults", "miswired"};
-    const fact<port_list_value> &list = net.lists[which];
+    const fact<port_list_value> &list = net.lists[watched.list];
     if (!list.value) {
         out.add(VERDICT_UNKNOWN,
-                fmt::format("{} {}", PORT_LIST_INFOS[which].label, fact_text(list, "missing", "")));
+                fmt::format("{} {}", PORT_LIST_INFOS[watched.list].label, fact_text(list, "missing", "")));
         return;
     }
     unsigned count = 0;
@@ -139,13 +152,13 @@ void check_list(const network &net, port_list which, const limits &allowed, find
             ports.push_back(fmt::format("{}/{}", name == nullptr ? mac_text(record.mac) : *name, port));
         }
     }
-    out.measure(fmt::format("{}={};{};{};0", MEASURES[which], count, limit_text(allowed.warning),
+    out.measure(fmt::format("{}={};{};{};0", watched.measure, count, limit_text(allowed.warning),
                             limit_text(allowed.critical)));
     if (count > 0) {
         const verdict severity = allowed.critical && count > *allowed.critical ? VERDICT_CRITICAL
                                  : allowed.warning && count > *allowed.warning ? VERDICT_WARNING
                                                                                : VERDICT_OK;
-        out.add(severity, fmt::format("{} port{} {} ({})", count, count == 1 ? "" : "s", COUNTED[which],
+        out.add(severity, fmt::format("{} port{} {} ({})", count, count == 1 ? "" : "s", watched.counted,
                                       shortened(ports)));
     }
 }
@@ -215,8 +228,8 @@ void check_network(const context &common, const check_options &options, findings
         report_no_daemon(common.address);
     }
     check_nodes(net, options.expected, out);
-    for (int list = 0; list < PORT_LISTS; list++) {
-        check_list(net, static_cast<port_list>(list), parse_limits(options.port_limits[list]).value(), out);
+    for (const watched_list &watched : WATCHED) {
+        check_list(net, watched, parse_limits(options.port_limits[watched.list]).value(), out);
     }
     check_ring(net, static_cast<verdict>(options.ring_severity), out);
     check_daemon(asked, options.seconds, out);
@@ -252,19 +265,10 @@ void add_check_command(command_line &line, context &common)
          .value = "N|names",
          .check = check_expected},
         options->expected);
-    constexpr struct {
-        port_list list;
-        const char *name;
-        const char *help;
-    } LIMITS[] = {
-        {LIST_LINK_DOWN, "--ports-down",
-         "More ports down than the first are a WARNING, than the second CRITICAL"},
-        {LIST_GROUND, "--ground-faults", "The same of ports with a ground fault"},
-        {LIST_MISWIRED, "--miswired", "The same of miswired ports"},
-    };
-    for (const auto &[list, name, help] : LIMITS) {
-        added.text({.name = name, .help = help, .value = "MAX[,MAX]", .check = check_limits},
-                   options->port_limits[list]);
+    for (const watched_list &watched : WATCHED) {
+        added.text(
+            {.name = watched.option, .help = watched.help, .value = "MAX[,MAX]", .check = check_limits},
+            options->port_limits[watched.list]);
     }
     added.choice({.name = "--ring-degraded",
                   .help = "What a degraded ring is: ok, warning (as without) or critical",

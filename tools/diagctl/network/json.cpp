@@ -336,6 +336,11 @@ json topic_json(const network &net, std::string_view topic)
     if (topic == NETWORK_STYLE7_TOPIC) {
         return ring_json(net);
     }
+    for (const auto &[ring, state] : net.rings) {
+        if (topic == fmt::format("{}{}{}", RING_PREFIX, ring, RING_SUFFIX)) {
+            return fact_json(state, ring_state_text);
+        }
+    }
     const std::optional<topic_place> place = parse_topic_place(topic);
     const auto found = place ? net.nodes.find(place->mac) : net.nodes.end();
     if (found == net.nodes.end()) {

@@ -6,7 +6,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
-#include <set>
+#include <utility>
 
 namespace
 {
@@ -391,17 +391,17 @@ void compare_lists(const network &net, port_list which, const port_list_value &l
 // Whatever a list has named stays known only as long as something else is known of it, or a list still names it.
 void forget_unlisted(network &net)
 {
-    std::set<mac_address> listed;
-    for (const auto &list : net.lists) {
-        for (const listed_ports &record : list.value.value_or(port_list_value{})) {
-            listed.insert(record.mac);
-        }
-    }
+    const auto is_listed = [&](const mac_address &mac) {
+        return std::any_of(net.lists.begin(), net.lists.end(), [&](const fact<port_list_value> &list) {
+            return list.value && std::any_of(list.value->begin(), list.value->end(),
+                                             [&](const listed_ports &record) { return record.mac == mac; });
+        });
+    };
     std::erase_if(net.nodes, [&](const auto &entry) {
         const auto &[mac, candidate] = entry;
-        return !net.is_local(mac) && !listed.contains(mac) && candidate.ports.empty() &&
-               std::none_of(candidate.facts.begin(), candidate.facts.end(),
-                            [](const auto &value) { return value.is_published; });
+        const bool is_told_of = std::any_of(candidate.facts.begin(), candidate.facts.end(),
+                                            [](const auto &value) { return value.is_published; });
+        return !is_told_of && candidate.ports.empty() && !net.is_local(mac) && !is_listed(mac);
     });
 }
 

@@ -73,7 +73,7 @@ struct card_view {
     // The ports of a node that a list names.
     unsigned listed(port_list list, const mac_address &mac) const
     {
-        return ports_in(lists[list].value.value_or(port_list_value{}), mac);
+        return lists[list].value ? ports_in(*lists[list].value, mac) : 0;
     }
 };
 

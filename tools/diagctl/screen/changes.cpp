@@ -207,5 +207,5 @@ void print_message(const network &net, std::string_view topic, const std::string
         item.number = found == net.nodes.end() ? std::nullopt : found->second.number;
         item.port = place->port;
     }
-    print(net, item, topic, fmt::format("{} {}", topic, text), now, is_json);
+    print(net, item, topic, fmt::format("{} {}", printable(topic), text), now, is_json);
 }

@@ -183,56 +183,57 @@ const pm_record *last_period_record(const port_records &records)
     return slot == records.pm.end() || !slot->second.value ? nullptr : &*slot->second.value;
 }
 
-screen_lines stats_lines(const screen &screen)
+// The rows with titles, in two halves side by side where they fit.
+screen_lines stats_table(std::vector<screen_lines> rows, size_t width)
 {
-    const stats_target &target = *screen.target;
-    const std::vector<const node *> nodes = find_nodes(screen.net, target.node);
-    const std::string title = "Statistics of " + target.text;
-    if (nodes.empty()) {
-        return {title_line(title + ": no such node is known here", screen.width)};
-    }
-    if (nodes.size() > 1) {
-        std::string macs;
-        for (const node *found : nodes) {
-            macs += " " + mac_text(found->mac);
-        }
-        return {title_line(title + ": several nodes have this number:" + macs, screen.width)};
-    }
-    const auto found = nodes[0]->ports.find(target.port);
-    if (found == nodes[0]->ports.end() || !found->second.stats.is_published) {
-        return {title_line(title + ": none published on this broker", screen.width)};
-    }
-    const port_records &records = found->second;
-    if (!records.stats.value) {
-        return {title_line(title + ": " + fact_text(records.stats, "", ""), screen.width)};
-    }
-    const pm_record *const last_period = last_period_record(records);
-    screen_lines lines = {
-        title_line(title + " since reset (" + period_text(records, last_period) + ")", screen.width)};
-
-    const screen_lines heads = {
-        {{text_style::BOLD, "FIELD"}},
-        {{text_style::BOLD, "TOTAL"}},
-        {{text_style::BOLD, "RUNNING"}},
-        {{text_style::BOLD, "LAST"}},
-    };
-    std::vector<screen_lines> rows = stats_rows(records, last_period);
-    // Two halves side by side where they fit.
+    const screen_lines heads = heading({"FIELD", "TOTAL", "RUNNING", "LAST"});
     const size_t half = (rows.size() + 1) / 2;
     std::vector<screen_lines> wide = {heads};
-    wide[0].insert(wide[0].end(), heads.begin(), heads.end());
+    append_lines(wide[0], heads);
     for (size_t i = 0; i < half; i++) {
         wide.push_back(rows[i]);
         if (i + half < rows.size()) {
-            wide.back().insert(wide.back().end(), rows[i + half].begin(), rows[i + half].end());
+            append_lines(wide.back(), rows[i + half]);
         }
     }
-    screen_lines body = columns(wide);
-    if (length_of(body[0]) > screen.width) {
-        rows.insert(rows.begin(), heads);
-        body = columns(rows);
+    const screen_lines lines = columns(wide);
+    if (length_of(lines[0]) <= width) {
+        return lines;
     }
-    append_lines(lines, body);
+    rows.insert(rows.begin(), heads);
+    return columns(rows);
+}
+
+screen_lines stats_lines(const screen &screen)
+{
+    const stats_target &target = *screen.target;
+    const auto only_title = [&](const std::string &text) {
+        return screen_lines{title_line(fmt::format("Statistics of {}: {}", target.text, text), screen.width)};
+    };
+    const std::vector<const node *> nodes = find_nodes(screen.net, target.node);
+    if (nodes.empty()) {
+        return only_title("no such node is known here");
+    }
+    if (nodes.size() > 1) {
+        std::string macs = "several nodes are called so:";
+        for (const node *found : nodes) {
+            macs += " " + mac_text(found->mac);
+        }
+        return only_title(macs);
+    }
+    const auto found = nodes[0]->ports.find(target.port);
+    if (found == nodes[0]->ports.end() || !found->second.stats.is_published) {
+        return only_title("none published on this broker");
+    }
+    const port_records &records = found->second;
+    if (!records.stats.value) {
+        return only_title(fact_text(records.stats, "", ""));
+    }
+    const pm_record *const last_period = last_period_record(records);
+    screen_lines lines = {title_line(
+        fmt::format("Statistics of {} since reset ({})", target.text, period_text(records, last_period)),
+        screen.width)};
+    append_lines(lines, stats_table(stats_rows(records, last_period), screen.width));
     return lines;
 }
 

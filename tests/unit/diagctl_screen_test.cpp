@@ -1,61 +1,22 @@
-#include "common/bytes.h"
-#include "screen/changes.h"
+// What is shown of the network.
+#include "diagctl_fixture.h"
 #include "screen/reports.h"
-
-#include <gtest/gtest.h>
 
 namespace
 {
 
-using lines = std::vector<std::string>;
 using std::string;
 
 string topic_of(int node, const string &name)
 {
-    char mac[MAC_STR_SIZE];
-    snprintf(mac, sizeof mac, "02-00-00-00-00-%02X", node);
-    return string("pub/diag/") + mac + "/" + name;
+    return "pub/diag/" + mac_text({2, 0, 0, 0, 0, static_cast<uint8_t>(node)}) + "/" + name;
 }
 
-string stats_of(uint64_t good, uint32_t errored, uint32_t ratio)
-{
-    uint8_t block[STATS_BLOCK_SIZE] = {};
-    store_be(block + STATS_GOOD_FRAMES, good);
-    store_be(block + STATS_ERRORED_FRAMES, errored);
-    store_be(block + STATS_ERROR_RATIO_PPM, ratio);
-    return {std::begin(block), std::end(block)};
-}
-
-string text_of(const std::vector<screen_line> &shown)
-{
-    string text;
-    for (const screen_line &line : shown) {
-        for (const styled_text &part : line) {
-            text += part.text;
-        }
-        text += '\n';
-    }
-    return text;
-}
-
-class diagctl_report : public testing::Test
+class diagctl_report : public diagctl
 {
 protected:
-    lines apply(const string &topic, const string &payload, bool is_retained = false)
-    {
-        lines texts;
-        for (const change &item :
-             network_apply(net, topic, {reinterpret_cast<const uint8_t *>(payload.data()), payload.size()},
-                           is_retained, now, change_detail::RECORDS)) {
-            texts.push_back(change_text(net, item));
-        }
-        return texts;
-    }
-    const port_records &records() { return net.nodes.at({2, 0, 0, 0, 0, 1}).ports.at(LUM_PORT_A); }
-    void wait(int seconds) { now.steady += std::chrono::seconds(seconds); }
-
-    network net;
-    moment now{};
+    diagctl_report() { detail = change_detail::RECORDS; }
+    const port_records &records() { return net.nodes.at(LOCAL_MAC).ports.at(LUM_PORT_A); }
 };
 
 } // namespace
@@ -64,17 +25,16 @@ TEST_F(diagctl_report, rate_of_a_retained_message_or_over_a_wrap)
 {
     const stats_field &good = stats_field_at(STATS_GOOD_FRAMES);
     const stats_field &errored = stats_field_at(STATS_ERRORED_FRAMES);
-    apply(topic_of(1, "A/stats"), stats_of(0, 0, 0), true);
-    wait(1);
-    apply(topic_of(1, "A/stats"), stats_of(100, UINT32_MAX, 5));
+    retained(topic_of(1, "A/stats"), stats_of(0, 0, 0));
+    of_node(LOCAL, "A/stats", stats_of(100, UINT32_MAX, 5));
     EXPECT_FALSE(field_rate(records(), good)) << "nobody knows when the retained one was published";
-    wait(2);
-    apply(topic_of(1, "A/stats"), stats_of(103, 4, 6));
+    now.steady += std::chrono::seconds(1);
+    of_node(LOCAL, "A/stats", stats_of(103, 4, 6));
     EXPECT_EQ(field_rate(records(), good), 1.5);
     EXPECT_EQ(field_rate(records(), errored), 2.5);
     EXPECT_FALSE(field_rate(records(), stats_field_at(STATS_ERROR_RATIO_PPM)));
     EXPECT_FALSE(field_rate(records(), stats_field_at(STATS_LINK_DOWN_SECONDS)));
-    apply(topic_of(1, "A/stats"), "short");
+    of_node(LOCAL, "A/stats", "short");
     EXPECT_FALSE(field_rate(records(), good));
 }
 
@@ -108,7 +68,6 @@ TEST_F(diagctl_report, nodes_in_another_order_than_asked_for)
     const char *const colours[] = {R"({"A":"yellow"})", R"({"A":"red","B":"red"})", R"({"A":"green"})",
                                    R"({"A":"red","B":"yellow"})"};
     for (int i = 0; i < 4; i++) {
-        wait(1);
         apply(topic_of(i + 1, "port_summary"), colours[i]);
     }
     apply("pub/diag/net/fire/link_down", string("\x02\0\0\0\0\x04\x05\x01\x02\0\0\0\0\x02\x09\x03", 16));
@@ -136,6 +95,16 @@ TEST_F(diagctl_report, node_that_has_left_shown_as_present)
     EXPECT_NE(text.find("card address      7\n"), string::npos) << text;
 }
 
+TEST_F(diagctl_report, name_missing_beside_its_address)
+{
+    net.names.add(REMOTE + " Cellar", "names");
+    EXPECT_EQ(apply(topic_of(2, "port_summary"), R"({"A":"red"})")[0], "node Cellar " + REMOTE + " appeared");
+    apply("pub/diag/net/fire/link_down", list_record("\x02", 2, 1));
+    EXPECT_NE(text_of(node_table(net, sorted_nodes(net, node_order::MAC), now)).find("Cellar  " + REMOTE),
+              string::npos);
+    EXPECT_NE(text_of(lists_lines(net)).find("Cellar " + REMOTE + " (2) A"), string::npos);
+}
+
 TEST_F(diagctl_report, characters_cut_in_half)
 {
     const struct {
@@ -148,4 +117,28 @@ TEST_F(diagctl_report, characters_cut_in_half)
         EXPECT_EQ(text_of({line}), string(text) + "\n");
         EXPECT_EQ(length_of(line), std::min<size_t>(width, 4));
     }
+}
+
+TEST_F(diagctl_report, screen_keeps_to_its_size)
+{
+    announce_local();
+    for (int i = 1; i <= 60; i++) {
+        const string mac = mac_text({2, 0, 0, 0, 0, static_cast<uint8_t>(i)});
+        of_node(mac, "port_summary", R"({"A":"green","B":"red","C":"yellow"})");
+        events.push_back({now, "event " + mac});
+    }
+    const stats_target target = {{.is_local = true}, LUM_PORT_B, "local/B"};
+    of_node(LOCAL, "B/stats", string(STATS_BLOCK_SIZE, 'x'));
+    for (const auto &[width, height] :
+         {std::pair<size_t, size_t>{80, 24}, {200, 100}, {40, 10}, {1, 1}, {0, 0}}) {
+        const string screen = shown(width, height, &target);
+        EXPECT_EQ(static_cast<size_t>(std::count(screen.begin(), screen.end(), '\n')), height);
+        EXPECT_LE(widest, width);
+        widest = 0;
+    }
+    const string screen = shown(80, 24, &target);
+    EXPECT_NE(screen.find("of 60"), string::npos) << screen;
+    EXPECT_NE(screen.find("event 02-00-00-00-00-3C"), string::npos)
+        << "the newest event is in sight" << screen;
+    EXPECT_NE(screen.find("A  B! C~"), string::npos) << "colours have marks" << screen;
 }
