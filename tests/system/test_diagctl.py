@@ -106,7 +106,9 @@ def test_cut_link_is_missing_or_late_in_a_command(lab):
             change = objects.wait(lambda item: item["topic"] == "pub/diag/net/fire/link_down", BUSY)
             assert {"mac": LOCAL, "name": None, "number": 1, "ports": ["B"]} in change["value"]
             assert (change["mac"], change["port"], change["old"], change["new"]) == (LOCAL, "B", False, True)
-            nodes.wait(lambda item: {"port": "B", "colour": "red", "media": "smf"} in item["nodes"][0]["ports"], BUSY)
+            validator("change").validate(change)
+            red = {"port": "B", "colour": "red", "media": "smf"}
+            validator("nodes").validate(nodes.wait(lambda item: red in item["nodes"][0]["ports"], BUSY))
             top.wait(lambda line: line.endswith("network ring status degraded"), BUSY)
             node.topics.wait(lambda item: item[0] == "local/diag/network_style7" and item[1] == b"\x01", BUSY)
             assert read_json(node, "lists")["ring"] == "degraded"

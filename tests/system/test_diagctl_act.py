@@ -110,7 +110,8 @@ def test_recording_loses_or_changes_what_was_published(lab, make_lab):
     with Stream(command) as recorder:
         recorder.wait(lambda line: line.startswith("recording"), BUSY)
         node.publish(("pub/diag/probe", bytes([0, 255])), ("pub/diag/probe/gone", "1"), ("pub/diag/probe/gone", ""))
-        node.publish(("local/activate", b"\x05"), retain=False)
+        answer = ("pub/diag/command/response", "1;2;ACK")  # comes back to who replays it
+        node.publish(answer, ("local/activate", b"\x05"), retain=False)
         wait_until(lambda: "local/activate" in node.exec("cat", RECORDING).partition("probe/gone")[2], BUSY)
         recorder.signal(signal.SIGINT)
         assert recorder.end(BUSY) == SUCCESS

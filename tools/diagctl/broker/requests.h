@@ -20,7 +20,7 @@ struct request {
 class requests
 {
 public:
-    // Before the session's other handlers: they don't get the answers.
+    // Before the session's other handlers: they don't get the answers. Lives as long as the session is served.
     explicit requests(session &broker_session);
 
     // Sends a command; the transaction's number.

@@ -73,9 +73,8 @@ recording read_recording(const std::string &path)
 }
 
 // False when a signal came.
-bool refuse_daemon(session &broker)
+bool refuse_daemon(session &broker, requests &asked)
 {
-    requests asked(broker);
     broker.subscribe({});
     const uint32_t transaction = asked.send("noop");
     const wait_end end =
@@ -129,7 +128,8 @@ exit_status run_replay(const context &common, const replay_options &options)
     const recording recorded = read_recording(options.path);
     const signal_input signals;
     session broker(common.address, &signals);
-    if (!refuse_daemon(broker)) {
+    requests asked(broker);
+    if (!refuse_daemon(broker, asked)) {
         return STATUS_FAILURE;
     }
     const double time = recorded.messages.empty() ? 0 : recorded.messages.back().time;

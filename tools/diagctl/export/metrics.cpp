@@ -158,16 +158,20 @@ void add_node(families &out, const network &net, const node &shown)
     const std::string mac = mac_text(shown.mac);
     const auto fact_of = [&](int topic) { return shown.facts[static_cast<size_t>(topic)].value; };
     const auto version = [&](size_t i) { return i < shown.versions.size() ? shown.versions[i].version : ""; };
-    out.gauge("diag_node_info", "What a node is; number is empty while no list names the node.",
-              {{"mac", mac},
-               {"number", shown.number ? std::to_string(*shown.number) : ""},
-               {"location", net.is_local(shown.mac) ? "local" : "remote"},
-               {NODE_JOB_NAME, fact_of(TOPIC_JOB_NAME).value_or("")},
-               {NODE_JOB_REV, fact_of(TOPIC_JOB_REV).value_or("")},
-               {"os_version", version(0)},
-               {"boot_version", version(1)},
-               {"app_version", version(2)}},
-              1);
+    const std::string *const name = net.names.of(shown.mac);
+    out.gauge(
+        "diag_node_info",
+        "What a node is; number is empty while no list names the node, name where the names file doesn't.",
+        {{"mac", mac},
+         {"name", name == nullptr ? "" : *name},
+         {"number", shown.number ? std::to_string(*shown.number) : ""},
+         {"location", net.is_local(shown.mac) ? "local" : "remote"},
+         {NODE_JOB_NAME, fact_of(TOPIC_JOB_NAME).value_or("")},
+         {NODE_JOB_REV, fact_of(TOPIC_JOB_REV).value_or("")},
+         {"os_version", version(0)},
+         {"boot_version", version(1)},
+         {"app_version", version(2)}},
+        1);
     if (shown.last_change) {
         out.gauge("diag_node_last_change_timestamp_seconds",
                   "When something of the node other than its statistics has changed, seen by this exporter.",
