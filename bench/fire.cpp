@@ -3,7 +3,6 @@
 //
 //     bench_fire handlers PID SECONDS   datagrams of every type; node 2's daemon is stopped
 //     bench_fire bare PID SECONDS       the same to a bare recvfrom loop
-//     bench_fire serve PID              send passes over 1,000 topics for 100 subscriptions; node 2's daemon is stopped
 //     bench_fire change PID COUNT       from a change on node 1's broker to the topic on node 2's
 //     bench_fire activate PID COUNT     activates 98 nodes that acknowledge; node 2's daemon is stopped
 //     bench_fire snapshot PID           how large a first send reaches node 2's broker whole
@@ -47,9 +46,6 @@ constexpr const char *OWN_ADDRESS = "10.22.0.2";
 constexpr const char *SERVER_TOPICS = "pub/diag/02-00-00-00-00-01/bench";
 constexpr unsigned NODES = 98;
 constexpr unsigned FIRST_NODE = 2;
-constexpr unsigned TOPICS = 1000;
-constexpr unsigned SUBSCRIPTIONS = 100;
-constexpr int QUIET_PASSES = 5;
 constexpr uint16_t LONG_PERIOD = 3600;
 constexpr auto SETTLE = std::chrono::milliseconds(300);
 
@@ -282,47 +278,6 @@ mosquitto *connect_through(int pid, const char *id)
 void publish(mosquitto *client, const std::string &topic, const std::string &text, bool retain = false)
 {
     mosquitto_publish(client, nullptr, topic.c_str(), static_cast<int>(text.size()), text.data(), 1, retain);
-}
-
-void serve(int pid)
-{
-    mosquitto *const client = connect_through(pid, "bench-topics");
-    for (unsigned topic = 0; topic < TOPICS; topic++) {
-        publish(client, std::string(SERVER_TOPICS) + "/" + std::to_string(topic), "0123456789");
-    }
-    settle(client);
-    const int fd = open_sender();
-    const int receiver = open_receiver();
-    const int large = 1 << 26;
-    setsockopt(receiver, SOL_SOCKET, SO_RCVBUFFORCE, &large, sizeof large);
-    pin(pid, 1);
-    const std::string filter = std::string(SERVER_TOPICS) + "/#";
-
-    auto subscribe_clients = [&](uint16_t period) {
-        for (unsigned number = 1; number <= SUBSCRIPTIONS; number++) {
-            send_to(fd, subscribe(number, period, filter));
-        }
-    };
-    const double before = settled_time(pid);
-    subscribe_clients(LONG_PERIOD);
-    const double first = settled_time(pid) - before;
-    for (unsigned number = 1; number <= SUBSCRIPTIONS; number++) {
-        send_to(fd, unsubscribe_all(number));
-    }
-    settled_time(pid);
-    subscribe_clients(1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
-    const double quiet_before = processor_time(pid);
-    std::this_thread::sleep_for(std::chrono::seconds(QUIET_PASSES));
-    const double quiet = (processor_time(pid) - quiet_before) / QUIET_PASSES;
-    for (unsigned number = 1; number <= SUBSCRIPTIONS; number++) {
-        send_to(fd, unsubscribe_all(number));
-    }
-    printf("%u topics for %u subscriptions: all sent in %.0f ms of processor time (%.2f us each), nothing "
-           "changed %.1f ms (%.3f us each)\n",
-           TOPICS, SUBSCRIPTIONS, first * 1e3, first * 1e6 / (TOPICS * SUBSCRIPTIONS), quiet * 1e3,
-           quiet * 1e6 / (TOPICS * SUBSCRIPTIONS));
-    mosquitto_destroy(client);
 }
 
 std::string last_value; // that has come to node 2's broker
@@ -568,8 +523,6 @@ int main(int argc, char **argv)
     setvbuf(stdout, nullptr, _IOLBF, 0);
     if ((mode == "handlers" || mode == "bare") && count > 0) {
         flood(pid, count, mode == "bare");
-    } else if (mode == "serve" && pid > 0) {
-        serve(pid);
     } else if (mode == "change" && count > 0) {
         change(pid, count);
     } else if (mode == "activate" && count > 0) {
@@ -579,7 +532,7 @@ int main(int argc, char **argv)
     } else if (mode == "storm" && argc > 5) {
         storm(pid, argv[3], static_cast<unsigned>(atoi(argv[4])), atoi(argv[5]));
     } else {
-        die("usage: bench_fire handlers|bare PID SECONDS | serve|snapshot PID | change|activate PID COUNT | "
+        die("usage: bench_fire handlers|bare PID SECONDS | snapshot PID | change|activate PID COUNT | "
             "storm PID port|all|commands RATE SECONDS");
     }
     mosquitto_lib_cleanup();

@@ -1,9 +1,8 @@
 // The port statistics of the daemon on this node, whose card is stopped: this program plays it.
 //
 //     bench_statistics track PORTS          announces the first PORTS of A to H and CPU as fire ports
-//     bench_statistics messages COUNT       statistics messages on ports A to H until COUNT records have come
-//     bench_statistics throughput COUNT     the same, timed, against the bare client
-//     bench_statistics tick PORTS           waits for the end of a quarter hour and times its publications
+//     bench_statistics throughput COUNT     statistics messages on ports A to H until COUNT records have come, timed,
+//                                           against the bare client
 //     bench_statistics untrack              times the clearing of port A's topics
 #include "client.h"
 #include "hwinfo/hwinfo.h"
@@ -20,10 +19,8 @@ namespace
 
 constexpr int WINDOW = 16; // messages under way: below the 20 that the client library keeps on the wire
 constexpr int TOPICS_PER_PORT = 1 + PM_PERIODS + 1 + PM_DAYS + 1;
-constexpr int TICK_LIMIT_MS = 120'000;
 
 int received; // messages that the running measurement waits for
-bench_clock::time_point first_time;
 bench_clock::time_point last_time;
 
 void count_message(mosquitto *, void *, const mosquitto_message *message)
@@ -32,9 +29,7 @@ void count_message(mosquitto *, void *, const mosquitto_message *message)
         return; // what was published before
     }
     last_time = bench_clock::now();
-    if (received++ == 0) {
-        first_time = last_time;
-    }
+    received++;
 }
 
 std::string local_topic(int port, const char *name)
@@ -117,9 +112,7 @@ int main(int argc, char **argv)
     const pid_t bare = mode == "throughput" ? start_bare_client() : 0;
     mosquitto *const client = connect_client("bench-statistics");
     mosquitto_message_callback_set(client, count_message);
-    const char *const filter = mode == "tick"      ? "pub/diag/+/+/pm/#"
-                               : mode == "untrack" ? "pub/diag/+/A/#"
-                                                   : "pub/diag/+/+/stats";
+    const char *const filter = mode == "untrack" ? "pub/diag/+/A/#" : "pub/diag/+/+/stats";
     mosquitto_subscribe(client, nullptr, filter, 1);
     mosquitto_subscribe(client, nullptr, BARE_ANSWER, 1);
     settle(client);
@@ -127,21 +120,15 @@ int main(int argc, char **argv)
 
     if (mode == "track") {
         track(client, count);
-    } else if (mode == "messages") {
-        run_statistics(client, count);
     } else if (mode == "throughput") {
         throughput(client, count);
-    } else if (mode == "tick") {
-        wait_for(client, 2 * count, TICK_LIMIT_MS);
-        printf("%d publications for %d ports, from the first to the last %.0f us\n", received, count,
-               microseconds(last_time - first_time).count());
     } else if (mode == "untrack") {
         const auto start = bench_clock::now();
         publish(client, local_topic(LUM_PORT_A, FACT_TYPE), nullptr, 0, true);
         wait_for(client, TOPICS_PER_PORT, ANSWER_LIMIT_MS);
         printf("%d topics cleared within %.0f us\n", received, microseconds(last_time - start).count());
     } else {
-        die("usage: bench_statistics track PORTS | messages COUNT | throughput COUNT | tick PORTS | untrack");
+        die("usage: bench_statistics track PORTS | throughput COUNT | untrack");
     }
     if (bare != 0) {
         kill(bare, SIGKILL);

@@ -129,6 +129,7 @@ public:
         }
         failed_ = &CALLS[static_cast<size_t>(call)];
         failed_at_ = clock().now();
+        is_failed_stopping_ = is_stopping_;
         return failed_->errors[variant_];
     }
     void log(const char *text) override
@@ -188,6 +189,9 @@ private:
             const bool is_meant = sound.has_ended_itself() && ended_at_ == sound.ended_at_;
             return !daemon().is_serving() ? "doesn't start" : is_meant ? "goes on, ends" : "ends";
         }
+        if (is_failed_stopping_) {
+            return "goes on ending";
+        }
         return refusals_ > sound.refusals_ ? "refuses" : has_refused_since_ ? "goes on, refuses" : "goes on";
     }
     const char *find_fault(const failing &sound, bool is_silent) const
@@ -217,6 +221,7 @@ private:
     std::vector<line> logged_;
     const char *litter_ = nullptr;
     bool is_stopping_ = false; // by SIGTERM
+    bool is_failed_stopping_ = false;
     sim::nanoseconds ended_at_{};
     unsigned answers_ = 0; // since the end of the input
     unsigned refusals_ = 0;

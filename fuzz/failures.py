@@ -6,8 +6,9 @@ effect is what the document says of the last message.
     fuzz/failures.py PROGRAM      the program "failures" of a build; prints every run that is not so, and what was seen
 """
 import collections
-import pathlib
+import errno
 import os
+import pathlib
 import subprocess
 import sys
 
@@ -40,6 +41,13 @@ class Document:
         return self.known[source, text]
 
 
+def allows(documented, effect):
+    """Of an effect in the document, and what the daemon has done."""
+    if documented.startswith("goes on ending"):
+        return effect in ("goes on ending", "goes on, ends")
+    return documented.startswith(tuple(effect.removesuffix(" ending").split(", ")))
+
+
 def find_problem(document, error, effect, wrong, lines):
     if wrong:
         return wrong
@@ -55,7 +63,10 @@ def find_problem(document, error, effect, wrong, lines):
             if f"(errno {error})" not in line and f"({os.strerror(error)})" not in line:
                 return "another error in the log"
             break
-    if rows and not any(each.startswith(tuple(effect.split(", "))) for each in rows[-1].effects()):
+    # An interrupted call has no line of its own.
+    if rows and rows[0].cause.startswith("*follows another line*") and error != errno.EINTR:
+        return "a line that follows another comes first"
+    if rows and not any(allows(each, effect) for each in rows[-1].effects()):
         return f"the document says: {rows[-1].then}"
     return None
 

@@ -27,6 +27,9 @@ constexpr bool USES_CHUNKS = false;
 constexpr bool USES_CHUNKS = true;
 #endif
 
+constexpr int FRESH =
+    0xA5; // what memory holds at first: no pointer that the search for leaks would take for one
+
 } // namespace
 
 void *heap::take(size_t size)
@@ -62,6 +65,7 @@ void *heap::allocate(size_t size, allocator from)
 {
     auto *const added = static_cast<block *>(take(sizeof(block) + size));
     *added = {nullptr, first_, size, this, from};
+    memset(added + 1, FRESH, size);
     if (first_ != nullptr) {
         first_->previous = added;
     }
