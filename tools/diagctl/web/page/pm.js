@@ -7,7 +7,7 @@ import { titleOf } from "./nodes.js";
 import { store } from "./store.js";
 import { csv, dayText, isMalformed, listOf, minuteText, numberText, timeText, valueText } from "./text.js";
 
-const REFRESH_MS = 30000; // a period that closes shows itself as a change as well; this is for what was missed
+const REFRESH_MS = 10000; // a period that closes shows itself as a change as well; this is for what was missed
 const SOON_MS = 500;
 const STRIPS = ["errored_frames", "error_ratio_ppm", "link_down_seconds", "erps_down_seconds"];
 const KINDS = {

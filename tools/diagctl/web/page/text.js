@@ -1,15 +1,15 @@
-// Words for values. Anything that a card publishes may be missing (null) or undecodable ({"malformed": bytes}).
+// Words for values. Anything that a card publishes may be missing (null) or undecodable ({"malformed_bytes": size}).
 
 const MAX_TEXT = 200;
 const NOTHING = "–";
 
-export const isMalformed = (value) => value !== null && typeof value === "object" && "malformed" in value;
+export const isMalformed = (value) => value !== null && typeof value === "object" && "malformed_bytes" in value;
 
 // The array, or none where there is something else.
 export const listOf = (value) => (Array.isArray(value) ? value : []);
 
 export function malformedText(value) {
-    return `malformed (${countText(value.malformed, "byte")})`;
+    return `malformed (${countText(value.malformed_bytes, "byte")})`;
 }
 
 export function valueText(value) {

@@ -1,0 +1,95 @@
+// A ring of five nodes with the console on node 1, and a browser beside it.
+
+import { execFile, spawn } from "node:child_process";
+import { createInterface } from "node:readline";
+import { promisify } from "node:util";
+
+import { chromium } from "playwright-core";
+
+const HERE = new URL(".", import.meta.url).pathname;
+const SOURCE = `${HERE}../..`;
+const BUILD = process.env.DIAG_BUILD ?? `${SOURCE}/build/release`;
+const NAME = `console-${process.pid}`;
+const ENVIRONMENT = { ...process.env, LAB_NAME: NAME };
+// What it starts ends with this process, however that ends.
+const TOGETHER = ["setpriv", "--pdeathsig", "KILL"];
+// As in ./demo --story: the daemons' clocks are set so that a quarter hour closes soon.
+const CLOCK = "LD_PRELOAD='/usr/$LIB/faketime/libfaketime.so.1' FAKETIME_DONT_FAKE_MONOTONIC=1";
+
+const run = promisify(execFile);
+let ring; // the process that the lab hangs on
+
+export const macOf = (node) => `02-00-00-00-00-0${node}`;
+
+function start(...words) {
+    const [program, ...rest] = [...TOGETHER, ...words];
+    return spawn(program, rest, { env: ENVIRONMENT, stdio: ["ignore", "pipe", "inherit"] });
+}
+
+async function line(process, pattern) {
+    for await (const text of createInterface({ input: process.stdout })) {
+        if (pattern.test(text)) {
+            process.stdout.resume();
+            return text;
+        }
+    }
+    throw new Error(`ended before it said ${pattern}`);
+}
+
+export async function lab(...words) {
+    return (await run(`${SOURCE}/lab/lab`, words.map(String), { env: ENVIRONMENT, timeout: 60000 })).stdout;
+}
+
+export async function labUp(quarterHourAfter) {
+    const left = 900 - ((Math.floor(Date.now() / 1000) + quarterHourAfter) % 900);
+    ring = start(`${SOURCE}/lab/lab`, "up", "5", "--foreground", "--build", BUILD, "--daemon", `env ${CLOCK} FAKETIME=+${left}s "$DIAG" -n "$NODE"`);
+    await line(ring, /is up/);
+}
+
+export function labDown() {
+    ring?.kill();
+}
+
+// diagctl web inside node 1.
+export class Console {
+    constructor(...options) {
+        this.options = options;
+    }
+
+    async start() {
+        const words = ["sh", "-c", 'echo $$ >/tmp/console.pid; exec "$@"', "sh", `${BUILD}/diagctl`, "web", ...this.options];
+        this.process = start(`${SOURCE}/lab/lab`, "exec", "1", ...words);
+        this.address = /http:\S+\//.exec(await line(this.process, /http:/))[0];
+    }
+
+    async signal(name) {
+        // What waits for a stopped process inside the lab is stopped as well.
+        this.process.kill(name === "CONT" ? "SIGCONT" : 0);
+        await lab("exec", 1, "sh", "-c", `kill -${name} $(cat /tmp/console.pid)`);
+    }
+
+    // Returns the exit status.
+    async stop() {
+        const ended = new Promise((resolve) => this.process.once("exit", resolve));
+        if (this.process.exitCode === null) {
+            await this.signal("TERM");
+            return ended;
+        }
+        return this.process.exitCode;
+    }
+}
+
+export function openBrowser() {
+    process.env.LAB_NAME = NAME;
+    return chromium.launch({ executablePath: `${HERE}chromium`, args: ["--no-sandbox"] });
+}
+
+// At node 1's broker, retained. The payload comes from standard input: it may be anything.
+export async function publish(topic, payload) {
+    const process = spawn(`${SOURCE}/lab/lab`, ["exec", "1", "mosquitto_pub", "-p", "1885", "-r", "-s", "-t", topic], { env: ENVIRONMENT });
+    process.stdin.end(payload);
+    const status = await new Promise((resolve) => process.once("exit", resolve));
+    if (status !== 0) {
+        throw new Error(`mosquitto_pub ${topic}: ${status}`);
+    }
+}
