@@ -101,8 +101,9 @@ void fire_network::post(size_t to, uint32_t from, const shared_bytes &bytes)
     }
 }
 
-void fire_network::deliver(uint64_t slot)
+void fire_network::deliver(uint64_t number)
 {
+    const auto slot = static_cast<size_t>(number);
     const in_flight arrived = std::move(flying_[slot]);
     flying_[slot] = {};
     free_slots_.push_back(slot);

@@ -8,7 +8,7 @@
 namespace sim
 {
 
-struct alignas(16) heap::block {
+struct alignas(std::max_align_t) heap::block {
     block *previous;
     block *next;
     size_t size;
