@@ -128,6 +128,11 @@ node::node()
     present = std::make_unique<simulated_card>();
 }
 
+node::~node()
+{
+    present.reset();
+}
+
 void start_node(int number)
 {
     stop();

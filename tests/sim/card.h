@@ -132,6 +132,7 @@ class node : public testing::Test
 {
 protected:
     node();
+    ~node() override;
     void TearDown() override { stop(); }
 };
 
