@@ -70,12 +70,21 @@ std::vector<std::string> argument_words(const std::string &name)
     return words;
 }
 
+// Those of all arguments of a command.
+std::vector<std::string> argument_words(const completed_command &command)
+{
+    std::vector<std::string> all;
+    for (const std::string &name : command.arguments) {
+        const std::vector<std::string> words = argument_words(name);
+        all.insert(all.end(), words.begin(), words.end());
+    }
+    return all;
+}
+
 bool takes_node(const completed_command &command)
 {
-    return std::any_of(command.arguments.begin(), command.arguments.end(), [](const std::string &name) {
-        const std::vector<std::string> words = argument_words(name);
-        return !words.empty() && words[0] == "local";
-    });
+    const std::vector<std::string> words = argument_words(command);
+    return std::find(words.begin(), words.end(), "local") != words.end();
 }
 
 // Between apostrophes.
@@ -100,10 +109,8 @@ std::string bash_script(const std::vector<completed_command> &commands)
     for (const completed_command &command : commands) {
         std::string words;
         std::string with_value;
-        for (const std::string &argument : command.arguments) {
-            for (const std::string &word : argument_words(argument)) {
-                append_word(words, word);
-            }
+        for (const std::string &word : argument_words(command)) {
+            append_word(words, word);
         }
         for (const completed_option &option : command.options) {
             append_word(words, option.name.word);
@@ -135,10 +142,8 @@ std::string zsh_script(const std::vector<completed_command> &commands)
     for (const completed_command &command : commands) {
         std::string words;
         std::string with_value;
-        for (const std::string &argument : command.arguments) {
-            for (const std::string &word : argument_words(argument)) {
-                append_word(words, zsh_word(word, ""));
-            }
+        for (const std::string &word : argument_words(command)) {
+            append_word(words, zsh_word(word, ""));
         }
         for (const completed_option &option : command.options) {
             append_word(words, zsh_word(option.name.word, option.name.help));
@@ -167,10 +172,8 @@ std::string fish_script(const std::vector<completed_command> &commands)
                                   option.name.word.substr(is_long ? 2 : 1), option.has_value ? " -r" : "",
                                   quoted(option.name.help));
         }
-        for (const std::string &argument : command.arguments) {
-            for (const std::string &word : argument_words(argument)) {
-                script += fmt::format("{} -f -a {}\n", start, quoted(word));
-            }
+        for (const std::string &word : argument_words(command)) {
+            script += fmt::format("{} -f -a {}\n", start, quoted(word));
         }
         if (takes_node(command)) {
             script += start + " -f -a '(diagctl --list-names 2>/dev/null)'\n";
