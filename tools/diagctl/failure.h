@@ -1,4 +1,5 @@
-// How a command ends that can't do what was asked: main() prints the reason, once, and gives the status to the shell.
+// How a command ends that can't do what was asked: main() prints the reason, once, and gives the status to
+// the shell.
 #pragma once
 
 #include <stdexcept>

@@ -20,7 +20,8 @@ struct request {
 class requests
 {
 public:
-    // Before the session's other handlers: they don't get the answers. Lives as long as the session is served.
+    // Before the session's other handlers: they don't get the answers. Lives as long as the session is
+    // served.
     explicit requests(session &broker_session);
 
     // Sends a command; the transaction's number.
@@ -30,7 +31,8 @@ public:
     // Gives an answer up that hasn't come.
     void forget(uint32_t transaction) { answers.erase(transaction); }
 
-    // Sends and waits for an ACK; anything else throws what went wrong, and what to do. True when a signal came meanwhile.
+    // Sends and waits for an ACK; anything else throws what went wrong, and what to do. True when a signal
+    // came meanwhile.
     bool run(const request &sent);
 
 private:

@@ -1,8 +1,9 @@
 // The signals that end or change a running command, as input to poll.
 #pragma once
 
-// As long as it lives, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH and SIGTSTP come only through its descriptor, and SIGPIPE is
-// ignored. Without one, Ctrl-C ends the program in the usual way. Threads that are started later don't get them.
+// As long as it lives, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH and SIGTSTP come only through its
+// descriptor, and SIGPIPE is ignored. Without one, Ctrl-C ends the program in the usual way. Threads that are
+// started later don't get them.
 class signal_input
 {
 public:

@@ -1,5 +1,5 @@
-// The command line: what the commands and their options are called, and what the library that reads them is told. That
-// library is known here alone.
+// The command line: what the commands and their options are called, and what the library that reads them is
+// told. That library is known here alone.
 #pragma once
 
 #include "failure.h"
@@ -66,8 +66,8 @@ public:
 
     // Adds a command; run is called for the command that was given.
     command add(const char *name, const char *description, std::function<exit_status()> run);
-    // An option that prints a text instead of running a command; value is what the user wrote behind it, where it takes one of
-    // words.
+    // An option that prints a text instead of running a command; value is what the user wrote behind it,
+    // where it takes one of words.
     void print_option(const char *name, const char *help, const std::vector<std::string> &words,
                       std::function<std::string(const std::string &value)> text);
 
@@ -75,7 +75,8 @@ public:
     // Whether the command line was right, so that a command has run.
     bool has_run() const { return chosen != nullptr; }
 
-    // A script that completes the commands, their options and the words that arguments may have; empty for an unknown shell.
+    // A script that completes the commands, their options and the words that arguments may have; empty for an
+    // unknown shell.
     std::string completion(const std::string &shell) const;
 
 private:

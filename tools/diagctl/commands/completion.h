@@ -23,5 +23,6 @@ struct completed_command {
 
 constexpr const char *COMPLETION_SHELLS[] = {"bash", "zsh", "fish"};
 
-// A script that completes the commands, their options, the words that arguments may have, and the names of nodes.
+// A script that completes the commands, their options, the words that arguments may have, and the names of
+// nodes.
 std::string completion_script(const std::string &shell, const std::vector<completed_command> &commands);

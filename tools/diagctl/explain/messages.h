@@ -1,4 +1,5 @@
-// What the daemon's messages mean: the tables of docs/troubleshooting.md, which the build puts into the program.
+// What the daemon's messages mean: the tables of docs/troubleshooting.md, which the build puts into the
+// program.
 #pragma once
 
 #include <optional>
@@ -28,7 +29,7 @@ logged_message parse_log_line(std::string_view line);
 // Whether text could be what printf makes of the format.
 bool matches_format(std::string_view text, std::string_view format);
 
-// The rows that explain a message: of its source, or of every source that could have logged it where that isn't known. Of
-// several that fit, those with the longest fixed text.
+// The rows that explain a message: of its source, or of every source that could have logged it where that
+// isn't known. Of several that fit, those with the longest fixed text.
 std::vector<const message_row *> find_messages(const std::vector<message_row> &rows,
                                                const logged_message &message);

@@ -1,4 +1,5 @@
-// One thing that has changed in the network, as data: sentences are made of it in screen/changes.h, JSON in network/json.h.
+// One thing that has changed in the network, as data: sentences are made of it in screen/changes.h, JSON in
+// network/json.h.
 #pragma once
 
 #include "network/payloads.h"

@@ -1,5 +1,6 @@
-// The model and its changes as JSON, field by field as in docs/json.md. A value that isn't published is null, one that can't
-// be decoded {"malformed_bytes": SIZE}. Only who takes values apart or prints them needs <nlohmann/json.hpp>.
+// The model and its changes as JSON, field by field as in docs/json.md. A value that isn't published is null,
+// one that can't be decoded {"malformed_bytes": SIZE}. Only who takes values apart or prints them needs
+// <nlohmann/json.hpp>.
 #pragma once
 
 #include "network/model.h"

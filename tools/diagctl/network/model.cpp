@@ -313,7 +313,8 @@ void apply_local_node(network &net, bytes payload, bool is_retained, changes &ou
     if (net.local.value) {
         node &local = node_of(net, *net.local.value);
         if (!is_retained) {
-            // The daemon has started again and counts from nothing, while what it published before is still there.
+            // The daemon has started again and counts from nothing, while what it published before is still
+            // there.
             for (auto &[port, records] : local.ports) {
                 records.period_start.reset();
                 records.is_reset_seen = false;
@@ -388,7 +389,8 @@ void compare_lists(const network &net, port_list which, const port_list_value &l
     }
 }
 
-// Whatever a list has named stays known only as long as something else is known of it, or a list still names it.
+// Whatever a list has named stays known only as long as something else is known of it, or a list still names
+// it.
 void forget_unlisted(network &net)
 {
     const auto is_listed = [&](const mac_address &mac) {

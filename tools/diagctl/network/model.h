@@ -1,5 +1,5 @@
-// What a broker's diagnostic topics say about the network: topic and payload in, a model and the changes that they mean out.
-// Nothing here talks to a broker or a terminal or looks at a clock.
+// What a broker's diagnostic topics say about the network: topic and payload in, a model and the changes that
+// they mean out. Nothing here talks to a broker or a terminal or looks at a clock.
 //
 // Every value keeps whether its topic is published at all and whether it could be decoded.
 #pragma once
@@ -35,14 +35,15 @@ struct stats_sample {
 // Statistics and performance records of one port, as published.
 struct port_records {
     fact<stats_record> stats;
-    // The last two statistics whose time is known, for rates: a retained message doesn't tell when it was published.
+    // The last two statistics whose time is known, for rates: a retained message doesn't tell when it was
+    // published.
     std::optional<stats_sample> sample;
     std::optional<stats_sample> sample_before;
     std::map<std::string, fact<pm_record>, std::less<>> pm; // by slot: "period0" ... "day6"
     fact<std::string> last_period;                          // the slot closed last
     fact<std::string> last_day;
-    // The statistics when the running period began; empty until a period has been seen to close. The daemon publishes a
-    // period only when it closes.
+    // The statistics when the running period began; empty until a period has been seen to close. The daemon
+    // publishes a period only when it closes.
     std::optional<stats_record> period_start;
     bool is_reset_seen = false; // and no period closed since: the running period began with the totals
 };
@@ -90,19 +91,19 @@ enum class change_detail {
     RECORDS,
 };
 
-// Takes in one message and returns the changes it means. Of a retained message, which tells what was before the
-// subscription, there are none. Topics that aren't known are passed over.
+// Takes in one message and returns the changes it means. Of a retained message, which tells what was before
+// the subscription, there are none. Topics that aren't known are passed over.
 changes network_apply(network &net, std::string_view topic, bytes payload, bool is_retained,
                       const moment &now, change_detail detail = change_detail::NETWORK);
 
-// How much a counter grew each second between the last two statistics. Empty when their times aren't known, and for
-// what isn't a counter of traffic.
+// How much a counter grew each second between the last two statistics. Empty when their times aren't known,
+// and for what isn't a counter of traffic.
 std::optional<double> field_rate(const port_records &records, const stats_field &field);
 
-// What the running period has of a field so far: the statistics less what they were when it began. Before the first
-// close that is everything since a reset; without one, what a port counted before its first statistics message is in
-// its totals but not in the period, so that only the counters copied from that message are known. Empty when the
-// beginning wasn't seen, when there are no statistics, and for the time.
+// What the running period has of a field so far: the statistics less what they were when it began. Before the
+// first close that is everything since a reset; without one, what a port counted before its first statistics
+// message is in its totals but not in the period, so that only the counters copied from that message are
+// known. Empty when the beginning wasn't seen, when there are no statistics, and for the time.
 std::optional<uint64_t> running_period_value(const port_records &records, const pm_field &field);
 
 // The performance records of a port in the order in which they were closed, what can't be decoded first.
@@ -128,8 +129,8 @@ enum class node_order {
 };
 std::vector<const node *> sorted_nodes(const network &net, node_order order);
 
-// The node a user means: "local", a MAC address in any form that parse_mac() knows, a number from 1 to 255, or a name. A
-// name has the addresses that the names give it, none where they don't have it.
+// The node a user means: "local", a MAC address in any form that parse_mac() knows, a number from 1 to 255,
+// or a name. A name has the addresses that the names give it, none where they don't have it.
 struct node_reference {
     bool is_local = false;
     std::optional<uint8_t> number = {};

@@ -1,5 +1,5 @@
-// What people call the nodes, from files in the format of ethers(5): a line "02:00:00:00:00:03 Lobby" for each, # begins a
-// comment.
+// What people call the nodes, from files in the format of ethers(5): a line "02:00:00:00:00:03 Lobby" for
+// each, # begins a comment.
 #pragma once
 
 #include "network/payloads.h"
@@ -15,7 +15,8 @@ struct bad_names : std::runtime_error {
 class node_names
 {
 public:
-    // Adds the lines of a file's text. What they name anew takes the place of an earlier file's name. Throws bad_names.
+    // Adds the lines of a file's text. What they name anew takes the place of an earlier file's name. Throws
+    // bad_names.
     void add(std::string_view text, const std::string &file);
 
     // The name, null where there is none.

@@ -1,5 +1,5 @@
-// What the payloads of the diagnostic topics mean. A payload of the wrong form is never decoded in part: its decoder returns
-// nothing.
+// What the payloads of the diagnostic topics mean. A payload of the wrong form is never decoded in part: its
+// decoder returns nothing.
 #pragma once
 
 #include "common/bytes.h"

@@ -59,7 +59,8 @@ std::string now_and_before(const change &item, const char *quote)
            (is_nothing(item.before) ? "" : fmt::format(" (was {})", quoted(item.before)));
 }
 
-// What has come since; the values themselves where there is nothing to compare with, or a counter began again.
+// What has come since; the values themselves where there is nothing to compare with, or a counter began
+// again.
 std::string statistics_text(const change &item)
 {
     const auto &after = std::get<named_numbers>(item.after);

@@ -10,8 +10,8 @@
 class live_view
 {
 public:
-    // On a terminal: the picture, drawn anew when something has changed, and once a second. Without, a terminal gets
-    // text as well.
+    // On a terminal: the picture, drawn anew when something has changed, and once a second. Without, a
+    // terminal gets text as well.
     std::function<std::vector<screen_line>(terminal_size)> render;
     // On a terminal: a key other than quit.
     std::function<void(key)> take_key;

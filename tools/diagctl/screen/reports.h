@@ -1,4 +1,5 @@
-// What the commands that look show of the network, as lines for people. Nothing here talks to a broker or a terminal.
+// What the commands that look show of the network, as lines for people. Nothing here talks to a broker or a
+// terminal.
 #pragma once
 
 #include "network/model.h"
@@ -21,7 +22,8 @@ screen_lines lists_lines(const network &net);
 // The statistics of a node's ports since the last reset, with rates.
 screen_lines ports_lines(const node &shown);
 
-// Performance records of a port in the order in which they were closed, with sparklines of what isn't always 0.
+// Performance records of a port in the order in which they were closed, with sparklines of what isn't always
+// 0.
 struct pm_style {
     bool is_utf8; // what the terminal shows
     size_t width;
