@@ -116,6 +116,7 @@ public:
             printf("\t%s", each.text.c_str());
         }
         putchar('\n');
+        fflush(stdout); // the next run may crash
     }
 
     size_t first_call() const { return first_; } // behind the start
@@ -150,7 +151,9 @@ public:
         subject::ended(status);
         ended_at_ = clock().now();
         // The end frees all memory, also what a failing step has left.
-        litter_ = daemon().find_unwatched() == -1 ? nullptr : "a descriptor is open that nothing watches";
+        if (litter_ == nullptr && daemon().find_unwatched() != -1) {
+            litter_ = "a descriptor is open that nothing watches";
+        }
     }
 
 private:
@@ -237,7 +240,8 @@ std::vector<input> read_inputs(const std::filesystem::path &corpus)
         const bool is_found_by_fuzzer = name.find_first_not_of("0123456789abcdef") == std::string::npos;
         if (entry.is_regular_file() && !is_found_by_fuzzer) {
             const std::string fuzzer = entry.path().parent_path().filename();
-            inputs.push_back({fuzzer + "/" + name, read_input(entry.path()), &steps_of(fuzzer)});
+            inputs.push_back({std::filesystem::relative(entry.path(), corpus), read_input(entry.path()),
+                              &steps_of(fuzzer)});
         }
     }
     return inputs;
@@ -251,8 +255,6 @@ void fail_each_call(const input &played)
          number++) {
         bool has_more = true;
         for (size_t variant = 0; has_more; variant++) {
-            fprintf(stderr, "%s %zu %zu\n", played.name.c_str(), number,
-                    variant); // the last one: it has crashed
             failing run(number, variant);
             run.play_all(played);
             run.report(played, sound);

@@ -74,11 +74,14 @@ def find_problem(document, error, effect, wrong, lines):
 def main(program):
     document = Document()
     runs = 0
+    played = number = error = "none"
     seen = set()
     problems = collections.defaultdict(list)
     command = [program, str(HERE / "corpus")]
     with subprocess.Popen(command, stdout=subprocess.PIPE, text=True, errors="replace") as process:
         for output in process.stdout:
+            if not output.endswith("\n"):
+                break
             played, number, call, error, effect, wrong, *lines = output.rstrip("\n").split("\t")
             runs += 1
             problem = find_problem(document, int(error), effect, wrong, lines)
@@ -91,6 +94,8 @@ def main(program):
             f"{problem}\n    {len(places)} times, first in {played}, call {number}: {call} fails with {error}, {effect}"
         )
         print("".join(f"    {line}\n" for line in lines), end="")
+    if process.returncode != 0:
+        print(f"{program} ends with {process.returncode} after {played}, call {number}, error {error}")
     print(f"{runs} failures, {len(seen - {None})} of {len(document.rows)} messages, {len(problems)} problems")
     return 1 if problems or process.returncode != 0 or runs == 0 else 0
 

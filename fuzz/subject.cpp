@@ -56,7 +56,7 @@ void subject::finish()
 
 void subject::publish(const std::string &topic, std::span<const uint8_t> payload, bool retain)
 {
-    const std::string name = topic.c_str();
+    const std::string name = topic.substr(0, topic.find('\0'));
     if (!name.empty() &&
         mosquitto_validate_utf8(name.data(), static_cast<int>(name.size())) == MOSQ_ERR_SUCCESS &&
         mosquitto_pub_topic_check(name.c_str()) == MOSQ_ERR_SUCCESS) {
