@@ -40,9 +40,21 @@ export async function lab(...words) {
     return (await run(`${SOURCE}/lab/lab`, words.map(String), { env: ENVIRONMENT, timeout: 60000 })).stdout;
 }
 
+// On node 1.
+export const diagctl = (...words) => lab("exec", 1, `${BUILD}/diagctl`, ...words);
+
 export async function labUp(quarterHourAfter) {
     const left = 900 - ((Math.floor(Date.now() / 1000) + quarterHourAfter) % 900);
-    ring = start(`${SOURCE}/lab/lab`, "up", "5", "--foreground", "--build", BUILD, "--daemon", `env ${CLOCK} FAKETIME=+${left}s "$DIAG" -n "$NODE"`);
+    ring = start(
+        `${SOURCE}/lab/lab`,
+        "up",
+        "5",
+        "--foreground",
+        "--build",
+        BUILD,
+        "--daemon",
+        `env ${CLOCK} FAKETIME=+${left}s "$DIAG" -n "$NODE"`,
+    );
     await line(ring, /is up/);
 }
 
@@ -52,12 +64,23 @@ export function labDown() {
 
 // diagctl web inside node 1.
 export class Console {
+    static #count = 0;
+
     constructor(...options) {
         this.options = options;
+        this.pidFile = `/tmp/console-${++Console.#count}.pid`;
     }
 
     async start() {
-        const words = ["sh", "-c", 'echo $$ >/tmp/console.pid; exec "$@"', "sh", `${BUILD}/diagctl`, "web", ...this.options];
+        const words = [
+            "sh",
+            "-c",
+            `echo $$ >${this.pidFile}; exec "$@"`,
+            "sh",
+            `${BUILD}/diagctl`,
+            "web",
+            ...this.options,
+        ];
         this.process = start(`${SOURCE}/lab/lab`, "exec", "1", ...words);
         this.address = /http:\S+\//.exec(await line(this.process, /http:/))[0];
     }
@@ -65,7 +88,7 @@ export class Console {
     async signal(name) {
         // What waits for a stopped process inside the lab is stopped as well.
         this.process.kill(name === "CONT" ? "SIGCONT" : 0);
-        await lab("exec", 1, "sh", "-c", `kill -${name} $(cat /tmp/console.pid)`);
+        await lab("exec", 1, "sh", "-c", `kill -${name} $(cat ${this.pidFile})`);
     }
 
     // Returns the exit status.
@@ -86,7 +109,11 @@ export function openBrowser() {
 
 // At node 1's broker, retained. The payload comes from standard input: it may be anything.
 export async function publish(topic, payload) {
-    const process = spawn(`${SOURCE}/lab/lab`, ["exec", "1", "mosquitto_pub", "-p", "1885", "-r", "-s", "-t", topic], { env: ENVIRONMENT });
+    const process = spawn(
+        `${SOURCE}/lab/lab`,
+        ["exec", "1", "mosquitto_pub", "-p", "1885", "-r", "-s", "-t", topic],
+        { env: ENVIRONMENT },
+    );
     process.stdin.end(payload);
     const status = await new Promise((resolve) => process.once("exit", resolve));
     if (status !== 0) {

@@ -64,8 +64,10 @@ function show() {
 
 const lostTexts = {
     connecting: () => "Connecting …",
-    server: (since) => `No connection to the console's server since ${since}. What is shown is from then. Trying again …`,
-    broker: (since) => `The server has no connection to the broker since ${since}. What is shown is from then.`,
+    server: (since) =>
+        `No connection to the console's server since ${since}. What is shown is from then. Trying again …`,
+    broker: (since) =>
+        `The server has no connection to the broker since ${since}. What is shown is from then.`,
 };
 
 function showConnection() {
@@ -73,7 +75,10 @@ function showConnection() {
     document.body.dataset.connection = state;
     const banner = document.getElementById("banner");
     const when = timeText(since, store.now());
-    setText(banner, state === "live" ? "" : lostTexts[store.isLoaded || cause === "broker" ? cause : "connecting"](when));
+    setText(
+        banner,
+        state === "live" ? "" : lostTexts[store.isLoaded || cause === "broker" ? cause : "connecting"](when),
+    );
     const { kind, broker, replay, version } = store.info;
     const from = kind === "site" ? "site" : "card";
     setText(
@@ -92,7 +97,8 @@ function showState() {
         { class: "state" },
         isOne
             ? networkState(networks[0])
-            : networks.length > 1 && h("p", { class: "ring" }, h("strong", {}, `${networks.length} networks`)),
+            : networks.length > 1 &&
+                  h("p", { class: "ring" }, h("strong", {}, `${networks.length} networks`)),
         store.isLoaded && totalsText(networks),
     );
     const state = document.getElementById("state");

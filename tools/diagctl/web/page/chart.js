@@ -14,7 +14,11 @@ function levelOf(value, max) {
 const highest = (values) => values.reduce((max, value) => (value !== null && value > max ? value : max), 0);
 
 function frame(values, attributes, ...children) {
-    return svg("svg", { viewBox: `0 0 ${values.length * STEP} ${HEIGHT}`, preserveAspectRatio: "none", ...attributes }, children);
+    return svg(
+        "svg",
+        { viewBox: `0 0 ${values.length * STEP} ${HEIGHT}`, preserveAspectRatio: "none", ...attributes },
+        children,
+    );
 }
 
 // A thin line, which no value is.
@@ -30,7 +34,13 @@ export function strip(values, label) {
         values.map((value, index) =>
             value === null
                 ? missing(index)
-                : svg("rect", { x: index * STEP, y: 0, width: STEP - 1, height: HEIGHT, class: `level${levelOf(value, max)}` }),
+                : svg("rect", {
+                      x: index * STEP,
+                      y: 0,
+                      width: STEP - 1,
+                      height: HEIGHT,
+                      class: `level${levelOf(value, max)}`,
+                  }),
         ),
     );
 }
@@ -48,7 +58,13 @@ export function bars(values, label, describe) {
             svg("rect", { x: index * STEP, y: 0, width: STEP, height: HEIGHT, class: "column" }),
             value === null
                 ? missing(index)
-                : svg("rect", { x: index * STEP + 1, y: HEIGHT - height, width: STEP - 2, height, class: `level${levelOf(value, max)}` }),
+                : svg("rect", {
+                      x: index * STEP + 1,
+                      y: HEIGHT - height,
+                      width: STEP - 2,
+                      height,
+                      class: `level${levelOf(value, max)}`,
+                  }),
         );
     });
     const chart = h(
@@ -74,7 +90,16 @@ export function bars(values, label, describe) {
         setText(readout, describe(chosen));
     }
 
-    const keys = { ArrowLeft: -1, ArrowDown: -1, ArrowRight: 1, ArrowUp: 1, PageUp: 4, PageDown: -4, Home: -Infinity, End: Infinity };
+    const keys = {
+        ArrowLeft: -1,
+        ArrowDown: -1,
+        ArrowRight: 1,
+        ArrowUp: 1,
+        PageUp: 4,
+        PageDown: -4,
+        Home: -Infinity,
+        End: Infinity,
+    };
     chart.addEventListener("keydown", (event) => {
         if (event.key in keys) {
             event.preventDefault();

@@ -41,8 +41,8 @@ function morphAttributes(element, wanted) {
     }
 }
 
-// Makes `element` what `wanted` is, touching only what differs: focus, selection and scrolling stay. Returns the element
-// that stands there now.
+// Makes `element` what `wanted` is, touching only what differs: focus, selection and scrolling stay. Returns the
+// element that stands there now.
 export function morph(element, wanted) {
     if (element.nodeType !== wanted.nodeType || element.nodeName !== wanted.nodeName) {
         element.replaceWith(wanted);

@@ -16,7 +16,11 @@ export function changeRow(change) {
     return h(
         "li",
         { "data-event": change.id, "data-kind": change.kind },
-        h("time", { datetime: change.time, title: dayText(change.time) }, clockText(change.time, { milliseconds: true })),
+        h(
+            "time",
+            { datetime: change.time, title: dayText(change.time) },
+            clockText(change.time, { milliseconds: true }),
+        ),
         h(
             "span",
             { class: "what" },
@@ -56,7 +60,9 @@ function matches(change, words) {
     if (choices.kind && change.kind !== choices.kind) {
         return false;
     }
-    const text = `${change.text}\n${change.node}\n${change.port ? `port ${change.port}` : ""}\n${kindText(change.kind)}`.toLowerCase();
+    const text = [change.text, change.node, change.port && `port ${change.port}`, kindText(change.kind)]
+        .join("\n")
+        .toLowerCase();
     return words.every((word) => text.includes(word));
 }
 
@@ -66,13 +72,16 @@ export function selectChanges(log) {
 }
 
 function table(changes) {
-    const cell = (value) => (value === null || value === undefined ? "" : typeof value === "object" ? valueText(value) : value);
+    const cell = (value) =>
+        value === null || value === undefined ? "" : typeof value === "object" ? valueText(value) : value;
     return csv([
         ["id", "time", "network", "node", "port", "kind", "old", "new", "text"],
         ...changes.map((change) => [
             change.id,
             change.time,
-            store.networks[change.network] ? networkTitle(store.networks[change.network], change.network) : change.network,
+            store.networks[change.network]
+                ? networkTitle(store.networks[change.network], change.network)
+                : change.network,
             change.node,
             change.port,
             change.kind,
@@ -84,7 +93,11 @@ function table(changes) {
 }
 
 export function eventsView() {
-    const search = h("input", { type: "search", placeholder: "node, port, words …", "aria-label": "Search changes" });
+    const search = h("input", {
+        type: "search",
+        placeholder: "node, port, words …",
+        "aria-label": "Search changes",
+    });
     const kind = h("select", { "aria-label": "Kind of change" });
     const pause = h("button", { type: "button", "aria-pressed": "false" }, "Pause");
     const file = h("button", { type: "button" }, "Save as CSV");
@@ -128,7 +141,8 @@ export function eventsView() {
         const news = frozen ? store.log.filter(({ id }) => id > (frozen.at(-1)?.id ?? 0)).length : 0;
         setText(
             count,
-            `${chosen.length === log.length ? countText(log.length, "change") : `${chosen.length} of ${countText(log.length, "change")}`}` +
+            (chosen.length === log.length ? "" : `${chosen.length} of `) +
+                countText(log.length, "change") +
                 (news > 0 ? `, ${news} new since the pause` : ""),
         );
     }
@@ -153,7 +167,11 @@ export function eventsView() {
         draw();
     });
     file.addEventListener("click", () =>
-        save(`diag-events-${new Date(store.now()).toISOString().slice(0, 19).replaceAll(":", "")}.csv`, "text/csv", table(selectChanges(frozen ?? store.log))),
+        save(
+            `diag-events-${new Date(store.now()).toISOString().slice(0, 19).replaceAll(":", "")}.csv`,
+            "text/csv",
+            table(selectChanges(frozen ?? store.log)),
+        ),
     );
     store.wantWholeLog();
 

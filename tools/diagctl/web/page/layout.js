@@ -41,7 +41,10 @@ function meander(count) {
     return places;
 }
 
-const isPlace = (place) => Array.isArray(place) && place.length === 2 && place.every((value) => Number.isFinite(value) && Math.abs(value) < 1e6);
+const isPlace = (place) =>
+    Array.isArray(place) &&
+    place.length === 2 &&
+    place.every((value) => Number.isFinite(value) && Math.abs(value) < 1e6);
 
 // The object of a file; throws with words for people.
 export function parseLayout(text) {
@@ -56,6 +59,11 @@ export function parseLayout(text) {
         throw new Error('This is no arrangement: {"nodes": {"<MAC>": [x, y], ...}} is expected.');
     }
     return new Map(entries);
+}
+
+export function layoutText(items) {
+    const nodes = items.map(({ mac, place: { x, y } }) => [mac, [Math.round(x), Math.round(y)]]);
+    return `${JSON.stringify({ nodes: Object.fromEntries(nodes) }, null, 1)}\n`;
 }
 
 // What was put somewhere, in this browser or by the server's file.

@@ -2,7 +2,7 @@
 
 import { h, morph, setText, svg } from "./dom.js";
 import { choose, save } from "./file.js";
-import { layout, parseLayout, ringPlaces } from "./layout.js";
+import { layout, layoutText, parseLayout, ringPlaces } from "./layout.js";
 import { colourOf, faultsOf, isGone, portWords, portsOf, ringOrder, titleOf } from "./nodes.js";
 import { differences, networkState, networkTitle } from "./state.js";
 import { store } from "./store.js";
@@ -23,16 +23,29 @@ const LAMP_SHAPES = {
 };
 LAMP_SHAPES.none = LAMP_SHAPES.green;
 
+const HELP =
+    "Nodes stand in the order of their numbers, where faults have told them, else of their names or addresses; links " +
+    "are drawn from port B to the next node's port A. Drag nodes, or move the focused one with Shift and the arrow " +
+    "keys; the arrow keys alone go from node to node, Enter opens one.";
+
 let shownNetwork = 0; // outlasts a look at another view
 
 const translate = ({ x, y }) => `translate(${x.toFixed(1)} ${y.toFixed(1)})`;
 const direction = (from, to) => Math.atan2(to.y - from.y, to.x - from.x);
-const pointAt = (place, angle, distance) => ({ x: place.x + Math.cos(angle) * distance, y: place.y + Math.sin(angle) * distance });
+const pointAt = (place, angle, distance) => ({
+    x: place.x + Math.cos(angle) * distance,
+    y: place.y + Math.sin(angle) * distance,
+});
 
 function lamp(port) {
     return svg(
         "g",
-        { class: "maplamp", "data-port": port.port, "data-colour": colourOf(port), "data-fault": faultsOf(port).join(" ") },
+        {
+            class: "maplamp",
+            "data-port": port.port,
+            "data-colour": colourOf(port),
+            "data-fault": faultsOf(port).join(" "),
+        },
         svg("path", { d: LAMP_SHAPES[colourOf(port)] }),
         svg("text", { dy: "0.36em" }, port.port === "CPU" ? "c" : port.port),
         faultsOf(port).length > 0 && svg("circle", { class: "badge", cx: LAMP, cy: -LAMP, r: 4 }),
@@ -58,8 +71,21 @@ class Item {
         element.setAttribute("data-node", node.mac);
         element.setAttribute("data-present", String(node.present !== false));
         element.setAttribute("data-reachable", String(node.reachable !== false));
-        const where = node.present === false ? "has left the network" : node.reachable === false ? "unreachable" : "present";
-        setText(this.title, [titleOf(node), where, ...portsOf(node).map(portWords), ...listOf(node.problems).map(valueText)].join("; "));
+        const where =
+            node.present === false
+                ? "has left the network"
+                : node.reachable === false
+                  ? "unreachable"
+                  : "present";
+        setText(
+            this.title,
+            [
+                titleOf(node),
+                where,
+                ...portsOf(node).map(portWords),
+                ...listOf(node.problems).map(valueText),
+            ].join("; "),
+        );
         const lamps = portsOf(node).map(lamp);
         const number = typeof node.number === "number" ? String(node.number) : "";
         const content = svg(
@@ -68,7 +94,11 @@ class Item {
             svg("circle", { r: RADIUS, class: node.local ? "body local" : "body" }),
             svg("text", { class: "number", dy: "0.36em" }, number),
             lamps,
-            svg("text", { class: "name", y: RADIUS + 28 }, node.name ? cut(titleOf(node), 12) : node.mac.slice(-8)),
+            svg(
+                "text",
+                { class: "name", y: RADIUS + 28 },
+                node.name ? cut(titleOf(node), 12) : node.mac.slice(-8),
+            ),
         );
         this.turn(lamps);
         morph(this.body, content);
@@ -117,8 +147,13 @@ class Link {
         const state = this.kind || (isDown ? "down" : isGoneEnd ? "gone" : "up");
         this.element.setAttribute("class", `link ${state}`);
         this.cross.setAttribute("visibility", state === "down" ? "visible" : "hidden");
-        const words = { down: "link down", gone: "a node is gone", up: "no fault", miswired: "miswired" }[state];
-        setText(this.title, `${ends.map(([item, port]) => `${titleOf(item.node)} ${port}`).join(" to ")}: ${words}`);
+        const words = { down: "link down", gone: "a node is gone", up: "no fault", miswired: "miswired" }[
+            state
+        ];
+        setText(
+            this.title,
+            `${ends.map(([item, port]) => `${titleOf(item.node)} ${port}`).join(" to ")}: ${words}`,
+        );
         this.isDown = state === "down";
     }
 
@@ -155,8 +190,8 @@ class Link {
     }
 }
 
-// Neighbours of the ring are linked from port B to port A, as panels are wired. A node with a single port is on a shared
-// network, whose middle is that of the map.
+// Neighbours of the ring are linked from port B to port A, as panels are wired. A node with a single port is on a
+// shared network, whose middle is that of the map.
 function ringLinks(items) {
     const ring = items.filter((item) => portsOf(item.node).length !== 1);
     const links = items
@@ -195,7 +230,10 @@ class Drawing {
 
     // What decides which links there are and where nodes stand without anybody's doing.
     #shapeOf(network, order) {
-        return JSON.stringify([order.map((node) => [node.mac, portsOf(node).length]), network.miswired_links]);
+        return JSON.stringify([
+            order.map((node) => [node.mac, portsOf(node).length]),
+            network.miswired_links,
+        ]);
     }
 
     update(network, dirty) {
@@ -239,7 +277,10 @@ class Drawing {
 
     arrange() {
         const places = ringPlaces(this.order.length);
-        this.middle = places.reduce((sum, { x, y }) => ({ x: sum.x + x / places.length, y: sum.y + y / places.length }), { x: 0, y: 0 });
+        this.middle = places.reduce(
+            (sum, { x, y }) => ({ x: sum.x + x / places.length, y: sum.y + y / places.length }),
+            { x: 0, y: 0 },
+        );
         this.order.forEach((item, index) => item.move(layout.get(item.mac) ?? places[index]));
         this.edges.forEach((edge) => edge.place(this.middle));
     }
@@ -261,9 +302,17 @@ class Drawing {
     bounds() {
         const places = this.order.map((item) => item.place);
         const pad = RADIUS + 44;
-        const [left, right] = [Math.min(...places.map(({ x }) => x)) - pad, Math.max(...places.map(({ x }) => x)) + pad];
-        const [top, bottom] = [Math.min(...places.map(({ y }) => y)) - pad, Math.max(...places.map(({ y }) => y)) + pad];
-        return places.length > 0 ? { x: left, y: top, width: right - left, height: bottom - top } : { x: 0, y: 0, width: 100, height: 100 };
+        const [left, right] = [
+            Math.min(...places.map(({ x }) => x)) - pad,
+            Math.max(...places.map(({ x }) => x)) + pad,
+        ];
+        const [top, bottom] = [
+            Math.min(...places.map(({ y }) => y)) - pad,
+            Math.max(...places.map(({ y }) => y)) + pad,
+        ];
+        return places.length > 0
+            ? { x: left, y: top, width: right - left, height: bottom - top }
+            : { x: 0, y: 0, width: 100, height: 100 };
     }
 }
 
@@ -345,7 +394,8 @@ function makeMovable(surface, drawing, viewport) {
         } else if (arrow || event.key === "Home" || event.key === "End") {
             const { order } = drawing;
             const at = order.indexOf(item);
-            const next = event.key === "Home" ? 0 : event.key === "End" ? order.length - 1 : at + arrow[0] + arrow[1];
+            const next =
+                event.key === "Home" ? 0 : event.key === "End" ? order.length - 1 : at + arrow[0] + arrow[1];
             order[(next + order.length) % order.length].element.focus({ preventScroll: true });
             viewport.reveal(order[(next + order.length) % order.length].place);
         } else if (event.key === "+" || event.key === "-") {
@@ -365,20 +415,29 @@ function button(label, act) {
 }
 
 export function mapView() {
-    const surface = svg("svg", { class: "map", role: "group", "aria-label": "Map of the network", "aria-describedby": "maphelp" });
+    const surface = svg("svg", {
+        class: "map",
+        role: "group",
+        "aria-label": "Map of the network",
+        "aria-describedby": "maphelp",
+    });
     const status = h("div", { class: "mapstate" });
     const message = h("span", { class: "faint", role: "status" });
     const select = h("select", { "aria-label": "Network" });
     const viewport = new Viewport(surface);
     let drawing = new Drawing(surface);
-    const { chooseItem } = makeMovable(surface, {
-        // The drawing of the network that is chosen.
-        get order() {
-            return drawing.order;
+    const { chooseItem } = makeMovable(
+        surface,
+        {
+            // The drawing of the network that is chosen.
+            get order() {
+                return drawing.order;
+            },
+            itemOf: (target) => drawing.itemOf(target),
+            move: (item, place) => drawing.move(item, place),
         },
-        itemOf: (target) => drawing.itemOf(target),
-        move: (item, place) => drawing.move(item, place),
-    }, viewport);
+        viewport,
+    );
     const fit = () => viewport.fit(drawing.bounds());
 
     const tools = h(
@@ -394,11 +453,7 @@ export function mapView() {
             fit();
         }),
         button("Save arrangement", () =>
-            save(
-                "diag-layout.json",
-                "application/json",
-                `${JSON.stringify({ nodes: Object.fromEntries(drawing.order.map(({ mac, place: { x, y } }) => [mac, [Math.round(x), Math.round(y)]])) }, null, 1)}\n`,
-            ),
+            save("diag-layout.json", "application/json", layoutText(drawing.order)),
         ),
         button("Load arrangement", () =>
             choose(".json,application/json", (text) => {
@@ -418,7 +473,11 @@ export function mapView() {
     function begin() {
         shownNetwork = Math.min(shownNetwork, Math.max(0, store.networks.length - 1));
         select.hidden = store.networks.length < 2;
-        select.replaceChildren(...store.networks.map((network, index) => h("option", { value: index }, networkTitle(network, index))));
+        select.replaceChildren(
+            ...store.networks.map((network, index) =>
+                h("option", { value: index }, networkTitle(network, index)),
+            ),
+        );
         select.value = String(shownNetwork);
     }
 
@@ -430,14 +489,23 @@ export function mapView() {
         const prefix = `${shownNetwork}/`;
         const dirty = changes.all
             ? null
-            : new Set([...changes.nodes].filter((key) => key.startsWith(prefix)).map((key) => key.slice(prefix.length)));
+            : new Set(
+                  [...changes.nodes]
+                      .filter((key) => key.startsWith(prefix))
+                      .map((key) => key.slice(prefix.length)),
+              );
         const count = drawing.order.length;
         drawing.update(network, dirty);
         if (drawing.order.length !== count) {
             fit();
-            chooseItem(drawing.order.find((item) => item.element.getAttribute("tabindex") === "0") ?? drawing.order[0]);
+            chooseItem(
+                drawing.order.find((item) => item.element.getAttribute("tabindex") === "0") ??
+                    drawing.order[0],
+            );
         }
-        status.replaceChildren(...[store.networks.length > 1 && networkState(network), differences(network)].filter(Boolean));
+        status.replaceChildren(
+            ...[store.networks.length > 1 && networkState(network), differences(network)].filter(Boolean),
+        );
     }
 
     select.addEventListener("change", () => {
@@ -455,11 +523,7 @@ export function mapView() {
             tools,
             status,
             surface,
-            h(
-                "p",
-                { class: "faint", id: "maphelp" },
-                "Nodes stand in the order of their numbers, where faults have told them, else of their names or addresses; links are drawn from port B to the next node's port A. Drag nodes, or move the focused one with Shift and the arrow keys; the arrow keys alone go from node to node, Enter opens one.",
-            ),
+            h("p", { class: "faint", id: "maphelp" }, HELP),
         ),
         update(changes) {
             if (changes.all) {

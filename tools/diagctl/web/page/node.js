@@ -21,12 +21,16 @@ const FACTS = [
     ["card_addr", "Card address"],
 ];
 
+function sinceText({ since }) {
+    return since ? ` since ${timeText(since, store.now())}` : "";
+}
+
 function where(node) {
     if (node.present === false) {
-        return `has left the network${node.since ? ` since ${timeText(node.since, store.now())}` : ""}; this is what it left behind`;
+        return `has left the network${sinceText(node)}; this is what it left behind`;
     }
     if (node.reachable === false) {
-        return `unreachable${node.since ? ` since ${timeText(node.since, store.now())}` : ""}; the values are old`;
+        return `unreachable${sinceText(node)}; the values are old`;
     }
     return node.local ? "this card" : "in the network";
 }
@@ -39,7 +43,9 @@ function versions(node) {
     if (isMalformed(node.software_versions)) {
         return row("Versions", malformedText(node.software_versions));
     }
-    return listOf(node.software_versions).flatMap(({ name, version }) => row(valueText(name), valueText(version || null)));
+    return listOf(node.software_versions).flatMap(({ name, version }) =>
+        row(valueText(name), valueText(version || null)),
+    );
 }
 
 function facts(node, network) {
@@ -48,7 +54,12 @@ function facts(node, network) {
         "dl",
         { class: "facts" },
         row("MAC address", node.mac),
-        row("Node number", node.number === null || node.number === undefined ? "not known: no list names the node" : valueText(node.number)),
+        row(
+            "Node number",
+            node.number === null || node.number === undefined
+                ? "not known: no list names the node"
+                : valueText(node.number),
+        ),
         row("Where", where(node)),
         rings.map(({ ring, state }) => row(`Ring ${ring}`, valueText(state))),
         FACTS.filter(([name]) => name in node).map(([name, label]) => row(label, valueText(node[name]))),
@@ -58,7 +69,11 @@ function facts(node, network) {
 }
 
 function pmLink(node, port) {
-    return h("a", { href: `#/pm/${encodeURIComponent(node.mac)}/${encodeURIComponent(port.port)}` }, "performance");
+    return h(
+        "a",
+        { href: `#/pm/${encodeURIComponent(node.mac)}/${encodeURIComponent(port.port)}` },
+        "performance",
+    );
 }
 
 function ports(node) {
@@ -86,10 +101,16 @@ function rateText(rate) {
 }
 
 function statistics(node) {
-    const measured = portsOf(node).filter((port) => port.stats && typeof port.stats === "object" && !isMalformed(port.stats));
+    const measured = portsOf(node).filter(
+        (port) => port.stats && typeof port.stats === "object" && !isMalformed(port.stats),
+    );
     const broken = portsOf(node).filter((port) => isMalformed(port.stats));
     if (measured.length === 0 && broken.length === 0) {
-        return h("p", { class: "faint" }, "Not published on this broker: a node's statistics are on its own card's.");
+        return h(
+            "p",
+            { class: "faint" },
+            "Not published on this broker: a node's statistics are on its own card's.",
+        );
     }
     const names = [...new Set(measured.flatMap((port) => Object.keys(port.stats)))];
     return h(
@@ -103,44 +124,89 @@ function statistics(node) {
                 h(
                     "table",
                     {},
-                    h("thead", {}, h("tr", {}, h("th", { scope: "col" }, "Since the last reset"), measured.map((port) => [
-                        h("th", { scope: "col", class: "value" }, `Port ${port.port}`),
-                        h("th", { scope: "col", class: "value" }, "rate"),
-                    ]))),
-                    h("tbody", {}, names.map((name) =>
-                        h("tr", {}, h("th", { scope: "row" }, name.replaceAll("_", " ")), measured.map((port) => [
-                            h("td", { class: "value" }, valueText(port.stats[name])),
-                            h("td", { class: "value faint" }, rateText(port.rates?.[name])),
-                        ])),
-                    )),
+                    h(
+                        "thead",
+                        {},
+                        h(
+                            "tr",
+                            {},
+                            h("th", { scope: "col" }, "Since the last reset"),
+                            measured.map((port) => [
+                                h("th", { scope: "col", class: "value" }, `Port ${port.port}`),
+                                h("th", { scope: "col", class: "value" }, "rate"),
+                            ]),
+                        ),
+                    ),
+                    h(
+                        "tbody",
+                        {},
+                        names.map((name) =>
+                            h(
+                                "tr",
+                                {},
+                                h("th", { scope: "row" }, name.replaceAll("_", " ")),
+                                measured.map((port) => [
+                                    h("td", { class: "value" }, valueText(port.stats[name])),
+                                    h("td", { class: "value faint" }, rateText(port.rates?.[name])),
+                                ]),
+                            ),
+                        ),
+                    ),
                 ),
             ),
     );
 }
 
 function changesOf(mac) {
-    return store.log.filter((change) => change.node === mac).slice(-CHANGES).reverse();
+    return store.log
+        .filter((change) => change.node === mac)
+        .slice(-CHANGES)
+        .reverse();
 }
 
 function content(mac) {
     const found = store.find(mac);
     if (!found) {
-        return h("div", { class: "node" }, h("h1", {}, mac), h("p", {}, store.isLoaded ? "No such node is known here." : ""));
+        return h(
+            "div",
+            { class: "node" },
+            h("h1", {}, mac),
+            h("p", {}, store.isLoaded ? "No such node is known here." : ""),
+        );
     }
     const { node, network } = found;
     const problems = listOf(node.problems);
     const changes = changesOf(mac);
     return h(
         "article",
-        { class: "node", "data-node": mac, "data-present": String(node.present !== false), "data-reachable": String(node.reachable !== false) },
+        {
+            class: "node",
+            "data-node": mac,
+            "data-present": String(node.present !== false),
+            "data-reachable": String(node.reachable !== false),
+        },
         h("h1", {}, titleOf(node)),
         h(
             "section",
             {},
             h("h2", { class: "unseen" }, "What is wrong"),
             problems.length > 0
-                ? h("ul", { class: "problems" }, problems.map((text) => h("li", {}, valueText(text))))
-                : h("p", {}, node.present === false ? "" : portsOf(node).some((port) => colourOf(port) === "yellow" || faultsOf(port).length > 0) ? "Trouble within the last 24 hours." : "Nothing is wrong."),
+                ? h(
+                      "ul",
+                      { class: "problems" },
+                      problems.map((text) => h("li", {}, valueText(text))),
+                  )
+                : h(
+                      "p",
+                      {},
+                      node.present === false
+                          ? ""
+                          : portsOf(node).some(
+                                  (port) => colourOf(port) === "yellow" || faultsOf(port).length > 0,
+                              )
+                            ? "Trouble within the last 24 hours."
+                            : "Nothing is wrong.",
+                  ),
         ),
         h(
             "div",
@@ -151,7 +217,9 @@ function content(mac) {
                 "section",
                 {},
                 h("h2", {}, "Changes"),
-                changes.length > 0 ? h("ol", { class: "events" }, changes.map(changeRow)) : h("p", { class: "faint" }, "none seen"),
+                changes.length > 0
+                    ? h("ol", { class: "events" }, changes.map(changeRow))
+                    : h("p", { class: "faint" }, "none seen"),
             ),
         ),
     );
@@ -178,7 +246,9 @@ export function nodeView([mac]) {
         update(changes) {
             const isMine = [...changes.nodes].some((key) => key.endsWith(`/${mac}`));
             if (changes.all || isMine || (changes.log && (changes.older || hasNews()))) {
-                element.replaceChildren(element.firstElementChild ? morph(element.firstElementChild, content(mac)) : content(mac));
+                element.replaceChildren(
+                    element.firstElementChild ? morph(element.firstElementChild, content(mac)) : content(mac),
+                );
             }
         },
     };

@@ -34,7 +34,10 @@ export function listedNode(network, { mac, number }) {
 
 export function portWords(port) {
     const colour = colourOf(port) === "none" ? "no colour" : port.colour;
-    return [`Port ${port.port}: ${colour}`, ...faultsOf(port).map((fault) => FAULT_WORDS[fault] ?? fault)].join(", ");
+    return [
+        `Port ${port.port}: ${colour}`,
+        ...faultsOf(port).map((fault) => FAULT_WORDS[fault] ?? fault),
+    ].join(", ");
 }
 
 // Letter, colour and shape; the words are for those who see neither.
@@ -92,7 +95,8 @@ export function versionsText(node) {
 }
 
 export const isGone = (node) => node.present === false || node.reachable === false;
-export const hasFault = (node) => portsOf(node).some((port) => faultsOf(port).length > 0 || port.colour === "red");
+export const hasFault = (node) =>
+    portsOf(node).some((port) => faultsOf(port).length > 0 || port.colour === "red");
 
 // 0 is worst.
 export function rankOf(node) {

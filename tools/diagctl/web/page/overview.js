@@ -56,7 +56,12 @@ function tile(node) {
             h("a", { href: `#/node/${encodeURIComponent(node.mac)}`, class: "title" }, title),
             node.local && h("span", { class: "tag" }, "this card"),
             isNumberNews &&
-                h("span", { class: "number", title: "node number" }, h("span", { class: "unseen" }, "node "), valueText(node.number)),
+                h(
+                    "span",
+                    { class: "number", title: "node number" },
+                    h("span", { class: "unseen" }, "node "),
+                    valueText(node.number),
+                ),
         ),
         lamps(node),
         problems.length > 0 &&
@@ -122,7 +127,9 @@ function lists() {
                 h(
                     "ul",
                     { class: "chips" },
-                    links.map((link) => h("li", {}, `${link.number}/${link.port} to ${link.peer_number}/${link.peer_port}`)),
+                    links.map((link) =>
+                        h("li", {}, `${link.number}/${link.port} to ${link.peer_number}/${link.peer_port}`),
+                    ),
                 ),
             ),
     );
@@ -154,7 +161,12 @@ class Section {
         this.list = h("ul", { class: "tiles" });
         this.soundTitle = h("summary");
         this.soundList = h("ul", { class: "tiles" });
-        this.sound = h("details", { class: "sound", open: nodeCount() <= MAX_OPEN }, this.soundTitle, this.soundList);
+        this.sound = h(
+            "details",
+            { class: "sound", open: nodeCount() <= MAX_OPEN },
+            this.soundTitle,
+            this.soundList,
+        );
         this.element = h("section", { class: "network" }, this.head, this.list, this.sound);
     }
 
@@ -166,7 +178,9 @@ class Section {
         const { nodes } = this.network;
         const dirty = changes.all
             ? nodes.keys()
-            : [...changes.nodes].filter((key) => key.startsWith(`${this.index}/`)).map((key) => key.slice(key.indexOf("/") + 1));
+            : [...changes.nodes]
+                  .filter((key) => key.startsWith(`${this.index}/`))
+                  .map((key) => key.slice(key.indexOf("/") + 1));
         for (const mac of dirty) {
             const node = nodes.get(mac);
             const element = this.tiles.get(mac);
@@ -201,7 +215,11 @@ class Section {
             .filter((node) => isChosen(node, this.network, words))
             .sort(ORDERS[choices.order]);
         // Of many networks one wants to see what is wrong with each before what is not, unless one looks for something.
-        const isParted = store.networks.length > 1 && choices.order === "faults" && choices.show === "all" && words.length === 0;
+        const isParted =
+            store.networks.length > 1 &&
+            choices.order === "faults" &&
+            choices.show === "all" &&
+            words.length === 0;
         const sound = isParted ? shown.filter((node) => rankOf(node) > 2) : [];
         const tilesOf = (nodes) => nodes.map((node) => this.tiles.get(node.mac));
         arrange(this.list, tilesOf(shown.slice(0, shown.length - sound.length)));
@@ -214,9 +232,11 @@ class Section {
 
     // Whether each node is shown or not shown as it should be, wherever it stands.
     isRight(words) {
-        return [...this.network.nodes.values()].every(
-            (node) => this.tiles.get(node.mac).isConnected === isChosen(node, this.network, words),
-        ) && this.list.childElementCount + this.soundList.childElementCount <= this.network.nodes.size;
+        return (
+            [...this.network.nodes.values()].every(
+                (node) => this.tiles.get(node.mac).isConnected === isChosen(node, this.network, words),
+            ) && this.list.childElementCount + this.soundList.childElementCount <= this.network.nodes.size
+        );
     }
 }
 
@@ -226,7 +246,11 @@ function option(value, label) {
 
 export function overviewView(_, query) {
     choices.show = FILTERS[query.get("show")] ? query.get("show") : choices.show;
-    const search = h("input", { type: "search", placeholder: "name, number, address, fault …", "aria-label": "Search nodes" });
+    const search = h("input", {
+        type: "search",
+        placeholder: "name, number, address, fault …",
+        "aria-label": "Search nodes",
+    });
     const show = h(
         "select",
         { "aria-label": "Show" },
@@ -277,7 +301,9 @@ export function overviewView(_, query) {
         const all = nodeCount();
         setText(count, shown === all ? countText(all, "node") : `${shown} of ${countText(all, "node")}`);
         if (drawn.length > 1) {
-            const order = [...drawn].sort((a, b) => networkRank(a.network) - networkRank(b.network) || a.index - b.index);
+            const order = [...drawn].sort(
+                (a, b) => networkRank(a.network) - networkRank(b.network) || a.index - b.index,
+            );
             arrange(
                 sections,
                 order.map((section) => section.element),

@@ -15,12 +15,19 @@ const KINDS = {
     days: { title: "Days of the last week", seconds: 86400, noun: "day" },
 };
 
+const LEGEND =
+    "in this computer's time zone. The stronger the colour, the nearer to the measure's highest value; " +
+    "a thin line is a period that is missing.";
+
 const choice = { field: "errored_frames" };
 
 // Every slot with its end. That of a missing one follows from its neighbours.
 function withTimes(records, { seconds }, now) {
     const known = records.findIndex((record) => record?.end);
-    const base = known >= 0 ? Date.parse(records[known].end) : Math.floor(Date.parse(now) / (seconds * 1000)) * seconds * 1000;
+    const base =
+        known >= 0
+            ? Date.parse(records[known].end)
+            : Math.floor(Date.parse(now) / (seconds * 1000)) * seconds * 1000;
     const origin = known >= 0 ? known : records.length - 1;
     return records.map((record, index) => ({
         record,
@@ -31,7 +38,9 @@ function withTimes(records, { seconds }, now) {
 
 function spanText({ end }, { seconds }) {
     const start = end - seconds * 1000;
-    return seconds < 86400 ? `${minuteText(start)} to ${minuteText(end)}` : `${dayText(start)} to ${dayText(end)}`;
+    return seconds < 86400
+        ? `${minuteText(start)} to ${minuteText(end)}`
+        : `${dayText(start)} to ${dayText(end)}`;
 }
 
 const wordsOf = ({ record, values }) => (values ? null : isMalformed(record) ? valueText(record) : "missing");
@@ -41,13 +50,21 @@ function labelOf(field) {
 }
 
 // "link down (s)", but not "errored frames (frames)".
-const withUnit = (field) => labelOf(field) + (field.unit && !labelOf(field).endsWith(field.unit) ? ` (${field.unit})` : "");
+const withUnit = (field) =>
+    labelOf(field) + (field.unit && !labelOf(field).endsWith(field.unit) ? ` (${field.unit})` : "");
 
 function stripLabel(field, slots, kind) {
     const values = slots.filter((slot) => slot.values);
-    const max = values.reduce((best, slot) => (best && best.values[field.name] >= slot.values[field.name] ? best : slot), null);
-    const peak = max && max.values[field.name] > 0 ? `highest ${numberText(max.values[field.name])} in ${spanText(max, kind)}` : "always 0";
-    return `${withUnit(field)}: ${values.length > 0 ? peak : "no values"}, ${slots.length - values.length} of ${slots.length} missing`;
+    const max = values.reduce(
+        (best, slot) => (best && best.values[field.name] >= slot.values[field.name] ? best : slot),
+        null,
+    );
+    const peak =
+        max && max.values[field.name] > 0
+            ? `highest ${numberText(max.values[field.name])} in ${spanText(max, kind)}`
+            : "always 0";
+    const missing = `${slots.length - values.length} of ${slots.length} missing`;
+    return `${withUnit(field)}: ${values.length > 0 ? peak : "no values"}, ${missing}`;
 }
 
 function valuesOf(slots, field) {
@@ -62,14 +79,23 @@ function strips(slots, fields, kind) {
             .filter((field) => STRIPS.includes(field.name))
             .map((field) => [
                 h("dt", {}, withUnit(field)),
-                h("dd", {}, strip(valuesOf(slots, field), stripLabel(field, slots, kind)), h("span", { class: "faint" }, stripLabel(field, slots, kind).replace(/^.*?: /, ""))),
+                h(
+                    "dd",
+                    {},
+                    strip(valuesOf(slots, field), stripLabel(field, slots, kind)),
+                    h("span", { class: "faint" }, stripLabel(field, slots, kind).replace(/^.*?: /, "")),
+                ),
             ]),
         h("dt", {}, ""),
         h(
             "dd",
             { class: "axis faint", "aria-hidden": "true" },
             [0, Math.floor(slots.length / 2), slots.length - 1].map((index) =>
-                h("span", {}, kind.seconds < 86400 ? minuteText(slots[index].end) : dayText(slots[index].end)),
+                h(
+                    "span",
+                    {},
+                    kind.seconds < 86400 ? minuteText(slots[index].end) : dayText(slots[index].end),
+                ),
             ),
         ),
     );
@@ -97,16 +123,32 @@ function valueTable(slots, fields, kind) {
             h(
                 "tbody",
                 {},
-                [...slots].reverse().map((slot) =>
-                    h(
-                        "tr",
-                        { class: slot.values ? null : "missing" },
-                        h("th", { scope: "row" }, h("time", { datetime: new Date(slot.end).toISOString() }, spanText(slot, kind))),
-                        slot.values
-                            ? fields.map((field) => h("td", { class: slot.values[field.name] > 0 ? "value" : "value faint" }, valueText(slot.values[field.name])))
-                            : h("td", { colspan: fields.length }, wordsOf(slot)),
+                [...slots]
+                    .reverse()
+                    .map((slot) =>
+                        h(
+                            "tr",
+                            { class: slot.values ? null : "missing" },
+                            h(
+                                "th",
+                                { scope: "row" },
+                                h(
+                                    "time",
+                                    { datetime: new Date(slot.end).toISOString() },
+                                    spanText(slot, kind),
+                                ),
+                            ),
+                            slot.values
+                                ? fields.map((field) =>
+                                      h(
+                                          "td",
+                                          { class: slot.values[field.name] > 0 ? "value" : "value faint" },
+                                          valueText(slot.values[field.name]),
+                                      ),
+                                  )
+                                : h("td", { colspan: fields.length }, wordsOf(slot)),
+                        ),
                     ),
-                ),
             ),
         ),
     );
@@ -138,10 +180,13 @@ function charts(data, name, onChoice) {
     );
     select.addEventListener("change", () => onChoice(select.value));
     const file = h("button", { type: "button" }, "Save as CSV");
-    file.addEventListener("click", () => save(`diag-${data.mac}-${data.port}-${name}.csv`, "text/csv", csvOf(slots, fields)));
+    file.addEventListener("click", () =>
+        save(`diag-${data.mac}-${data.port}-${name}.csv`, "text/csv", csvOf(slots, fields)),
+    );
     const describe = (index) => {
         const slot = slots[index];
-        return `${spanText(slot, kind)}: ${wordsOf(slot) ?? `${valueText(slot.values[field.name])} ${field.unit ?? ""}`.trim()}`;
+        const words = wordsOf(slot) ?? `${valueText(slot.values[field.name])} ${field.unit ?? ""}`;
+        return `${spanText(slot, kind)}: ${words.trim()}`;
     };
     return h(
         "section",
@@ -177,12 +222,15 @@ export function pmView([mac, port]) {
         clearTimeout(timer);
         timer = setTimeout(load, REFRESH_MS);
         try {
-            const response = await fetch(`/api/pm/${encodeURIComponent(mac)}/${encodeURIComponent(port)}`, { cache: "no-store" });
+            const response = await fetch(`/api/pm/${encodeURIComponent(mac)}/${encodeURIComponent(port)}`, {
+                cache: "no-store",
+            });
             if (isClosed) {
                 return;
             }
             if (response.status === 404) {
-                status.textContent = "No records are published for this port on this broker: they are on the node's own card's.";
+                status.textContent =
+                    "No records are published for this port on this broker: they are on the node's own card's.";
                 body.replaceChildren();
                 return;
             }
@@ -192,7 +240,7 @@ export function pmView([mac, port]) {
                 shown = text;
                 draw(data);
             }
-            status.textContent = `As of ${timeText(data.now, store.now())}, in this computer's time zone. The stronger the colour, the nearer to the measure's highest value; a thin line is a period that is missing.`;
+            status.textContent = `As of ${timeText(data.now, store.now())}, ${LEGEND}`;
         } catch {
             // Lost: the banner says so, and the next look comes by itself.
         }

@@ -33,7 +33,11 @@ function total(count, words, filter) {
     return h(
         "li",
         {},
-        h("a", { href: `#/?show=${filter}`, class: count > 0 && filter !== "all" ? "total wrong" : "total" }, words),
+        h(
+            "a",
+            { href: `#/?show=${filter}`, class: count > 0 && filter !== "all" ? "total wrong" : "total" },
+            words,
+        ),
     );
 }
 
@@ -45,7 +49,8 @@ export function totalsText(networks) {
         { class: "totals" },
         !store.isLive && h("li", {}, "last known:"),
         total(sum.nodes, countText(sum.nodes, "node"), "all"),
-        networks.length > 1 && total(sum.degraded, `${countText(sum.degraded, "network")} degraded`, "degraded"),
+        networks.length > 1 &&
+            total(sum.degraded, `${countText(sum.degraded, "network")} degraded`, "degraded"),
         LISTS.map(({ name, noun }) => total(sum[name], countText(sum[name], ...noun), name)),
         sum.gone > 0 && total(sum.gone, `${countText(sum.gone, "node")} left or unreachable`, "gone"),
         sum.other > 0 && total(sum.other, `${countText(sum.other, "node")} with another fault`, "faults"),
@@ -67,9 +72,14 @@ export function networkState(network) {
         isLive && known !== "unknown" && since !== "" && h("span", {}, since.trim()),
         isLive && isMalformed(network.ring) && h("span", {}, malformedText(network.ring)),
         isLive && ring === "degraded" && h("span", {}, "another cut would part the network"),
-        isLive && listOf(network.rings).map(({ ring: number, state }) =>
-            h("span", { class: "faint" }, `this card's ring ${number}: ${isMalformed(state) ? malformedText(state) : state}`),
-        ),
+        isLive &&
+            listOf(network.rings).map(({ ring: number, state }) =>
+                h(
+                    "span",
+                    { class: "faint" },
+                    `this card's ring ${number}: ${isMalformed(state) ? malformedText(state) : state}`,
+                ),
+            ),
     );
 }
 
@@ -89,7 +99,11 @@ export function differences(network) {
                 h(
                     "li",
                     {},
-                    h("a", { href: `#/node/${encodeURIComponent(mac)}` }, network.nodes.get(mac)?.name || mac),
+                    h(
+                        "a",
+                        { href: `#/node/${encodeURIComponent(mac)}` },
+                        network.nodes.get(mac)?.name || mac,
+                    ),
                     ` ${text}`,
                     since && `, since ${timeText(since, store.now())}`,
                 ),
@@ -111,4 +125,3 @@ export function networkRank(network) {
 }
 
 export const networkTitle = (network, index) => network.name || `Network ${index + 1}`;
-

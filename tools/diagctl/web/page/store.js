@@ -31,8 +31,8 @@ class Store {
         });
     }
 
-    // listener(changes): {nodes: Set of "network/MAC", lists, log, older, connection, all}, once a frame at most; older: not only
-    // newer changes than before have come. A page in the
+    // listener(changes): {nodes: Set of "network/MAC", lists, log, older, connection, all}, once a frame at most;
+    // older: not only newer changes than before have come. A page in the
     // background has no frames.
     subscribe(listener) {
         this.#listeners.add(listener);
@@ -65,8 +65,8 @@ class Store {
         }
     }
 
-    // What says how the network is appears with the next frame; lines of the log, of which a storm brings hundreds, wait
-    // for each other.
+    // What says how the network is appears with the next frame; lines of the log, of which a storm brings hundreds,
+    // wait for each other.
     #mark(change) {
         this.#pending ??= { nodes: new Set(), lists: false, log: false, connection: false, all: false };
         change(this.#pending);

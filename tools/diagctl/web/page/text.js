@@ -3,7 +3,8 @@
 const MAX_TEXT = 200;
 const NOTHING = "–";
 
-export const isMalformed = (value) => value !== null && typeof value === "object" && "malformed_bytes" in value;
+export const isMalformed = (value) =>
+    value !== null && typeof value === "object" && "malformed_bytes" in value;
 
 // The array, or none where there is something else.
 export const listOf = (value) => (Array.isArray(value) ? value : []);
@@ -33,7 +34,10 @@ const NUMBER = new Intl.NumberFormat("en-GB", { maximumFractionDigits: 1 });
 
 // Counters have 64 bits; what the browser can't hold exactly is marked.
 export function numberText(value) {
-    return (Number.isSafeInteger(value) || Math.abs(value) < Number.MAX_SAFE_INTEGER ? "" : "≈ ") + NUMBER.format(value);
+    return (
+        (Number.isSafeInteger(value) || Math.abs(value) < Number.MAX_SAFE_INTEGER ? "" : "≈ ") +
+        NUMBER.format(value)
+    );
 }
 
 export function countText(count, noun, plural = `${noun}s`) {

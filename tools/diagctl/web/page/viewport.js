@@ -10,7 +10,9 @@ export class Viewport {
 
     constructor(surface) {
         this.surface = surface;
-        this.observer = new ResizeObserver(() => (this.#fitted ? this.fit(this.#fitted) : this.set(this.view)));
+        this.observer = new ResizeObserver(() =>
+            this.#fitted ? this.fit(this.#fitted) : this.set(this.view),
+        );
         this.observer.observe(surface);
     }
 
@@ -45,18 +47,29 @@ export class Viewport {
     // By a factor, about a point of the screen or the middle.
     zoom(factor, point) {
         const box = this.surface.getBoundingClientRect();
-        const [u, v] = point ? [(point.clientX - box.left) / box.width, (point.clientY - box.top) / box.height] : [0.5, 0.5];
+        const [u, v] = point
+            ? [(point.clientX - box.left) / box.width, (point.clientY - box.top) / box.height]
+            : [0.5, 0.5];
         const { x, y, width, height } = this.view;
         const wide = Math.min(MAX_WIDTH, Math.max(MIN_WIDTH, width * factor));
         const actual = wide / width;
-        this.set({ x: x + u * width * (1 - actual), y: y + v * height * (1 - actual), width: wide, height: height * actual });
+        this.set({
+            x: x + u * width * (1 - actual),
+            y: y + v * height * (1 - actual),
+            width: wide,
+            height: height * actual,
+        });
     }
 
     // Two fingers, one of which has moved.
     pinch(before, now, other) {
-        const distance = (finger) => Math.hypot(finger.clientX - other.clientX, finger.clientY - other.clientY);
+        const distance = (finger) =>
+            Math.hypot(finger.clientX - other.clientX, finger.clientY - other.clientY);
         if (distance(now) > 10) {
-            this.zoom(distance(before) / distance(now), { clientX: (now.clientX + other.clientX) / 2, clientY: (now.clientY + other.clientY) / 2 });
+            this.zoom(distance(before) / distance(now), {
+                clientX: (now.clientX + other.clientX) / 2,
+                clientY: (now.clientY + other.clientY) / 2,
+            });
         }
     }
 
