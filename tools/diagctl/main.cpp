@@ -11,10 +11,23 @@ namespace
 
 // In the order of the help.
 constexpr void (*COMMANDS[])(command_line &line, context &common) = {
-    add_nodes_command,           add_show_command,   add_ports_command,  add_pm_command,
-    add_lists_command,           add_check_command,  add_top_command,    add_watch_command,
-    add_subscribe_command,       add_ping_command,   add_reset_command,  add_activate_command,
-    add_remote_download_command, add_record_command, add_replay_command, add_export_command,
+    add_nodes_command,
+    add_show_command,
+    add_ports_command,
+    add_pm_command,
+    add_lists_command,
+    add_check_command,
+    add_top_command,
+    add_watch_command,
+    add_subscribe_command,
+    add_ping_command,
+    add_reset_command,
+    add_activate_command,
+    add_remote_download_command,
+    add_record_command,
+    add_replay_command,
+    add_export_command,
+    add_web_command,
     add_explain_command,
 };
 

@@ -81,9 +81,10 @@ mosquitto *new_client(session *owner)
 
 } // namespace
 
-session::session(broker_address broker, const signal_input *watched, retain_flags wanted)
-    : where(std::move(broker)), flags(wanted), client(new_client(this), mosquitto_destroy), signals(watched),
-      connect_answer(NO_ANSWER)
+session::session(broker_address broker, const signal_input *watched, retain_flags wanted,
+                 std::span<wait_input> always)
+    : where(std::move(broker)), flags(wanted), standing(always), client(new_client(this), mosquitto_destroy),
+      signals(watched), connect_answer(NO_ANSWER)
 {
     if (client == nullptr) {
         report_no_broker(where, strerror(errno));
@@ -242,8 +243,10 @@ bool session::look(milliseconds limit, std::span<wait_input> inputs)
         {mosquitto_socket(client.get()), static_cast<short>(POLLIN | write_event), 0},
         {signals == nullptr ? -1 : signals->descriptor(), POLLIN, 0},
     };
-    for (const wait_input &input : inputs) {
-        fds.push_back({input.descriptor, POLLIN, 0});
+    for (const auto &group : {standing, inputs}) {
+        for (const wait_input &input : group) {
+            fds.push_back({input.descriptor, POLLIN, 0});
+        }
     }
     if (poll(fds.data(), fds.size(), static_cast<int>(limit.count())) == -1) {
         if (errno != EINTR) {
@@ -254,9 +257,12 @@ bool session::look(milliseconds limit, std::span<wait_input> inputs)
     if (fds[1].revents != 0 && take_signal()) {
         return false;
     }
-    for (size_t i = 0; i < inputs.size(); i++) {
-        if (fds[i + 2].revents != 0) {
-            inputs[i].take();
+    auto polled = fds.begin() + 2;
+    for (const auto &group : {standing, inputs}) {
+        for (wait_input &input : group) {
+            if ((polled++)->revents != 0) {
+                input.take();
+            }
         }
     }
     serve(fds[0].revents);

@@ -47,9 +47,10 @@ public:
         OF_SUBSCRIPTION, // a message's is_retained tells that it was there before the subscription
         AS_PUBLISHED,    // ... that it was published to be retained; takes a broker that speaks MQTT 5
     };
-    // Connects: 5 s at most for the TCP connection, and for the broker's answer. watched: see watch().
+    // Connects: 5 s at most for the TCP connection, and for the broker's answer. watched: see watch(). always: looked at in
+    // every wait, that for the broker's answer included.
     explicit session(broker_address broker, const signal_input *watched = nullptr,
-                     retain_flags wanted = retain_flags::OF_SUBSCRIPTION);
+                     retain_flags wanted = retain_flags::OF_SUBSCRIPTION, std::span<wait_input> always = {});
     ~session();
     session(const session &) = delete;
     session &operator=(const session &) = delete;
@@ -91,6 +92,7 @@ private:
 
     broker_address where;
     retain_flags flags;
+    std::span<wait_input> standing;
     library_handle client;
     std::vector<message_handler> handlers;
     std::exception_ptr handler_failure; // thrown once the library has returned

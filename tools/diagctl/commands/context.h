@@ -29,6 +29,7 @@ void add_show_command(command_line &line, context &common);
 void add_subscribe_command(command_line &line, context &common);
 void add_top_command(command_line &line, context &common);
 void add_watch_command(command_line &line, context &common);
+void add_web_command(command_line &line, context &common);
 
 // Adds the options of the broker, and those of names.
 void add_broker_options(command &added, context &common);

@@ -2,16 +2,13 @@
 #include "broker/requests.h"
 #include "broker/signals.h"
 #include "commands/context.h"
-#include "network/recording.h"
+#include "commands/recording_file.h"
 #include "topics.h"
 
 #include <fmt/core.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 
 namespace
 {
@@ -29,48 +26,6 @@ struct replay_options {
     std::string path;
     double speed = 1;
 };
-
-struct recording {
-    std::string started;
-    std::vector<recorded_message> messages;
-};
-
-[[noreturn]] void report_file(const std::string &path, const std::string &problem)
-{
-    throw failure(STATUS_FAILURE, fmt::format("couldn't replay {}: {}", path, problem));
-}
-
-// All of it, so that a damaged file is refused before anything is published.
-recording read_recording(const std::string &path)
-{
-    std::ifstream file(path);
-    if (!file) {
-        report_file(path, strerror(errno));
-    }
-    std::string line;
-    std::getline(file, line);
-    const std::optional<std::string> head = parse_recording_head(line);
-    if (!head) {
-        report_file(path, "it isn't a recording of this version of diagctl");
-    }
-    recording result = {*head, {}};
-    for (size_t number = 2; std::getline(file, line); number++) {
-        std::optional<recorded_message> message = parse_recording_line(line);
-        if (message) {
-            result.messages.push_back(std::move(*message));
-        } else if (file.eof()) {
-            // Without an end: the recording was cut off while this line was written.
-            fmt::print(stderr, "diagctl: the last line of {} is incomplete and left out\n", path);
-        } else {
-            report_file(path, fmt::format("line {} isn't a message of a recording", number));
-        }
-    }
-    std::erase_if(result.messages, [](const recorded_message &message) {
-        return std::find(std::begin(NEVER_REPLAYED), std::end(NEVER_REPLAYED), message.topic) !=
-               std::end(NEVER_REPLAYED);
-    });
-    return result;
-}
 
 // False when a signal came.
 bool refuse_daemon(session &broker, requests &asked)
@@ -125,16 +80,19 @@ size_t publish_all(session &broker, const std::vector<recorded_message> &message
 
 exit_status run_replay(const context &common, const replay_options &options)
 {
-    const recording recorded = read_recording(options.path);
+    recording recorded = read_recording(options.path);
+    std::erase_if(recorded.messages, [](const recorded_message &message) {
+        return std::find(std::begin(NEVER_REPLAYED), std::end(NEVER_REPLAYED), message.topic) !=
+               std::end(NEVER_REPLAYED);
+    });
     const signal_input signals;
     session broker(common.address, &signals);
     requests asked(broker);
     if (!refuse_daemon(broker, asked)) {
         return STATUS_FAILURE;
     }
-    const double time = recorded.messages.empty() ? 0 : recorded.messages.back().time;
-    fmt::print(stderr, "replaying {:.0f} s recorded from {} into {}, Ctrl-C ends\n", time,
-               printable(recorded.started), common.address.text());
+    fmt::print(stderr, "replaying {:.0f} s recorded from {} into {}, Ctrl-C ends\n", recorded.duration(),
+               printable(recorded.start_text), common.address.text());
     bool is_interrupted = false;
     const size_t published = publish_all(broker, recorded.messages, options.speed, is_interrupted);
     fmt::print("replayed {} messages{}\n", published, is_interrupted ? ", interrupted" : "");

@@ -1,0 +1,430 @@
+"""diagctl web: what it says of a real network, and how it bears a broker that goes and clients that mean no good."""
+import http.client
+import json
+import signal
+import socket
+import subprocess
+import threading
+import time
+
+import psutil
+import pytest
+from panel import BUILD, PYTHON, SANITIZED, Stream, wait_until
+from test_diagctl import PM, STATS
+
+DIAGCTL = str(BUILD / "diagctl")
+BUSY = 30  # seconds that a busy machine may take
+NODES = 250
+MAX_MEMORY = 60e6
+
+pytestmark = pytest.mark.timeout(150)
+
+
+def mac_of(number):
+    return f"02-00-00-00-{number >> 8:02X}-{number & 255:02X}"
+
+
+def free_port():
+    with socket.socket() as taken:
+        taken.bind(("127.0.0.1", 0))
+        return taken.getsockname()[1]
+
+
+class Broker:
+    """A broker on loopback, and a client that publishes."""
+
+    def __init__(self, folder):
+        self.port = free_port()
+        self.config = folder / "broker.conf"
+        self.config.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\n")
+        self.process = None
+        self.start()
+
+    def start(self):
+        self.process = subprocess.Popen(["mosquitto", "-c", self.config], stderr=subprocess.DEVNULL)
+        wait_until(lambda: socket.socket().connect_ex(("127.0.0.1", self.port)) == 0, BUSY)
+
+    def stop(self):
+        self.process.kill()
+        self.process.wait()
+
+    def publish(self, topic, payload):
+        words = ["mosquitto_pub", "-p", str(self.port), "-q", "1", "-r", "-t", topic]
+        payload = payload.encode() if isinstance(payload, str) else payload
+        subprocess.run([*words, "-s"] if payload else [*words, "-n"], input=payload, check=True)
+
+    def fill(self, nodes=NODES):
+        """A network of which node 2's port B is down; a process for each topic would take long."""
+        publish = f"""
+import paho.mqtt.client as mqtt
+client = mqtt.Client()
+client.max_inflight_messages_set(0)
+client.connect("127.0.0.1", {self.port})
+client.loop_start()
+def put(topic, payload):
+    return client.publish(topic, payload, qos=1, retain=True)
+put("local/diag/network_style7", bytes(1))
+for number in range(1, {nodes} + 1):
+    node = f"pub/diag/02-00-00-00-{{number >> 8:02X}}-{{number & 255:02X}}/"
+    put(node + "port_summary", '{{"A":"green","B":"green"}}')
+    put(node + "port_media", '{{"A":"eth","B":"smf"}}')
+    put(node + "CF_free_space", str(number))
+    put(node + "M301", bytes(1))
+put("pub/diag/net/fire/link_down", bytes([2, 0, 0, 0, 0, 2, 2, 2]))
+for name in ("grnd_list", "miswired"):
+    put("pub/diag/net/fire/" + name, bytes(1))
+put("pub/diag/local_node", "02-00-00-00-00-01").wait_for_publish()
+"""
+        subprocess.run([PYTHON, "-c", publish], check=True)
+
+
+class Web:
+    """diagctl web on a port of its own."""
+
+    def __init__(self, *words, listen="127.0.0.1:0"):
+        self.stream = Stream([DIAGCTL, "web", "--listen", listen, *map(str, words)], stderr=subprocess.STDOUT)
+        ready = self.stream.wait(lambda line: "http://" in line, BUSY)
+        self.port = int(ready.partition("http://")[2].partition("/")[0].rpartition(":")[2])
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        if self.stream.process.poll() is None:
+            self.stream.process.terminate()
+        assert self.stream.end(BUSY) == 0, self.stream.items
+
+    def connect(self):
+        return socket.create_connection(("127.0.0.1", self.port), BUSY)
+
+    def get(self, path):
+        """Status, headers and body."""
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=BUSY)
+        connection.request("GET", path)
+        answer = connection.getresponse()
+        body = answer.read()
+        connection.close()
+        return answer.status, dict(answer.headers), body
+
+    def json(self, path):
+        status, _, body = self.get(path)
+        assert status == 200, (path, status, body)
+        return json.loads(body)
+
+    def node(self, number):
+        nodes = self.json("/api/network")["networks"][0]["nodes"]
+        return next((node for node in nodes if node["mac"] == mac_of(number)), None)
+
+    def memory(self):
+        return psutil.Process(self.stream.process.pid).memory_info().rss
+
+
+class Events:
+    """The stream's events as (name, data), and when the last byte came."""
+
+    def __init__(self, web):
+        self.items, self.heard = [], time.monotonic()
+        self.connection = http.client.HTTPConnection("127.0.0.1", web.port, timeout=BUSY)
+        self.connection.request("GET", "/api/events")
+        self.answer = self.connection.getresponse()
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        name = None
+        for line in self.answer:
+            self.heard = time.monotonic()
+            field, _, value = line.decode().rstrip("\n").partition(": ")
+            if field == "event":
+                name = value
+            elif field == "data":
+                self.items.append((name, {"event": name, **json.loads(value)}))
+
+    def wait(self, name, found=lambda data: True, start=0):
+        return wait_until(
+            lambda: next((data for event, data in self.items[start:] if event == name and found(data)), None),
+            BUSY,
+            lambda: self.items[-5:],
+        )
+
+
+@pytest.fixture(scope="module", name="broker")
+def filled_broker(tmp_path_factory):
+    broker = Broker(tmp_path_factory.mktemp("broker"))
+    broker.fill()
+    yield broker
+    broker.stop()
+
+
+@pytest.fixture(scope="module", name="web")
+def open_web(broker):
+    with Web("--port", broker.port) as web:
+        yield web
+
+
+def test_a_real_fault_that_the_page_is_not_told(make_lab):
+    lab = make_lab(3)
+    node = lab[1]
+    node.watch()
+    read = (
+        "import urllib.request as r\n"
+        "for line in r.urlopen('http://127.0.0.1:9886/api/%s'): print(line.decode(), end='', flush=True)"
+    )
+    with Stream(node.command(DIAGCTL, "web")) as web:
+        web.wait(lambda line: "http://" in line, BUSY)
+
+        def snapshot():
+            return json.loads(node.exec(PYTHON, "-c", read % "network"))["networks"][0]
+
+        wait_until(lambda: len([item for item in snapshot()["nodes"] if item["present"]]) == 3, BUSY, snapshot)
+        shown = json.loads(node.exec(DIAGCTL, "nodes", "--json"))["nodes"]
+        told = {item["mac"]: item for item in snapshot()["nodes"]}
+        for item in shown:
+            same = item.keys() - {"location", "rings", "ports", "last_change"}
+            assert {name: told[item["mac"]][name] for name in same} == {name: item[name] for name in same}
+
+        def data(line):
+            return json.loads(line[6:]) if line.startswith("data: ") else line
+
+        with Stream(node.command(PYTHON, "-c", read % "events"), data) as events:
+            events.wait(lambda item: item == ":")
+            for command, is_down in (("cut", True), ("mend", False)):
+                start = len(events.items)
+                lab.run(command, 2, "B")
+                change = events.wait(
+                    lambda item: isinstance(item, dict)
+                    and item.get("kind") == "link_down"
+                    and item["node"] == lab[2].mac,
+                    BUSY,
+                    start,
+                )
+                assert (change["port"], change["new"]) == ("B", is_down)
+                events.wait(
+                    lambda item: isinstance(item, dict)
+                    and any(
+                        port["port"] == "B" and ("link-down" in port["faults"]) == is_down
+                        for entry in item.get("nodes", [])
+                        if entry["mac"] == lab[2].mac
+                        for port in entry["ports"]
+                    ),
+                    BUSY,
+                    start,
+                )
+        web.signal(signal.SIGINT)
+        assert web.end(BUSY) == 0
+
+
+def test_state_and_changes_that_do_not_fit_together(broker, web):
+    network = web.json("/api/network")
+    assert (network["connection"], network["kind"], network["replay"]) == ("live", "card", False)
+    nodes = network["networks"][0]["nodes"]
+    assert len(nodes) == NODES and [node["mac"] for node in nodes if node["local"]] == [mac_of(1)]
+    assert network["networks"][0]["ring"] == "normal"
+    assert web.node(2)["problems"] == ["port B: link down"]
+
+    events = Events(web)
+    broker.publish(f"pub/diag/{mac_of(7)}/port_summary", '{"A":"red","B":"green"}')
+    broker.publish(f"pub/diag/{mac_of(8)}/M301", "maybe")
+    broker.publish("local/diag/network_style7", bytes([1]))
+    change = events.wait("change", lambda data: data["kind"] == "colour")
+    assert (change["node"], change["port"], change["old"], change["new"]) == (mac_of(7), "A", "green", "red")
+    state = events.wait("network", lambda data: data.get("ring") == "degraded")
+    assert state["since"] is not None
+    wait_until(lambda: web.node(8)["M301"] == {"malformed_bytes": 5}, BUSY)
+    assert web.node(7)["ports"][0]["colour"] == "red"
+
+    log = web.json("/api/log")["changes"]
+    assert [item for item in log if item["id"] > change["id"]] == web.json(f"/api/log?after={change['id']}")["changes"]
+    assert change.pop("event") == "change" and change in log
+    for topic in ("port_summary", "port_media", "CF_free_space", "M301"):
+        broker.publish(f"pub/diag/{mac_of(9)}/{topic}", "")
+    wait_until(lambda: not web.node(9)["present"], BUSY)
+    assert web.node(9)["since"] is not None
+    # What nothing names any more is forgotten with the next list.
+    broker.publish("pub/diag/net/fire/link_down", bytes(1))
+    events.wait("network", lambda data: mac_of(9) in data.get("gone", []))
+    assert web.node(9) is None
+
+
+def test_values_that_could_do_harm(broker, web):
+    """Text goes through as text; a client's request of a megabyte doesn't fill the log."""
+    broker.publish(f"pub/diag/{mac_of(3)}/job_name", "<b>\xff")
+    assert "<b>" in wait_until(lambda: web.node(3)["job_name"], BUSY)
+    events = Events(web)
+    broker.publish("pub/diag/command/request", "x" * 1_000_000)
+    request = events.wait("change", lambda data: data["kind"] == "request")
+    assert len(json.dumps(request)) < 2000
+
+
+def test_periods_at_the_wrong_time(broker, web):
+    """Slots are in the order of their ends; those between that are missing are missing."""
+    prefix = f"pub/diag/{mac_of(1)}/A"
+    last = int(time.time()) // 900 * 900 - 900  # so that the one that has just ended is missing
+    for slot, age, errors in ((5, 0, 1), (4, 1, 2), (2, 3, 3)):
+        broker.publish(f"{prefix}/pm/period{slot}", PM.pack(last - 900 * age, 0, 0, errors, *[0] * 6))
+    broker.publish(f"{prefix}/pm/period3", "bad")
+    broker.publish(f"{prefix}/stats", STATS.pack(*range(15)))
+    path = f"/api/pm/{mac_of(1)}/A"
+    wait_until(lambda: web.get(path)[0] == 200 and web.json(path)["stats"], BUSY)
+    told = web.json(path)
+    assert (len(told["periods"]), told["days"]) == (96, [None] * 7)
+    newest = told["periods"].index(next(item for item in told["periods"] if item and item["slot"] == "period5"))
+    assert newest in (93, 94)  # a quarter hour may end meanwhile
+    shown = told["periods"][newest - 3 : newest + 1]
+    assert [item["slot"] for item in shown] == ["period2", "period3", "period4", "period5"]
+    assert shown[1]["malformed_bytes"] == 3
+    assert [item["values"]["errored_frames"] for item in (shown[0], shown[2], shown[3])] == [3, 2, 1]
+    assert [item for item in told["periods"] if item] == shown
+    assert {field["name"] for field in told["fields"]} == set(shown[0]["values"])
+    for missing in (f"/api/pm/{mac_of(1)}/B", "/api/pm/", "/api/pm/x/A", f"/api/pm/{mac_of(1)}/Z"):
+        assert web.get(missing)[0] == 404
+
+
+def test_a_page_that_other_sites_could_use(web):
+    status, headers, body = web.get("/")
+    assert (status, headers["Content-Type"]) == (200, "text/html; charset=utf-8")
+    for name in ("app.js", "style.css"):
+        assert name.encode() in body and web.get(f"/{name}")[0] == 200
+    for path in ("/", "/app.js", "/api/network", "/nothing"):
+        headers = web.get(path)[1]
+        assert "default-src 'self'" in headers["Content-Security-Policy"]
+        assert headers["X-Content-Type-Options"] == "nosniff"
+        assert not [name for name in headers if name.startswith("Access-Control")]
+
+    def status_of(request):
+        with web.connect() as connection:
+            connection.sendall(request + b"\r\nConnection: close\r\n\r\n")
+            return connection.makefile("rb").readline().split()[1:2]
+
+    good = b"\r\nHost: localhost"
+    for expected, request in (
+        (b"200", b"GET /healthz HTTP/1.1" + good),
+        (b"200", b"GET /healthz HTTP/1.1\r\nHost: 192.168.1.5:80"),
+        (b"403", b"GET / HTTP/1.1\r\nHost: rebound.example"),
+        (b"403", b"GET / HTTP/1.0"),
+        (b"403", b"GET /api/network HTTP/1.1\r\nSec-Fetch-Site: cross-site" + good),
+        (b"405", b"POST /api/network HTTP/1.1\r\nContent-Length: 0" + good),
+        (b"405", b"OPTIONS * HTTP/1.1" + good),
+        (b"413", b"GET / HTTP/1.1\r\nContent-Length: 100000000" + good),
+        (b"431", b"GET / HTTP/1.1\r\nX: " + b"x" * 100_000 + good),
+        (b"414", b"GET /" + b"x" * 100_000 + b" HTTP/1.1" + good),
+        (b"404", b"GET /../../../etc/passwd HTTP/1.1" + good),
+        (b"404", b"GET /%2e%2e/%2e%2e/etc/passwd HTTP/1.1" + good),
+        (b"404", b"GET /api/recording/seek?to=1 HTTP/1.1" + good),
+    ):
+        assert status_of(request) == [expected], request[:60]
+
+
+def test_clients_that_mean_no_good(broker, web):
+    """A thousand that never finish a request, readers that never read, and a storm: others notice nothing."""
+    held = [web.connect() for _ in range(1000)]
+    for connection in held:
+        connection.sendall(b"GET / HTTP/1.1\r\nHost:")
+    for path in 100 * ["/api/network", "/api/events"]:
+        slow = socket.socket()
+        slow.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 16384)
+        slow.connect(("127.0.0.1", web.port))
+        slow.sendall(f"GET {path} HTTP/1.1\r\nHost: localhost\r\n\r\n".encode())
+        held.append(slow)
+    events = Events(web)
+    storm = f"""
+import paho.mqtt.client as mqtt
+client = mqtt.Client()
+client.connect("127.0.0.1", {broker.port})
+client.loop_start()
+for number in range(20000):
+    topic = f"pub/diag/02-00-00-00-00-{{10 + number % 50:02X}}/CF_free_space"
+    last = client.publish(topic, str(100000 + number), retain=True)
+last.wait_for_publish()
+"""
+    subprocess.run([PYTHON, "-c", storm], check=True)
+    broker.publish(f"pub/diag/{mac_of(5)}/CF_free_space", "424242")
+    events.wait("change", lambda data: data["new"] == 424242)
+    start = time.monotonic()
+    assert web.get("/healthz")[0] == 200
+    assert time.monotonic() - start < 5
+    if not SANITIZED:
+        assert web.memory() < MAX_MEMORY
+    assert len(web.json("/api/log")["changes"]) == 10000
+    # A reader that was too slow is told to look anew, or dropped.
+    held[-1].settimeout(BUSY)
+    text = b""
+    while b"event: reset" not in text and (more := held[-1].recv(65536)):
+        text = text[-20:] + more
+    for connection in held:
+        connection.close()
+
+
+def test_a_broker_that_goes(tmp_path):
+    broker = Broker(tmp_path)
+    broker.fill(3)
+    with Web("--port", broker.port) as web:
+        events = Events(web)
+        assert web.get("/healthz")[2] == b"ok\n"
+        broker.stop()
+        events.wait("connection", lambda data: data["connection"] == "lost")
+        assert web.get("/healthz")[0] == 503
+        network = web.json("/api/network")
+        assert network["connection"] == "lost" and len(network["networks"][0]["nodes"]) == 3
+        wait_until(lambda: time.monotonic() - events.heard < 0.1, 5)  # a sign of life each 2 s
+        start = len(events.items)
+        broker.start()
+        events.wait("connection", lambda data: data["connection"] == "live", start)
+        events.wait("reset", start=start)
+        assert web.json("/api/network")["networks"][0]["nodes"] == []
+        kinds = [change["new"] for change in web.json("/api/log")["changes"] if change["kind"] == "connection"]
+        assert kinds == ["live", "lost", "live"]
+    broker.stop()
+
+
+def test_a_recording_that_plays_wrong(tmp_path):
+    recording = tmp_path / "recording"
+    lines = [{"diagctl_recording": 1, "started": "2024-05-01T08:00:00Z"}]
+    for second in range(100):
+        colour = "red" if second % 2 else "green"
+        lines.append(
+            {
+                "time": second,
+                "retained": True,
+                "topic": f"pub/diag/{mac_of(2)}/port_summary",
+                "text": f'{{"A":"{colour}"}}',
+            }
+        )
+    recording.write_text("".join(json.dumps(line) + "\n" for line in lines))
+    layout = tmp_path / "layout"
+    layout.write_text('{"nodes":{}}')
+    with Web("--replay", recording, "--layout", layout) as web:
+        assert web.json("/api/layout") == {"nodes": {}}
+        events = Events(web)
+        told = web.json("/api/recording/pause?to=1")
+        assert (told["duration"], told["paused"], told["start"][:19]) == (99, True, "2024-05-01T08:00:00")
+        for position, colour in ((51, "red"), (50, "green"), (1000, "red"), (0, "green")):
+            assert web.json(f"/api/recording/seek?to={position}")["position"] == min(position, 99)
+            assert web.node(2)["ports"][0]["colour"] == colour
+            network = web.json("/api/network")
+            assert network["id"] == min(position, 99)
+            assert len(web.json("/api/log")["changes"]) == network["id"]
+        assert [name for name, _ in events.items].count("reset") == 4
+        web.get("/api/recording/speed?to=20")
+        web.get("/api/recording/pause?to=0")
+        change = events.wait("change", lambda data: data["id"] == 21)
+        assert change["time"] == "2024-05-01T08:00:21.000Z"
+        assert web.json("/api/network")["time"] >= "2024-05-01T08:00:21"
+        assert web.get("/api/recording/seek?to=x")[0] == 400
+    recording.write_text("nonsense\n")
+    for words, reason in (
+        (("--replay", recording), "isn't a recording"),
+        (("--layout", recording), "layout"),
+        (("--listen", "here"), "not ADDRESS:PORT"),
+    ):
+        done = subprocess.run([DIAGCTL, "web", *words], capture_output=True, text=True, timeout=BUSY, check=False)
+        assert done.returncode in (1, 2) and reason in done.stderr, done
+
+
+def test_a_start_or_an_end_that_says_nothing(broker):
+    with Web("--port", broker.port, listen="0.0.0.0:0") as web:
+        assert any("whoever reaches" in line for line in web.stream.items)
+        words = [DIAGCTL, "web", "--listen", f"127.0.0.1:{web.port}"]
+        done = subprocess.run(words, capture_output=True, text=True, timeout=BUSY, check=False)
+        assert (done.returncode, "already in use" in done.stderr) == (1, True), done
+    with Web("--port", free_port()) as web:  # no broker yet
+        assert web.get("/healthz")[0] == 503 and web.get("/")[0] == 200
