@@ -245,6 +245,8 @@ exit_status run_check(const context &common, const check_options &options)
         const std::string text = error.what();
         const bool is_card_at_fault = error.status == STATUS_NO_BROKER;
         out.add(is_card_at_fault ? VERDICT_CRITICAL : VERDICT_UNKNOWN, text.substr(0, text.find('\n')));
+    } catch (const std::exception &error) {
+        out.add(VERDICT_UNKNOWN, error.what());
     }
     return static_cast<exit_status>(out.print());
 }

@@ -152,6 +152,9 @@ bool matches_format(std::string_view text, std::string_view format)
         const conversion found = conversion_at(format);
         if (found.size > 0) {
             const std::string_view rest = format.substr(found.size);
+            if (rest.empty()) {
+                return may_stand_for(found.letter, text);
+            }
             for (size_t size = 0; size <= text.size(); size++) {
                 if (may_stand_for(found.letter, text.substr(0, size)) &&
                     matches_format(text.substr(size), rest)) {
