@@ -319,8 +319,9 @@ test("what a screen reader can't tell, or eyes can't read", async () => {
 
 test("a moment of a recording that the slider does not find", async () => {
     const file = "/tmp/recording.jsonl";
-    const recording = diagctl("record", "--duration", "5", file);
-    await lab("exec", 1, "sh", "-c", `until grep -q grnd_list ${file}; do sleep 0.1; done`);
+    const recording = diagctl("record", "--duration", "6", file);
+    // A second later: its beginning shows what was so before.
+    await lab("exec", 1, "sh", "-c", `until grep -q '"time":[1-9]' ${file}; do sleep 0.1; done`);
     await lab("ground", 1, "A", "on");
     await recording;
     await lab("ground", 1, "A", "off");
