@@ -1,6 +1,6 @@
 // The platform's logging library. A line in syslog reads
 //
-//     [ERROR] diag(1234) - remote:87 - packet is too small (3 bytes), ignoring
+//     [ERROR] diag(1234) - remote:NNN - packet is too small (3 bytes), ignoring
 //
 // level name, component, process id, source file, line, text. Each component has a threshold, at first 3
 // (error); the file that the environment variable LUMLOG_RC names changes it with lines KEY.level, '#'
