@@ -1,6 +1,7 @@
 """The lab of ./demo: five nodes in a ring, shown live or as a story. It ends with this program, however that ends."""
 import os
 import signal
+import socket
 import subprocess
 import sys
 import termios
@@ -11,6 +12,7 @@ from diaglab.failure import wait_until
 from story import NODES, Story, start_daemons
 
 SPANNING_TREE_SECONDS = 30
+CONSOLE_PORT = 9886
 LEAVE_FULL_SCREEN = "\033[?1049l\033[?25h"
 
 
@@ -45,6 +47,39 @@ In another terminal, for example:
     return 0 if interrupted else status if status >= 0 else 128 - status
 
 
+def listen_near(port: int) -> socket.socket:
+    """On this port of the host, or any other where it is taken."""
+    try:
+        return socket.create_server(("127.0.0.1", port))
+    except OSError:
+        return socket.create_server(("127.0.0.1", 0))
+
+
+def show_web(lab: diaglab.Lab) -> int:
+    start_daemons(lab)
+    node = lab.nodes[1]
+    with listen_near(CONSOLE_PORT) as listening:
+        console = subprocess.Popen(
+            node.command(f"{lab.config.build}/diagctl", "web"), stdout=subprocess.PIPE, text=True
+        )
+        assert console.stdout
+        console.stdout.readline()
+        inherited = listening.fileno()
+        relay = [sys.executable, f"{os.path.dirname(os.path.abspath(__file__))}/relay.py"]
+        subprocess.Popen(node.command(*relay, str(inherited), str(CONSOLE_PORT)), pass_fds=[inherited])
+        print(
+            f"""\
+The console of node 1: http://127.0.0.1:{listening.getsockname()[1]}/, Ctrl-C ends. In another terminal, for example:
+
+    cd {os.getcwd()} && export LAB_NAME={os.environ['LAB_NAME']}
+    lab/lab cut 2 B        # and mend 2 B, ground 3 A on, stop 4, start 4; see lab/lab help""",
+            flush=True,
+        )
+        # Both end with the lab.
+        signal.signal(signal.SIGINT, lambda *_: sys.exit(0))
+        return console.wait()
+
+
 def leave(number: int, _: object) -> NoReturn:
     sys.exit(128 + number)
 
@@ -60,7 +95,7 @@ def main() -> int:
         lab = diaglab.attach(name)
         await_spanning_tree(lab)
         if not is_story:
-            return show_live(lab)
+            return show_web(lab) if sys.argv[1:] == ["--web"] else show_live(lab)
         Story(lab).tell()
         print("   every step was seen on every broker")
         return 0

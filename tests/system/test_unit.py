@@ -6,7 +6,9 @@ from pathlib import Path
 import pytest
 from panel import PYTHON, wait_until
 
-UNIT = Path(__file__).resolve().parent.parent.parent / "packaging" / "diag.service"
+PACKAGING = Path(__file__).resolve().parent.parent.parent / "packaging"
+UNIT = PACKAGING / "diag.service"
+CONSOLE_UNIT = PACKAGING / "diag-console.service"
 MOST_EXPOSED = 1.5
 
 # Loads a filter of the system calls named in the arguments up to "--", as systemd does, and runs the rest.
@@ -28,8 +30,8 @@ def analyze(*words):
     return subprocess.run(["systemd-analyze", *words], capture_output=True, text=True, timeout=20, check=True).stdout
 
 
-def allowed_calls():
-    words = re.findall(r"^SystemCallFilter=(.*)$", UNIT.read_text(encoding="utf-8"), re.MULTILINE)
+def allowed_calls(unit):
+    words = re.findall(r"^SystemCallFilter=(.*)$", unit.read_text(encoding="utf-8"), re.MULTILINE)
     words = ["@default", *" ".join(words).split()]
     while any(word.startswith("@") for word in words):
         words = [
@@ -44,9 +46,10 @@ def allowed_calls():
     return sorted(set(words))
 
 
-def test_unit_is_exposed():
-    report = analyze("security", "--offline=true", "--no-pager", str(UNIT))
-    exposure = float(re.search(r"Overall exposure level for diag.service: ([\d.]+)", report)[1])
+@pytest.mark.parametrize("unit", (UNIT, CONSOLE_UNIT), ids=lambda unit: unit.stem)
+def test_unit_is_exposed(unit):
+    report = analyze("security", "--offline=true", "--no-pager", str(unit))
+    exposure = float(re.search(r"Overall exposure level for \S+: ([\d.]+)", report)[1])
     assert exposure <= MOST_EXPOSED, report
 
 
@@ -57,7 +60,7 @@ def test_confined_daemon_fails(make_lab):
     lab.run("stop", 1)
     node.watch()
     without_rights = ["setpriv", "--no-new-privs", "--bounding-set=-all", "--inh-caps=-all"]
-    confine = [PYTHON, "-c", CONFINE, *allowed_calls(), "--"]
+    confine = [PYTHON, "-c", CONFINE, *allowed_calls(UNIT), "--"]
     before = len(node.topics.items)
     node.start("-n", "1", wrap=[*without_rights, *confine])
 

@@ -11,6 +11,7 @@ import psutil
 import pytest
 from panel import BUILD, PYTHON, SANITIZED, Stream, wait_until
 from test_diagctl import PM, STATS
+from test_unit import CONFINE, CONSOLE_UNIT, allowed_calls
 
 DIAGCTL = str(BUILD / "diagctl")
 BUSY = 30  # seconds that a busy machine may take
@@ -81,8 +82,9 @@ put("pub/diag/local_node", "02-00-00-00-00-01").wait_for_publish()
 class Web:
     """diagctl web on a port of its own."""
 
-    def __init__(self, *words, listen="127.0.0.1:0"):
-        self.stream = Stream([DIAGCTL, "web", "--listen", listen, *map(str, words)], stderr=subprocess.STDOUT)
+    def __init__(self, *words, listen="127.0.0.1:0", wrap=()):
+        command = [*wrap, DIAGCTL, "web", "--listen", listen, *map(str, words)]
+        self.stream = Stream(command, stderr=subprocess.STDOUT)
         ready = self.stream.wait(lambda line: "http://" in line, BUSY)
         self.port = int(ready.partition("http://")[2].partition("/")[0].rpartition(":")[2])
 
@@ -414,17 +416,20 @@ def test_a_recording_that_plays_wrong(tmp_path):
     for words, reason in (
         (("--replay", recording), "isn't a recording"),
         (("--layout", recording), "layout"),
-        (("--listen", "here"), "not ADDRESS:PORT"),
     ):
-        done = subprocess.run([DIAGCTL, "web", *words], capture_output=True, text=True, timeout=BUSY, check=False)
+        words = [DIAGCTL, "web", "--listen", "127.0.0.1:0", *words]
+        done = subprocess.run(words, capture_output=True, text=True, timeout=BUSY, check=False)
         assert done.returncode in (1, 2) and reason in done.stderr, done
 
 
 def test_a_start_or_an_end_that_says_nothing(broker):
     with Web("--port", broker.port, listen="0.0.0.0:0") as web:
         assert any("whoever reaches" in line for line in web.stream.items)
-        words = [DIAGCTL, "web", "--listen", f"127.0.0.1:{web.port}"]
-        done = subprocess.run(words, capture_output=True, text=True, timeout=BUSY, check=False)
-        assert (done.returncode, "already in use" in done.stderr) == (1, True), done
-    with Web("--port", free_port()) as web:  # no broker yet
+        for address, status, reason in ((f"127.0.0.1:{web.port}", 1, "in use"), ("here", 2, "not ADDRESS:PORT")):
+            words = [DIAGCTL, "web", "--listen", address]
+            done = subprocess.run(words, capture_output=True, text=True, timeout=BUSY, check=False)
+            assert (done.returncode, reason in done.stderr) == (status, True), done
+    # Under the system calls of its unit, without a broker yet.
+    confine = [PYTHON, "-c", CONFINE, *allowed_calls(CONSOLE_UNIT), "--"]
+    with Web("--host", "localhost", "--port", free_port(), wrap=confine) as web:
         assert web.get("/healthz")[0] == 503 and web.get("/")[0] == 200
