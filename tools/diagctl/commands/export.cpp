@@ -4,13 +4,13 @@
 #include "clock.h"
 #include "commands/context.h"
 #include "export/metrics.h"
+#include "web/http_server.h"
 
 #include <fmt/core.h>
-#include <prometheus/collectable.h>
-#include <prometheus/exposer.h>
+#include <prometheus/text_serializer.h>
 
+#include <array>
 #include <cstdio>
-#include <mutex>
 
 namespace
 {
@@ -21,85 +21,66 @@ struct export_options {
     std::string listen = "127.0.0.1:9885";
 };
 
-// The network as the server's threads read it.
-class exported_network : public prometheus::Collectable
-{
-public:
-    explicit exported_network(network empty) : net(std::move(empty)) {}
-
-    std::vector<prometheus::MetricFamily> Collect() const override
-    {
-        const std::lock_guard lock(mutex);
-        return network_metrics(net, is_daemon_up);
-    }
-    void apply(std::string_view topic, bytes payload, bool is_retained)
-    {
-        const std::lock_guard lock(mutex);
-        network_apply(net, topic, payload, is_retained, current_moment());
-    }
-    void set_daemon(bool is_up)
-    {
-        const std::lock_guard lock(mutex);
-        is_daemon_up = is_up;
-    }
-
-private:
-    mutable std::mutex mutex;
+struct exported_network {
     network net;
     bool is_daemon_up = false;
 };
 
 // A daemon that has ended leaves all that it published on the broker: only its answers tell that it is there. Returns when a
 // signal comes.
-void ask_daemon(session &broker, requests &asked, exported_network &exported)
+void ask_daemon(session &broker, requests &asked, http_server &server, exported_network &exported)
 {
     wait_end end = wait_end::DONE;
     while (end != wait_end::INTERRUPTED) {
         const uint32_t transaction = asked.send("noop");
         bool is_answered = false;
-        const auto take_answer = [&] {
+        const auto look = [&] {
             if (!is_answered && asked.answer(transaction)) {
                 is_answered = true;
-                exported.set_daemon(true);
+                exported.is_daemon_up = true;
             }
+            server.serve(); // at least once a second, for clients that say nothing
             return false;
         };
-        end = broker.wait(take_answer, ASK_INTERVAL);
+        end = broker.wait(look, ASK_INTERVAL);
         if (!is_answered) {
             asked.forget(transaction);
-            exported.set_daemon(false);
+            exported.is_daemon_up = false;
         }
     }
 }
 
-std::unique_ptr<prometheus::Exposer> listen_on(const std::string &address)
+http_answer answer(const http_request &request, const exported_network &exported)
 {
-    try {
-        return std::make_unique<prometheus::Exposer>(address);
-    } catch (const std::exception &) {
-        throw failure(
-            STATUS_FAILURE,
-            fmt::format("couldn't listen on {}: is the address this machine's, and the port free?", address));
+    if (request.path != "/metrics") {
+        return text_answer(404, "the metrics are at /metrics");
     }
+    const std::string text =
+        prometheus::TextSerializer().Serialize(network_metrics(exported.net, exported.is_daemon_up));
+    return {.status = 200,
+            .type = "text/plain; version=0.0.4; charset=utf-8",
+            .body = std::make_shared<const std::string>(text)};
 }
 
 exit_status run_export(const context &common, const export_options &options)
 {
-    // Before the server's threads exist: they inherit that signals come to the main thread alone.
     const signal_input signals;
-    const auto exported = std::make_shared<exported_network>(named_network(common));
-    session broker(common.address, &signals);
+    exported_network exported = {.net = named_network(common)};
+    http_server server(*parse_listen_address(options.listen),
+                       std::nullopt, // scrapers have names of their own for it
+
+                       [&](const http_request &request) { return answer(request, exported); });
+    std::array<wait_input, 1> inputs = {{{server.descriptor(), [&] { server.serve(); }}}};
+    session broker(common.address, &signals, session::retain_flags::OF_SUBSCRIPTION, inputs);
     requests asked(broker);
     broker.listen([&](std::string_view topic, bytes payload, bool is_retained) {
-        exported->apply(topic, payload, is_retained);
+        network_apply(exported.net, topic, payload, is_retained, current_moment());
         return true;
     });
     broker.subscribe(all_filters());
-    const std::unique_ptr<prometheus::Exposer> server = listen_on(options.listen);
-    server->RegisterCollectable(exported);
     fmt::print(stderr, "diagctl: metrics of {} at http://{}/metrics\n", common.address.text(),
-               options.listen);
-    ask_daemon(broker, asked, *exported);
+               server.address());
+    ask_daemon(broker, asked, server, exported);
     return STATUS_SUCCESS;
 }
 
@@ -110,8 +91,10 @@ void add_export_command(command_line &line, context &common)
     const auto options = std::make_shared<export_options>();
     command added = line.add("export", "Serve the network's state as metrics for Prometheus, until Ctrl-C.",
                              [&common, options] { return run_export(common, *options); });
-    added.text(
-        {.name = "--listen", .help = "Where to serve http://ADDRESS:PORT/metrics", .value = "ADDRESS:PORT"},
-        options->listen);
+    added.text({.name = "--listen",
+                .help = "Where to serve http://ADDRESS:PORT/metrics",
+                .value = "ADDRESS:PORT",
+                .check = check_listen_address},
+               options->listen);
     add_broker_options(added, common);
 }

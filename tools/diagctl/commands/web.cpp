@@ -402,13 +402,6 @@ private:
     std::array<wait_input, 3> inputs;
 };
 
-std::string check_listen(const std::string &text)
-{
-    return parse_listen_address(text)
-               ? ""
-               : "'" + text + "' is not ADDRESS:PORT, such as 127.0.0.1:9886 or [::1]:9886";
-}
-
 } // namespace
 
 void add_web_command(command_line &line, context &common)
@@ -419,7 +412,7 @@ void add_web_command(command_line &line, context &common)
     added.text({.name = "--listen",
                 .help = "Where to serve the page; port 0 takes a free one",
                 .value = "ADDRESS:PORT",
-                .check = check_listen},
+                .check = check_listen_address},
                options->listen);
     added.texts(
         {.name = "--served-as",

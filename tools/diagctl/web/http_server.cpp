@@ -157,6 +157,13 @@ std::optional<listen_address> parse_listen_address(const std::string &text)
                                                                   : std::nullopt;
 }
 
+std::string check_listen_address(const std::string &text)
+{
+    return parse_listen_address(text)
+               ? ""
+               : "'" + text + "' is not ADDRESS:PORT, such as 127.0.0.1:9886 or [::1]:9886";
+}
+
 // A connection.
 struct http_server::peer {
     int descriptor;
@@ -271,13 +278,15 @@ struct http_server::callbacks {
     static void free_body(void *body) { delete static_cast<std::shared_ptr<const std::string> *>(body); }
 };
 
-http_server::http_server(const listen_address &address, const std::vector<std::string> &names,
+http_server::http_server(const listen_address &address, const std::optional<std::vector<std::string>> &names,
                          request_handler answer)
     : handle(std::move(answer)), events(MAX_EVENT_BYTES)
 {
-    allowed_names = {"localhost", host_name(address.host)};
-    for (const std::string &allowed : names) {
-        allowed_names.push_back(host_name(allowed));
+    if (names) {
+        allowed_names = {"localhost"};
+        for (const std::string &allowed : *names) {
+            allowed_names->push_back(host_name(allowed));
+        }
     }
     listen_on(address);
 }
@@ -412,8 +421,8 @@ void http_server::make_room(const peer &newest)
 bool http_server::is_host_allowed(const char *host) const
 {
     const std::string asked = host == nullptr ? "" : host_name(host);
-    return is_address(asked) ||
-           std::find(allowed_names.begin(), allowed_names.end(), asked) != allowed_names.end();
+    return !allowed_names || is_address(asked) ||
+           std::find(allowed_names->begin(), allowed_names->end(), asked) != allowed_names->end();
 }
 
 std::optional<http_answer> http_server::refusal(MHD_Connection *connection, const std::string &method,

@@ -22,6 +22,7 @@ struct listen_address {
     std::string port;
 };
 std::optional<listen_address> parse_listen_address(const std::string &text);
+std::string check_listen_address(const std::string &text); // what is wrong with it
 
 struct http_request {
     std::string path;
@@ -42,9 +43,10 @@ class http_server
 public:
     using request_handler = std::function<http_answer(const http_request &)>;
 
-    // Listens; throws failure. A request must name the server by an address, as localhost or by one of the names: a foreign
-    // page that has its own name lead here gets nothing.
-    http_server(const listen_address &address, const std::vector<std::string> &names, request_handler answer);
+    // Listens; throws failure. Where names are given, a request must name the server by an address, as localhost or by one of
+    // them: a foreign page that has its own name lead here gets nothing.
+    http_server(const listen_address &address, const std::optional<std::vector<std::string>> &names,
+                request_handler answer);
     ~http_server();
     http_server(const http_server &) = delete;
     http_server &operator=(const http_server &) = delete;
@@ -77,7 +79,7 @@ private:
 
     std::string name;
     bool is_local = false;
-    std::vector<std::string> allowed_names;
+    std::optional<std::vector<std::string>> allowed_names; // none: all
     request_handler handle;
     event_stream events;
     std::set<peer *> peers;
