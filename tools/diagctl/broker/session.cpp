@@ -37,6 +37,9 @@ constexpr int REFUSED_SUBSCRIPTION = 0x80;
 
 std::string reason_of(int result)
 {
+    if (result == MOSQ_ERR_KEEPALIVE) { // the library has no words for it
+        return "it does not answer";
+    }
     return result == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(result);
 }
 
