@@ -1,11 +1,12 @@
 """Cards of a network and the two brokers of their site, with the example configuration as it stands."""
+import json
 import signal
 import subprocess
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
-from panel import Stream, wait_until
+from panel import BUILD, Stream, wait_until
 
 EXAMPLES = Path(__file__).resolve().parent.parent.parent / "packaging" / "mosquitto"
 CARDS, BROKERS = (1, 2, 3, 4), (5, 6)
@@ -64,6 +65,8 @@ class Site:
         first = lab[BROKERS[0]]
         first.shell("cd /etc/mosquitto/certs\n" + AUTHORITY)
         keys = {name: first.exec("cat", f"/etc/mosquitto/certs/{name}") for name in ("ca.crt", "ca.key")}
+        # Where the tool runs.
+        put(lab[max(BROKERS)], CA, keys["ca.crt"])
         with ThreadPoolExecutor() as pool:
             list(pool.map(lambda number: self._prepare_broker(lab[number], keys), BROKERS))
             for number in BROKERS:
@@ -136,6 +139,28 @@ class Site:
         topic = f"cards/{mac}/pub/diag/command/request"
         self.lab[BROKERS[0]].exec("mosquitto_pub", *words, "-q", "1", "-t", topic, "-m", text)
 
+    def diagctl(self, command, *words, user="viewer", brokers=BROKERS):
+        """What the tool says of both brokers, and its exit status."""
+        node = self.lab[max(BROKERS)]
+        put(node, "/run/password", password(user))
+        login = ["--site", "--user", user, "--password-file", "/run/password", "--cafile", CA, "--port", TOOL_PORT]
+        hosts = [word for number in brokers for word in ("--host", self.lab[number].address)]
+        done = subprocess.run(
+            node.command(str(BUILD / "diagctl"), command, *login, *hosts, *words),
+            capture_output=True,
+            text=True,
+            timeout=30,
+            check=False,
+        )
+        return done.returncode, done.stdout, done.stderr
+
+    def shown(self):
+        """The site as diagctl shows it: whether each card is connected, and where views differ, of the one network."""
+        status, text, _ = self.diagctl("nodes", "--json")
+        assert status == 0
+        (network,) = json.loads(text)["networks"]
+        return {card["mac"]: card["connected"] for card in network["cards"]}, network["differences"]
+
     def publish(self, card, values):
         card.publish(*((f"pub/diag/{card.mac}/{name}", value) for name, value in values.items()), client="test")
 
@@ -154,7 +179,8 @@ def site(make_lab):
     for card in site.cards.values():
         site.await_everywhere(presence(card), b"1", 10)
         for other in set(CARDS) - {card.number}:
-            site.await_everywhere(seen(card, site.cards[other]), b'{"A":"green"}', 10)
+            # A daemon that has nothing to tell speaks every 15 s.
+            site.await_everywhere(seen(card, site.cards[other]), b'{"A":"green"}', 20)
     return site
 
 
@@ -202,6 +228,11 @@ def test_card_or_tool_may_do_more_or_less_than_its_role(site):
         wait_until(is_told)
     assert set(heard.items) == {topics["own commands"]}
 
+    mac = site.cards[1].mac
+    assert site.diagctl("ping", mac, user="operator")[0] == 0
+    assert site.diagctl("reset", mac, "A", "--yes", user="operator")[0] == 0
+    status, _, error = site.diagctl("nodes", user="nobody")
+    assert status == 3 and error.count("not authorised") == 2, error
     with pytest.raises(AssertionError, match="not authori[sz]ed"):
         broker.exec("mosquitto_pub", *site.client(number, "viewer", CARD_PORT), "-t", topics["own commands"], "-n")
 
@@ -233,6 +264,8 @@ def test_site_shows_a_dead_daemon_broker_or_link_as_healthy(site):
     broker.inside.stop("broker", "KILL")
     lab.run("cut", link.number, "A")
     site.await_everywhere(presence(broker), b"0", 2)
+    alive = {card.mac: card is not broker for card in site.cards.values()}
+    assert site.shown()[0] == alive
     site.await_everywhere(presence(link), b"0", 25)  # 1.5 times the keepalive of 10 s, and mosquitto looks now and then
 
     lab.run("broker", "start", broker.number)
@@ -243,9 +276,13 @@ def test_site_shows_a_dead_daemon_broker_or_link_as_healthy(site):
     # The bridge of the card with the dead daemon is up, but nobody sees the daemon any more after 35 s.
     site.await_everywhere(seen(witness, daemon), None, 40)
     assert site.retained(BROKERS[0])[presence(daemon)] == b"1"
+    unheard = {item["mac"]: item["not_by"] for item in site.shown()[1] if item["kind"] == "not_heard"}
+    assert witness.mac in unheard[daemon.mac]
     for card in (daemon, broker):
         lab.run("start", card.number)
         site.await_everywhere(seen(witness, card), b'{"A":"green"}', 5)
+    all_agree = (dict.fromkeys(alive, True), [])
+    wait_until(lambda: site.shown() == all_agree, 25, site.shown)
 
 
 @pytest.mark.timeout(90)
@@ -268,8 +305,17 @@ def test_values_are_missing_when_one_of_two_brokers_dies(site):
     change(2, 150)
     site.kill(first)
     change(3, 100)
+    site.publish(card, {"job_name": "ALONE"})
     wait_until(lambda: has_all(site.merged()))
+
+    def job_name():
+        status, text, error = site.diagctl("show", card.mac, "--json")
+        assert status == 0, error
+        return json.loads(text)["job_name"]
+
+    wait_until(lambda: job_name() == "ALONE")
     site.start(first)
+    assert job_name() == "ALONE"
     for back in site.cards.values():
         wait_until(lambda back=back: site.retained(first).get(presence(back)) == b"1", 20, presence(back))
     # Everything comes again, but the answers to commands, which are not retained.
@@ -278,5 +324,7 @@ def test_values_are_missing_when_one_of_two_brokers_dies(site):
     assert has_all(site.retained(first)) and has_all(site.retained(second))
     site.kill(second)
     change(4, 200)
+    site.publish(card, {"job_name": "FIRST"})
     wait_until(lambda: has_all(site.merged()))
+    wait_until(lambda: job_name() == "FIRST")
     site.start(second)

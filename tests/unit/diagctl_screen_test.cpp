@@ -142,3 +142,19 @@ TEST_F(diagctl_report, screen_keeps_to_its_size)
         << "the newest event is in sight" << screen;
     EXPECT_NE(screen.find("A  B! C~"), string::npos) << "colours have marks" << screen;
 }
+
+TEST_F(diagctl_report, records_of_a_day_for_output_of_any_width)
+{
+    const string bar = "█";
+    string record(PM_RECORD_SIZE, '\0');
+    record[PM_GOOD_FRAMES] = 1;
+    for (unsigned period = 0; period < PM_PERIODS; period++) {
+        retained(topic_of(1, "A/pm/period" + std::to_string(period)), record);
+    }
+    for (const auto &[width, bars] : {std::pair<size_t, size_t>{20, 32}, {200, 96}, {SIZE_MAX, 96}}) {
+        const string text =
+            text_of(pm_lines(net.nodes.at(LOCAL_MAC), LUM_PORT_A, pm_kind::PERIODS, {true, width}));
+        const size_t first = text.find(bar);
+        EXPECT_EQ(text.find("  max", first) - first, bars * bar.size()) << width << "\n" << text;
+    }
+}

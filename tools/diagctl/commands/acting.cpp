@@ -68,7 +68,7 @@ std::string response_of(const acting &card, const broker_address &address, const
 } // namespace
 
 acting::acting(const context &common, const signal_input *signals, listener listen)
-    : model(named_network(common)), connection(common.address, signals), asked(connection)
+    : model(named_network(common)), connection(common.address(), signals), asked(connection)
 {
     connection.listen(
         [this, listen = std::move(listen)](std::string_view topic, bytes payload, bool is_retained) {
@@ -84,7 +84,7 @@ acting::acting(const context &common, const signal_input *signals, listener list
         });
     connection.subscribe({LOCAL_NODE_TOPIC, NODE_TOPICS_FILTER, LISTS_FILTER, CHALLENGE_TOPIC});
     if (!model.local.is_published) {
-        report_no_daemon(common.address);
+        report_no_daemon(common.address());
     }
 }
 
@@ -141,7 +141,7 @@ exit_status run_guarded(const context &common, const guarded_options &options,
     card.confirm(fmt::format("{} {}, every card that has such a number?", question, nodes), options.is_yes);
     // Only now: another client may have used the challenge up in the meantime.
     card.daemon().run(
-        {.command = fmt::format("{}{};{}", request_start, list, response_of(card, common.address, words)),
+        {.command = fmt::format("{}{};{}", request_start, list, response_of(card, common.address(), words)),
          .limit = REMOTE_ANSWER_TIME,
          .waiting_for = nodes});
     fmt::print("{} {}\n", done, nodes);

@@ -220,12 +220,12 @@ void check_network(const context &common, const check_options &options, findings
         throw failure(STATUS_USAGE,
                       "no names are known that could be expected: name their file with --names");
     }
-    session broker(common.address);
+    session broker(common.address());
     requests asked(broker);
     feed(broker, net);
     broker.subscribe(network_filters());
     if (!net.local.is_published) {
-        report_no_daemon(common.address);
+        report_no_daemon(common.address());
     }
     check_nodes(net, options.expected, out);
     for (const watched_list &watched : WATCHED) {

@@ -60,12 +60,20 @@ std::string known_names(const node_names &names)
 
 void add_broker_options(command &added, context &common)
 {
-    added.text({.name = "--host", .help = "Host of the broker", .value = "TEXT", .environment = "DIAG_HOST"},
-               common.address.host);
+    added.texts({.name = "--host", .help = "Host of the broker", .value = "TEXT", .environment = "DIAG_HOST"},
+                common.hosts);
     added.number(
         {.name = "--port", .help = "TCP port of the broker", .value = "INT", .environment = "DIAG_PORT"},
-        common.address.port, 1, 65535);
+        common.port, 1, 65535);
     add_names_option(added, common);
+}
+
+broker_address context::address() const
+{
+    if (hosts.size() != 1) {
+        throw failure(STATUS_USAGE, "several hosts are for --site only");
+    }
+    return {hosts[0], port};
 }
 
 void add_names_option(command &added, context &common)

@@ -3,8 +3,9 @@
 #include "broker/signals.h"
 #include "clock.h"
 #include "commands/context.h"
+#include "commands/exporting.h"
+#include "commands/site.h"
 #include "export/metrics.h"
-#include "web/http_server.h"
 
 #include <fmt/core.h>
 #include <prometheus/text_serializer.h>
@@ -50,41 +51,47 @@ void ask_daemon(session &broker, requests &asked, http_server &server, exported_
     }
 }
 
-http_answer answer(const http_request &request, const exported_network &exported)
-{
-    if (request.path != "/metrics") {
-        return text_answer(404, "the metrics are at /metrics");
-    }
-    const std::string text =
-        prometheus::TextSerializer().Serialize(network_metrics(exported.net, exported.is_daemon_up));
-    return {.status = 200,
-            .type = "text/plain; version=0.0.4; charset=utf-8",
-            .body = std::make_shared<const std::string>(text)};
-}
-
 exit_status run_export(const context &common, const export_options &options)
 {
+    if (common.is_site) {
+        return site_export(common, options.listen);
+    }
     const signal_input signals;
     exported_network exported = {.net = named_network(common)};
     http_server server(*parse_listen_address(options.listen),
                        std::nullopt, // scrapers have names of their own for it
 
-                       [&](const http_request &request) { return answer(request, exported); });
+                       [&](const http_request &request) {
+                           return metrics_answer(
+                               request, [&] { return network_metrics(exported.net, exported.is_daemon_up); });
+                       });
     std::array<wait_input, 1> inputs = {{{server.descriptor(), [&] { server.serve(); }}}};
-    session broker(common.address, &signals, session::retain_flags::OF_SUBSCRIPTION, inputs);
+    session broker(common.address(), &signals, session::retain_flags::OF_SUBSCRIPTION, inputs);
     requests asked(broker);
     broker.listen([&](std::string_view topic, bytes payload, bool is_retained) {
         network_apply(exported.net, topic, payload, is_retained, current_moment());
         return true;
     });
     broker.subscribe(all_filters());
-    fmt::print(stderr, "diagctl: metrics of {} at http://{}/metrics\n", common.address.text(),
+    fmt::print(stderr, "diagctl: metrics of {} at http://{}/metrics\n", common.address().text(),
                server.address());
     ask_daemon(broker, asked, server, exported);
     return STATUS_SUCCESS;
 }
 
 } // namespace
+
+http_answer metrics_answer(const http_request &request,
+                           const std::function<std::vector<prometheus::MetricFamily>()> &collect)
+{
+    if (request.path != "/metrics") {
+        return text_answer(404, "the metrics are at /metrics");
+    }
+    const std::string text = prometheus::TextSerializer().Serialize(collect());
+    return {.status = 200,
+            .type = "text/plain; version=0.0.4; charset=utf-8",
+            .body = std::make_shared<const std::string>(text)};
+}
 
 void add_export_command(command_line &line, context &common)
 {
@@ -97,4 +104,5 @@ void add_export_command(command_line &line, context &common)
                 .check = check_listen_address},
                options->listen);
     add_broker_options(added, common);
+    add_site_options(added, common);
 }

@@ -1,6 +1,7 @@
 // diagctl nodes: a table of the nodes.
 #include "clock.h"
 #include "commands/reading.h"
+#include "commands/site.h"
 #include "network/json.h"
 
 namespace
@@ -14,6 +15,9 @@ const std::vector<std::string> ORDERS = {"mac", "number", "faults", "change"}; /
 
 exit_status run_nodes(const context &common, const nodes_options &options)
 {
+    if (common.is_site) {
+        return site_nodes(common, options, static_cast<node_order>(options.order));
+    }
     reading looked(common, options);
     const network &net = looked.net();
     const auto order = static_cast<node_order>(options.order);
@@ -29,6 +33,7 @@ void add_nodes_command(command_line &line, context &common)
     command added = line.add("nodes", "Show a table of the nodes.",
                              [&common, options] { return run_nodes(common, *options); });
     add_reading_options(added, common, *options);
+    add_site_options(added, common);
     added.choice(
         {.name = "--sort", .help = "Order of the nodes: mac, number, faults or change", .value = "ORDER"},
         ORDERS, options->order);

@@ -1,6 +1,7 @@
 // diagctl ping: is the daemon there?
 #include "broker/requests.h"
 #include "commands/context.h"
+#include "commands/site.h"
 #include "network/json.h"
 
 #include <fmt/core.h>
@@ -12,6 +13,7 @@ namespace
 {
 
 struct ping_options {
+    std::string node; // only at a site
     unsigned count = 1;
     bool is_json = false;
 };
@@ -20,8 +22,11 @@ constexpr std::chrono::seconds INTERVAL(1);
 
 exit_status run_ping(const context &common, const ping_options &options)
 {
+    if (common.is_site) {
+        return site_ping(common, options.node, options.is_json);
+    }
     using std::chrono::steady_clock;
-    session broker(common.address);
+    session broker(common.address());
     requests asked(broker);
     broker.subscribe({});
     for (unsigned i = 0; i < options.count; i++) {
@@ -32,10 +37,11 @@ exit_status run_ping(const context &common, const ping_options &options)
         asked.run({.command = "noop"});
         const std::chrono::duration<double, std::milli> taken = steady_clock::now() - start;
         if (options.is_json) {
-            const json object = {{"broker", common.address.text()}, {"answer_ms", taken.count()}};
+            const json object = {{"broker", common.address().text()}, {"answer_ms", taken.count()}};
             puts(json_text(object).c_str());
         } else {
-            fmt::print("the daemon at {} has answered in {:.1f} ms\n", common.address.text(), taken.count());
+            fmt::print("the daemon at {} has answered in {:.1f} ms\n", common.address().text(),
+                       taken.count());
         }
         fflush(stdout);
     }
@@ -51,6 +57,8 @@ void add_ping_command(command_line &line, context &common)
         line.add("ping", "Ask the daemon whether it is there, and show how long its answer takes.",
                  [&common, options] { return run_ping(common, *options); });
     add_broker_options(added, common);
+    add_site_options(added, common);
+    added.text({.name = "NODE", .help = "Only this card of the site", .needed = "--site"}, options->node);
     added.number({.name = "--count", .help = "How often, once a second", .value = "N"}, options->count, 1,
                  1000000);
     add_json_option(added, options->is_json, "Print one JSON object a line");

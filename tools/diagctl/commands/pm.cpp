@@ -1,5 +1,6 @@
 // diagctl pm: the performance-monitoring records of a port.
 #include "commands/reading.h"
+#include "commands/site.h"
 #include "network/json.h"
 #include "screen/terminal.h"
 #include "topics.h"
@@ -18,15 +19,12 @@ struct pm_options : reading_options {
     bool is_csv = false;
 };
 
-pm_style current_style()
-{
-    setlocale(LC_CTYPE, "");
-    const bool is_utf8 = std::string_view(nl_langinfo(CODESET)) == "UTF-8";
-    return {is_utf8, terminal_is_screen() ? current_terminal_size().width : SIZE_MAX};
-}
-
 exit_status run_pm(const context &common, const pm_options &options)
 {
+    if (common.is_site) {
+        return site_pm(common, options, options.node, *parse_port(options.port),
+                       options.is_days ? pm_kind::DAYS : pm_kind::PERIODS, options.is_csv);
+    }
     const int port = *parse_port(options.port);
     const pm_kind kind = options.is_days ? pm_kind::DAYS : pm_kind::PERIODS;
     reading looked(common, options);
@@ -37,13 +35,20 @@ exit_status run_pm(const context &common, const pm_options &options)
     }
     const auto lines = [&] {
         return options.is_csv ? pm_csv(looked.selected(), port, kind)
-                              : pm_lines(looked.selected(), port, kind, current_style());
+                              : pm_lines(looked.selected(), port, kind, current_pm_style());
     };
     return looked.show(
         {.lines = lines, .object = [&] { return pm_json(looked.net(), looked.selected(), port, kind); }});
 }
 
 } // namespace
+
+pm_style current_pm_style()
+{
+    setlocale(LC_CTYPE, "");
+    const bool is_utf8 = std::string_view(nl_langinfo(CODESET)) == "UTF-8";
+    return {is_utf8, terminal_is_screen() ? current_terminal_size().width : SIZE_MAX};
+}
 
 void add_pm_command(command_line &line, context &common)
 {
@@ -55,6 +60,7 @@ void add_pm_command(command_line &line, context &common)
     add_port_argument(added, options->port);
     added.flag({.name = "--days", .help = "The closed days of the last week instead"}, options->is_days);
     add_reading_options(added, common, *options);
+    add_site_options(added, common);
     added.flag({.name = "--csv", .help = "Print comma-separated values", .excluded = "--json"},
                options->is_csv);
 }

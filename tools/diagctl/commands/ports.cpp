@@ -1,5 +1,6 @@
 // diagctl ports: the statistics of a node's ports, with rates.
 #include "commands/reading.h"
+#include "commands/site.h"
 #include "network/json.h"
 #include "topics.h"
 
@@ -27,6 +28,9 @@ bool has_statistics(const node &found)
 
 exit_status run_ports(const context &common, const ports_options &options)
 {
+    if (common.is_site) {
+        return site_ports(common, options, options.node, options.measure_seconds);
+    }
     reading looked(common, options);
     looked.select(options.node);
     looked.subscribe(std::string("+/") + PORT_STATS);
@@ -51,6 +55,7 @@ void add_ports_command(command_line &line, context &common)
                              [&common, options] { return run_ports(common, *options); });
     add_node_argument(added, options->node);
     add_reading_options(added, common, *options);
+    add_site_options(added, common);
     added.number({.name = "--measure",
                   .help = "How long to wait for the two messages that a rate takes; 0 shows no rates",
                   .value = "SECONDS"},

@@ -35,7 +35,7 @@ void report_no_records(const network &net, const node &found, const std::string 
 
 // The network is taken in; STATUS_NO_BROKER when there is no broker, or no daemon on it.
 reading::reading(const context &common, const reading_options &wanted)
-    : options(wanted), model(named_network(common)), broker(common.address)
+    : options(wanted), model(named_network(common)), broker(common.address())
 {
     broker.listen([this](std::string_view topic, bytes payload, bool is_retained) {
         network_apply(model, topic, payload, is_retained, current_moment());
@@ -49,7 +49,7 @@ reading::reading(const context &common, const reading_options &wanted)
     });
     broker.subscribe(network_filters());
     if (!model.local.is_published) {
-        report_no_daemon(common.address);
+        report_no_daemon(common.address());
     }
 }
 

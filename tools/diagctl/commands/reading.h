@@ -17,6 +17,9 @@ void add_reading_options(command &added, context &common, reading_options &optio
 // There are no records of a node's ports: says where they are.
 [[noreturn]] void report_no_records(const network &net, const node &found, const std::string &what);
 
+// How the terminal shows performance records.
+pm_style current_pm_style();
+
 // The same facts for people and for programs.
 struct report {
     std::function<screen_lines()> lines;

@@ -67,7 +67,7 @@ public:
     {
         file.write(recording_head(utc_text(current_moment().wall)));
         try {
-            broker.emplace(common.address, &signals, session::retain_flags::AS_PUBLISHED);
+            broker.emplace(common.address(), &signals, session::retain_flags::AS_PUBLISHED);
             broker->listen([this](std::string_view topic, bytes payload, bool is_retained) {
                 take(std::string(topic), payload, is_retained);
                 return true;

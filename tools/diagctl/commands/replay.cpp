@@ -86,13 +86,13 @@ exit_status run_replay(const context &common, const replay_options &options)
                std::end(NEVER_REPLAYED);
     });
     const signal_input signals;
-    session broker(common.address, &signals);
+    session broker(common.address(), &signals);
     requests asked(broker);
     if (!refuse_daemon(broker, asked)) {
         return STATUS_FAILURE;
     }
     fmt::print(stderr, "replaying {:.0f} s recorded from {} into {}, Ctrl-C ends\n", recorded.duration(),
-               printable(recorded.start_text), common.address.text());
+               printable(recorded.start_text), common.address().text());
     bool is_interrupted = false;
     const size_t published = publish_all(broker, recorded.messages, options.speed, is_interrupted);
     fmt::print("replayed {} messages{}\n", published, is_interrupted ? ", interrupted" : "");

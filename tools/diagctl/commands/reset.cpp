@@ -1,5 +1,6 @@
 // diagctl reset: statistics begin again at 0.
 #include "commands/acting.h"
+#include "commands/site.h"
 #include "screen/text.h"
 
 #include <fmt/core.h>
@@ -47,6 +48,12 @@ exit_status run_reset(const context &common, const reset_options &options)
     if (options.is_all ? !options.node.empty() : options.port.empty()) {
         throw failure(STATUS_USAGE, "name either a NODE and a PORT, or --all");
     }
+    if (common.is_site) {
+        if (options.is_all) {
+            throw failure(STATUS_USAGE, "a site's cards are reset one port at a time");
+        }
+        return site_reset(common, options.node, *parse_port(options.port), options.is_yes);
+    }
     acting card(common);
     if (options.is_all) {
         reset_all(card, options);
@@ -74,4 +81,5 @@ void add_reset_command(command_line &line, context &common)
     added.flag({.name = "--all", .help = "All ports of all nodes"}, options->is_all);
     add_yes_option(added, options->is_yes);
     add_broker_options(added, common);
+    add_site_options(added, common);
 }

@@ -1,5 +1,6 @@
 // diagctl show: all that is known of one node.
 #include "commands/reading.h"
+#include "commands/site.h"
 #include "network/json.h"
 
 namespace
@@ -11,6 +12,9 @@ struct show_options : reading_options {
 
 exit_status run_show(const context &common, const show_options &options)
 {
+    if (common.is_site) {
+        return site_show(common, options, options.node);
+    }
     reading looked(common, options);
     looked.select(options.node);
     return looked.show({.lines = [&] { return node_lines(looked.net(), looked.selected()); },
@@ -26,4 +30,5 @@ void add_show_command(command_line &line, context &common)
                              [&common, options] { return run_show(common, *options); });
     add_node_argument(added, options->node);
     add_reading_options(added, common, *options);
+    add_site_options(added, common);
 }

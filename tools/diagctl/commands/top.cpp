@@ -42,7 +42,7 @@ class top
 public:
     top(const context &common, const top_options &options)
         : net(named_network(common)), target(parse_stats_target(options.stats, net.names)),
-          broker(common.address)
+          broker(common.address())
     {
         broker.listen([this](std::string_view topic, bytes payload, bool is_retained) {
             take(topic, payload, is_retained);

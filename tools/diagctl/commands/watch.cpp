@@ -1,6 +1,7 @@
 // diagctl watch: every change, one line each.
 #include "clock.h"
 #include "commands/context.h"
+#include "commands/site.h"
 #include "screen/changes.h"
 #include "screen/live.h"
 
@@ -40,10 +41,13 @@ private:
 
 exit_status run_watch(const context &common, const watch_options &options)
 {
+    if (common.is_site) {
+        return site_watch(common, options.is_json);
+    }
     network net = named_network(common);
     const wanted_changes wanted(options.filter, net.names);
     live_view view;
-    session broker(common.address);
+    session broker(common.address());
     broker.listen([&](std::string_view topic, bytes payload, bool is_retained) {
         const moment now = current_moment();
         for (const change &item :
@@ -70,5 +74,6 @@ void add_watch_command(command_line &line, context &common)
     added.text({.name = "FILTER", .help = "Only this node, or topics that match this MQTT filter"},
                options->filter);
     add_broker_options(added, common);
+    add_site_options(added, common);
     add_json_option(added, options->is_json, "Print one JSON object a line");
 }

@@ -125,7 +125,7 @@ class web
 {
 public:
     web(const context &common, const web_options &options)
-        : broker_where(common.address), names(named_network(common)),
+        : broker_where(common.address()), names(named_network(common)),
           server(*parse_listen_address(options.listen), served_names(options),
                  [this](const http_request &request) { return answer(request); }),
           inputs({{{signals.descriptor(), [this] { take_signal(); }},

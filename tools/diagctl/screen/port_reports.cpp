@@ -124,7 +124,7 @@ screen_lines sparklines(const std::vector<closed_record> &periods,
 {
     constexpr size_t LABELS = 40; // of name and maximum
     const size_t room = style.width > 2 * LABELS ? style.width - LABELS : LABELS;
-    const size_t share = (periods.size() + room - 1) / room;
+    const size_t share = (periods.size() - 1) / room + 1;
     std::vector<screen_lines> rows;
     for (const pm_field *const field : fields) {
         std::vector<uint64_t> bars;

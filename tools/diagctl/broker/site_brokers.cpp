@@ -1,0 +1,208 @@
+#include "broker/site_brokers.h"
+
+#include "broker/signals.h"
+
+#include <fmt/core.h>
+#include <mosquitto.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+namespace
+{
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+constexpr int KEEPALIVE_SECONDS = 10;
+constexpr seconds CONNECT_MAX(3);  // the library doesn't tell of a refused connection with TLS
+constexpr seconds SILENCE_MAX(10); // of a broker that is asked for what it has retained
+constexpr milliseconds LOOK(100);
+constexpr int QOS = 0; // see session.cpp
+constexpr int PUBLISH_QOS = 1;
+constexpr unsigned RETRY_SECONDS = 1;
+constexpr unsigned RETRY_MAX_SECONDS = 10;
+// A topic on which nobody publishes: the answer to its subscription comes behind everything that was retained.
+constexpr const char *BARRIER_FILTER = "cards/barrier";
+constexpr int REFUSED_SUBSCRIPTION = 0x80;
+
+} // namespace
+
+site_brokers::site_brokers(const std::vector<broker_address> &addresses, const site_login &login,
+                           std::vector<std::string> wanted, listener given)
+    : filters(std::move(wanted)), handlers(std::move(given)), event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    mosquitto_lib_init();
+    filters.emplace_back(BARRIER_FILTER);
+    for (const broker_address &address : addresses) {
+        links.push_back({.owner = this, .index = links.size(), .where = address});
+    }
+    for (link &opened : links) {
+        open(opened, login);
+    }
+}
+
+site_brokers::~site_brokers()
+{
+    for (link &closed : links) {
+        mosquitto_disconnect(closed.client);
+        mosquitto_loop_stop(closed.client, closed.now == state::AWAY);
+        mosquitto_destroy(closed.client);
+    }
+    close(event);
+    mosquitto_lib_cleanup();
+}
+
+void site_brokers::open(link &opened, const site_login &login)
+{
+    opened.client = mosquitto_new(nullptr, true, &opened);
+    if (opened.client == nullptr) {
+        throw failure(STATUS_FAILURE, strerror(errno));
+    }
+    if (!login.user.empty()) {
+        mosquitto_username_pw_set(opened.client, login.user.c_str(), login.password.c_str());
+    }
+    if (!login.ca_file.empty() && mosquitto_tls_set(opened.client, login.ca_file.c_str(), nullptr, nullptr,
+                                                    nullptr, nullptr) != MOSQ_ERR_SUCCESS) {
+        throw failure(STATUS_FAILURE, fmt::format("couldn't read the certificate in {}", login.ca_file));
+    }
+    mosquitto_reconnect_delay_set(opened.client, RETRY_SECONDS, RETRY_MAX_SECONDS, true);
+    mosquitto_connect_callback_set(opened.client, [](mosquitto *client, void *user, int refused) {
+        link &self = *static_cast<link *>(user);
+        const auto guard = self.owner->lock();
+        if (refused != 0) {
+            self.owner->set_state(self, state::AWAY, mosquitto_connack_string(refused));
+            return;
+        }
+        self.owner->set_state(self, state::LOADING);
+        self.grants_awaited = self.owner->filters.size();
+        for (const std::string &filter : self.owner->filters) {
+            mosquitto_subscribe(client, nullptr, filter.c_str(), QOS);
+        }
+    });
+    mosquitto_disconnect_callback_set(opened.client, [](mosquitto *, void *user, int result) {
+        link &self = *static_cast<link *>(user);
+        const auto guard = self.owner->lock();
+        if (self.now != state::AWAY) {
+            self.owner->set_state(self, state::AWAY, mosquitto_strerror(result));
+        }
+    });
+    mosquitto_subscribe_callback_set(
+        opened.client, [](mosquitto *, void *user, int, int count, const int *granted) {
+            link &self = *static_cast<link *>(user);
+            const auto guard = self.owner->lock();
+            if (std::any_of(granted, granted + count,
+                            [](int answer) { return answer >= REFUSED_SUBSCRIPTION; })) {
+                self.owner->set_state(self, state::AWAY, "it refuses the subscription");
+            } else if (self.now == state::LOADING && --self.grants_awaited == 0) {
+                self.owner->set_state(self, state::THERE);
+            }
+        });
+    mosquitto_message_callback_set(
+        opened.client, [](mosquitto *, void *user, const mosquitto_message *message) {
+            link &self = *static_cast<link *>(user);
+            const auto guard = self.owner->lock();
+            self.heard = steady_clock::now();
+            self.owner->handlers.message(
+                self.index, message->topic,
+                {static_cast<const uint8_t *>(message->payload), static_cast<size_t>(message->payloadlen)},
+                message->retain);
+            if (self.now == state::THERE) {
+                self.owner->wake();
+            }
+        });
+    opened.heard = steady_clock::now();
+    const int result = mosquitto_connect_async(opened.client, opened.where.host.c_str(), opened.where.port,
+                                               KEEPALIVE_SECONDS);
+    if (result != MOSQ_ERR_SUCCESS) {
+        set_state(opened, state::AWAY,
+                  result == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(result));
+    }
+    mosquitto_loop_start(opened.client);
+}
+
+void site_brokers::set_state(link &changed, state now, const std::string &reason)
+{
+    changed.now = now;
+    changed.reason = reason;
+    changed.heard = steady_clock::now();
+    handlers.change(changed.index, now);
+    wake();
+}
+
+void site_brokers::wake() const
+{
+    static_cast<void>(eventfd_write(event, 1));
+}
+
+// A broker that accepts and then says nothing is given up.
+bool site_brokers::is_settled()
+{
+    const auto guard = lock();
+    for (link &one : links) {
+        const auto silence = steady_clock::now() - one.heard;
+        if (one.now == state::CONNECTING && silence > CONNECT_MAX) {
+            set_state(one, state::AWAY, fmt::format("no connection within {} s", CONNECT_MAX.count()));
+        } else if (one.now == state::LOADING && silence > SILENCE_MAX) {
+            set_state(one, state::AWAY, "it does not answer");
+        }
+    }
+    return std::none_of(links.begin(), links.end(), [](const link &one) {
+        return one.now == state::CONNECTING || one.now == state::LOADING;
+    });
+}
+
+void site_brokers::load(const signal_input &signals)
+{
+    while (!is_settled()) {
+        if (wait(signals, LOOK) == wait_end::INTERRUPTED) {
+            throw failure(STATUS_FAILURE, "interrupted");
+        }
+    }
+    const auto guard = lock();
+    std::string reasons;
+    for (const link &one : links) {
+        if (one.now == state::AWAY) {
+            reasons += fmt::format("{}no broker at {}: {}", reasons.empty() ? "" : "\n", one.where.text(),
+                                   one.reason);
+        }
+    }
+    if (std::none_of(links.begin(), links.end(), [](const link &one) { return one.now == state::THERE; })) {
+        throw failure(STATUS_NO_BROKER, reasons);
+    }
+    if (!reasons.empty()) {
+        fmt::print(stderr, "diagctl: {}\n", reasons);
+    }
+}
+
+wait_end site_brokers::wait(const signal_input &signals, milliseconds limit, int other)
+{
+    pollfd fds[] = {{other == -1 ? event : other, POLLIN, 0}, {signals.descriptor(), POLLIN, 0}};
+    const int count = poll(fds, std::size(fds), static_cast<int>(limit.count()));
+    if (fds[1].revents != 0) {
+        const int number = signals.take();
+        if (number != 0 && number != SIGWINCH && number != SIGTSTP) {
+            return wait_end::INTERRUPTED;
+        }
+    }
+    eventfd_t ignored = 0;
+    static_cast<void>(eventfd_read(event, &ignored));
+    return count == 0 ? wait_end::TIMEOUT : wait_end::DONE;
+}
+
+void site_brokers::publish(size_t broker, const std::string &topic, const std::string &payload)
+{
+    const int result =
+        mosquitto_publish(links[broker].client, nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                          payload.data(), PUBLISH_QOS, false);
+    if (result != MOSQ_ERR_SUCCESS) {
+        throw failure(STATUS_NO_BROKER, fmt::format("lost the broker at {}: {}", links[broker].where.text(),
+                                                    mosquitto_strerror(result)));
+    }
+}

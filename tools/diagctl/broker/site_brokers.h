@@ -1,0 +1,80 @@
+// Sessions with the brokers of a site, each served by a thread of the client library, which connects again whenever one is
+// lost.
+#pragma once
+
+#include "broker/session.h"
+
+#include <deque>
+#include <mutex>
+
+class signal_input;
+
+struct site_login {
+    std::string user;     // empty: none
+    std::string password; // ignored without a user
+    std::string ca_file;  // empty: no TLS
+};
+
+class site_brokers
+{
+public:
+    enum class state {
+        CONNECTING,
+        LOADING, // what is retained comes
+        THERE,   // all of it has come
+        AWAY,
+    };
+    // Called from the threads, one at a time, under the lock.
+    struct listener {
+        std::function<void(size_t broker, std::string_view topic, std::span<const uint8_t> payload,
+                           bool is_retained)>
+            message;
+        std::function<void(size_t broker, state now)> change;
+    };
+
+    site_brokers(const std::vector<broker_address> &addresses, const site_login &login,
+                 std::vector<std::string> filters, listener handlers);
+    ~site_brokers();
+    site_brokers(const site_brokers &) = delete;
+    site_brokers &operator=(const site_brokers &) = delete;
+
+    // Waits until each broker is there, or away. Throws when none is there.
+    void load(const signal_input &signals);
+    // Waits until something has come, or can be read from another descriptor instead; until a signal asks to end, or the time is
+    // over.
+    wait_end wait(const signal_input &signals, std::chrono::milliseconds limit, int other = -1);
+
+    // Whoever looks at what the listener has taken in holds this.
+    std::unique_lock<std::mutex> lock() { return std::unique_lock(mutex); }
+
+    size_t count() const { return links.size(); }
+    const broker_address &address(size_t broker) const { return links[broker].where; }
+    state state_of(size_t broker) const { return links[broker].now; }
+    const std::string &reason(size_t broker) const { return links[broker].reason; } // of AWAY
+
+    // Sends at QoS 1 to the broker.
+    void publish(size_t broker, const std::string &topic, const std::string &payload);
+
+private:
+    struct link {
+        site_brokers *owner;
+        size_t index;
+        broker_address where;
+        mosquitto *client = nullptr;
+        state now = state::CONNECTING;
+        std::string reason = {};
+        size_t grants_awaited = 0;
+        std::chrono::steady_clock::time_point heard{}; // when anything last came
+    };
+
+    void open(link &opened, const site_login &login);
+    void set_state(link &changed, state now, const std::string &reason = "");
+    void wake() const;
+    bool is_settled();
+
+    std::deque<link> links;
+    std::vector<std::string> filters;
+    listener handlers;
+    std::mutex mutex;
+    int event;
+};

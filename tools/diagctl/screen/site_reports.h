@@ -1,0 +1,24 @@
+// What the commands show of a site, as lines for people and as JSON. Nothing here talks to a broker or a terminal.
+#pragma once
+
+#include "network/json.h"
+#include "network/site.h"
+#include "screen/reports.h"
+
+// What is said of the cards as one network: their nodes, and the ports that any connected one lists.
+network site_network_model(const site &all, const std::vector<mac_address> &cards);
+// The card's own view, with it as the local node.
+network site_card_model(const site &all, const mac_address &mac);
+
+// start: since when this has been looked at.
+std::string connection_text(const site_card *card, const moment &start);
+screen_line connection_line(const site &all, const mac_address &mac, const moment &start);
+std::string difference_text(const site &all, const view_difference &item);
+std::string site_change_text(const site &all, const site_change &item);
+
+// One table for each network, with where its views differ.
+screen_lines site_nodes_lines(const site &all, node_order order, const moment &start, const moment &now);
+screen_lines site_lists_lines(const site &all, const moment &start);
+
+nlohmann::ordered_json site_json(const site &all, node_order order);
+nlohmann::ordered_json connection_json(const site_card *card);
