@@ -62,6 +62,8 @@ void add_labels(ClientMetric &metric, const network &net, const std::string &lab
         metric.label.push_back({"name", name_of(net, *mac)});
     }
     metric.label.push_back({"network", label});
+    // No card is local or remote here.
+    std::erase_if(metric.label, [](const ClientMetric::Label &one) { return one.name == "location"; });
 }
 
 void add_network(families &out, const site &all, const site_network &shown)
