@@ -155,8 +155,11 @@ int __wrap_epoll_wait(int, epoll_event *events, int, int)
     }
 }
 
-int __wrap_poll(pollfd *files, nfds_t, int)
+int __wrap_poll(pollfd *files, nfds_t count, int)
 {
+    if (count == 0) {
+        return 0;
+    }
     files->revents = self().host().broker().conduct().reads ? POLLOUT : 0;
     return files->revents == 0 ? 0 : 1;
 }

@@ -260,6 +260,20 @@ TEST_F(session, goes_on_when_a_stalled_broker_reads_again)
     EXPECT_EQ(take_published(), messages());
 }
 
+TEST_F(session, failing_output_of_a_tick_is_fatal)
+{
+    broker().conduct().reads = false;
+    run_as_daemon([] { publish_x(); });
+    broker().conduct().reads = true;
+    fail(system_call::LOOP_WRITE, ECONNRESET);
+    advance(500ms);
+    EXPECT_EQ(exit_status(), 1);
+    EXPECT_EQ(take_log(), lines({"broker: unexpected disconnect from broker (code 14)",
+                                 "broker: couldn't carry out write operations (Connection reset by peer)",
+                                 "broker: couldn't request mosquitto disconnect (The client is not currently "
+                                 "connected.)"}));
+}
+
 TEST_F(session, sigterm_ends_a_stalled_session_within_a_second)
 {
     broker().conduct().reads = false;

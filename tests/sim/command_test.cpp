@@ -451,6 +451,7 @@ TEST_F(commands, challenges_list_2_to_10_of_the_127_words)
     int highest = 0;
     for (int round = 0; round < 500; round++) {
         EXPECT_EQ(answer(activate("")), lines({"1;2;ACK"}));
+        EXPECT_NE(challenge().back(), ' ');
         std::istringstream indices(challenge().substr(2));
         size_t count = 0;
         for (int index; indices >> index; count++) {

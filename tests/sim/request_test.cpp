@@ -80,6 +80,7 @@ TEST_F(requests, have_their_transmissions_and_one_result)
         results.clear();
         const duration first = now() + 1ns;
         const long timers = count_timers();
+        const size_t allocations = daemon().count_allocations();
         ASSERT_EQ(activate(), 0);
         if (row.acknowledged_at) {
             advance(*row.acknowledged_at + 1ns);
@@ -93,6 +94,7 @@ TEST_F(requests, have_their_transmissions_and_one_result)
         }
         EXPECT_EQ(results, std::vector<result>({{row.acknowledged, first + row.result_at}}));
         EXPECT_EQ(count_timers(), timers);
+        EXPECT_EQ(daemon().count_allocations(), allocations);
     }
 }
 
