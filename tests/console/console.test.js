@@ -6,7 +6,7 @@ import { readFile } from "node:fs/promises";
 import { createRequire } from "node:module";
 import { after, before, test } from "node:test";
 
-import { Console, diagctl, lab, labDown, labUp, macOf, openBrowser, publish } from "./lab.js";
+import { Console, diagctl, lab, labDown, labUp, macOf, openBrowser, publish, publishDay } from "./lab.js";
 
 const SECONDS = 1000;
 const HEAL_MS = 30 * SECONDS; // spanning tree takes 10 s, a lost summary costs another 15 s
@@ -232,18 +232,28 @@ test("an arrangement that is forgotten, or can't be carried to another browser",
     await page.waitForURL(/#\/node\//);
 });
 
-test("a quarter hour that the page does not show", async () => {
+test("a quarter hour that the page does not show, or in the wrong place", async () => {
     await open(`#/pm/${macOf(1)}/A`);
-    await page
-        .locator(`[data-pm="${macOf(1)}/A"] tbody tr:not(.missing)`)
-        .first()
-        .waitFor({ timeout: QUARTER_HOUR_AFTER * SECONDS });
+    const pm = (mac) => page.locator(`[data-pm="${mac}/A"]`);
+    const closed = pm(macOf(1)).locator("tbody tr:not(.missing)").first();
+    await closed.waitFor({ timeout: QUARTER_HOUR_AFTER * SECONDS });
+
+    await publishDay(macOf(6), "A", (slot) => slot < 20 || slot === 50);
+    await open(`#/pm/${macOf(6)}/A`);
+    const rows = pm(macOf(6)).locator("table").first().locator("tbody tr");
+    await rows.first().waitFor();
+    assert.equal(await rows.count(), 96);
+    const newestFirst = await rows.evaluateAll((all) => all.map((row) => row.classList.contains("missing")));
+    const missing = newestFirst.reverse().flatMap((isMissing, slot) => (isMissing ? [slot] : []));
+    assert.deepEqual(missing, [...Array(20).keys(), 50]);
     const bars = page.getByRole("slider").first();
     await bars.focus();
-    const last = await bars.getAttribute("aria-valuetext");
-    await page.keyboard.press("ArrowLeft");
-    assert.notEqual(await bars.getAttribute("aria-valuetext"), last);
-    assert.match(await saved("Save as CSV"), /^slot,end,.*\r\n/);
+    assert.match(await bars.getAttribute("aria-valuetext"), /: 0/);
+    await page.keyboard.press("PageDown");
+    await page.keyboard.press("PageDown");
+    await page.keyboard.press("ArrowRight"); // slot 88
+    assert.match(await bars.getAttribute("aria-valuetext"), /: 88/);
+    assert.equal((await saved("Save as CSV")).split("\r\n").length, 1 + 96 + 1);
     await picture("performance");
 });
 
