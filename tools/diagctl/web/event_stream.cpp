@@ -1,7 +1,6 @@
 #include "web/event_stream.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace
 {
@@ -36,7 +35,7 @@ size_t event_stream::read(place &reader, char *buffer, size_t size) const
             }
         }
         const size_t part = std::min(size - used, reader.current->size() - reader.offset);
-        memcpy(buffer + used, reader.current->data() + reader.offset, part);
+        std::copy_n(reader.current->data() + reader.offset, part, buffer + used);
         reader.offset += part;
         used += part;
     }

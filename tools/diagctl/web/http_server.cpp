@@ -30,11 +30,11 @@ constexpr size_t MAX_PEERS = 1000;
 constexpr size_t MAX_READERS = 200;
 constexpr size_t SPARE_DESCRIPTORS = 64; // the broker, files, and connections that are being closed
 // Of a connection: request line and headers have to fit.
-constexpr size_t PEER_MEMORY = 16 * 1024;
+constexpr size_t PEER_MEMORY = size_t{16} * 1024;
 constexpr int SEND_BUFFER = 128 * 1024; // of the kernel: a slow reader's past
 constexpr size_t MAX_BODY_BYTES = size_t{16} * 1024 * 1024;
 constexpr size_t MAX_EVENT_BYTES = size_t{4} * 1024 * 1024;
-constexpr size_t EVENT_BLOCK = 8 * 1024;
+constexpr size_t EVENT_BLOCK = size_t{8} * 1024;
 constexpr unsigned STALL_SECONDS = 10; // a reader takes something in this time
 constexpr seconds REQUEST_TIME(10);    // from the connection, or the last answer, to all of a request
 constexpr seconds ANSWER_TIME(60);     // for all of an answer
