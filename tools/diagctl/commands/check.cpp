@@ -62,7 +62,7 @@ std::optional<limits> parse_limits(std::string_view text)
     const std::string_view critical = text.substr(std::min(comma + 1, text.size()));
     const limits parsed = {parse_count(warning), parse_count(critical)};
     const bool is_right =
-        (warning.empty() || parsed.warning) && (critical.empty() || parsed.critical) && text != "";
+        (warning.empty() || parsed.warning) && (critical.empty() || parsed.critical) && !text.empty();
     return is_right ? std::optional(parsed) : std::nullopt;
 }
 
