@@ -68,8 +68,9 @@ std::string statistics_text(const change &item)
     std::string text;
     for (size_t i = 0; i < after.size(); i++) {
         const auto &[name, value] = after[i];
-        const auto field = std::find_if(STATS_FIELDS.begin(), STATS_FIELDS.end(),
-                                        [&](const stats_field &candidate) { return name == candidate.name; });
+        const auto field =
+            std::find_if(STATS_FIELDS.begin(), STATS_FIELDS.end(),
+                         [&name = name](const stats_field &candidate) { return name == candidate.name; });
         const bool is_growth =
             before != nullptr && value > (*before)[i].second && field->treatment != stats_treatment::PASSED;
         text += text.empty() ? "" : ", ";
