@@ -119,7 +119,7 @@ class Card:
         counts["most open files"] = max(counts["most open files"], self.daemon.inside().num_fds())
 
 
-@pytest.mark.timeout(SECONDS + 120)
+@pytest.mark.timeout(SECONDS + 180)
 def test_soak_shows_a_lost_answer_a_leak_or_an_end(make_lab):
     seed = int(os.environ.get("DIAG_SOAK_SEED", str(time.time_ns())))
     print(f"seed {seed}")
@@ -170,11 +170,22 @@ def test_soak_shows_a_lost_answer_a_leak_or_an_end(make_lab):
     settle()
     # What a client never learnt of, and what a goodbye that was lost has left, lives on for a while.
     lost = counts["subscribe NACK"] + counts["subscriptions at restarts"]
-    for card, client in itertools.product(cards, CLIENTS):
-        card.send(client, "disconnect")
-    settle()
+
+    def has_left():
+        return all(card.daemon.inside().num_fds() <= card.files + lost for card in cards)
+
+    # While the ring heals from the last cut, all ten goodbyes of a client can go astray: it says them once more.
+    for _ in range(3):
+        for card, client in itertools.product(cards, CLIENTS):
+            card.send(client, "disconnect")
+        settle()
+        end = time.monotonic() + ANSWER_SECONDS
+        while not has_left() and time.monotonic() < end:
+            time.sleep(0.1)
+        if has_left():
+            break
+    assert has_left(), [(card.daemon.inside().num_fds(), card.files, lost) for card in cards]
     for card in cards:
-        wait_until(lambda: card.daemon.inside().num_fds() <= card.files + lost, ANSWER_SECONDS, card.daemon.inside)
         assert card.daemon.stop() == 0
     print(*(f"{name}: {count}" for name, count in sorted(counts.items())), sep="\n")
     assert counts["noop ACK"] > SECONDS

@@ -405,7 +405,7 @@ def test_a_recording_that_plays_wrong(tmp_path):
             network = web.json("/api/network")
             assert network["id"] == min(position, 99)
             assert len(web.json("/api/log")["changes"]) == network["id"]
-        assert [name for name, _ in events.items].count("reset") == 4
+        wait_until(lambda: [name for name, _ in events.items].count("reset") == 4, BUSY, lambda: events.items)
         web.get("/api/recording/speed?to=20")
         web.get("/api/recording/pause?to=0")
         change = events.wait("change", lambda data: data["id"] == 21)

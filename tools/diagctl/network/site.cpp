@@ -186,6 +186,7 @@ std::vector<std::vector<mac_address>> groups_of(const std::vector<mac_address> &
         by_root[parts.root(i)].push_back(macs[i]);
     }
     std::vector<std::vector<mac_address>> groups;
+    groups.reserve(by_root.size());
     for (auto &[root, group] : by_root) {
         groups.push_back(std::move(group));
     }
@@ -408,6 +409,7 @@ std::vector<site_network> site::networks() const
         }
     });
     std::vector<site_network> networks;
+    networks.reserve(groups.size());
     for (const auto &group : groups) {
         networks.push_back({group, network_views(*this, group).differences()});
     }

@@ -196,7 +196,7 @@ screen_lines stats_table(std::vector<screen_lines> rows, size_t width)
             append_lines(wide.back(), rows[i + half]);
         }
     }
-    const screen_lines lines = columns(wide);
+    screen_lines lines = columns(wide);
     if (length_of(lines[0]) <= width) {
         return lines;
     }
