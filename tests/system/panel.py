@@ -11,7 +11,7 @@ import subprocess
 import threading
 import time
 from ast import literal_eval
-from contextlib import contextmanager
+from contextlib import contextmanager, suppress
 from pathlib import Path
 
 import diaglab
@@ -84,7 +84,10 @@ class Stream:
         return found[0] if isinstance(found, list) else None
 
     def signal(self, number):
-        self.inside().send_signal(number)
+        """Nothing to a process that has just ended by itself."""
+        if inside := self.inside():
+            with suppress(psutil.NoSuchProcess):
+                inside.send_signal(number)
 
     def end(self, limit=10):
         """Waits for the process and returns its exit status, below 0 for a death by signal."""
