@@ -116,7 +116,7 @@ def test_interrupted_lab_leaves_traces(late, number):
     """As by Ctrl-C, which goes to the whole process group: as soon as the supervisor is there, or some time later."""
     name = f"interrupted-{os.getpid()}-{late}-{number}"
     before = traces()
-    up = [str(LAB), "--name", name, "up", "30", "--build", str(BUILD)]  # five are up before one can interrupt
+    up = [str(LAB), "--name", name, "up", "30", "--star", "--build", str(BUILD)]  # a few are too soon up
     front = Stream(up, stderr=subprocess.STDOUT, start_new_session=True)
     namespace = namespace_of(wait_until(lambda: diaglab.find(name), what=lambda: front.items))
     if late:
