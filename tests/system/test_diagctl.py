@@ -386,6 +386,9 @@ def test_top_ignores_a_key_or_the_terminals_size(played):
         terminal.wait("... nodes 29 to 30 of 30", "port A yellow")
         terminal.keys("q")
         assert "Local node" not in terminal.wait("status 0"), "the screen from before is back"
+    put(played, NAMES, f"{LOCAL} K\u00fcche\n")
+    with Terminal(played.command("env", "LC_ALL=C", DIAGCTL, "top", "--names", NAMES), 40, 12) as terminal:
+        terminal.wait(f"K?che  {LOCAL}  -   A")
 
 
 def test_command_that_bash_does_not_complete_or_the_manual_does_not_tell(tmp_path):

@@ -57,6 +57,7 @@ protected:
         now.steady += std::chrono::seconds(1);
         lines texts;
         last = network_apply(net, topic, as_bytes(payload), is_retained, now, detail);
+        recent.note(net, topic, last, now);
         for (const change &item : last) {
             texts.push_back(change_text(net, item));
         }
@@ -75,8 +76,8 @@ protected:
 
     std::string shown(size_t width, size_t height, const stats_target *target = nullptr)
     {
-        const screen_lines all =
-            view_render({"broker:1", net, events, target, node_order::MAC, {}, false, width, height}, now);
+        const screen_lines all = view_render(
+            {"broker:1", net, events, recent, target, node_order::MAC, {}, false, width, height}, now);
         for (const screen_line &line : all) {
             widest = std::max(widest, length_of(line));
         }
@@ -87,6 +88,7 @@ protected:
     changes last;
     change_detail detail = change_detail::NETWORK;
     std::deque<event> events;
+    trends recent;
     moment now{};
     size_t widest = 0;
 };

@@ -141,6 +141,29 @@ TEST_F(diagctl_report, screen_keeps_to_its_size)
     EXPECT_NE(screen.find("event 02-00-00-00-00-3C"), string::npos)
         << "the newest event is in sight" << screen;
     EXPECT_NE(screen.find("A  B! C~"), string::npos) << "colours have marks" << screen;
+    EXPECT_NE(shown(40, 24).find("A  B! C~"), string::npos) << "what tells most stays on a narrow terminal";
+}
+
+TEST_F(diagctl_report, sparklines_of_what_did_not_happen)
+{
+    announce_local();
+    const auto bars = [&] {
+        string text = shown(120, 30);
+        return text.substr(text.find(LOCAL, text.find("LAST 10 MIN")), 80).find("_________-") != string::npos;
+    };
+    of_node(LOCAL, "CF_free_space", "5");
+    of_node(LOCAL, "A/pm/last_period", "period3");
+    EXPECT_FALSE(bars()) << "neither tells of a fault";
+    of_node(LOCAL, "job_name", "NORTH");
+    of_node(LOCAL, "M301", "1");
+    EXPECT_TRUE(bars()) << shown(120, 30);
+    now.steady += std::chrono::minutes(1);
+    EXPECT_FALSE(bars()) << "a minute has passed";
+    for (const int good : {10, 20, 20}) {
+        of_node(LOCAL, "A/stats", stats_of(static_cast<uint64_t>(good), 0, 0));
+    }
+    const auto &known = recent.rates_of(LOCAL_MAC).at(LUM_PORT_A);
+    EXPECT_EQ(known.good_frames, (std::deque<double>{10, 0})) << "nobody knows the rate of the first";
 }
 
 TEST_F(diagctl_report, records_of_a_day_for_output_of_any_width)

@@ -1,7 +1,11 @@
 // diagctl: what a service engineer types to look at the network, and to command it, through a card's broker.
 #include "commands/completion.h"
 #include "commands/context.h"
+#include "screen/terminal.h"
 
+#include <unistd.h>
+
+#include <clocale>
 #include <cstdio>
 #include <exception>
 #include <string_view>
@@ -50,17 +54,23 @@ exit_status run(int argc, char **argv)
     return is_check && status == STATUS_USAGE && !line.has_run() ? static_cast<exit_status>(3) : status;
 }
 
+void complain(const std::exception &error)
+{
+    fprintf(stderr, "diagctl: %s\n", terminal_text(error.what(), STDERR_FILENO).c_str());
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    setlocale(LC_CTYPE, "");
     try {
         return run(argc, argv);
     } catch (const failure &error) {
-        fprintf(stderr, "diagctl: %s\n", error.what());
+        complain(error);
         return error.status;
     } catch (const std::exception &error) {
-        fprintf(stderr, "diagctl: %s\n", error.what());
+        complain(error);
         return STATUS_FAILURE;
     }
 }

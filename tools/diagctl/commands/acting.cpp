@@ -2,7 +2,7 @@
 
 #include "broker/words.h"
 #include "clock.h"
-#include "screen/text.h"
+#include "screen/terminal.h"
 #include "topics.h"
 
 #include <fmt/core.h>
@@ -93,7 +93,7 @@ void acting::confirm(const std::string &question, bool is_assumed)
     if (is_assumed) {
         return;
     }
-    fmt::print("{} [y/N] ", question);
+    fmt::print("{} [y/N] ", terminal_text(question, STDOUT_FILENO));
     fflush(stdout);
     std::string answer;
     bool is_open = true;

@@ -5,10 +5,6 @@
 #include "screen/terminal.h"
 #include "topics.h"
 
-#include <langinfo.h>
-
-#include <clocale>
-
 namespace
 {
 
@@ -45,9 +41,7 @@ exit_status run_pm(const context &common, const pm_options &options)
 
 pm_style current_pm_style()
 {
-    setlocale(LC_CTYPE, "");
-    const bool is_utf8 = std::string_view(nl_langinfo(CODESET)) == "UTF-8";
-    return {is_utf8, terminal_is_screen() ? current_terminal_size().width : SIZE_MAX};
+    return {is_utf8_locale(), terminal_is_screen() ? current_terminal_size().width : SIZE_MAX};
 }
 
 void add_pm_command(command_line &line, context &common)

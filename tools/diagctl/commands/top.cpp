@@ -6,10 +6,7 @@
 #include "screen/changes.h"
 #include "screen/live.h"
 
-#include <fmt/core.h>
-
 #include <algorithm>
-#include <cstdio>
 
 namespace
 {
@@ -64,10 +61,12 @@ private:
     void take(std::string_view topic, bytes payload, bool is_retained)
     {
         const moment now = current_moment();
-        for (const change &item : network_apply(net, topic, payload, is_retained, now)) {
+        const changes items = network_apply(net, topic, payload, is_retained, now);
+        recent.note(net, topic, items, now);
+        for (const change &item : items) {
             events.push_back({now, change_text(net, item)});
             if (!is_screen) {
-                fmt::print("{} {}\n", date_text(now), events.back().text);
+                terminal_print(plain(date_text(now) + " " + events.back().text));
             }
         }
         while (events.size() > MAX_EVENTS) {
@@ -120,6 +119,7 @@ private:
         return view_render({.broker = broker.address().text(),
                             .net = net,
                             .events = events,
+                            .recent = recent,
                             .target = target ? &*target : nullptr,
                             .order = order,
                             .selected = selected,
@@ -131,6 +131,7 @@ private:
 
     network net;
     std::deque<event> events;
+    trends recent;
     std::optional<stats_target> target;
     node_order order = node_order::MAC;
     mac_address selected{};

@@ -1,7 +1,7 @@
 #include "screen/changes.h"
 
 #include "network/json.h"
-#include "screen/text.h"
+#include "screen/terminal.h"
 
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
@@ -186,9 +186,11 @@ namespace
 void print(const network &net, const change &item, std::string_view topic, const std::string &text,
            const moment &now, bool is_json)
 {
-    const std::string line =
-        is_json ? json_text(change_json(net, item, topic, now.wall, text)) : date_text(now) + " " + text;
-    puts(line.c_str());
+    if (is_json) {
+        puts(json_text(change_json(net, item, topic, now.wall, text)).c_str());
+    } else {
+        terminal_print(plain(date_text(now) + " " + text));
+    }
 }
 
 } // namespace

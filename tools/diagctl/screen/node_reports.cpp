@@ -3,6 +3,8 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <climits>
+#include <functional>
 
 namespace
 {
@@ -146,6 +148,71 @@ private:
     std::vector<std::vector<screen_line>> rows;
 };
 
+// A table of nodes whose columns may be left out.
+class node_columns
+{
+public:
+    static constexpr int NEEDED = INT_MAX; // a rank that stays whatever the width
+
+    explicit node_columns(const std::vector<const node *> &shown) : nodes(shown) {}
+
+    // Of the columns that are too many, that of the lowest rank goes first.
+    void add(const char *title, int rank, const std::function<screen_line(const node &)> &cell_of)
+    {
+        column added = {rank, heading({title})};
+        for (const node *shown : nodes) {
+            added.cells.push_back(cell_of(*shown));
+        }
+        all.push_back(std::move(added));
+    }
+
+    screen_lines lines(size_t width)
+    {
+        screen_lines shown = joined();
+        while (widest(shown) > width) {
+            const auto least = std::min_element(
+                all.begin(), all.end(), [](const column &a, const column &b) { return a.rank < b.rank; });
+            if (least->rank == NEEDED) {
+                break;
+            }
+            all.erase(least);
+            shown = joined();
+        }
+        return shown;
+    }
+
+private:
+    struct column {
+        int rank;
+        screen_lines cells; // under its title
+    };
+
+    screen_lines joined() const
+    {
+        std::vector<screen_lines> rows(nodes.size() + 1);
+        for (const column &shown : all) {
+            for (size_t i = 0; i < rows.size(); i++) {
+                rows[i].push_back(shown.cells[i]);
+            }
+        }
+        return columns(rows);
+    }
+
+    const std::vector<const node *> &nodes;
+    std::vector<column> all;
+};
+
+// The height of the sparklines, so that one change alone is a low bar.
+double most_changes(const trends &recent, const std::vector<const node *> &nodes, const moment &now)
+{
+    double most = 8;
+    for (const node *shown : nodes) {
+        const auto counts = recent.changes_of(shown->mac, now);
+        most = std::max(most, *std::max_element(counts.begin(), counts.end()));
+    }
+    return most;
+}
+
 void add_topics(table &out, const node &shown)
 {
     for (size_t topic = 0; topic < NODE_TOPICS; topic++) {
@@ -167,35 +234,40 @@ void add_topics(table &out, const node &shown)
 
 } // namespace
 
-screen_lines node_table(const network &net, const std::vector<const node *> &nodes, const moment &now)
+screen_lines node_table(const network &net, const std::vector<const node *> &nodes, const moment &now,
+                        const table_look &look)
 {
-    const bool has_names = std::any_of(
-        nodes.begin(), nodes.end(), [&](const node *shown) { return net.names.of(shown->mac) != nullptr; });
-    std::vector<std::string> titles = {"NODE",  "NR",  "WHERE",   "PORTS",          "MEDIA",
-                                       "RINGS", "JOB", "CHANGED", "OS / BOOT / APP"};
-    if (has_names) {
-        titles.insert(titles.begin(), "NAME");
-    }
-    std::vector<std::vector<screen_line>> rows = {heading(titles)};
+    const auto name_of = [&](const node *shown) { return net.names.of(shown->mac); };
+    const bool has_names = std::any_of(nodes.begin(), nodes.end(), name_of);
+    const bool has_all_names = has_names && std::all_of(nodes.begin(), nodes.end(), name_of);
     const size_t ports = port_columns(nodes);
-    for (const node *shown : nodes) {
-        rows.push_back({
-            plain(mac_text(shown->mac)),
-            plain(shown->number ? std::to_string(*shown->number) : "-"),
-            plain(location(net, *shown)),
-            ports_cell(*shown, ports),
-            plain(media_cell(*shown)),
-            plain(rings_cell(net, *shown)),
-            plain(job_cell(*shown)),
-            plain(shown->last_change ? age_text(now.steady - shown->last_change->steady) : "-"),
-            plain(versions_cell(*shown)),
+    node_columns table(nodes);
+    if (has_names) {
+        table.add("NAME", has_all_names ? node_columns::NEEDED : 8, [&](const node &shown) {
+            const std::string *const name = name_of(&shown);
+            return plain(name == nullptr ? "-" : *name);
         });
-        if (has_names) {
-            const std::string *const name = net.names.of(shown->mac);
-            rows.back().insert(rows.back().begin(), plain(name == nullptr ? "-" : *name));
-        }
     }
-    return columns(rows);
+    table.add("NODE", has_all_names ? 8 : node_columns::NEEDED,
+              [](const node &shown) { return plain(mac_text(shown.mac)); });
+    table.add("NR", 7,
+              [](const node &shown) { return plain(shown.number ? std::to_string(*shown.number) : "-"); });
+    table.add("WHERE", 3, [&](const node &shown) { return plain(location(net, shown)); });
+    table.add("PORTS", node_columns::NEEDED, [&](const node &shown) { return ports_cell(shown, ports); });
+    table.add("MEDIA", 2, [](const node &shown) { return plain(media_cell(shown)); });
+    table.add("RINGS", 5, [&](const node &shown) { return plain(rings_cell(net, shown)); });
+    table.add("JOB", 1, [](const node &shown) { return plain(job_cell(shown)); });
+    table.add("CHANGED", 6, [&](const node &shown) {
+        return plain(shown.last_change ? age_text(now.steady - shown.last_change->steady) : "-");
+    });
+    if (look.recent != nullptr) {
+        const double most = most_changes(*look.recent, nodes, now);
+        table.add("LAST 10 MIN", 4, [&](const node &shown) {
+            return plain(sparkline(look.recent->changes_of(shown.mac, now), most, is_utf8_locale()));
+        });
+    }
+    table.add("OS / BOOT / APP", 0, [](const node &shown) { return plain(versions_cell(shown)); });
+    return table.lines(look.width);
 }
 
 screen_lines node_lines(const network &net, const node &shown)

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cmath>
 
 namespace
 {
@@ -28,12 +27,6 @@ const char *unit_of(const stats_field &field)
     const auto found = std::find_if(std::begin(STATS_UNITS), std::end(STATS_UNITS),
                                     [&](const field_unit &unit) { return unit.offset == field.offset; });
     return found == std::end(STATS_UNITS) ? "" : found->unit;
-}
-
-// One decimal below 100.
-std::string rate_text(double rate)
-{
-    return rate > 0 && rate < 100 ? fmt::format("{:.1f}/s", rate) : fmt::format("{:.0f}/s", rate);
 }
 
 // Right-aligned, as numbers are read.
@@ -89,23 +82,6 @@ void add_port_lines(screen_lines &lines, const node &shown, int port, const port
     append_lines(lines, columns(rows));
 }
 
-constexpr const char *UTF8_BARS[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-constexpr const char *ASCII_BARS[] = {"_", ".", "-", "=", "+", "*", "#", "@"};
-
-// One character for each bar: nothing is the lowest, anything else at least the next, the maximum the highest.
-std::string sparkline(const std::vector<uint64_t> &bars, uint64_t max, bool is_utf8)
-{
-    constexpr size_t HIGHEST = std::size(UTF8_BARS) - 1;
-    std::string line;
-    for (const uint64_t value : bars) {
-        const double share = static_cast<double>(value) / static_cast<double>(std::max<uint64_t>(max, 1));
-        const auto height =
-            value == 0 ? 0 : std::max<size_t>(1, static_cast<size_t>(std::lround(share * HIGHEST)));
-        line += is_utf8 ? UTF8_BARS[height] : ASCII_BARS[height];
-    }
-    return line;
-}
-
 // The values of a field in the periods that can be decoded.
 std::vector<uint64_t> values_of(const std::vector<closed_record> &periods, const pm_field &field)
 {
@@ -127,16 +103,16 @@ screen_lines sparklines(const std::vector<closed_record> &periods,
     const size_t share = (periods.size() - 1) / room + 1;
     std::vector<screen_lines> rows;
     for (const pm_field *const field : fields) {
-        std::vector<uint64_t> bars;
+        std::vector<double> bars;
         const std::vector<uint64_t> values = values_of(periods, *field);
         for (size_t i = 0; i < values.size(); i++) {
             if (i % share == 0) {
                 bars.push_back(0);
             }
-            bars.back() = std::max(bars.back(), values[i]);
+            bars.back() = std::max(bars.back(), static_cast<double>(values[i]));
         }
         const uint64_t max = *std::max_element(values.begin(), values.end());
-        rows.push_back({plain(field->name), plain(sparkline(bars, max, style.is_utf8)),
+        rows.push_back({plain(field->name), plain(sparkline(bars, static_cast<double>(max), style.is_utf8)),
                         plain("max " + std::to_string(max))});
     }
     screen_lines lines = columns(rows);
@@ -185,6 +161,11 @@ screen_lines pm_table(const std::vector<closed_record> &periods, const std::vect
 }
 
 } // namespace
+
+std::string rate_text(double rate)
+{
+    return rate > 0 && rate < 100 ? fmt::format("{:.1f}/s", rate) : fmt::format("{:.0f}/s", rate);
+}
 
 screen_lines ports_lines(const node &shown)
 {

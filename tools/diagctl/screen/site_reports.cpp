@@ -239,10 +239,7 @@ screen_lines site_nodes_lines(const site &all, node_order order, const moment &s
         }
         screen_lines table = columns(rows);
         const screen_lines shown_nodes = node_table(net, sorted, now);
-        size_t width = 0;
-        for (const screen_line &line : table) {
-            width = std::max(width, length_of(line) + 2);
-        }
+        const size_t width = widest(table) + 2;
         for (size_t i = 0; i < table.size(); i++) {
             pad(table[i], width);
             append(table[i], shown_nodes[i]);

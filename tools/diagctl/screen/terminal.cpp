@@ -1,9 +1,13 @@
 #include "screen/terminal.h"
 
+#include <iconv.h>
+#include <langinfo.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -65,15 +69,70 @@ bool write_all(std::string_view text)
 
 void append_styled(std::string &text, const screen_line &line)
 {
-    static const bool has_colours = getenv("NO_COLOR") == nullptr;
+    const char *const no_colour = getenv("NO_COLOR");
+    const bool has_colours = no_colour == nullptr || *no_colour == '\0';
     for (const styled_text &part : line) {
         const bool is_colour = part.style >= text_style::RED;
         text += STYLES[static_cast<size_t>(is_colour && !has_colours ? text_style::PLAIN : part.style)];
-        text += part.text;
+        text += terminal_text(part.text, STDOUT_FILENO);
     }
 }
 
+class charset
+{
+public:
+    charset() : converter(iconv_open((std::string(nl_langinfo(CODESET)) + "//TRANSLIT").c_str(), "UTF-8")) {}
+    ~charset()
+    {
+        if (is_known()) {
+            iconv_close(converter);
+        }
+    }
+    charset(const charset &) = delete;
+    charset &operator=(const charset &) = delete;
+
+    // The one byte that stands for a character of UTF-8.
+    char byte_of(std::string_view character) const
+    {
+        char in[MB_LEN_MAX];
+        char out = '?';
+        char *from = in;
+        char *to = &out;
+        size_t left = character.copy(in, sizeof in);
+        size_t room = 1;
+        // A single byte, for that is the room of the character in its line.
+        const bool is_converted =
+            is_known() && iconv(converter, &from, &left, &to, &room) != static_cast<size_t>(-1) && room == 0;
+        if (!is_converted && is_known()) {
+            iconv(converter, nullptr, nullptr, nullptr, nullptr);
+        }
+        return is_converted ? out : '?';
+    }
+
+private:
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): that is how iconv_open() fails
+    bool is_known() const { return converter != reinterpret_cast<iconv_t>(-1); }
+
+    iconv_t converter;
+};
+
 } // namespace
+
+std::string terminal_text(std::string text, int descriptor)
+{
+    const auto is_ascii = [](char c) { return static_cast<signed char>(c) >= 0; };
+    if (is_utf8_locale() || isatty(descriptor) == 0 || std::all_of(text.begin(), text.end(), is_ascii)) {
+        return text;
+    }
+    static const charset known;
+    std::string shown;
+    for (std::string_view rest = text; !rest.empty();) {
+        const character next = first_character(rest);
+        shown += is_ascii(rest[0]) ? rest[0] : known.byte_of(rest.substr(0, next.size));
+        rest.remove_prefix(next.size);
+    }
+    return shown;
+}
 
 bool terminal_is_screen()
 {
@@ -176,7 +235,7 @@ void terminal_print(const screen_line &line)
         text += STYLES[static_cast<size_t>(text_style::PLAIN)];
     } else {
         for (const styled_text &part : line) {
-            text += part.text;
+            text += terminal_text(part.text, STDOUT_FILENO);
         }
         text.erase(text.find_last_not_of(' ') + 1);
     }

@@ -59,5 +59,9 @@ enum class key {
 // The keys that wait on standard input; false when it has ended.
 bool read_keys(std::vector<key> &keys);
 
+// The text as the descriptor's terminal can show it: a question mark stands for a character that the charset
+// of the user's locale hasn't. Files and programs get UTF-8 as it is.
+std::string terminal_text(std::string text, int descriptor);
+
 // Writes the line to standard output, with its styles if that is a terminal that shows them.
 void terminal_print(const screen_line &line);

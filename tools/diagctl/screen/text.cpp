@@ -2,12 +2,19 @@
 
 #include <fmt/chrono.h>
 
+#include <langinfo.h>
+
 #include <algorithm>
+#include <cmath>
+#include <cwchar>
 
 namespace
 {
 
 constexpr const char *COLUMN_GAP = "  ";
+
+constexpr const char *UTF8_BARS[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+constexpr const char *ASCII_BARS[] = {"_", ".", "-", "=", "+", "*", "#", "@"};
 
 bool is_continuation(char c)
 {
@@ -16,14 +23,57 @@ bool is_continuation(char c)
 
 } // namespace
 
+bool is_utf8_locale()
+{
+    static const bool is_utf8 = std::string_view(nl_langinfo(CODESET)) == "UTF-8";
+    return is_utf8;
+}
+
+character first_character(std::string_view text)
+{
+    if (is_utf8_locale()) {
+        wchar_t code = 0;
+        mbstate_t state{};
+        const size_t size = mbrtowc(&code, text.data(), text.size(), &state);
+        if (size == 0 || size > text.size()) {
+            return {1, 1};
+        }
+        return {size, static_cast<size_t>(std::max(wcwidth(code), 0))};
+    }
+    size_t size = 1;
+    while (size < text.size() && is_continuation(text[size])) {
+        size++;
+    }
+    return {size, 1};
+}
+
+size_t width_of(std::string_view text)
+{
+    size_t width = 0;
+    while (!text.empty()) {
+        const character next = first_character(text);
+        width += next.width;
+        text.remove_prefix(next.size);
+    }
+    return width;
+}
+
 size_t length_of(const screen_line &line)
 {
     size_t length = 0;
     for (const styled_text &part : line) {
-        length += static_cast<size_t>(
-            std::count_if(part.text.begin(), part.text.end(), [](char c) { return !is_continuation(c); }));
+        length += width_of(part.text);
     }
     return length;
+}
+
+size_t widest(const std::vector<screen_line> &lines)
+{
+    size_t width = 0;
+    for (const screen_line &line : lines) {
+        width = std::max(width, length_of(line));
+    }
+    return width;
 }
 
 screen_line plain(std::string text)
@@ -46,10 +96,16 @@ void pad(screen_line &line, size_t width)
 
 void clip(screen_line &line, size_t width)
 {
+    bool is_full = false;
     for (styled_text &part : line) {
         size_t end = 0;
-        for (; end < part.text.size() && (width > 0 || is_continuation(part.text[end])); end++) {
-            width -= is_continuation(part.text[end]) ? 0U : 1U;
+        while (!is_full && end < part.text.size()) {
+            const character next = first_character(std::string_view(part.text).substr(end));
+            is_full = next.width > width;
+            if (!is_full) {
+                width -= next.width;
+                end += next.size;
+            }
         }
         part.text.resize(end);
     }
@@ -72,13 +128,47 @@ void cut_lines(std::vector<screen_line> &lines, size_t count)
     }
 }
 
-screen_line title_line(const std::string &text, size_t width)
+std::vector<screen_line> wrap(screen_line line, size_t width)
 {
-    screen_line line = {{text_style::TITLE, text}};
-    if (text.size() < width) {
-        line[0].text.append(width - text.size(), ' ');
+    if (length_of(line) <= width) {
+        return {line};
+    }
+    const styled_text last = std::move(line.back());
+    line.pop_back();
+    const std::string indent(length_of(line), ' ');
+    std::vector<screen_line> lines = {std::move(line)};
+    bool is_first = true; // word of its line
+    for (std::string_view text = last.text; !text.empty();) {
+        const std::string word(text.substr(0, text.find(' ')));
+        text.remove_prefix(std::min(word.size() + 1, text.size()));
+        if (!is_first && length_of(lines.back()) + 1 + width_of(word) > width) {
+            lines.push_back(plain(indent));
+            is_first = true;
+        }
+        lines.back().push_back({last.style, is_first ? word : " " + word});
+        is_first = false;
+    }
+    return lines;
+}
+
+std::string sparkline(std::span<const double> values, double max, bool is_utf8)
+{
+    constexpr size_t HIGHEST = std::size(UTF8_BARS) - 1;
+    std::string line;
+    for (const double value : values) {
+        const auto height =
+            value > 0
+                ? std::clamp<size_t>(static_cast<size_t>(std::lround(value / max * HIGHEST)), 1, HIGHEST)
+                : 0;
+        line += is_utf8 ? UTF8_BARS[height] : ASCII_BARS[height];
     }
     return line;
+}
+
+screen_line title_line(const std::string &text, size_t width)
+{
+    const size_t used = width_of(text);
+    return {{text_style::TITLE, text + std::string(width > used ? width - used : 0, ' ')}};
 }
 
 std::vector<screen_line> columns(const std::vector<std::vector<screen_line>> &rows)

@@ -1,8 +1,10 @@
-// Lines of styled text for terminals, and how times are written. Widths count characters of UTF-8.
+// Lines of styled text for terminals, and how times are written. Texts are UTF-8; a width is a number of
+// columns of the terminal.
 #pragma once
 
 #include "network/model.h"
 
+#include <span>
 #include <string>
 #include <vector>
 
@@ -22,7 +24,20 @@ struct styled_text {
 };
 using screen_line = std::vector<styled_text>;
 
+// Whether the user's terminal shows UTF-8. Where it doesn't, every character takes one column, see
+// terminal_text().
+bool is_utf8_locale();
+
+// The character that a text starts with. What isn't UTF-8 is one byte and one column.
+struct character {
+    size_t size; // in bytes
+    size_t width;
+};
+character first_character(std::string_view text);
+
+size_t width_of(std::string_view text);
 size_t length_of(const screen_line &line);
+size_t widest(const std::vector<screen_line> &lines);
 screen_line plain(std::string text);
 void append(screen_line &line, const screen_line &more);
 void pad(screen_line &line, size_t width);
@@ -31,6 +46,12 @@ void append_lines(std::vector<screen_line> &lines, const std::vector<screen_line
 
 // Leaves as many lines as asked for, of which the last tells how many are left out.
 void cut_lines(std::vector<screen_line> &lines, size_t count);
+
+// One character for each value: nothing is the lowest, anything else at least the next, max the highest.
+std::string sparkline(std::span<const double> values, double max, bool is_utf8);
+
+// The line, with the words of its last part below each other where the width asks for it.
+std::vector<screen_line> wrap(screen_line line, size_t width);
 
 // A line of inverse text as wide as the screen.
 screen_line title_line(const std::string &text, size_t width);

@@ -10,31 +10,58 @@ namespace
 constexpr size_t MIN_EVENT_LINES = 4; // with their title
 constexpr size_t MIN_NODE_ROWS = 3;
 constexpr size_t MAX_LIST_LINES = 3;
-constexpr const char *HELP = "sort m:mac n:number f:faults c:change  enter detail  q quit";
+constexpr size_t MAX_BARS = 40;
+constexpr size_t WIDE = 60; // enough for an entry of a list behind its title
+// The longest that there is room for.
+constexpr const char *HELP[] = {"sort m:mac n:number f:faults c:change  enter detail  q quit",
+                                "enter detail  q quit", "q quit"};
+constexpr const char *DETAIL_HELP[] = {"enter back  q quit", "q quit"};
+
+// Parts beside each other where there is room, else below each other.
+screen_lines flowing(const screen_lines &parts, size_t width)
+{
+    constexpr std::string_view GAP = "   ";
+    screen_lines lines;
+    for (const screen_line &part : parts) {
+        if (!lines.empty() && length_of(lines.back()) + GAP.size() + length_of(part) <= width) {
+            lines.back().push_back({text_style::PLAIN, std::string(GAP)});
+            append(lines.back(), part);
+        } else {
+            lines.push_back(part);
+        }
+    }
+    return lines;
+}
 
 screen_lines header_lines(const screen &screen, size_t node_count, const moment &now)
 {
     const network &net = screen.net;
     std::string title = "diagctl top  " + screen.broker + "  " + clock_text(now);
-    const std::string help = screen.is_detail ? "enter back  q quit" : HELP;
-    if (title.size() + help.size() + 2 <= screen.width) {
-        title.append(screen.width - title.size() - help.size(), ' ');
-        title += help;
+    const std::span<const char *const> helps =
+        screen.is_detail ? std::span<const char *const>(DETAIL_HELP) : std::span<const char *const>(HELP);
+    for (const std::string_view help : helps) {
+        if (title.size() + help.size() + 2 <= screen.width) {
+            title.append(screen.width - title.size() - help.size(), ' ');
+            title += help;
+            break;
+        }
     }
-    screen_line state = plain("Local node ");
-    state.push_back({text_style::BOLD, fact_text(net.local, "unknown",
-                                                 net.local.value ? node_text(net, *net.local.value) : "")});
-    state.push_back({text_style::PLAIN, "   Network ring "});
-    state.push_back({ring_style(net), ring_text(net)});
-    state.push_back({text_style::PLAIN, fmt::format("   {} node{}", node_count, node_count == 1 ? "" : "s")});
-    return {title_line(title, screen.width), state};
+    const std::string local =
+        fact_text(net.local, "unknown", net.local.value ? node_text(net, *net.local.value) : "");
+    screen_lines lines = {title_line(title, screen.width)};
+    append_lines(lines, flowing({{{text_style::PLAIN, "Local node "}, {text_style::BOLD, local}},
+                                 {{text_style::PLAIN, "Network ring "}, {ring_style(net), ring_text(net)}},
+                                 plain(fmt::format("{} node{}", node_count, node_count == 1 ? "" : "s"))},
+                                screen.width));
+    return lines;
 }
 
 // The table, scrolled so that the selected node is in it.
 screen_lines visible_nodes(const screen &screen, const std::vector<const node *> &nodes, size_t max_rows,
                            const moment &now)
 {
-    screen_lines lines = node_table(screen.net, nodes, now);
+    screen_lines lines =
+        node_table(screen.net, nodes, now, {.width = screen.width, .recent = &screen.recent});
     if (nodes.empty()) {
         return lines;
     }
@@ -55,12 +82,42 @@ screen_lines visible_nodes(const screen &screen, const std::vector<const node *>
     return cut;
 }
 
+// The rates of ports between one statistics message and the next, as far as they are known.
+screen_lines rate_lines(const std::map<int, trends::port_rates> &rates, size_t width)
+{
+    if (rates.empty()) {
+        return {};
+    }
+    constexpr size_t LABELS = 40; // of port, titles and numbers
+    const size_t room = width > LABELS ? (width - LABELS) / 2 : 0;
+    std::vector<screen_lines> rows = {heading({"PORT", "GOOD FRAMES", "", "ERRORED FRAMES", ""})};
+    for (const auto &[port, known] : rates) {
+        rows.push_back({plain(port_text(port))});
+        for (const std::deque<double> *all : {&known.good_frames, &known.errored_frames}) {
+            const size_t count = std::min({all->size(), room, MAX_BARS});
+            const std::vector<double> bars(all->end() - static_cast<std::ptrdiff_t>(count), all->end());
+            const double max = *std::max_element(all->begin(), all->end());
+            rows.back().push_back(plain(rate_text(all->back())));
+            rows.back().push_back(plain(sparkline(bars, max, is_utf8_locale())));
+        }
+    }
+    return columns(rows);
+}
+
 // One node with the statistics of its ports.
 screen_lines detail_lines(const screen &screen, const node &shown)
 {
-    screen_lines lines = node_lines(screen.net, shown);
+    screen_lines lines;
+    for (const screen_line &line : node_lines(screen.net, shown)) {
+        append_lines(lines, wrap(line, screen.width));
+    }
     const screen_lines ports = ports_lines(shown);
     if (!ports.empty()) {
+        const screen_lines rates = rate_lines(screen.recent.rates_of(shown.mac), screen.width);
+        if (!rates.empty()) {
+            lines.push_back(title_line("Rates", screen.width));
+            append_lines(lines, rates);
+        }
         lines.push_back(title_line("Statistics since reset", screen.width));
         append_lines(lines, ports);
     }
@@ -77,11 +134,11 @@ screen_lines list_lines(const std::string &title, const std::vector<std::string>
         return {line};
     }
     screen_lines lines;
-    const size_t indent = length_of(line);
+    const size_t indent = width >= WIDE ? length_of(line) : 2;
     for (size_t i = 0; i < entries.size(); i++) {
         const bool is_last = i + 1 == entries.size();
         const std::string text = entries[i] + (is_last ? "" : ", ");
-        if (length_of(line) > indent && length_of(line) + text.size() > width) {
+        if (length_of(line) > indent && length_of(line) + width_of(text) > width) {
             if (lines.size() + 1 == MAX_LIST_LINES) {
                 line.push_back({text_style::RED, fmt::format("... {} more", entries.size() - i)});
                 break;
@@ -97,27 +154,20 @@ screen_lines list_lines(const std::string &title, const std::vector<std::string>
 
 screen_lines all_list_lines(const network &net, size_t width)
 {
-    std::vector<screen_lines> lists;
+    screen_lines lines;
+    screen_lines short_ones;
+    const auto add = [&](const std::string &title, const std::vector<std::string> &entries,
+                         const std::string &other) {
+        const screen_lines list = list_lines(title, entries, other, width);
+        (list.size() == 1 ? append_lines(short_ones, list) : append_lines(lines, list));
+    };
     for (int list = 0; list < PORT_LISTS; list++) {
         const auto which = static_cast<port_list>(list);
-        lists.push_back(list_lines(PORT_LIST_INFOS[which].title, port_list_entries(net, which),
-                                   fact_text(net.lists[which], "unknown", "none"), width));
+        add(PORT_LIST_INFOS[which].title, port_list_entries(net, which),
+            fact_text(net.lists[which], "unknown", "none"));
     }
-    lists.push_back(list_lines("Miswired links", miswired_link_entries(net),
-                               fact_text(net.miswired_links, "none", "none"), width));
-
-    // Short lists share a line.
-    constexpr const char *LIST_GAP = "   ";
-    screen_lines lines;
-    for (const auto &list : lists) {
-        if (list.size() == 1 && !lines.empty() &&
-            length_of(lines.back()) + length_of(list[0]) + std::string_view(LIST_GAP).size() <= width) {
-            lines.back().push_back({text_style::PLAIN, LIST_GAP});
-            append(lines.back(), list[0]);
-        } else {
-            append_lines(lines, list);
-        }
-    }
+    add("Miswired links", miswired_link_entries(net), fact_text(net.miswired_links, "none", "none"));
+    append_lines(lines, flowing(short_ones, width));
     return lines;
 }
 
@@ -233,21 +283,31 @@ screen_lines stats_lines(const screen &screen)
     screen_lines lines = {title_line(
         fmt::format("Statistics of {} since reset ({})", target.text, period_text(records, last_period)),
         screen.width)};
+    const auto &rates = screen.recent.rates_of(nodes[0]->mac);
+    if (const auto known = rates.find(target.port); known != rates.end()) {
+        append_lines(lines, rate_lines({*known}, screen.width));
+    }
     append_lines(lines, stats_table(stats_rows(records, last_period), screen.width));
     return lines;
 }
 
+// The newest events, in so many lines. What is wider than the screen goes on in the next line.
 screen_lines event_lines(const screen &screen, size_t count)
 {
-    screen_lines lines = {title_line("Events", screen.width)};
+    screen_lines lines;
+    const size_t room = count > 0 ? count - 1 : 0;
+    for (auto item = screen.events.rbegin(); item != screen.events.rend() && lines.size() < room; ++item) {
+        const screen_lines wrapped = wrap(
+            {{text_style::DIM, clock_text(item->when) + " "}, {text_style::PLAIN, item->text}}, screen.width);
+        lines.insert(lines.begin(), wrapped.begin(), wrapped.end());
+    }
+    if (lines.size() > room) {
+        lines.erase(lines.begin(), lines.end() - static_cast<std::ptrdiff_t>(room));
+    }
     if (screen.events.empty()) {
         lines.push_back({{text_style::DIM, "none since the start"}});
     }
-    const size_t shown = std::min(screen.events.size(), count > 0 ? count - 1 : 0);
-    for (size_t i = screen.events.size() - shown; i < screen.events.size(); i++) {
-        lines.push_back({{text_style::DIM, clock_text(screen.events[i].when) + " "},
-                         {text_style::PLAIN, screen.events[i].text}});
-    }
+    lines.insert(lines.begin(), title_line("Events", screen.width));
     return lines;
 }
 

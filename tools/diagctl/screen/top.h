@@ -1,5 +1,5 @@
-// The full-screen picture of the network: model in, styled lines out, cut to the size of the screen. All text
-// is printable ASCII. Nothing here talks to a terminal.
+// The full-screen picture of the network: model in, styled lines out, cut to the size of the screen. Nothing here
+// talks to a terminal.
 #pragma once
 
 #include "screen/reports.h"
@@ -21,6 +21,7 @@ struct screen {
     std::string broker; // HOST:PORT
     const network &net;
     const std::deque<event> &events;
+    const trends &recent;
     const stats_target *target; // null: no statistics wanted
     node_order order;
     mac_address selected;
