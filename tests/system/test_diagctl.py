@@ -260,6 +260,11 @@ def test_json_that_the_schema_does_not_tell(lab):
         node.publish(record, link, (f"pub/diag/{LOCAL}/job_name", "NORTH"), (f"pub/diag/{LOCAL}/repeater", "256"))
         changes.wait(lambda change: change["kind"] == "fact" and change["new"] == {"malformed_bytes": 3}, BUSY)
         objects = [("change", item) for item in changes.items]
+    with Stream(node.command(DIAGCTL, "subscribe", f"{PEER}/#", "--period", "1", "--json"), json.loads) as relayed:
+        relayed.wait(lambda change: change["kind"] == "statistics" and change["old"], BUSY)
+        relayed.wait(lambda change: change["kind"] == "message", BUSY)
+        assert all(item["mac"] == PEER for item in relayed.items)
+        objects += [("change", item) for item in relayed.items]
     kinds = {item["kind"] for _, item in objects}
     assert {"statistics", "record", "miswired_link", "fact"} <= kinds
     assert all(item["name"] == "Lobby" for _, item in objects if item["mac"] == LOCAL)
