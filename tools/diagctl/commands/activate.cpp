@@ -3,9 +3,10 @@
 
 void add_activate_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<guarded_options>();
-    command added = line.add(
-        "activate", "Tell nodes to activate; guarded by the daemon's challenge.",
-        [&common, options] { return run_guarded(common, *options, "activate;", "Activate", "activated"); });
+    auto [added, options] = add_command<guarded_options>(
+        line, common, "activate", "Tell nodes to activate; guarded by the daemon's challenge.",
+        [](const context &known, const guarded_options &given) {
+            return run_guarded(known, given, "activate;", "Activate", "activated");
+        });
     add_guarded_options(added, common, *options);
 }

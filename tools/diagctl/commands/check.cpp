@@ -255,12 +255,11 @@ exit_status run_check(const context &common, const check_options &options)
 
 void add_check_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<check_options>();
-    command added =
-        line.add("check",
-                 "Judge the network for a monitoring service: one line, exit status 0 OK, 1 WARNING, 2 "
-                 "CRITICAL, 3 UNKNOWN.",
-                 [&common, options] { return run_check(common, *options); });
+    auto [added, options] =
+        add_command<check_options>(line, common, "check",
+                                   "Judge the network for a monitoring service: one line, exit status 0 OK, "
+                                   "1 WARNING, 2 CRITICAL, 3 UNKNOWN.",
+                                   run_check);
     added.text(
         {.name = "--expect",
          .help = "So many nodes must be there, or with 'names' every node of the names file; else CRITICAL",

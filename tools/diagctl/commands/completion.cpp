@@ -102,61 +102,64 @@ void append_word(std::string &words, const std::string &word)
     words += (words.empty() ? "" : " ") + word;
 }
 
-std::string bash_script(const std::vector<completed_command> &commands)
+// A script of the shell's own start and end, between them a case for each command: the words that may follow it, and
+// those of its options that take a value.
+struct case_script {
+    const char *start;
+    const char
+        *command; // with the command's name, its words, those with a value, and whether it takes a node
+    const char *no_command; // with the commands
+    const char *end;
+    std::string (*written)(const described_word &word);
+};
+
+std::string script_of(const case_script &shell, const std::vector<completed_command> &commands)
 {
-    std::string script = BASH_START;
+    std::string script = shell.start;
     std::string names;
     for (const completed_command &command : commands) {
         std::string words;
         std::string with_value;
         for (const std::string &word : argument_words(command)) {
-            append_word(words, word);
+            append_word(words, shell.written({word, ""}));
         }
         for (const completed_option &option : command.options) {
-            append_word(words, option.name.word);
+            append_word(words, shell.written(option.name));
             if (option.has_value) {
                 append_word(with_value, option.name.word);
             }
         }
-        append_word(names, command.name);
-        script += fmt::format("    {}) words='{}' with_value='{}' takes_node={} ;;\n", command.name, words,
-                              with_value, takes_node(command) ? "1" : "''");
+        append_word(names, shell.written({command.name, command.help}));
+        script += fmt::format(fmt::runtime(shell.command), command.name, words, with_value,
+                              takes_node(command) ? "1" : "''");
     }
-    return script + fmt::format("    '') words='{} --help --version' with_value='' ;;\n", names) + BASH_END;
+    return script + fmt::format(fmt::runtime(shell.no_command), names) + shell.end;
 }
 
 // A word with its explanation as _describe takes them.
-std::string zsh_word(const std::string &word, const std::string &help)
+std::string zsh_word(const described_word &word)
 {
-    std::string text = word;
+    std::string text = word.word;
     for (size_t i = 0; (i = text.find(':', i)) != std::string::npos; i += 2) {
         text.insert(i, "\\");
     }
-    return quoted(help.empty() ? text : text + ":" + help);
+    return quoted(word.help.empty() ? text : text + ":" + word.help);
 }
 
-std::string zsh_script(const std::vector<completed_command> &commands)
-{
-    std::string script = ZSH_START;
-    std::string names;
-    for (const completed_command &command : commands) {
-        std::string words;
-        std::string with_value;
-        for (const std::string &word : argument_words(command)) {
-            append_word(words, zsh_word(word, ""));
-        }
-        for (const completed_option &option : command.options) {
-            append_word(words, zsh_word(option.name.word, option.name.help));
-            if (option.has_value) {
-                append_word(with_value, option.name.word);
-            }
-        }
-        append_word(names, zsh_word(command.name, command.help));
-        script += fmt::format("{}) found=({}) with_value=({}) takes_node={} ;;\n", command.name, words,
-                              with_value, takes_node(command) ? "1" : "''");
-    }
-    return script + fmt::format("'') found=({} --help --version) ;;\n", names) + ZSH_END;
-}
+constexpr case_script BASH = {
+    .start = BASH_START,
+    .command = "    {}) words='{}' with_value='{}' takes_node={} ;;\n",
+    .no_command = "    '') words='{} --help --version' with_value='' ;;\n",
+    .end = BASH_END,
+    .written = [](const described_word &word) { return word.word; },
+};
+constexpr case_script ZSH = {
+    .start = ZSH_START,
+    .command = "{}) found=({}) with_value=({}) takes_node={} ;;\n",
+    .no_command = "'') found=({} --help --version) ;;\n",
+    .end = ZSH_END,
+    .written = zsh_word,
+};
 
 std::string fish_script(const std::vector<completed_command> &commands)
 {
@@ -186,7 +189,7 @@ std::string fish_script(const std::vector<completed_command> &commands)
 
 std::string completion_script(const std::string &shell, const std::vector<completed_command> &commands)
 {
-    return shell == "bash"  ? bash_script(commands)
-           : shell == "zsh" ? zsh_script(commands)
+    return shell == "bash"  ? script_of(BASH, commands)
+           : shell == "zsh" ? script_of(ZSH, commands)
                             : fish_script(commands);
 }

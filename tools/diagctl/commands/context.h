@@ -6,6 +6,9 @@
 #include "commands/command_line.h"
 #include "network/model.h"
 
+#include <type_traits>
+#include <utility>
+
 // What every command is told.
 struct context {
     std::vector<std::string> hosts = {"127.0.0.1"}; // one, but for a site with two brokers
@@ -38,6 +41,18 @@ void add_subscribe_command(command_line &line, context &common);
 void add_top_command(command_line &line, context &common);
 void add_watch_command(command_line &line, context &common);
 void add_web_command(command_line &line, context &common);
+
+// Adds a command with its options, which run() gets when the command has been given.
+template <typename Options>
+std::pair<command, std::shared_ptr<Options>>
+add_command(command_line &line, const context &common, const char *name, const char *description,
+            std::type_identity_t<std::function<exit_status(const context &, const Options &)>> run)
+{
+    const auto options = std::make_shared<Options>();
+    return {line.add(name, description,
+                     [&common, options, run = std::move(run)] { return run(common, *options); }),
+            options};
+}
 
 // Adds the options of the broker, and those of names.
 void add_broker_options(command &added, context &common);

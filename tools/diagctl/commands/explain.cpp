@@ -81,14 +81,13 @@ exit_status run_explain(const explain_options &options)
 
 } // namespace
 
-void add_explain_command(command_line &line, context &)
+void add_explain_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<explain_options>();
-    command added =
-        line.add("explain",
-                 "Tell cause, effect and cure of a message of the daemon's log, or of every line of a log on "
-                 "standard input.",
-                 [options] { return run_explain(*options); });
+    auto [added, options] = add_command<explain_options>(
+        line, common, "explain",
+        "Tell cause, effect and cure of a message of the daemon's log, or of every line of a log on standard "
+        "input.",
+        [](const context &, const explain_options &given) { return run_explain(given); });
     added.words(
         {.name = "MESSAGE", .help = "A line of the log, or its text; without, standard input is read"},
         options->words);

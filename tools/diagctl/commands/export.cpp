@@ -95,9 +95,9 @@ http_answer metrics_answer(const http_request &request,
 
 void add_export_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<export_options>();
-    command added = line.add("export", "Serve the network's state as metrics for Prometheus, until Ctrl-C.",
-                             [&common, options] { return run_export(common, *options); });
+    auto [added, options] = add_command<export_options>(
+        line, common, "export", "Serve the network's state as metrics for Prometheus, until Ctrl-C.",
+        run_export);
     added.text({.name = "--listen",
                 .help = "Where to serve http://ADDRESS:PORT/metrics",
                 .value = "ADDRESS:PORT",

@@ -20,12 +20,11 @@ exit_status run_lists(const context &common, const reading_options &options)
 
 void add_lists_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<reading_options>();
-    command added =
-        line.add("lists",
-                 "Show the network's lists: ports with the link down, a ground fault or miswired, miswired "
-                 "links, and whether the network would survive a cut.",
-                 [&common, options] { return run_lists(common, *options); });
+    auto [added, options] =
+        add_command<reading_options>(line, common, "lists",
+                                     "Show the network's lists: ports with the link down, a ground fault or "
+                                     "miswired, miswired links, and whether the network would survive a cut.",
+                                     run_lists);
     add_reading_options(added, common, *options);
     add_site_options(added, common);
 }

@@ -29,9 +29,8 @@ exit_status run_nodes(const context &common, const nodes_options &options)
 
 void add_nodes_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<nodes_options>();
-    command added = line.add("nodes", "Show a table of the nodes.",
-                             [&common, options] { return run_nodes(common, *options); });
+    auto [added, options] =
+        add_command<nodes_options>(line, common, "nodes", "Show a table of the nodes.", run_nodes);
     add_reading_options(added, common, *options);
     add_site_options(added, common);
     added.choice(

@@ -52,10 +52,9 @@ exit_status run_ping(const context &common, const ping_options &options)
 
 void add_ping_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<ping_options>();
-    command added =
-        line.add("ping", "Ask the daemon whether it is there, and show how long its answer takes.",
-                 [&common, options] { return run_ping(common, *options); });
+    auto [added, options] = add_command<ping_options>(
+        line, common, "ping", "Ask the daemon whether it is there, and show how long its answer takes.",
+        run_ping);
     add_broker_options(added, common);
     add_site_options(added, common);
     added.text({.name = "NODE", .help = "Only this card of the site", .needed = "--site"}, options->node);

@@ -46,10 +46,9 @@ pm_style current_pm_style()
 
 void add_pm_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<pm_options>();
-    command added =
-        line.add("pm", "Show the performance records of a port: the closed quarter hours of the last day.",
-                 [&common, options] { return run_pm(common, *options); });
+    auto [added, options] = add_command<pm_options>(
+        line, common, "pm",
+        "Show the performance records of a port: the closed quarter hours of the last day.", run_pm);
     add_node_argument(added, options->node);
     add_port_argument(added, options->port);
     added.flag({.name = "--days", .help = "The closed days of the last week instead"}, options->is_days);

@@ -50,9 +50,8 @@ exit_status run_ports(const context &common, const ports_options &options)
 
 void add_ports_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<ports_options>();
-    command added = line.add("ports", "Show the statistics of a node's ports since the last reset.",
-                             [&common, options] { return run_ports(common, *options); });
+    auto [added, options] = add_command<ports_options>(
+        line, common, "ports", "Show the statistics of a node's ports since the last reset.", run_ports);
     add_node_argument(added, options->node);
     add_reading_options(added, common, *options);
     add_site_options(added, common);

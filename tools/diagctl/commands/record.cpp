@@ -134,10 +134,10 @@ std::string check_filter(const std::string &text)
 
 void add_record_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<record_options>();
-    command added =
-        line.add("record", "Record what is published on the broker, and what it has retained, until Ctrl-C.",
-                 [&common, options] { return recorder(common, *options).run(); });
+    auto [added, options] = add_command<record_options>(
+        line, common, "record",
+        "Record what is published on the broker, and what it has retained, until Ctrl-C.",
+        [](const context &known, const record_options &given) { return recorder(known, given).run(); });
     added.text({.name = "FILE", .help = "The file to create", .is_required = true}, options->path);
     added.texts({.name = "--filter",
                  .help = "Only topics that match this MQTT filter; several may be given",

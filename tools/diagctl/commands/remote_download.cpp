@@ -21,10 +21,9 @@ exit_status run_download(const context &common, const download_options &options)
 
 void add_remote_download_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<download_options>();
-    command added = line.add("remote-download",
-                             "Switch remote download of nodes on or off; guarded by the daemon's challenge.",
-                             [&common, options] { return run_download(common, *options); });
+    auto [added, options] = add_command<download_options>(
+        line, common, "remote-download",
+        "Switch remote download of nodes on or off; guarded by the daemon's challenge.", run_download);
     added.choice({.name = "STATE", .help = "on or off", .is_required = true}, STATES, options->state);
     add_guarded_options(added, common, *options);
 }

@@ -103,9 +103,8 @@ exit_status run_replay(const context &common, const replay_options &options)
 
 void add_replay_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<replay_options>();
-    command added = line.add("replay", "Publish a recording again, on a broker without a daemon.",
-                             [&common, options] { return run_replay(common, *options); });
+    auto [added, options] = add_command<replay_options>(
+        line, common, "replay", "Publish a recording again, on a broker without a daemon.", run_replay);
     added.text({.name = "FILE", .help = "The recording", .is_required = true}, options->path);
     added.number({.name = "--speed",
                   .help = "So many times as fast as recorded; 0 doesn't wait at all",

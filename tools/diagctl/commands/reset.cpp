@@ -73,9 +73,8 @@ std::string check_front_port(const std::string &text)
 
 void add_reset_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<reset_options>();
-    command added = line.add("reset", "Reset the statistics of a port, or of all ports of all nodes.",
-                             [&common, options] { return run_reset(common, *options); });
+    auto [added, options] = add_command<reset_options>(
+        line, common, "reset", "Reset the statistics of a port, or of all ports of all nodes.", run_reset);
     add_node_argument(added, options->node, false);
     add_port_argument(added, options->port, check_front_port, false);
     added.flag({.name = "--all", .help = "All ports of all nodes"}, options->is_all);

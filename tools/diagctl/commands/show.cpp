@@ -25,9 +25,8 @@ exit_status run_show(const context &common, const show_options &options)
 
 void add_show_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<show_options>();
-    command added = line.add("show", "Show all that is known of a node.",
-                             [&common, options] { return run_show(common, *options); });
+    auto [added, options] =
+        add_command<show_options>(line, common, "show", "Show all that is known of a node.", run_show);
     add_node_argument(added, options->node);
     add_reading_options(added, common, *options);
     add_site_options(added, common);

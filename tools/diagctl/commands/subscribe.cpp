@@ -120,10 +120,12 @@ std::string check_place(const std::string &text)
 
 void add_subscribe_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<subscribe_options>();
-    command added =
-        line.add("subscribe", "Have another node's topics sent here and print them, decoded, until Ctrl-C.",
-                 [&common, options] { return subscription(common, *options).run(); });
+    auto [added, options] = add_command<subscribe_options>(
+        line, common, "subscribe",
+        "Have another node's topics sent here and print them, decoded, until Ctrl-C.",
+        [](const context &known, const subscribe_options &given) {
+            return subscription(known, given).run();
+        });
     added.text(
         {.name = "PLACE", .help = "NODE, NODE/PORT or NODE/TOPIC", .is_required = true, .check = check_place},
         options->place);

@@ -145,12 +145,11 @@ private:
 
 void add_top_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<top_options>();
-    command added =
-        line.add("top",
-                 "Show the network live: nodes, ports, lists and events. On a terminal full-screen, q quits; "
-                 "elsewhere one line for each change.",
-                 [&common, options] { return top(common, *options).run(); });
+    auto [added, options] = add_command<top_options>(
+        line, common, "top",
+        "Show the network live: nodes, ports, lists and events. On a terminal full-screen, q quits; "
+        "elsewhere one line for each change.",
+        [](const context &known, const top_options &given) { return top(known, given).run(); });
     added.text({.name = "--stats",
                 .help = "Also show the statistics of this port",
                 .value = "NODE/PORT",

@@ -68,9 +68,9 @@ exit_status run_watch(const context &common, const watch_options &options)
 
 void add_watch_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<watch_options>();
-    command added = line.add("watch", "Print every change from now on, decoded, one line each, until Ctrl-C.",
-                             [&common, options] { return run_watch(common, *options); });
+    auto [added, options] = add_command<watch_options>(
+        line, common, "watch", "Print every change from now on, decoded, one line each, until Ctrl-C.",
+        run_watch);
     added.text({.name = "FILTER", .help = "Only this node, or topics that match this MQTT filter"},
                options->filter);
     add_broker_options(added, common);

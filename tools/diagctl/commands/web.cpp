@@ -406,9 +406,9 @@ private:
 
 void add_web_command(command_line &line, context &common)
 {
-    const auto options = std::make_shared<web_options>();
-    command added = line.add("web", "Show the network in a browser: serve a page, until Ctrl-C.",
-                             [&common, options] { return web(common, *options).run(); });
+    auto [added, options] = add_command<web_options>(
+        line, common, "web", "Show the network in a browser: serve a page, until Ctrl-C.",
+        [](const context &known, const web_options &given) { return web(known, given).run(); });
     added.text({.name = "--listen",
                 .help = "Where to serve the page; port 0 takes a free one",
                 .value = "ADDRESS:PORT",
