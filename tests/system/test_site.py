@@ -1,12 +1,15 @@
 """Cards of a network and the two brokers of their site, with the example configuration as it stands."""
 import json
+import re
 import signal
 import subprocess
+import time
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
 from panel import BUILD, Stream, wait_until
+from test_diagctl import PM
 
 EXAMPLES = Path(__file__).resolve().parent.parent.parent / "packaging" / "mosquitto"
 CARDS, BROKERS = (1, 2, 3, 4), (5, 6)
@@ -235,6 +238,52 @@ def test_card_or_tool_may_do_more_or_less_than_its_role(site):
     assert status == 3 and error.count("not authorised") == 2, error
     with pytest.raises(AssertionError, match="not authori[sz]ed"):
         broker.exec("mosquitto_pub", *site.client(number, "viewer", CARD_PORT), "-t", topics["own commands"], "-n")
+
+
+def test_performance_record_is_lost_or_written_twice(site):
+    card, node = site.cards[2], site.lab[max(BROKERS)]
+    file, start = "/run/pm.om", 900 * (int(time.time()) // 900)
+
+    def close(slot, age, frames):
+        site.publish(card, {f"B/pm/{slot}": PM.pack(start - 900 * age, 0, frames, 0, 1, 2, 0, 0, 500, 0)})
+
+    def export(*words, status=0):
+        done, text, error = site.diagctl("export", "--pm", *words)
+        assert done == status, error
+        return text or error
+
+    def frames():
+        """Of every record in the file."""
+        labels = f'mac="{card.mac}",network="{site.cards[1].mac}",port="B"'
+        line = rf"diag_port_(?:period|day)_good_frames{{{labels}}} (\d+) "
+        return sorted(map(int, re.findall(line, node.exec("cat", file))))
+
+    for slot, age in (("period0", 30), ("period1", 29), ("day0", 30), ("period2", -2)):
+        close(slot, age, age + 100)
+    wait_until(lambda: "of the future left out: does the clock" in export(file))
+    wait_until(lambda: export(file) and frames() == [129, 130, 130], 10, lambda: node.exec("cat", file))
+    blocks = ("promtool", "tsdb", "create-blocks-from", "openmetrics", file, "/run/tsdb")
+    node.exec(*blocks)
+    node.exec("rm", file)
+    # One comes late, from a card that was away, one before the other run has ended.
+    for slot, age in (("period2", 40), ("period0", 1)):
+        close(slot, age, age + 100)
+    wait_until(lambda: " 140 " in export("-") and " 101 " in export("-"))
+    with ThreadPoolExecutor() as pool:
+        list(pool.map(lambda _: export(file), range(2)))
+    assert frames() == [101, 140]
+    node.exec("rm", file)
+    export(file)
+    assert not frames()
+    node.exec("rm", file, f"{file}.state")
+    export(file, "--min-age", "3")
+    assert frames() == [129, 130, 140]
+    node.exec(*blocks)
+    node.shell(f"sed -i 's/good/bad/' {file}")
+    assert "line 5 isn't of export --pm" in export(file, status=1)
+    node.shell(f"echo damage >>{file}.state")
+    assert "is damaged" in export(file, status=1)
+    site.publish(card, {f"B/pm/{slot}": b"" for slot in ("period0", "period1", "period2", "day0")})
 
 
 def test_card_puts_another_out_by_its_client_id(site):

@@ -20,6 +20,7 @@ constexpr std::chrono::seconds ASK_INTERVAL(5); // also how long the daemon may 
 
 struct export_options {
     std::string listen = "127.0.0.1:9885";
+    history_options history;
 };
 
 struct exported_network {
@@ -53,6 +54,9 @@ void ask_daemon(session &broker, requests &asked, http_server &server, exported_
 
 exit_status run_export(const context &common, const export_options &options)
 {
+    if (!options.history.path.empty()) {
+        return export_history(common, options.history);
+    }
     if (common.is_site) {
         return site_export(common, options.listen);
     }
@@ -96,13 +100,26 @@ http_answer metrics_answer(const http_request &request,
 void add_export_command(command_line &line, context &common)
 {
     auto [added, options] = add_command<export_options>(
-        line, common, "export", "Serve the network's state as metrics for Prometheus, until Ctrl-C.",
+        line, common, "export",
+        "Serve the network's state as metrics for Prometheus, until Ctrl-C, or write its history.",
         run_export);
     added.text({.name = "--listen",
                 .help = "Where to serve http://ADDRESS:PORT/metrics",
                 .value = "ADDRESS:PORT",
                 .check = check_listen_address},
                options->listen);
+    added.text({.name = "--pm",
+                .help =
+                    "Instead, add each performance record that has not been written before to this file, as "
+                    "OpenMetrics with its time, and end; - prints all that there are",
+                .value = "FILE",
+                .excluded = "--listen"},
+               options->history.path);
+    added.number({.name = "--min-age",
+                  .help = "Leave records out that are younger than so many hours",
+                  .value = "HOURS",
+                  .needed = "--pm"},
+                 options->history.min_age_hours, 0, 23);
     add_broker_options(added, common);
     add_site_options(added, common);
 }

@@ -69,9 +69,7 @@ void add_labels(ClientMetric &metric, const network &net, const std::string &lab
 void add_network(families &out, const site &all, const site_network &shown)
 {
     network net = site_network_model(all, shown.cards);
-    const std::string first = mac_text(shown.cards[0]);
-    const std::string name = name_of(net, first);
-    const std::string label = name.empty() ? first : name;
+    const std::string label = network_label(all, shown);
     for (const mac_address &mac : shown.cards) {
         const std::optional<bool> is_connected = all.is_connected(mac);
         const std::string text = mac_text(mac);
@@ -100,6 +98,12 @@ void add_network(families &out, const site &all, const site_network &shown)
 }
 
 } // namespace
+
+std::string network_label(const site &all, const site_network &shown)
+{
+    const std::string *const name = all.net(shown.cards[0]).names.of(shown.cards[0]);
+    return name == nullptr ? mac_text(shown.cards[0]) : *name;
+}
 
 std::vector<MetricFamily> site_metrics(const site &all)
 {

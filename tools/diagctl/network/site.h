@@ -92,6 +92,7 @@ class site
 public:
     explicit site(size_t brokers) : accounts(brokers), is_there(brokers) {}
 
+    size_t brokers() const { return accounts.size(); }
     site_account &account(size_t broker) { return accounts[broker]; }
     const site_account &account(size_t broker) const { return accounts[broker]; }
     // Whether the broker has told everything and is still there. Before it tells everything anew, its account is cleared.
