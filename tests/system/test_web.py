@@ -378,6 +378,98 @@ def test_a_broker_that_goes(tmp_path):
     broker.stop()
 
 
+def test_a_broker_that_stands_still(tmp_path):
+    """It takes connections and says nothing: what is shown is soon told to be old, and anew when it goes on."""
+    broker = Broker(tmp_path)
+    broker.fill(3)
+    with Web("--port", broker.port) as web:
+        events = Events(web)
+        time.sleep(0.1)
+        broker.process.send_signal(signal.SIGSTOP)
+        start = time.monotonic()
+        lost = events.wait("connection", lambda data: data["connection"] == "lost")
+        assert time.monotonic() - start < 5 + 3  # of a busy machine
+        assert "no word from it for" in lost["reason"]
+        broker.process.send_signal(signal.SIGCONT)
+        events.wait("connection", lambda data: data["connection"] == "live")
+        assert len(web.json("/api/network")["networks"][0]["nodes"]) == 3
+    broker.stop()
+
+
+def test_a_site_that_is_not_as_its_brokers_tell(tmp_path):
+    """Three cards, two of which hear each other: faults, who is not there, whose views differ, and brokers that go."""
+    brokers = []
+    for name in ("first", "second"):
+        (tmp_path / name).mkdir()
+        brokers.append(Broker(tmp_path / name))
+
+    def put(topic, payload, to=tuple(brokers)):
+        for broker in to:
+            broker.publish(topic, payload)
+
+    for number in (1, 2, 3):
+        put(f"cards/{mac_of(number)}/bridge", "1")
+        put(f"pub/diag/{mac_of(number)}/port_summary", '{"A":"green","B":"green"}')
+        for name in ("link_down", "grnd_list", "miswired"):
+            put(f"cards/{mac_of(number)}/pub/diag/net/fire/{name}", bytes(1))
+    for number, other in ((1, 2), (2, 1)):
+        put(f"cards/{mac_of(number)}/pub/diag/{mac_of(other)}/port_summary", '{"A":"green","B":"green"}')
+    put(f"pub/diag/{mac_of(3)}/A/stats", STATS.pack(*range(15)))
+    end = int(time.time()) // 900 * 900
+    put(f"pub/diag/{mac_of(3)}/A/pm/period7", PM.pack(end, *[0] * 9))
+    words = [word for broker in brokers for word in ("--host", f"127.0.0.1:{broker.port}")]
+    with Web("--site", *words) as web:
+
+        def networks():
+            return web.json("/api/network")["networks"]
+
+        def card(number):
+            return next(node for one in networks() for node in one["nodes"] if node["mac"] == mac_of(number))
+
+        wait_until(lambda: [len(one["nodes"]) for one in networks()] == [2, 1], BUSY, networks)
+        assert {one["ring"] for one in networks()} == {"normal"} and "stats" not in card(3)["ports"][0]
+        assert web.json(f"/api/node/{mac_of(3)}")["ports"][0]["stats"]
+        assert web.get(f"/api/node/{mac_of(9)}")[0] == 404
+        assert len([item for item in web.json(f"/api/pm/{mac_of(3)}/A")["periods"] if item]) == 1
+
+        events = Events(web)
+        put(f"cards/{mac_of(1)}/pub/diag/net/fire/link_down", bytes([2, 0, 0, 0, 0, 1, 7, 2]))
+        change = events.wait("change", lambda data: data["kind"] == "link_down")
+        assert (change["node"], change["port"], change["new"]) == (mac_of(1), "B", True)
+        events.wait("network", lambda data: data.get("ring") == "degraded" and data["since"])
+        wait_until(lambda: card(1)["number"] == 7 and card(1)["ports"][1]["faults"] == ["link-down"], BUSY, networks)
+        differs = wait_until(lambda: networks()[0]["differs"], BUSY)[0]
+        assert (differs["kind"], differs["mac"], differs["not_by"]) == ("listed", mac_of(1), [mac_of(2)])
+        assert differs["since"] and events.wait("change", lambda data: data["kind"] == "views")
+
+        put(f"cards/{mac_of(2)}/bridge", "0", brokers[:1])
+        put(f"cards/{mac_of(3)}/bridge", "0")
+        wait_until(lambda: not card(3)["reachable"] and card(3)["since"], BUSY, networks)
+        assert card(2)["reachable"]  # through the second broker
+        assert events.wait("change", lambda data: data["kind"] == "card")["node"] == mac_of(3)
+
+        start = len(events.items)
+        put(f"pub/diag/{mac_of(1)}/port_summary", '{"A":"red","B":"green"}')
+        put(f"pub/diag/{mac_of(4)}/port_summary", '{"A":"green"}')
+        events.wait("reset", start=start)
+        wait_until(lambda: len(networks()) == 3, BUSY)
+        told = [data for event, data in events.items[start:] if event == "change" and data["kind"] == "colour"]
+        assert len(told) == 1, "what two brokers tell is told twice"
+
+        # One that stands still, one that goes.
+        brokers[0].process.send_signal(signal.SIGSTOP)
+        lost = events.wait("connection", lambda data: data["brokers"][0]["connection"] == "lost")
+        assert lost["connection"] == "live" and "no word" in lost["brokers"][0]["reason"]
+        brokers[1].stop()
+        events.wait("connection", lambda data: data["connection"] == "lost")
+        assert web.get("/healthz")[0] == 503
+        start = len(events.items)
+        brokers[0].process.send_signal(signal.SIGCONT)
+        events.wait("connection", lambda data: data["connection"] == "live", start)
+        wait_until(lambda: not card(2)["reachable"], BUSY, networks)  # which the first broker alone says
+    brokers[0].stop()
+
+
 def test_a_recording_that_plays_wrong(tmp_path):
     recording = tmp_path / "recording"
     lines = [{"diagctl_recording": 1, "started": "2024-05-01T08:00:00Z"}]

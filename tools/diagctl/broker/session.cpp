@@ -32,6 +32,9 @@ constexpr int PUBLISH_QOS = 1;
 // to a subscription of this one comes behind everything that was retained for the one before.
 constexpr const char *BARRIER_FILTER = RESPONSE_TOPIC;
 
+// A subscription that nobody has: its end is acknowledged all the same, whatever one may read.
+constexpr const char *SIGN_OF_LIFE_FILTER = "pub/diag/nothing";
+
 constexpr int NO_ANSWER = -1;
 constexpr int REFUSED_SUBSCRIPTION = 0x80;
 
@@ -83,6 +86,12 @@ mosquitto *new_client(session *owner)
 }
 
 } // namespace
+
+std::string sign_of_life::words()
+{
+    return fmt::format("no word from it for {:.0f} s",
+                       std::chrono::duration<double>(SILENCE + ANSWER_TIME).count());
+}
 
 session::session(broker_address broker, const signal_input *watched, retain_flags wanted,
                  std::span<wait_input> always)
@@ -251,6 +260,7 @@ bool session::look(milliseconds limit, std::span<wait_input> inputs)
             fds.push_back({input.descriptor, POLLIN, 0});
         }
     }
+    limit = std::min(limit, look_for_life());
     if (poll(fds.data(), fds.size(), static_cast<int>(limit.count())) == -1) {
         if (errno != EINTR) {
             report_lost(strerror(errno));
@@ -272,11 +282,31 @@ bool session::look(milliseconds limit, std::span<wait_input> inputs)
     return true;
 }
 
+// Asks for a sign of life when it is time; the time until it is to be looked at again.
+milliseconds session::look_for_life()
+{
+    if (!is_life_expected) {
+        return milliseconds::max();
+    }
+    const auto now = steady_clock::now();
+    if (!asked_for_life && now - heard > sign_of_life::SILENCE) {
+        asked_for_life = now;
+        mosquitto_unsubscribe(client.get(), nullptr, SIGN_OF_LIFE_FILTER);
+    }
+    const auto due =
+        asked_for_life ? *asked_for_life + sign_of_life::ANSWER_TIME : heard + sign_of_life::SILENCE;
+    return std::max(milliseconds(0), std::chrono::ceil<milliseconds>(due - now) + milliseconds(1));
+}
+
 void session::serve(short events)
 {
     int result = MOSQ_ERR_SUCCESS;
     if ((events & (POLLIN | POLLHUP | POLLERR)) != 0) {
+        heard = steady_clock::now();
+        asked_for_life.reset();
         result = mosquitto_loop_read(client.get(), 1);
+    } else if (asked_for_life && steady_clock::now() - *asked_for_life > sign_of_life::ANSWER_TIME) {
+        report_lost(sign_of_life::words());
     }
     if (result == MOSQ_ERR_SUCCESS && mosquitto_want_write(client.get())) {
         result = mosquitto_loop_write(client.get(), 1);

@@ -8,6 +8,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -40,6 +41,14 @@ struct wait_input {
     std::function<void()> take; // called when there is something to read, or the end
 };
 
+// A broker that says nothing for a while is asked to: a connection to one that stands still, or is cut off, looks like one to a
+// quiet network. The library's keepalive takes up to twenty seconds to tell.
+struct sign_of_life {
+    static constexpr std::chrono::milliseconds SILENCE{1500};
+    static constexpr std::chrono::milliseconds ANSWER_TIME{3000};
+    static std::string words(); // no answer came
+};
+
 class session
 {
 public:
@@ -69,6 +78,9 @@ public:
     // From here on signals end a wait, or take_signal, given, decides which do.
     void watch(const signal_input &signals, std::function<bool(int signal)> take_signal = {});
 
+    // From here on a broker that gives no sign of life is lost.
+    void expect_signs_of_life() { is_life_expected = true; }
+
     // Serves the session until something of it happens. is_done is asked after each message or packet, and once a second;
     // it may leave next_look the time after which it wants to be asked again.
     static constexpr std::chrono::milliseconds FOREVER = std::chrono::years(10);
@@ -87,6 +99,7 @@ private:
     bool take_signal();
     bool look(std::chrono::milliseconds limit, std::span<wait_input> inputs);
     void serve(short events);
+    std::chrono::milliseconds look_for_life();
     void handle(const mosquitto_message &message) noexcept;
     void install_callbacks();
 
@@ -103,4 +116,7 @@ private:
     size_t subscriptions_granted = 0;
     bool is_subscription_refused = false;
     size_t publications_pending = 0;
+    bool is_life_expected = false;
+    std::chrono::steady_clock::time_point heard = std::chrono::steady_clock::now();
+    std::optional<std::chrono::steady_clock::time_point> asked_for_life;
 };

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <utility>
 
 namespace
 {
@@ -30,6 +31,8 @@ constexpr unsigned RETRY_SECONDS = 1;
 constexpr unsigned RETRY_MAX_SECONDS = 10;
 // A topic on which nobody publishes: the answer to its subscription comes behind everything that was retained.
 constexpr const char *BARRIER_FILTER = "cards/barrier";
+// A subscription that nobody has: its end is acknowledged all the same, whatever one may read.
+constexpr const char *SIGN_OF_LIFE_FILTER = "cards/nothing";
 constexpr int REFUSED_SUBSCRIPTION = 0x80;
 
 } // namespace
@@ -89,9 +92,15 @@ void site_brokers::open(link &opened, const site_login &login)
     mosquitto_disconnect_callback_set(opened.client, [](mosquitto *, void *user, int result) {
         link &self = *static_cast<link *>(user);
         const auto guard = self.owner->lock();
+        self.is_silent = false;
         if (self.now != state::AWAY) {
             self.owner->set_state(self, state::AWAY, mosquitto_strerror(result));
         }
+    });
+    mosquitto_unsubscribe_callback_set(opened.client, [](mosquitto *, void *user, int) {
+        link &self = *static_cast<link *>(user);
+        const auto guard = self.owner->lock();
+        self.owner->hear(self);
     });
     mosquitto_subscribe_callback_set(
         opened.client, [](mosquitto *, void *user, int, int count, const int *granted) {
@@ -108,7 +117,7 @@ void site_brokers::open(link &opened, const site_login &login)
         opened.client, [](mosquitto *, void *user, const mosquitto_message *message) {
             link &self = *static_cast<link *>(user);
             const auto guard = self.owner->lock();
-            self.heard = steady_clock::now();
+            self.owner->hear(self);
             self.owner->handlers.message(
                 self.index, message->topic,
                 {static_cast<const uint8_t *>(message->payload), static_cast<size_t>(message->payloadlen)},
@@ -132,8 +141,18 @@ void site_brokers::set_state(link &changed, state now, const std::string &reason
     changed.now = now;
     changed.reason = reason;
     changed.heard = steady_clock::now();
+    changed.asked.reset();
     handlers.change(changed.index, now);
     wake();
+}
+
+void site_brokers::hear(link &from)
+{
+    from.heard = steady_clock::now();
+    from.asked.reset();
+    if (std::exchange(from.is_silent, false)) {
+        set_state(from, state::THERE); // nothing was missed meanwhile
+    }
 }
 
 void site_brokers::wake() const
@@ -156,6 +175,33 @@ bool site_brokers::is_settled()
     return std::none_of(links.begin(), links.end(), [](const link &one) {
         return one.now == state::CONNECTING || one.now == state::LOADING;
     });
+}
+
+void site_brokers::look_after()
+{
+    eventfd_t ignored = 0;
+    static_cast<void>(eventfd_read(event, &ignored));
+    is_settled();
+    std::vector<mosquitto *> silent;
+    {
+        const auto guard = lock();
+        const auto now = steady_clock::now();
+        for (link &one : links) {
+            if (one.now != state::THERE) {
+                continue;
+            }
+            if (one.asked && now - *one.asked > sign_of_life::ANSWER_TIME) {
+                set_state(one, state::AWAY, sign_of_life::words());
+                one.is_silent = true;
+            } else if (!one.asked && now - one.heard > sign_of_life::SILENCE) {
+                one.asked = now;
+                silent.push_back(one.client);
+            }
+        }
+    }
+    for (mosquitto *client : silent) {
+        mosquitto_unsubscribe(client, nullptr, SIGN_OF_LIFE_FILTER);
+    }
 }
 
 void site_brokers::load(const signal_input &signals)

@@ -6,6 +6,7 @@
 
 #include <deque>
 #include <mutex>
+#include <optional>
 
 class signal_input;
 
@@ -44,6 +45,11 @@ public:
     // over.
     wait_end wait(const signal_input &signals, std::chrono::milliseconds limit, int other = -1);
 
+    // The same for a loop of the caller's: look_after() is due when the descriptor can be read, and each second. Brokers that say
+    // nothing, not even when they are asked, are taken to be away.
+    int descriptor() const { return event; }
+    void look_after();
+
     // Whoever looks at what the listener has taken in holds this.
     std::unique_lock<std::mutex> lock() { return std::unique_lock(mutex); }
 
@@ -64,12 +70,15 @@ private:
         state now = state::CONNECTING;
         std::string reason = {};
         size_t grants_awaited = 0;
-        std::chrono::steady_clock::time_point heard{}; // when anything last came
+        std::chrono::steady_clock::time_point heard{};                   // when anything last came
+        std::optional<std::chrono::steady_clock::time_point> asked = {}; // since, for a sign of life
+        bool is_silent = false; // away for its silence; the connection is still there
     };
 
     void open(link &opened, const site_login &login);
     void set_state(link &changed, state now, const std::string &reason = "");
     void wake() const;
+    void hear(link &from);
     bool is_settled();
 
     std::deque<link> links;

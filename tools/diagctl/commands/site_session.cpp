@@ -16,10 +16,11 @@ namespace
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr const char *VIEWS_FILTER = "cards/#";
 constexpr milliseconds REFRESH(200);
 
-std::vector<broker_address> addresses_of(const context &common)
+} // namespace
+
+std::vector<broker_address> site_addresses(const context &common)
 {
     std::vector<broker_address> addresses;
     for (const std::string &host : common.hosts) {
@@ -37,7 +38,7 @@ std::vector<broker_address> addresses_of(const context &common)
     return addresses;
 }
 
-site_login login_of(const context &common)
+site_login site_login_of(const context &common)
 {
     site_login login = {.user = common.user, .password = "", .ca_file = common.ca_file};
     if (!common.password_file.empty()) {
@@ -49,8 +50,6 @@ site_login login_of(const context &common)
     }
     return login;
 }
-
-} // namespace
 
 void add_site_options(command &added, context &common)
 {
@@ -86,7 +85,7 @@ site_session::site_session(const context &common, std::vector<std::string> filte
     }
     filters.insert(filters.begin(), VIEWS_FILTER);
     connections.emplace(
-        addresses_of(common), login_of(common), std::move(filters),
+        site_addresses(common), site_login_of(common), std::move(filters),
         site_brokers::listener{
             .message = [this](size_t broker, std::string_view topic, bytes payload,
                               bool is_retained) { take(broker, topic, payload, is_retained); },

@@ -3,17 +3,19 @@
 #include "broker/signals.h"
 #include "clock.h"
 #include "commands/context.h"
+#include "commands/site_session.h"
+#include "topics.h"
 #include "web/console.h"
 #include "web/http_server.h"
 #include "web/page_files.h"
 #include "web/player.h"
+#include "web/site_console.h"
 
 #include <fmt/core.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
@@ -33,6 +35,7 @@ using std::chrono::steady_clock;
 constexpr milliseconds PROBE_TIME(5000);
 constexpr milliseconds RETRY_INTERVAL(1000);
 constexpr seconds SIGN_OF_LIFE_INTERVAL(2);
+constexpr seconds SETTLE_TIME(5); // of a site's brokers, before the first page
 constexpr double MAX_SPEED = 1e6;
 
 struct web_options {
@@ -125,34 +128,46 @@ class web
 {
 public:
     web(const context &common, const web_options &options)
-        : broker_where(common.address()), names(named_network(common)),
+        : broker_where(common.is_site ? broker_address{} : common.address()), names(named_network(common)),
           server(*parse_listen_address(options.listen), served_names(options),
                  [this](const http_request &request) { return answer(request); }),
-          inputs({{{signals.descriptor(), [this] { take_signal(); }},
-                   {server.descriptor(), [this] { look(); }},
-                   {timer.descriptor(), [this] { look(); }}}})
+          inputs({{signals.descriptor(), [this] { take_signal(); }},
+                  {server.descriptor(), [this] { look(); }},
+                  {timer.descriptor(), [this] { look(); }}})
     {
         load_page();
         if (!options.layout.empty()) {
             load_layout(options.layout);
         }
         if (!options.replay.empty()) {
+            if (common.is_site) {
+                throw failure(STATUS_USAGE, "--replay plays a card's recording, not a site's");
+            }
             film.emplace(read_recording(options.replay), names, options.speed);
         }
-        state.emplace(console_info{.version = DIAG_VERSION,
-                                   .broker = film ? options.replay : broker_where.text(),
-                                   .is_replay = film.has_value(),
-                                   .has_layout = files.contains(LAYOUT)},
-                      names, current_moment().wall, [this](std::string event) {
-                          has_sent = true;
-                          server.send(std::move(event));
-                      });
+        page.emplace(console_info{.version = DIAG_VERSION,
+                                  .broker = film             ? options.replay
+                                            : common.is_site ? site_text(common)
+                                                             : broker_where.text(),
+                                  .is_site = common.is_site,
+                                  .is_replay = film.has_value(),
+                                  .has_layout = files.contains(LAYOUT)},
+                     current_moment().wall, [this](std::string event) {
+                         has_sent = true;
+                         server.send(std::move(event));
+                     });
+        if (common.is_site) {
+            cards.emplace(*page, common.hosts.size(), names.names);
+            open_site(common);
+        } else {
+            state.emplace(*page, names);
+        }
     }
 
     exit_status run()
     {
         try {
-            film ? play() : follow();
+            film ? play() : cards ? follow_site() : follow();
         } catch (const interruption &) {
             return STATUS_SUCCESS;
         }
@@ -188,7 +203,7 @@ private:
 
     [[noreturn]] void play()
     {
-        state->set_connection(true, "", now().wall);
+        page->set_connection(true, "", now().wall);
         seek(0);
         report_ready();
         for (;;) {
@@ -205,7 +220,7 @@ private:
             } catch (const failure &lost) {
                 const std::string reason = lost.what();
                 tell(reason.substr(0, reason.find('\n')) + ", trying again");
-                state->set_connection(false, reason.substr(0, reason.find('\n')), now().wall);
+                page->set_connection(false, reason.substr(0, reason.find('\n')), now().wall);
                 look();
             }
             report_ready();
@@ -229,9 +244,10 @@ private:
             return true;
         });
         broker.subscribe(all_filters());
+        broker.expect_signs_of_life();
         is_complete = true;
         state->replace(std::move(fresh));
-        state->set_connection(true, "", now().wall);
+        page->set_connection(true, "", now().wall);
         look();
         tell("connected to " + broker_where.text());
         report_ready();
@@ -240,12 +256,104 @@ private:
 
     void take(std::string_view topic, bytes payload, bool is_retained, const moment &when)
     {
-        const bool was_due = state->due().has_value();
+        const bool was_due = page->due().has_value();
         has_sent = false;
         state->take(topic, payload, is_retained, when);
         if (has_sent || !was_due) {
             look();
         }
+    }
+
+    // --- a site
+
+    static std::string site_text(const context &common)
+    {
+        std::string text;
+        for (const broker_address &address : site_addresses(common)) {
+            text += (text.empty() ? "" : ", ") + address.text();
+        }
+        return text;
+    }
+
+    void open_site(const context &common)
+    {
+        brokers.emplace(
+            site_addresses(common), site_login_of(common),
+            std::vector<std::string>{VIEWS_FILTER, DIAG_FILTER},
+            site_brokers::listener{
+                .message =
+                    [this](size_t broker, std::string_view topic, bytes payload, bool is_retained) {
+                        cards->take(broker, topic, payload, is_retained, current_moment());
+                    },
+                .change =
+                    [this](size_t broker, site_brokers::state is) {
+                        if (is == site_brokers::state::LOADING) {
+                            cards->forget(broker);
+                        }
+                        cards->set_there(broker, is == site_brokers::state::THERE);
+                    }});
+        inputs.push_back({brokers->descriptor(), [this] { look(); }});
+        site_since.resize(brokers->count(), now().wall);
+        site_states.resize(brokers->count(), site_brokers::state::CONNECTING);
+    }
+
+    [[noreturn]] void follow_site()
+    {
+        const auto patience = steady_clock::now() + SETTLE_TIME;
+        for (;;) {
+            look();
+            if (steady_clock::now() > patience || is_settled()) {
+                report_ready();
+            }
+            serve_inputs(inputs, is_ready ? session::FOREVER : RETRY_INTERVAL);
+        }
+    }
+
+    bool is_settled() const
+    {
+        return std::all_of(site_states.begin(), site_states.end(), [](site_brokers::state is) {
+            return is == site_brokers::state::THERE || is == site_brokers::state::AWAY;
+        });
+    }
+
+    // The time until it is to be looked at again. Under the lock of the brokers.
+    milliseconds look_at_site()
+    {
+        std::string array;
+        bool is_any_there = false;
+        std::string reasons;
+        for (size_t broker = 0; broker < brokers->count(); broker++) {
+            const site_brokers::state is = brokers->state_of(broker);
+            const bool is_there = is == site_brokers::state::THERE;
+            const std::string where = brokers->address(broker).text();
+            if (std::exchange(site_states[broker], is) != is) {
+                site_since[broker] = now().wall;
+                if (is == site_brokers::state::THERE || is == site_brokers::state::AWAY) {
+                    tell(is_there ? "connected to " + where
+                                  : fmt::format("no broker at {}: {}, trying again", where,
+                                                brokers->reason(broker)));
+                }
+            }
+            is_any_there |= is_there;
+            const std::string reason = is_there ? "" : brokers->reason(broker);
+            if (!reason.empty()) {
+                reasons += fmt::format("{}{}: {}", reasons.empty() ? "" : "; ", where, reason);
+            }
+            array +=
+                fmt::format(R"({}{{"address":{},"connection":"{}","since":{},"reason":{}}})",
+                            array.empty() ? "" : ",", quoted_json(where), is_there ? "live" : "lost",
+                            time_json(site_since[broker]), reason.empty() ? "null" : quoted_json(reason));
+        }
+        // A broker that has begun to tell everything shows nothing of it before the end.
+        milliseconds wait = SIGN_OF_LIFE_INTERVAL;
+        if (is_any_there && (is_ready || is_settled())) {
+            wait = cards->look(current_moment());
+        }
+        page->set_brokers("[" + array + "]");
+        if (is_any_there || is_settled()) {
+            page->set_connection(is_any_there, reasons, now().wall);
+        }
+        return std::min<milliseconds>(wait, RETRY_INTERVAL);
     }
 
     void take_signal()
@@ -256,22 +364,33 @@ private:
         }
     }
 
+    // What the brokers of a site say comes from threads of the library.
+    std::unique_lock<std::mutex> lock() { return brokers ? brokers->lock() : std::unique_lock<std::mutex>(); }
+
+    console_model &model() { return cards ? static_cast<console_model &>(*cards) : *state; }
+
     // Does what is due, and sets the time for what is due next.
     void look()
     {
-        std::optional<milliseconds> wait = film ? film->play(taker()) : std::nullopt;
+        if (brokers) {
+            brokers->look_after();
+        }
+        const auto guard = lock();
+        std::optional<milliseconds> wait = film      ? film->play(taker())
+                                           : brokers ? std::optional(look_at_site())
+                                                     : std::nullopt;
         const auto until = [](steady_clock::time_point due) {
             return std::chrono::ceil<milliseconds>(due - steady_clock::now());
         };
-        if (const auto due = state->due(); due && until(*due).count() <= 0) {
-            state->flush();
+        if (const auto due = page->due(); due && until(*due).count() <= 0) {
+            model().flush();
         }
         if (until(sign_of_life_due).count() <= 0) {
             server.send(":\n\n");
             sign_of_life_due = steady_clock::now() + SIGN_OF_LIFE_INTERVAL;
         }
         const milliseconds served = server.serve();
-        const auto due = state->due();
+        const auto due = page->due();
         timer.set(
             std::min({wait.value_or(served), served, until(sign_of_life_due), due ? until(*due) : served}));
     }
@@ -304,17 +423,21 @@ private:
             return file->second;
         }
         if (path == "/api/network") {
-            return {.status = 200, .type = "application/json", .body = state->snapshot(now().wall)};
+            return {.status = 200, .type = "application/json", .body = page->snapshot(now().wall)};
         }
         if (path == "/api/events") {
             return {.status = 200, .type = "text/event-stream", .body = nullptr, .is_stream = true};
         }
         if (path == "/api/log") {
-            return json_answer(state->log(static_cast<uint64_t>(
+            return json_answer(page->log(static_cast<uint64_t>(
                 std::min(argument(request, "after").value_or(0), static_cast<double>(INT64_MAX)))));
         }
         if (path == "/healthz") {
-            return state->is_live() ? text_answer(200, "ok") : text_answer(503, "broker lost");
+            return page->is_live() ? text_answer(200, "ok") : text_answer(503, "broker lost");
+        }
+        if (path.starts_with(NODE)) {
+            const std::optional<mac_address> mac = parse_topic_mac(path.substr(NODE.size()));
+            return found_answer(mac ? model().node_of(*mac) : std::nullopt, "no such node is known");
         }
         if (path.starts_with(PERFORMANCE)) {
             return answer_performance(path.substr(PERFORMANCE.size()));
@@ -329,11 +452,16 @@ private:
     http_answer answer_performance(const std::string &port)
     {
         const size_t slash = std::min(port.find('/'), port.size() - 1);
-        std::optional<std::string> found =
-            port.empty() ? std::nullopt
-                         : state->performance(port.substr(0, slash), port.substr(slash + 1), now().wall);
-        return found ? json_answer(std::move(*found))
-                     : text_answer(404, "no records are published for this port");
+        const std::optional<mac_address> mac = parse_topic_mac(port.substr(0, slash));
+        const std::optional<int> number =
+            port.empty() ? std::nullopt : parse_port(std::string_view(port).substr(slash + 1));
+        return found_answer(mac && number ? model().performance(*mac, *number, now().wall) : std::nullopt,
+                            "no records are published for this port");
+    }
+
+    static http_answer found_answer(std::optional<std::string> found, const char *otherwise)
+    {
+        return found ? json_answer(std::move(*found)) : text_answer(404, otherwise);
     }
 
     http_answer answer_recording(const std::string &command, const std::optional<double> &to)
@@ -384,6 +512,7 @@ private:
         fflush(stdout);
     }
 
+    static constexpr std::string_view NODE = "/api/node/";
     static constexpr std::string_view PERFORMANCE = "/api/pm/";
     static constexpr std::string_view RECORDING = "/api/recording";
 
@@ -393,13 +522,18 @@ private:
     alarm_clock timer;
     std::map<std::string, http_answer> files;
     std::optional<player> film;
-    std::optional<console> state;
+    std::optional<page_state> page;
+    std::optional<console> state;      // of a card's broker or a recording
+    std::optional<site_console> cards; // else
+    std::vector<site_brokers::state> site_states;
+    std::vector<wall_time> site_since;
     steady_clock::time_point sign_of_life_due{};
     std::string told;
     bool is_ready = false;
     bool has_sent = false; // to the readers of events, which have not been served since
-    http_server server;    // ends first: its answers are the others'
-    std::array<wait_input, 3> inputs;
+    http_server server;    // its answers are the others'
+    std::vector<wait_input> inputs;
+    std::optional<site_brokers> brokers; // ends first: its threads call the others
 };
 
 } // namespace
@@ -432,4 +566,5 @@ void add_web_command(command_line &line, context &common)
                   .needed = "--replay"},
                  options->speed, 0.0, MAX_SPEED);
     add_broker_options(added, common);
+    add_site_options(added, common);
 }

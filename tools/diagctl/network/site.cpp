@@ -134,6 +134,8 @@ bool apply(site_account &account, std::string_view topic, bytes payload, bool is
     if (card == nullptr) {
         return false;
     }
+    out.card = mac;
+    out.is_view = is_view;
     if (!is_retained) {
         card->last_message = now;
     }

@@ -50,7 +50,9 @@ struct site_change {
 };
 
 struct site_changes {
-    changes nodes; // of the cards' own topics
+    std::optional<mac_address> card = {}; // whose message it was
+    bool is_view = false;                 // what the card says of others, of its lists or its connection
+    changes nodes;                        // of the cards' own topics
     std::vector<site_change> cards;
 };
 

@@ -46,23 +46,6 @@ nlohmann::ordered_json macs_json(const std::vector<mac_address> &macs)
     return array;
 }
 
-nlohmann::ordered_json difference_json(const view_difference &item)
-{
-    constexpr const char *KINDS[] = {"parts", "not_heard", "listed"};
-    nlohmann::ordered_json object = {{"kind", KINDS[item.kind]}};
-    if (item.kind != view_difference::PARTS) {
-        object["mac"] = mac_text(item.subject);
-    }
-    if (item.kind == view_difference::LISTED) {
-        object["list"] = PORT_LIST_INFOS[item.list].name;
-        object["ports"] = port_letters(item.ports);
-    }
-    object["by"] = macs_json(item.seen_by);
-    object["not_by"] = macs_json(item.not_by);
-    object["since"] = time_json(item.since);
-    return object;
-}
-
 screen_lines difference_lines(const site &all, const site_network &shown)
 {
     screen_lines lines;
@@ -81,21 +64,16 @@ screen_line network_title(const site &all, const site_network &shown)
 
 } // namespace
 
-network site_network_model(const site &all, const std::vector<mac_address> &cards)
+card_view site_network_view(const site &all, const std::vector<mac_address> &cards)
 {
-    network net;
-    net.names = all.net(cards[0]).names;
+    card_view view;
     for (const mac_address &mac : cards) {
-        if (const node *const found = all.find(mac)) {
-            net.nodes[mac] = *found;
-        }
-        net.nodes[mac].mac = mac;
         const site_card *const card = all.card(mac);
         if (card == nullptr || !all.is_connected(mac).value_or(true)) {
             continue;
         }
         for (size_t list = 0; list < PORT_LISTS; list++) {
-            fact<port_list_value> &merged = net.lists[list];
+            fact<port_list_value> &merged = view.lists[list];
             const fact<port_list_value> &said = card->view.lists[list];
             if (!said.value) {
                 continue;
@@ -114,9 +92,23 @@ network site_network_model(const site &all, const std::vector<mac_address> &card
                 }
             }
         }
-        if (!net.miswired_links.value) {
-            net.miswired_links = card->view.miswired_links;
+        if (!view.miswired_links.value) {
+            view.miswired_links = card->view.miswired_links;
         }
+    }
+    return view;
+}
+
+network site_network_model(const site &all, const std::vector<mac_address> &cards)
+{
+    network net;
+    static_cast<card_view &>(net) = site_network_view(all, cards);
+    net.names = all.net(cards[0]).names;
+    for (const mac_address &mac : cards) {
+        if (const node *const found = all.find(mac)) {
+            net.nodes[mac] = *found;
+        }
+        net.nodes[mac].mac = mac;
     }
     for (const auto &list : net.lists) {
         for (const listed_ports &record : list.value.value_or(port_list_value{})) {
@@ -150,6 +142,11 @@ network site_card_model(const site &all, const mac_address &mac)
     return net;
 }
 
+bool is_restless(const site_card &card)
+{
+    return card.bridge_losses >= RESTLESS_LOSSES;
+}
+
 std::string connection_text(const site_card *card, const moment &start)
 {
     if (card == nullptr || !card->bridge.value) {
@@ -159,7 +156,7 @@ std::string connection_text(const site_card *card, const moment &start)
     if (!*card->bridge.value) {
         text += card->bridge_since ? since_text(card->bridge_since) : " since before " + date_text(start);
     }
-    if (card->bridge_losses >= RESTLESS_LOSSES) {
+    if (is_restless(*card)) {
         text += fmt::format(", lost {} times: have two cards this address?", card->bridge_losses);
     }
     return text;
@@ -268,6 +265,23 @@ screen_lines site_lists_lines(const site &all, const moment &start)
         append_lines(lines, difference_lines(all, shown));
     }
     return lines;
+}
+
+nlohmann::ordered_json difference_json(const view_difference &item)
+{
+    constexpr const char *KINDS[] = {"parts", "not_heard", "listed"};
+    nlohmann::ordered_json object = {{"kind", KINDS[item.kind]}};
+    if (item.kind != view_difference::PARTS) {
+        object["mac"] = mac_text(item.subject);
+    }
+    if (item.kind == view_difference::LISTED) {
+        object["list"] = PORT_LIST_INFOS[item.list].name;
+        object["ports"] = port_letters(item.ports);
+    }
+    object["by"] = macs_json(item.seen_by);
+    object["not_by"] = macs_json(item.not_by);
+    object["since"] = time_json(item.since);
+    return object;
 }
 
 nlohmann::ordered_json connection_json(const site_card *card)

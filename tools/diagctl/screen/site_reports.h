@@ -5,7 +5,8 @@
 #include "network/site.h"
 #include "screen/reports.h"
 
-// What is said of the cards as one network: their nodes, and the ports that any connected one lists.
+// What is said of the cards as one network: the ports that any connected one lists, and their nodes.
+card_view site_network_view(const site &all, const std::vector<mac_address> &cards);
 network site_network_model(const site &all, const std::vector<mac_address> &cards);
 // The card's own view, with it as the local node.
 network site_card_model(const site &all, const mac_address &mac);
@@ -22,3 +23,6 @@ screen_lines site_lists_lines(const site &all, const moment &start);
 
 nlohmann::ordered_json site_json(const site &all, node_order order);
 nlohmann::ordered_json connection_json(const site_card *card);
+nlohmann::ordered_json difference_json(const view_difference &item);
+// Lost again and again: two cards may have one address.
+bool is_restless(const site_card &card);

@@ -43,7 +43,7 @@ json &port_entry(json &ports, const std::string &port)
 }
 
 // Front ports in their order, and the CPU port behind them where it has statistics.
-json page_ports(const network &net, const node &shown, json ports)
+json page_ports(const network &net, const node &shown, json ports, bool with_statistics)
 {
     if (ports.is_object()) {
         return ports; // malformed
@@ -54,7 +54,7 @@ json page_ports(const network &net, const node &shown, json ports)
     for (const char letter : port_letters(listed)) {
         port_entry(ports, std::string(1, letter));
     }
-    json known = ports_json(net, shown);
+    json known = with_statistics ? ports_json(net, shown) : json({{"ports", json::array()}});
     for (json &measured : known["ports"]) {
         json &entry = port_entry(ports, measured["port"]);
         entry["stats"] = std::move(measured["statistics"]);
@@ -216,17 +216,23 @@ std::string time_json(const std::optional<wall_time> &when)
     return fmt::format("\"{}.{:03}Z\"", text, part);
 }
 
-std::string page_node_json(const network &net, const node &shown, const std::optional<wall_time> &left)
+std::string page_node_json(const network &net, const node &shown, const node_standing &standing)
 {
     json object = node_json(net, shown);
     object.erase("location");
     object.erase("faults");
     object.erase("rings");
+    if (standing.number && !shown.number) {
+        object["number"] = *standing.number;
+    }
     object["local"] = net.is_local(shown.mac);
-    object["reachable"] = true;
-    object["since"] = left ? json(utc_text(*left)) : json();
-    object["ports"] = page_ports(net, shown, std::move(object["ports"]));
+    object["reachable"] = standing.is_reachable;
+    object["since"] = standing.since ? json(utc_text(*standing.since)) : json();
+    object["ports"] = page_ports(net, shown, std::move(object["ports"]), standing.with_statistics);
     object["problems"] = problems_of(net, shown);
+    for (const std::string &problem : standing.problems) {
+        object["problems"].push_back(problem);
+    }
     return json_text(object);
 }
 
@@ -247,6 +253,7 @@ json_parts page_parts_json(const network &net, const std::optional<wall_time> &r
                         {"ring", json_text(lists["ring"])},
                         {"since", time_json(ring_since)},
                         {"rings", json_text(rings)},
+                        {"differs", "[]"},
                         {"miswired_links", json_text(lists["miswired_links"])}};
     for (const fault &each : FAULTS) {
         parts.emplace_back(each.part, json_text(lists[PORT_LIST_INFOS[each.list].name]));
@@ -254,22 +261,27 @@ json_parts page_parts_json(const network &net, const std::optional<wall_time> &r
     return parts;
 }
 
-std::string page_change_json(const network &net, const change &item, uint64_t id, wall_time when)
+std::string page_change_json(const network &net, const change &item, std::optional<size_t> network_index)
 {
     change told = item;
     shorten(told.before);
     shorten(told.after);
-    const json known = change_json(net, told, "", when, change_text(net, told));
+    const json known = change_json(net, told, "", {}, change_text(net, told));
     std::string kind = known["kind"];
     for (const fault &each : FAULTS) {
         if (item.kind == change_kind::LISTED && item.what == PORT_LIST_INFOS[each.list].name) {
             kind = each.part;
         }
     }
-    const json object = {{"network", 0},        {"node", known["mac"]},   {"port", known["port"]},
-                         {"kind", kind},        {"what", known["what"]},  {"old", known["old"]},
-                         {"new", known["new"]}, {"text", known["change"]}};
-    return fmt::format(R"({{"id":{},"time":{},{})", id, time_json(when), json_text(object).substr(1));
+    const json object = {{"network", network_index ? json(*network_index) : json()},
+                         {"node", known["mac"]},
+                         {"port", known["port"]},
+                         {"kind", kind},
+                         {"what", known["what"]},
+                         {"old", known["old"]},
+                         {"new", known["new"]},
+                         {"text", known["change"]}};
+    return json_text(object);
 }
 
 std::optional<std::string> page_performance_json(const network &net, const mac_address &mac, int port,

@@ -9,7 +9,7 @@ import { pmView } from "./pm.js";
 import { startRecording } from "./recording.js";
 import { networkState, totals, totalsText } from "./state.js";
 import { store } from "./store.js";
-import { cut, timeText } from "./text.js";
+import { cut, listOf, timeText } from "./text.js";
 import { initTheme } from "./theme.js";
 
 const views = [
@@ -59,15 +59,17 @@ function show() {
             link.removeAttribute("aria-current");
         }
     });
-    current.update?.({ nodes: new Set(), all: true });
+    current.update?.({ networks: new Map(), all: true });
 }
+
+const reasonText = () => (store.info.reason ? ` (${cut(String(store.info.reason))})` : "");
 
 const lostTexts = {
     connecting: () => "Connecting …",
     server: (since) =>
         `No connection to the console's server since ${since}. What is shown is from then. Trying again …`,
     broker: (since) =>
-        `The server has no connection to the broker since ${since}. What is shown is from then.`,
+        `The server has no connection to the broker since ${since}${reasonText()}. What is shown is from then.`,
 };
 
 function showConnection() {
@@ -88,6 +90,20 @@ function showConnection() {
     document.body.dataset.replay = replay ? "true" : "false";
 }
 
+// Of a site's brokers, while another one is there.
+function lostBrokers() {
+    return listOf(store.info.brokers)
+        .filter(({ connection }) => store.isLive && connection === "lost")
+        .map(({ address, since, reason }) =>
+            h(
+                "p",
+                { class: "total wrong", role: "status", "data-broker": address },
+                `No connection to the broker ${address} since ${timeText(since, store.now())}`,
+                reason && ` (${cut(String(reason))})`,
+            ),
+        );
+}
+
 function showState() {
     const { networks } = store;
     const sum = totals(networks);
@@ -100,6 +116,7 @@ function showState() {
             : networks.length > 1 &&
                   h("p", { class: "ring" }, h("strong", {}, `${networks.length} networks`)),
         store.isLoaded && totalsText(networks),
+        lostBrokers(),
     );
     const state = document.getElementById("state");
     if (state.firstElementChild) {
@@ -107,7 +124,7 @@ function showState() {
     } else {
         arrange(state, [wanted]);
     }
-    const wrong = sum.faults + sum.gone + sum.degraded;
+    const wrong = sum.faults + sum.gone + sum.degraded + sum.differing;
     const words = !store.isLive ? "no connection" : wrong > 0 ? `${wrong} wrong` : "all well";
     setText(document.querySelector("title"), store.isLoaded ? `${words} – diag` : "diag");
 }
@@ -116,7 +133,7 @@ store.subscribe((changes) => {
     if (changes.all || changes.connection) {
         showConnection();
     }
-    if (changes.all || changes.connection || changes.lists) {
+    if (changes.all || changes.connection || changes.networks.size > 0) {
         showState();
     }
     current?.update?.(changes);

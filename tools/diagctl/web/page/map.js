@@ -1,10 +1,10 @@
 // The network drawn: nodes in their ring, ports and links. Nodes can be put elsewhere, and stay there.
 
 import { h, morph, setText, svg } from "./dom.js";
-import { choose, save } from "./file.js";
+import { choose as chooseFile, save } from "./file.js";
 import { layout, layoutText, parseLayout, ringPlaces } from "./layout.js";
-import { colourOf, faultsOf, isGone, portWords, portsOf, ringOrder, titleOf } from "./nodes.js";
-import { differences, networkState, networkTitle } from "./state.js";
+import { colourOf, faultsOf, goneWords, isGone, portWords, portsOf, ringOrder, titleOf } from "./nodes.js";
+import { differences, mapAddress, networkKey, networkState, networkTitle } from "./state.js";
 import { store } from "./store.js";
 import { cut, listOf, valueText } from "./text.js";
 import { Viewport } from "./viewport.js";
@@ -28,10 +28,15 @@ const HELP =
     "are drawn from port B to the next node's port A. Drag nodes, or move the focused one with Shift and the arrow " +
     "keys; the arrow keys alone go from node to node, Enter opens one.";
 
-let shownNetwork = 0; // outlasts a look at another view
+// From the bottom up.
+const FREE_PLACES = [0.5, -0.5, 1.5, -1.5, 2.5, -2.5, 3.5, -3.5].map((step) => Math.PI / 2 + (step * Math.PI) / 4);
+const APART = 0.6; // between ports: less would hide one
+
+let shownKey = ""; // of the network; outlasts a look at another view
 
 const translate = ({ x, y }) => `translate(${x.toFixed(1)} ${y.toFixed(1)})`;
 const direction = (from, to) => Math.atan2(to.y - from.y, to.x - from.x);
+const distance = (a, b) => Math.abs(Math.atan2(Math.sin(a - b), Math.cos(a - b)));
 const pointAt = (place, angle, distance) => ({
     x: place.x + Math.cos(angle) * distance,
     y: place.y + Math.sin(angle) * distance,
@@ -72,11 +77,7 @@ class Item {
         element.setAttribute("data-present", String(node.present !== false));
         element.setAttribute("data-reachable", String(node.reachable !== false));
         const where =
-            node.present === false
-                ? "has left the network"
-                : node.reachable === false
-                  ? "unreachable"
-                  : "present";
+            goneWords(node) ?? "present";
         setText(
             this.title,
             [
@@ -104,11 +105,14 @@ class Item {
         morph(this.body, content);
     }
 
-    // Ports with a link stand where it begins, the others below.
+    // Ports with a link stand where it begins, the others below, or where there is room.
     turn(lamps = this.element.querySelectorAll("[data-port]")) {
+        const taken = [...this.angles.values()];
+        const places = FREE_PLACES.filter((angle) => taken.every((other) => distance(angle, other) > APART));
         let free = 0;
         for (const element of lamps) {
-            const angle = this.angles.get(element.dataset.port) ?? Math.PI / 2 + (free++ - 0.5) * 0.9;
+            const angle =
+                this.angles.get(element.dataset.port) ?? places[free++] ?? FREE_PLACES[free % FREE_PLACES.length];
             element.setAttribute("transform", translate(pointAt({ x: 0, y: 0 }, angle, RADIUS)));
         }
     }
@@ -414,7 +418,9 @@ function button(label, act) {
     return element;
 }
 
-export function mapView() {
+export function mapView(_, query) {
+    shownKey = query.get("network") ?? shownKey;
+    let shownNetwork = 0;
     const surface = svg("svg", {
         class: "map",
         role: "group",
@@ -456,7 +462,7 @@ export function mapView() {
             save("diag-layout.json", "application/json", layoutText(drawing.order)),
         ),
         button("Load arrangement", () =>
-            choose(".json,application/json", (text) => {
+            chooseFile(".json,application/json", (text) => {
                 try {
                     layout.add(parseLayout(text));
                     drawing.arrange();
@@ -471,7 +477,10 @@ export function mapView() {
     );
 
     function begin() {
-        shownNetwork = Math.min(shownNetwork, Math.max(0, store.networks.length - 1));
+        shownNetwork = Math.max(
+            0,
+            store.networks.findIndex(({ nodes }) => nodes.has(shownKey)),
+        );
         select.hidden = store.networks.length < 2;
         select.replaceChildren(
             ...store.networks.map((network, index) =>
@@ -486,14 +495,7 @@ export function mapView() {
         if (!network) {
             return;
         }
-        const prefix = `${shownNetwork}/`;
-        const dirty = changes.all
-            ? null
-            : new Set(
-                  [...changes.nodes]
-                      .filter((key) => key.startsWith(prefix))
-                      .map((key) => key.slice(prefix.length)),
-              );
+        const dirty = changes.all ? null : (changes.networks.get(shownNetwork) ?? new Set());
         const count = drawing.order.length;
         drawing.update(network, dirty);
         if (drawing.order.length !== count) {
@@ -508,12 +510,19 @@ export function mapView() {
         );
     }
 
-    select.addEventListener("change", () => {
-        shownNetwork = Number(select.value);
+    function choose(index) {
+        shownNetwork = index;
+        shownKey = networkKey(store.networks[index]);
+        select.value = String(index);
         surface.replaceChildren();
         drawing = new Drawing(surface);
         draw({ all: true });
         fit();
+    }
+
+    select.addEventListener("change", () => {
+        choose(Number(select.value));
+        history.replaceState(null, "", mapAddress(store.networks[shownNetwork]));
     });
     return {
         element: h(
@@ -533,9 +542,16 @@ export function mapView() {
                     fit();
                 });
             }
-            if (changes.all || changes.lists || changes.connection) {
+            if (changes.all || changes.networks.has(shownNetwork) || changes.connection) {
                 draw(changes);
             }
+        },
+        navigate(__, newQuery) {
+            const wanted = store.networks.findIndex(({ nodes }) => nodes.has(newQuery.get("network")));
+            if (wanted >= 0 && wanted !== shownNetwork) {
+                choose(wanted);
+            }
+            return true;
         },
         close: () => viewport.close(),
     };

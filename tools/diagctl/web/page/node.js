@@ -2,11 +2,13 @@
 
 import { h, morph } from "./dom.js";
 import { changeRow } from "./events.js";
-import { colourOf, faultsOf, lamp, portWords, portsOf, titleOf } from "./nodes.js";
+import { colourOf, faultsOf, goneWords, lamp, portWords, portsOf, titleOf } from "./nodes.js";
+import { mapAddress, networkTitle } from "./state.js";
 import { store } from "./store.js";
 import { isMalformed, listOf, malformedText, numberText, timeText, valueText } from "./text.js";
 
 const CHANGES = 100;
+const MEASURE_MS = 5000;
 
 const FACTS = [
     ["job_name", "Job"],
@@ -21,16 +23,10 @@ const FACTS = [
     ["card_addr", "Card address"],
 ];
 
-function sinceText({ since }) {
-    return since ? ` since ${timeText(since, store.now())}` : "";
-}
-
 function where(node) {
-    if (node.present === false) {
-        return `has left the network${sinceText(node)}; this is what it left behind`;
-    }
-    if (node.reachable === false) {
-        return `unreachable${sinceText(node)}; the values are old`;
+    const gone = goneWords(node);
+    if (gone) {
+        return node.present === false ? `${gone}; this is what it left behind` : gone;
     }
     return node.local ? "this card" : "in the network";
 }
@@ -109,7 +105,9 @@ function statistics(node) {
         return h(
             "p",
             { class: "faint" },
-            "Not published on this broker: a node's statistics are on its own card's.",
+            store.info.kind === "site"
+                ? "Not published."
+                : "Not published on this broker: a node's statistics are on its own card's.",
         );
     }
     const names = [...new Set(measured.flatMap((port) => Object.keys(port.stats)))];
@@ -164,7 +162,7 @@ function changesOf(mac) {
         .reverse();
 }
 
-function content(mac) {
+function content(mac, measured) {
     const found = store.find(mac);
     if (!found) {
         return h(
@@ -174,7 +172,8 @@ function content(mac) {
             h("p", {}, store.isLoaded ? "No such node is known here." : ""),
         );
     }
-    const { node, network } = found;
+    const { network } = found;
+    const node = measured ? { ...found.node, ports: measured.ports } : found.node;
     const problems = listOf(node.problems);
     const changes = changesOf(mac);
     return h(
@@ -186,6 +185,8 @@ function content(mac) {
             "data-reachable": String(node.reachable !== false),
         },
         h("h1", {}, titleOf(node)),
+        store.networks.length > 1 &&
+            h("p", {}, h("a", { href: mapAddress(network) }, networkTitle(network, found.index))),
         h(
             "section",
             {},
@@ -228,7 +229,33 @@ function content(mac) {
 export function nodeView([mac]) {
     const element = h("div");
     let seen = -1; // id of the newest change
+    let measured = null; // the node with its statistics, where the state has none
+    let timer = null;
+    let isClosed = false;
     store.wantWholeLog();
+
+    function draw() {
+        element.replaceChildren(
+            element.firstElementChild
+                ? morph(element.firstElementChild, content(mac, measured))
+                : content(mac, measured),
+        );
+    }
+
+    // At a site the statistics of a node come when they are asked for.
+    async function measure() {
+        clearTimeout(timer);
+        timer = setTimeout(measure, MEASURE_MS);
+        try {
+            const response = await fetch(`/api/node/${encodeURIComponent(mac)}`, { cache: "no-store" });
+            measured = response.ok ? await response.json() : null;
+        } catch {
+            return; // the banner says so
+        }
+        if (!isClosed) {
+            draw();
+        }
+    }
 
     function hasNews() {
         const before = seen;
@@ -244,12 +271,21 @@ export function nodeView([mac]) {
     return {
         element,
         update(changes) {
-            const isMine = [...changes.nodes].some((key) => key.endsWith(`/${mac}`));
-            if (changes.all || isMine || (changes.log && (changes.older || hasNews()))) {
-                element.replaceChildren(
-                    element.firstElementChild ? morph(element.firstElementChild, content(mac)) : content(mac),
-                );
+            const isMine = [...changes.networks.values()].some((macs) => macs.has(mac));
+            if ((changes.all || isMine) && store.info.kind === "site") {
+                measure();
+            } else if (
+                changes.all ||
+                changes.connection ||
+                isMine ||
+                (changes.log && (changes.older || hasNews()))
+            ) {
+                draw();
             }
+        },
+        close() {
+            isClosed = true;
+            clearTimeout(timer);
         },
     };
 }

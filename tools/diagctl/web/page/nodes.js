@@ -1,7 +1,8 @@
 // What can be said of a node and its ports, and how nodes are ordered and found.
 
 import { h } from "./dom.js";
-import { cut, isMalformed, listOf, malformedText, numberText, valueText } from "./text.js";
+import { store } from "./store.js";
+import { cut, isMalformed, listOf, malformedText, numberText, timeText, valueText } from "./text.js";
 
 const FAULT_WORDS = { "link-down": "link down", ground: "ground fault", miswired: "miswired" };
 const COLOURS = new Set(["green", "yellow", "red"]);
@@ -94,6 +95,21 @@ export function versionsText(node) {
         .join(" / ");
 }
 
+// Why a node is not there, in words; null where it is.
+export function goneWords(node) {
+    const when = node.since ? ` since ${timeText(node.since, store.now())}` : "";
+    if (node.reachable === false) {
+        const before = ` since before ${timeText(store.info.started, store.now())}`;
+        return `unreachable${when || before}: the values are old`;
+    }
+    if (node.present !== false) {
+        return null;
+    }
+    return when || store.info.kind !== "site"
+        ? `has left the network${when}`
+        : "tells nothing of itself";
+}
+
 export const isGone = (node) => node.present === false || node.reachable === false;
 export const hasFault = (node) =>
     portsOf(node).some((port) => faultsOf(port).length > 0 || port.colour === "red");
@@ -158,15 +174,25 @@ export const FILTERS = {
     miswired: { label: "miswired", test: (node) => hasListed(node, "miswired") },
     gone: { label: "left or unreachable", test: isGone },
     degraded: { label: "in a degraded network", test: (_, network) => network.ring === "degraded" },
+    differing: {
+        label: "in a network whose views differ",
+        test: (_, network) => listOf(network.differs).length > 0,
+    },
 };
 
 function hasListed(node, fault) {
     return portsOf(node).some((port) => faultsOf(port).includes(fault));
 }
 
-// Everything that a tile shows, in lower case; MAC addresses with any separators.
-export function searchText(node) {
-    return [
+// Everything that a tile shows, in lower case; MAC addresses with any separators. A node that changes is another object.
+const searchTexts = new WeakMap();
+
+function searchText(node) {
+    const known = searchTexts.get(node);
+    if (known !== undefined) {
+        return known;
+    }
+    const text = [
         node.name,
         node.mac,
         node.mac.replaceAll("-", ":"),
@@ -181,6 +207,8 @@ export function searchText(node) {
     ]
         .join("\n")
         .toLowerCase();
+    searchTexts.set(node, text);
+    return text;
 }
 
 // What somebody has typed; a node or a change has to contain all of it.

@@ -6,6 +6,8 @@ import {
     FILTERS,
     LISTS,
     ORDERS,
+    goneWords,
+    isGone,
     jobText,
     lamps,
     listedNode,
@@ -16,9 +18,9 @@ import {
     versionsText,
     wordsOf,
 } from "./nodes.js";
-import { differences, networkRank, networkState, networkTitle } from "./state.js";
+import { differences, mapAddress, networkRank, networkState, networkTitle } from "./state.js";
 import { store } from "./store.js";
-import { countText, isMalformed, listOf, malformedText, timeText, valueText } from "./text.js";
+import { countText, isMalformed, listOf, malformedText, valueText } from "./text.js";
 
 const LATEST = 12;
 const ORDER_INTERVAL_MS = 1000;
@@ -26,14 +28,6 @@ const MAX_OPEN = 300; // nodes of all networks; beyond, those with nothing wrong
 const choices = { text: "", show: "all", order: "faults" }; // they outlast a look at another view
 
 const ORDER_LABELS = { faults: "faults first", number: "number", name: "name", change: "last change" };
-
-function goneWords(node) {
-    const since = node.since ? ` since ${timeText(node.since, store.now())}` : "";
-    if (node.present === false) {
-        return `has left the network${since}`;
-    }
-    return node.reachable === false ? `unreachable${since}: the values are old` : null;
-}
 
 function tile(node) {
     const problems = [goneWords(node), ...listOf(node.problems).map(valueText)].filter(Boolean);
@@ -103,8 +97,29 @@ function listWords(network, { name }) {
     return list === null || list === undefined ? "not published" : null;
 }
 
+function goneList(nodes) {
+    return h(
+        "section",
+        { "aria-label": "Not there" },
+        h("h3", {}, "Not there"),
+        h(
+            "ul",
+            { "data-list": "gone" },
+            nodes.map((node) =>
+                h(
+                    "li",
+                    { "data-node": node.mac },
+                    h("a", { href: `#/node/${encodeURIComponent(node.mac)}` }, titleOf(node)),
+                    ` ${goneWords(node)}`,
+                ),
+            ),
+        ),
+    );
+}
+
 function lists() {
     const links = store.networks.flatMap((network) => listOf(network.miswired_links));
+    const gone = store.networks.flatMap(({ nodes }) => [...nodes.values()].filter(isGone));
     return h(
         "div",
         { class: "lists" },
@@ -119,6 +134,7 @@ function lists() {
                 entries.length === 0 && h("p", { class: "faint" }, words[0] ?? "none"),
             );
         }),
+        gone.length > 0 && goneList(gone),
         links.length > 0 &&
             h(
                 "section",
@@ -176,11 +192,11 @@ class Section {
 
     update(changes) {
         const { nodes } = this.network;
-        const dirty = changes.all
-            ? nodes.keys()
-            : [...changes.nodes]
-                  .filter((key) => key.startsWith(`${this.index}/`))
-                  .map((key) => key.slice(key.indexOf("/") + 1));
+        const isWhole = changes.all || changes.connection;
+        const dirty = isWhole ? nodes.keys() : changes.networks.get(this.index);
+        if (!dirty) {
+            return;
+        }
         for (const mac of dirty) {
             const node = nodes.get(mac);
             const element = this.tiles.get(mac);
@@ -202,7 +218,15 @@ class Section {
         const wanted = h(
             "div",
             { class: "head" },
-            isOne ? h("h2", { class: "unseen" }, "Nodes") : h("h2", {}, networkTitle(network, index)),
+            isOne
+                ? h("h2", { class: "unseen" }, "Nodes")
+                : h(
+                      "h2",
+                      {},
+                      networkTitle(network, index),
+                      " ",
+                      h("a", { href: mapAddress(network), class: "tag" }, "map"),
+                  ),
             !isOne && networkState(network),
             differences(network),
         );
@@ -348,7 +372,7 @@ export function overviewView(_, query) {
                     drawn.map((section) => section.element),
                 );
             }
-            if (changes.all || changes.lists || changes.connection) {
+            if (changes.all || changes.networks.size > 0 || changes.connection) {
                 drawn.forEach((section) => section.update(changes));
                 refilter();
                 morph(listsElement, h("div", {}, lists()));

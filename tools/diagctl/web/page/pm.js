@@ -230,7 +230,9 @@ export function pmView([mac, port]) {
             }
             if (response.status === 404) {
                 status.textContent =
-                    "No records are published for this port on this broker: they are on the node's own card's.";
+                    store.info.kind === "site"
+                        ? "No records are published for this port."
+                        : "No records are published for this port on this broker: they are on the node's own card's.";
                 body.replaceChildren();
                 return;
             }

@@ -3,14 +3,20 @@
 import { h } from "./dom.js";
 import { LISTS, isGone, rankOf } from "./nodes.js";
 import { store } from "./store.js";
-import { countText, isMalformed, listOf, malformedText, timeText } from "./text.js";
+import { countText, cut, isMalformed, listOf, malformedText, timeText } from "./text.js";
 
-const RING_WORDS = { normal: "Ring normal", degraded: "Ring DEGRADED" };
+const RING_WORDS = {
+    card: { normal: "Ring normal", degraded: "Ring DEGRADED", unknown: "Ring unknown" },
+    // Its cards' lists tell; the state of their ring does not come to a site.
+    site: { normal: "Network normal", degraded: "Network DEGRADED", unknown: "State unknown" },
+};
 
 export function totals(networks) {
-    const sum = { nodes: 0, gone: 0, link_down: 0, ground: 0, miswired: 0, faults: 0, other: 0, degraded: 0 };
+    const sum = { nodes: 0, gone: 0, faults: 0, other: 0, degraded: 0, differing: 0 };
+    LISTS.forEach(({ name }) => (sum[name] = 0));
     for (const network of networks) {
         sum.degraded += network.ring === "degraded" ? 1 : 0;
+        sum.differing += listOf(network.differs).length > 0 ? 1 : 0;
         for (const node of network.nodes.values()) {
             if (isGone(node)) {
                 sum.gone++;
@@ -51,6 +57,8 @@ export function totalsText(networks) {
         total(sum.nodes, countText(sum.nodes, "node"), "all"),
         networks.length > 1 &&
             total(sum.degraded, `${countText(sum.degraded, "network")} degraded`, "degraded"),
+        sum.differing > 0 &&
+            total(sum.differing, `${countText(sum.differing, "network")} with views that differ`, "differing"),
         LISTS.map(({ name, noun }) => total(sum[name], countText(sum[name], ...noun), name)),
         sum.gone > 0 && total(sum.gone, `${countText(sum.gone, "node")} left or unreachable`, "gone"),
         sum.other > 0 && total(sum.other, `${countText(sum.other, "node")} with another fault`, "faults"),
@@ -60,14 +68,15 @@ export function totalsText(networks) {
 // What was last known is not shown as if it were so now.
 export function networkState(network) {
     const { isLive } = store;
-    const known = network.ring in RING_WORDS ? network.ring : "unknown";
-    const last = RING_WORDS[known] ?? "Ring unknown";
+    const all = RING_WORDS[store.info.kind] ?? RING_WORDS.card;
+    const known = ["normal", "degraded"].includes(network.ring) ? network.ring : "unknown";
+    const last = all[known];
     const ring = isLive ? known : "unknown";
     const since = network.since ? ` since ${timeText(network.since, store.now())}` : "";
     return h(
         "p",
         { class: "ring", role: "status", "data-network": ring },
-        h("strong", {}, isLive ? last : "Ring unknown"),
+        h("strong", {}, isLive ? last : all.unknown),
         !isLive && known !== "unknown" && h("span", {}, `last known: ${last.toLowerCase()}`),
         isLive && known !== "unknown" && since !== "" && h("span", {}, since.trim()),
         isLive && isMalformed(network.ring) && h("span", {}, malformedText(network.ring)),
@@ -83,6 +92,8 @@ export function networkState(network) {
     );
 }
 
+const FEW = 3; // differences that nobody has to open
+
 export function differences(network) {
     const entries = listOf(network.differs);
     if (entries.length === 0) {
@@ -90,21 +101,16 @@ export function differences(network) {
     }
     return h(
         "details",
-        { class: "differs" },
-        h("summary", {}, `Views differ: ${countText(entries.length, "card")} of this network`),
+        { class: "differs", open: entries.length <= FEW },
+        h("summary", {}, `Views differ: ${countText(entries.length, "entry", "entries")}`),
         h(
             "ul",
             {},
             entries.map(({ mac, text, since }) =>
                 h(
                     "li",
-                    {},
-                    h(
-                        "a",
-                        { href: `#/node/${encodeURIComponent(mac)}` },
-                        network.nodes.get(mac)?.name || mac,
-                    ),
-                    ` ${text}`,
+                    { "data-differs": mac ?? "" },
+                    mac ? h("a", { href: `#/node/${encodeURIComponent(mac)}` }, cut(text)) : cut(text),
                     since && `, since ${timeText(since, store.now())}`,
                 ),
             ),
@@ -125,3 +131,6 @@ export function networkRank(network) {
 }
 
 export const networkTitle = (network, index) => network.name || `Network ${index + 1}`;
+// A network is known by its first node: its place among the others may change.
+export const networkKey = (network) => network.nodes.keys().next().value ?? "";
+export const mapAddress = (network) => `#/map?network=${encodeURIComponent(networkKey(network))}`;

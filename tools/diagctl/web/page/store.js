@@ -31,7 +31,7 @@ class Store {
         });
     }
 
-    // listener(changes): {nodes: Set of "network/MAC", lists, log, older, connection, all}, once a frame at most;
+    // listener(changes): {networks: Map of index to Set of MAC addresses, log, older, connection, all}, once a frame at most;
     // older: not only newer changes than before have come. A page in the
     // background has no frames.
     subscribe(listener) {
@@ -68,10 +68,10 @@ class Store {
     // What says how the network is appears with the next frame; lines of the log, of which a storm brings hundreds,
     // wait for each other.
     #mark(change) {
-        this.#pending ??= { nodes: new Set(), lists: false, log: false, connection: false, all: false };
+        this.#pending ??= { networks: new Map(), log: false, connection: false, all: false };
         change(this.#pending);
-        const { lists, connection, all } = this.#pending;
-        if (lists || connection || all) {
+        const { networks, connection, all } = this.#pending;
+        if (networks.size > 0 || connection || all) {
             this.#frame ??= requestAnimationFrame(() => this.#tell());
         } else {
             this.#timer ??= setTimeout(() => this.#tell(), LOG_INTERVAL_MS);
@@ -88,13 +88,13 @@ class Store {
         this.#listeners.forEach((listener) => listener(changes));
     }
 
-    #lose(cause) {
-        if (this.connection.state === "lost" && this.connection.cause === cause) {
+    #lose(cause, when) {
+        if (this.connection.state === "lost" && this.connection.cause === cause && !when) {
             return;
         }
         // Trying again is not a new loss.
         const since = this.connection.state === "lost" ? this.connection.since : this.now();
-        this.connection = { state: "lost", cause, since };
+        this.connection = { state: "lost", cause, since: when ? Date.parse(when) : since };
         // At once: a page in the background has no frames, and what it shows must not pass for live.
         document.body.dataset.connection = "lost";
         this.#mark((pending) => (pending.connection = true));
@@ -137,7 +137,7 @@ class Store {
             this.log = [];
             this.#hasWholeLog = false;
         }
-        this.#setConnection(info.connection, info.connection === "live" ? null : info.time);
+        this.#setConnection({ ...info, since: info.connection_since });
         this.#mark((pending) => (pending.all = true));
         const last = this.#hasWholeLog && this.log.length > 0 ? this.log.at(-1).id : null;
         this.#loadLog(last ?? (this.#wantsWholeLog ? 0 : Math.max(0, info.id - FIRST_LOG)));
@@ -159,7 +159,7 @@ class Store {
 
     #take(name, data) {
         if (name === "connection") {
-            this.#setConnection(data.connection, data.since);
+            this.#setConnection(data);
         } else if (name === "reset") {
             this.#load();
         } else if (this.#waiting) {
@@ -171,12 +171,14 @@ class Store {
         }
     }
 
-    #setConnection(state, since) {
-        if (state === "live" && this.isLoaded) {
-            this.connection = { state: "live", cause: null, since: since ? Date.parse(since) : this.now() };
+    #setConnection({ connection, since, reason, brokers }) {
+        this.info.reason = reason;
+        this.info.brokers = brokers;
+        if (connection !== "live") {
+            this.#lose("broker", since);
+        } else if (this.isLoaded) {
+            this.connection = { state: "live", cause: null, since: Date.parse(since) };
             this.#mark((pending) => (pending.connection = true));
-        } else if (state !== "live") {
-            this.#lose("broker");
         }
     }
 
@@ -189,15 +191,16 @@ class Store {
         }
         Object.assign(network, parts);
         this.#mark((pending) => {
+            const changed = pending.networks.get(index) ?? new Set();
+            pending.networks.set(index, changed);
             for (const node of nodes) {
                 network.nodes.set(node.mac, node);
-                pending.nodes.add(`${index}/${node.mac}`);
+                changed.add(node.mac);
             }
             for (const mac of gone) {
                 network.nodes.delete(mac);
-                pending.nodes.add(`${index}/${mac}`);
+                changed.add(mac);
             }
-            pending.lists = true;
         });
     }
 
