@@ -235,16 +235,20 @@ void check_network(const context &common, const check_options &options, findings
     check_daemon(asked, options.seconds, out);
 }
 
+// What to do stands in the second one.
+std::string first_line(const std::string &text)
+{
+    return text.substr(0, text.find('\n'));
+}
+
 exit_status run_check(const context &common, const check_options &options)
 {
     findings out;
     try {
         check_network(common, options, out);
     } catch (const failure &error) {
-        // One line: what to do stands in the second one.
-        const std::string text = error.what();
         const bool is_card_at_fault = error.status == STATUS_NO_BROKER;
-        out.add(is_card_at_fault ? VERDICT_CRITICAL : VERDICT_UNKNOWN, text.substr(0, text.find('\n')));
+        out.add(is_card_at_fault ? VERDICT_CRITICAL : VERDICT_UNKNOWN, first_line(error.what()));
     } catch (const std::exception &error) {
         out.add(VERDICT_UNKNOWN, error.what());
     }
@@ -252,6 +256,13 @@ exit_status run_check(const context &common, const check_options &options)
 }
 
 } // namespace
+
+exit_status print_wrong_check(const std::string &reason)
+{
+    findings out;
+    out.add(VERDICT_UNKNOWN, first_line(reason));
+    return static_cast<exit_status>(out.print());
+}
 
 void add_check_command(command_line &line, context &common)
 {
@@ -277,5 +288,6 @@ void add_check_command(command_line &line, context &common)
                  SEVERITIES, options->ring_severity);
     added.number({.name = "--timeout", .help = "How long the daemon may take to answer", .value = "SECONDS"},
                  options->seconds, 1, 60);
+    added.exit_status_help("Exit status: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN; 3 also for wrong usage.");
     add_broker_options(added, common);
 }

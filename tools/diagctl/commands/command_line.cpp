@@ -1,10 +1,14 @@
 #include "commands/command_line.h"
 
 #include "commands/completion.h"
+#include "screen/terminal.h"
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
+#include <numeric>
+#include <utility>
 
 namespace
 {
@@ -34,6 +38,78 @@ completed_command described(const CLI::App &command)
         }
     }
     return result;
+}
+
+// Help that keeps to the width of the terminal.
+class help_format : public CLI::Formatter
+{
+public:
+    help_format() { label("SUBCOMMAND", "COMMAND"); }
+
+    std::string make_option(const CLI::Option *option, bool is_positional) const override
+    {
+        std::string name = make_option_name(option, is_positional);
+        std::string text = option->get_description();
+        if (!is_positional && !option->get_type_name().empty()) {
+            name += " " + option->get_type_name();
+        }
+        if (!option->get_default_str().empty()) {
+            text += "; default " + option->get_default_str();
+        }
+        if (!option->get_envname().empty()) {
+            text += " ($" + option->get_envname() + ")";
+        }
+        return row(name, text);
+    }
+    std::string make_subcommand(const CLI::App *command) const override
+    {
+        return row(command->get_name(), command->get_description());
+    }
+    std::string make_description(const CLI::App *app) const override
+    {
+        return text_of(plain(app->get_description()));
+    }
+
+private:
+    static std::string text_of(screen_line line)
+    {
+        std::string text;
+        for (const screen_line &part : wrap(std::move(line), current_terminal_size().width)) {
+            for (const styled_text &words : part) {
+                text += words.text;
+            }
+            text += "\n";
+        }
+        return text;
+    }
+    static std::string row(const std::string &name, const std::string &text)
+    {
+        constexpr size_t WORDS = 26;
+        screen_line line = plain("  " + name);
+        const bool is_alone = length_of(line) + 2 > WORDS;
+        if (is_alone) {
+            line = plain("");
+        }
+        pad(line, WORDS);
+        line.push_back({text_style::PLAIN, text});
+        return (is_alone ? "  " + name + "\n" : "") + text_of(std::move(line));
+    }
+};
+
+// How many characters have to be put in, left out or replaced.
+size_t distance(std::string_view from, std::string_view to)
+{
+    std::vector<size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (size_t i = 0; i < from.size(); i++) {
+        size_t diagonal = std::exchange(row[0], i + 1);
+        for (size_t j = 0; j < to.size(); j++) {
+            const size_t replaced = diagonal + (from[i] == to[j] ? 0U : 1U);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({replaced, row[j] + 1, row[j + 1] + 1});
+        }
+    }
+    return row.back();
 }
 
 } // namespace
@@ -76,7 +152,7 @@ void command::texts(const parameter &wanted, std::vector<std::string> &value)
 {
     CLI::Option &option = *app.add_option(wanted.name, value, wanted.help);
     describe(option, wanted);
-    option.allow_extra_args(false)->capture_default_str();
+    option.allow_extra_args(false)->default_str(CLI::detail::join(value, " "));
 }
 
 void command::list(const parameter &wanted, std::vector<std::string> &value)
@@ -124,10 +200,16 @@ void command::choice(const parameter &wanted, const std::vector<std::string> &wo
     option.check(CLI::IsMember(words).description(""));
 }
 
+void command::exit_status_help(const char *text)
+{
+    app.footer(text);
+}
+
 command_line::command_line(const char *program, const char *description)
     : app(std::make_unique<CLI::App>(description, program))
 {
     app->require_subcommand(1);
+    app->formatter(std::make_shared<help_format>());
     app->footer("Exit status: 0 success, 1 refused or failed, 2 wrong usage, 3 no broker or no answer.");
 }
 
@@ -136,6 +218,7 @@ command_line::~command_line() = default;
 command command_line::add(const char *name, const char *description, std::function<exit_status()> run)
 {
     CLI::App &added = *app->add_subcommand(name, description);
+    added.group(group);
     added.callback([this, run = std::move(run)] { chosen = run; });
     return command(added);
 }
@@ -155,12 +238,54 @@ void command_line::print_option(const char *name, const char *help, const std::v
     option.group(*help == '\0' ? "" : "Options"); // without help: for the installation
 }
 
+// The library takes a word that is no command for one that is too many.
+void command_line::check_command(std::string_view word) const
+{
+    const std::vector<CLI::App *> all = app->get_subcommands([](const CLI::App *) { return true; });
+    const CLI::App *nearest = nullptr;
+    // From here on words are different ones.
+    size_t nearest_distance = std::min<size_t>(word.size() / 2 + 1, 3);
+    for (const CLI::App *const known : all) {
+        const std::string name = known->get_name();
+        if (name == word) {
+            return;
+        }
+        const size_t found = name.starts_with(word) ? 0 : distance(word, name);
+        if (found < nearest_distance) {
+            nearest = known;
+            nearest_distance = found;
+        }
+    }
+    throw failure(STATUS_USAGE,
+                  "'" + std::string(word) + "' is no command\n" +
+                      (nearest == nullptr ? "Run 'diagctl --help' for those that there are."
+                                          : "Did you mean 'diagctl " + nearest->get_name() + "'?"));
+}
+
 exit_status command_line::run(int argc, char **argv)
 {
+    std::vector<const char *> words(argv, argv + argc);
+    if (argc > 1 && argv[1] == std::string_view("help")) {
+        words.erase(words.begin() + 1);
+        words.push_back("--help");
+    }
+    if (words.size() == 1) {
+        throw failure(STATUS_USAGE, "no command is given\nRun 'diagctl --help' for those that there are.");
+    }
+    if (words[1][0] != '-') {
+        check_command(words[1]);
+    }
     try {
-        app->parse(argc, argv);
+        app->parse(static_cast<int>(words.size()), words.data());
     } catch (const CLI::ParseError &error) {
-        return app->exit(error) == 0 ? STATUS_SUCCESS : STATUS_USAGE;
+        if (error.get_exit_code() == 0) {
+            app->exit(error);
+            return STATUS_SUCCESS;
+        }
+        const std::vector<CLI::App *> given = app->get_subcommands();
+        throw failure(STATUS_USAGE, std::string(error.what()) + "\nRun 'diagctl " +
+                                        (given.empty() ? "" : given[0]->get_name() + " ") +
+                                        "--help' for more information.");
     }
     return chosen();
 }

@@ -48,6 +48,9 @@ public:
     // One of the words; value is its place among them.
     void choice(const parameter &wanted, const std::vector<std::string> &words, unsigned &value);
 
+    // What the help says of the exit status, where it isn't that of the other commands.
+    void exit_status_help(const char *text);
+
 private:
     void describe(CLI::Option &option, const parameter &wanted);
     template <typename T>
@@ -64,6 +67,8 @@ public:
     command_line(const command_line &) = delete;
     command_line &operator=(const command_line &) = delete;
 
+    // The commands that are added from here on stand under this title in the help.
+    void start_group(const char *title) { group = title; }
     // Adds a command; run is called for the command that was given.
     command add(const char *name, const char *description, std::function<exit_status()> run);
     // An option that prints a text instead of running a command; value is what the user wrote behind it,
@@ -71,6 +76,7 @@ public:
     void print_option(const char *name, const char *help, const std::vector<std::string> &words,
                       std::function<std::string(const std::string &value)> text);
 
+    // Throws STATUS_USAGE when the command line is wrong.
     exit_status run(int argc, char **argv);
     // Whether the command line was right, so that a command has run.
     bool has_run() const { return chosen != nullptr; }
@@ -80,6 +86,9 @@ public:
     std::string completion(const std::string &shell) const;
 
 private:
+    void check_command(std::string_view word) const;
+
     std::unique_ptr<CLI::App> app;
+    std::string group;
     std::function<exit_status()> chosen;
 };

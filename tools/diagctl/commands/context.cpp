@@ -60,10 +60,10 @@ std::string known_names(const node_names &names)
 
 void add_broker_options(command &added, context &common)
 {
-    added.texts({.name = "--host", .help = "Host of the broker", .value = "TEXT", .environment = "DIAG_HOST"},
+    added.texts({.name = "--host", .help = "Host of the broker", .value = "HOST", .environment = "DIAG_HOST"},
                 common.hosts);
     added.number(
-        {.name = "--port", .help = "TCP port of the broker", .value = "INT", .environment = "DIAG_PORT"},
+        {.name = "--port", .help = "TCP port of the broker", .value = "PORT", .environment = "DIAG_PORT"},
         common.port, 1, 65535);
     add_names_option(added, common);
 }

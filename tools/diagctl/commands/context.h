@@ -54,6 +54,9 @@ add_command(command_line &line, const context &common, const char *name, const c
             options};
 }
 
+// A monitoring service reads standard output, and takes 2 for a fault of the network.
+exit_status print_wrong_check(const std::string &reason);
+
 // Adds the options of the broker, and those of names.
 void add_broker_options(command &added, context &common);
 void add_names_option(command &added, context &common);
