@@ -321,6 +321,12 @@ def test_verdict_that_a_monitoring_service_takes_wrong(lab, played):
     ), text
     assert status == 0
     assert check(lab[1], "--expect", "4")[0] == 2
+    lab[1].publish(("local/diag/network_style7", ""))
+    status, text = check(lab[1])
+    assert status == 0 and text.startswith("DIAG OK - 3 nodes, ring not told of |"), text
+    lab[1].publish(("local/diag/network_style7", b"\7"))
+    assert check(lab[1])[0] == 3
+    lab[1].publish(("local/diag/network_style7", b"\0"))
     status, text = check(played, "--timeout", "1")
     assert status == 2 and text.startswith("DIAG CRITICAL - no daemon has answered")
     assert f"2 ports down ({LOCAL}/A, {PEER}/B)" in text and "ring degraded" in text

@@ -166,8 +166,10 @@ void check_list(const network &net, const watched_list &watched, const limits &a
 void check_ring(const network &net, verdict severity, findings &out)
 {
     if (!net.ring_degraded.value) {
-        out.add(VERDICT_UNKNOWN,
-                "state of the network's ring " + fact_text(net.ring_degraded, "missing", ""));
+        // The daemon publishes the lists as it starts, but nothing of a ring until a node has told of one: a
+        // card that is alone may never get there.
+        out.add(net.ring_degraded.is_published ? VERDICT_UNKNOWN : VERDICT_OK,
+                "ring " + fact_text(net.ring_degraded, "not told of", ""));
         return;
     }
     const bool is_degraded = *net.ring_degraded.value;
