@@ -141,8 +141,9 @@ void take_payload(port_record &record, const uint8_t *payload)
 {
     for (const stats_field &field : STATS_FIELDS) {
         switch (field.origin) {
-        case stats_origin::COPIED:
-            memcpy(record.current.data() + field.offset, payload + field.offset, field.width);
+        case stats_origin::COPIED: // memcpy of a length that is not constant takes longer
+            store_host(record.current.data() + field.offset, field.width,
+                       load_host(payload + field.offset, field.width));
             break;
         case stats_origin::ADDED_ON_DSL:
             if (record.media == LUM_TYPE_DSL) {
@@ -353,12 +354,13 @@ int get_current_time(timespec &now)
     return 0;
 }
 
-// Adds what has passed of the running interval since it was last added.
-int update_down_time(port_record &record, down_time &cause)
+bool is_running(const down_time &cause)
 {
-    if (!cause.down || cause.since.tv_sec == UNKNOWN_TIME) {
-        return 0;
-    }
+    return cause.down && cause.since.tv_sec != UNKNOWN_TIME;
+}
+
+int add_running_interval(port_record &record, down_time &cause)
+{
     timespec now;
     if (get_current_time(now) == -1) {
         return log_failure("couldn't update port %s's %s down time", port_name(record.port).text, cause.name);
@@ -372,6 +374,12 @@ int update_down_time(port_record &record, down_time &cause)
     return 0;
 }
 
+// Adds what has passed of the running interval since it was last added.
+int update_down_time(port_record &record, down_time &cause)
+{
+    return is_running(cause) ? add_running_interval(record, cause) : 0;
+}
+
 // Takes a report of whether the port is down in this way.
 int report_down(port_record &record, down_time &cause, bool down)
 {
@@ -383,7 +391,7 @@ int report_down(port_record &record, down_time &cause, bool down)
         if (update_down_time(record, cause) == -1) {
             return -1;
         }
-    } else if (!cause.down || cause.since.tv_sec == UNKNOWN_TIME) { // else a repetition
+    } else if (!is_running(cause)) { // else a repetition
         add_to_counter(record.current, cause.count_offset, 1);
         cause.since = now;
     }
