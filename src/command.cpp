@@ -41,7 +41,6 @@ constexpr itimerspec KEEPALIVE_PERIOD = {.it_interval = {.tv_sec = 300, .tv_nsec
 constexpr uint16_t DEFAULT_PERIOD = 10; // of a subscription, in seconds
 constexpr unsigned long MAX_PERIOD = 65535;
 constexpr uint32_t MAX_TARGETS = 99;
-constexpr uint32_t MAX_NODE_NUMBER = 255;
 constexpr size_t FAILED_NODES_SIZE = 410; // for MAX_TARGETS numbers
 
 struct command_record;

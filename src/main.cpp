@@ -31,7 +31,6 @@ constexpr const char *log_source = "main";
 
 constexpr int FIRE_WAIT_MS = 2000;
 constexpr timespec FIRE_RETRY_DELAY = {.tv_sec = 0, .tv_nsec = 50'000'000};
-constexpr long MAX_NODE_NUMBER = 255;
 
 int install_signal_handlers()
 {

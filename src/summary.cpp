@@ -55,10 +55,9 @@ constexpr size_t PORT_TEXT_SIZE = 128; // of the colours or media of eight ports
 // What is known of a node.
 struct summary {
     uint8_t mac[MAC_SIZE];
-    char mac_str[MAC_STR_SIZE];
     uint8_t data[SUMMARY_SIZE];
-    bool seen[SUMMARY_INFO_COUNT]; // sections received since the record was made
-    timespec last_heard;           // monotonic time of the last summary received
+    uint16_t seen;       // bit (1 << type): the section was received since the record was made
+    timespec last_heard; // monotonic time of the last summary received
     summary *prev;
     summary *next;
     UT_hash_handle hh;
@@ -76,7 +75,7 @@ uint8_t miswired_links[MISWIRED_LINKS_MAX * MISWIRED_LINK_SIZE];
 
 topic_text node_topic(const summary &node, const char *name)
 {
-    return topic_text(NODE_TOPIC_FORMAT, node.mac_str, name);
+    return topic_text(NODE_TOPIC_FORMAT, mac_addr_to_str(node.mac), name);
 }
 
 // The bit of a port in a mask, 0 for a port that has none: the CPU port.
@@ -314,7 +313,8 @@ int publish_versions(const summary &node)
 
 bool mark_seen(summary &node, summary_info type)
 {
-    return std::exchange(node.seen[type], true);
+    const auto bit = static_cast<uint16_t>(1U << type);
+    return (std::exchange(node.seen, node.seen | bit) & bit) != 0;
 }
 
 // Stores the bytes; true when they are to be published.
@@ -557,7 +557,6 @@ summary *find_summary(const uint8_t *mac)
 summary *add_summary(std::unique_ptr<summary> node, const uint8_t *mac)
 {
     memcpy(node->mac, mac, MAC_SIZE);
-    memcpy(node->mac_str, mac_addr_to_str(mac), MAC_STR_SIZE);
     HASH_ADD(hh, summaries_by_mac, mac, MAC_SIZE, node.get());
     return node->hh.tbl == nullptr ? nullptr : summaries.add(std::move(node));
 }

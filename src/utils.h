@@ -1,4 +1,5 @@
-// What all modules share: the termination flag, time arithmetic, topic parsers, software versions.
+// What all modules share: the range of node numbers, the termination flag, time arithmetic, topic parsers,
+// software versions.
 #pragma once
 
 #include "common/lumlog.h"
@@ -6,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+
+constexpr uint8_t MAX_NODE_NUMBER = 255;
 
 // Asks the process to stop: the event loop returns before its next wait, and waits that repeat give up.
 // Called by the SIGTERM handler and by every callback that meets a fault it can't handle.
