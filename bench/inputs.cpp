@@ -129,13 +129,13 @@ void measure_facts()
     card measured;
     measured.track(PORTS);
     measure("fact: statistics of a port", REPEATS, [&](unsigned i) {
-        measured.tell("local/diag/port/A/stats", be(i, 8) + bytes(STATS_BLOCK_SIZE - 8));
+        measured.tell(card::port_topic(0, FACT_STATS).c_str(), be(i, 8) + bytes(STATS_BLOCK_SIZE - 8));
     });
     measure("fact: a link goes down or up", REPEATS, [&](unsigned i) {
-        measured.tell("local/diag/port/A/link_down", bytes{static_cast<uint8_t>(i % 2)});
+        measured.tell(card::port_topic(0, FACT_LINK_DOWN).c_str(), bytes{static_cast<uint8_t>(i % 2)});
     });
     measure("fact: a ring opens or closes", REPEATS, [&](unsigned i) {
-        measured.tell("local/diag/ring/0/status", bytes{static_cast<uint8_t>(i % 2 == 0 ? 1 : 2), 0, 0, 0});
+        measured.tell(RING_0_TOPIC, bytes{static_cast<uint8_t>(i % 2 == 0 ? 1 : 2), 0, 0, 0});
     });
     measure("command: noop", REPEATS, [&](unsigned i) { measured.ask("1;" + std::to_string(i) + ";noop"); });
     measure("command: reset of all ports", 20,
