@@ -360,6 +360,10 @@ def main(words: list[str]) -> int:
             print(overview(), end="", file=sys.stderr)
             return 2
         COMMANDS[options.command].run(options)
+        sys.stdout.flush()
+    except BrokenPipeError:  # the reader, such as head, has enough
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return 1
     except UsageError as error:
         print(f"lab: {error}", f"lab: try: lab help {options.command or ''}".rstrip(), sep="\n", file=sys.stderr)
         return 2
