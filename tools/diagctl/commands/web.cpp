@@ -376,9 +376,12 @@ private:
             brokers->look_after();
         }
         const auto guard = lock();
-        std::optional<milliseconds> wait = film      ? film->play(taker())
-                                           : brokers ? std::optional(look_at_site())
-                                                     : std::nullopt;
+        milliseconds wait = session::FOREVER;
+        if (film) {
+            wait = film->play(taker()).value_or(wait);
+        } else if (brokers) {
+            wait = look_at_site();
+        }
         const auto until = [](steady_clock::time_point due) {
             return std::chrono::ceil<milliseconds>(due - steady_clock::now());
         };
@@ -391,8 +394,7 @@ private:
         }
         const milliseconds served = server.serve();
         const auto due = page->due();
-        timer.set(
-            std::min({wait.value_or(served), served, until(sign_of_life_due), due ? until(*due) : served}));
+        timer.set(std::min({wait, served, until(sign_of_life_due), due ? until(*due) : served}));
     }
 
     // --- a recording
