@@ -30,7 +30,6 @@ struct acquaintance {
     nanoseconds heard = NEVER_HEARD;  // the last summary
     nanoseconds left = NEVER_HEARD;   // the goodbye, unless a summary came after it
     nanoseconds absent = NEVER_HEARD; // the last time that it was allowed to be withdrawn
-    bool is_joined = false;
 };
 
 class topics_checker final : public checker
@@ -50,14 +49,14 @@ public:
 
     void connectivity_changed() override
     {
+        joined_.resize(world_.size() * world_.size());
         for (size_t a = 0; a < world_.size(); a++) {
             for (size_t b = 0; b < world_.size(); b++) {
-                acquaintance &between = at(a, b);
-                const bool is_joined = world_.fire().are_connected(a, b);
-                if (is_joined && !between.is_joined) {
-                    between.joined = world_.clock().now();
+                const bool reaches = world_.fire().are_connected(a, b);
+                if (reaches && !is_joined(a, b)) {
+                    at(a, b).joined = world_.clock().now();
                 }
-                between.is_joined = is_joined;
+                joined_[a * world_.size() + b] = reaches ? 1 : 0;
             }
         }
     }
@@ -145,6 +144,8 @@ private:
         return between_[a * world_.size() + b];
     }
 
+    bool is_joined(size_t a, size_t b) const { return joined_[a * world_.size() + b] != 0; }
+
     bool is_settled(const node &one, nanoseconds time) const
     {
         return world_.clock().now() > std::max(one.started(), one.disturbed_until()) + time;
@@ -165,7 +166,7 @@ private:
         const bool is_static = ITEM_DESCRIPTIONS[static_cast<size_t>(which)].is_static;
         const nanoseconds period = (is_static ? STATIC_SENT_EVERY : SENT_EVERY) + FIRST_SENT_WITHIN + SLACK;
         const acquaintance &between = at(a, b);
-        return between.is_joined && now > source.due(which) + SLACK && is_settled(source, period) &&
+        return is_joined(a, b) && now > source.due(which) + SLACK && is_settled(source, period) &&
                is_settled(reader, period) && now > std::max(between.joined, world_.fair_since()) + period;
     }
 
@@ -362,7 +363,7 @@ private:
     // A node that b doesn't know, has forgotten, or could not hear.
     bool is_unknown(size_t a, size_t b)
     {
-        return a != b && (has_to_forget(a, b) || (at(a, b).heard == NEVER_HEARD && !at(a, b).is_joined));
+        return a != b && (has_to_forget(a, b) || (at(a, b).heard == NEVER_HEARD && !is_joined(a, b)));
     }
 
     // Style 7 tells whether the network would survive a cut: wrong, it hides that it wouldn't.
@@ -394,6 +395,7 @@ private:
     topic_id links_topic_ = world_.topics().number(MISWIRED_LINKS_TOPIC);
     std::vector<bool> has_listed_links_; // since the daemon's start, which leaves what was there
     std::vector<acquaintance> between_;
+    std::vector<uint8_t> joined_; // whether the network carries datagrams between two
     random_stream chance_ = world_.random(purpose::CHECKS);
     bool is_full_ = false;
 };

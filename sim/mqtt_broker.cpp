@@ -2,24 +2,28 @@
 
 #include "process.h"
 
-#include <mosquitto.h>
-
 #include <algorithm>
 
 namespace sim
 {
 
-namespace
+mqtt_broker::stored &mqtt_broker::retained::operator[](topic_id topic)
 {
-
-bool matches(const std::string &filter, const std::string &topic)
-{
-    bool result = false;
-    mosquitto_topic_matches_sub(filter.c_str(), topic.c_str(), &result);
-    return result;
+    const size_t page = topic / PAGE;
+    if (pages_.size() <= page) {
+        pages_.resize(page + 1);
+    }
+    if (pages_[page] == nullptr) {
+        pages_[page] = std::make_unique<std::array<stored, PAGE>>();
+    }
+    return (*pages_[page])[topic % PAGE];
 }
 
-} // namespace
+const mqtt_broker::stored *mqtt_broker::retained::find(topic_id topic) const
+{
+    const size_t page = topic / PAGE;
+    return page >= pages_.size() || pages_[page] == nullptr ? nullptr : &(*pages_[page])[topic % PAGE];
+}
 
 void mqtt_broker::start()
 {
@@ -91,7 +95,7 @@ void mqtt_broker::receive(uint64_t connection)
     if (connection_ == nullptr || connection_->number != connection || connection_->is_closed) {
         return;
     }
-    std::deque<mqtt_packet> packets;
+    std::vector<mqtt_packet> packets;
     packets.swap(connection_->to_broker);
     for (const mqtt_packet &packet : packets) {
         accept(packet);
@@ -139,7 +143,7 @@ void mqtt_broker::accept(const mqtt_packet &packet)
         subscribe(packet);
         break;
     case mqtt_packet::kind::UNSUBSCRIBE:
-        std::erase(connection_->filters, topics_.name(packet.topic));
+        std::erase(connection_->filters, packet.topic);
         connection_->filter_changes++;
         break;
     default:
@@ -149,9 +153,8 @@ void mqtt_broker::accept(const mqtt_packet &packet)
 
 void mqtt_broker::subscribe(const mqtt_packet &packet)
 {
-    const std::string &filter = topics_.name(packet.topic);
-    if (std::ranges::find(connection_->filters, filter) == connection_->filters.end()) {
-        connection_->filters.push_back(filter);
+    if (std::ranges::find(connection_->filters, packet.topic) == connection_->filters.end()) {
+        connection_->filters.push_back(packet.topic);
         connection_->filter_changes++;
     }
     if (behaviour_.answers_subscribe) {
@@ -159,28 +162,18 @@ void mqtt_broker::subscribe(const mqtt_packet &packet)
                .message_id = packet.message_id,
                .code = behaviour_.granted_qos});
     }
-    if (filter.find_first_of("+#") == std::string::npos) {
-        const auto found = store_.find(packet.topic);
-        if (found != store_.end() && !found->second.payload.empty()) {
+    const bool is_one_topic = !topics_.has_wildcard(packet.topic);
+    const size_t first = is_one_topic ? packet.topic : 0;
+    const size_t limit = is_one_topic ? first + 1 : store_.limit();
+    for (size_t i = first; i < limit; i++) {
+        const auto topic = static_cast<topic_id>(i);
+        const shared_bytes *const payload = find(topic);
+        if (payload != nullptr && topics_.matches(packet.topic, topic)) {
             reply({.type = mqtt_packet::kind::PUBLISH,
-                   .topic = packet.topic,
+                   .topic = topic,
                    .is_retained = true,
-                   .payload = found->second.payload});
+                   .payload = *payload});
         }
-        return;
-    }
-    std::vector<topic_id> found; // in an order that no hash decides
-    for (const auto &[topic, place] : store_) {
-        if (!place.payload.empty() && matches(filter, topics_.name(topic))) {
-            found.push_back(topic);
-        }
-    }
-    std::ranges::sort(found);
-    for (const topic_id topic : found) {
-        reply({.type = mqtt_packet::kind::PUBLISH,
-               .topic = topic,
-               .is_retained = true,
-               .payload = store_[topic].payload});
     }
 }
 
@@ -192,9 +185,8 @@ bool mqtt_broker::is_wanted(topic_id topic, stored &place)
     const auto state = static_cast<uint32_t>(connection_->number << 12) + connection_->filter_changes;
     if (place.matched_at != state) {
         place.matched_at = state;
-        place.matches = std::ranges::any_of(connection_->filters, [&](const std::string &filter) {
-            return matches(filter, topics_.name(topic));
-        });
+        place.matches = std::ranges::any_of(connection_->filters,
+                                            [&](topic_id filter) { return topics_.matches(filter, topic); });
     }
     return place.matches;
 }
@@ -221,14 +213,14 @@ bool mqtt_broker::publish(topic_id topic, const shared_bytes &payload, bool reta
 
 bool mqtt_broker::is_in_doubt(topic_id topic) const
 {
-    const auto found = store_.find(topic);
-    return found != store_.end() && found->second.is_in_doubt;
+    const stored *const found = store_.find(topic);
+    return found != nullptr && found->is_in_doubt;
 }
 
 const shared_bytes *mqtt_broker::find(topic_id topic) const
 {
-    const auto found = store_.find(topic);
-    return found == store_.end() || found->second.payload.empty() ? nullptr : &found->second.payload;
+    const stored *const found = store_.find(topic);
+    return found == nullptr || found->payload.empty() ? nullptr : &found->payload;
 }
 
 } // namespace sim

@@ -6,10 +6,10 @@
 #include "timeline.h"
 #include "topic_table.h"
 
+#include <array>
 #include <deque>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 struct mosquitto;
@@ -34,10 +34,10 @@ struct mqtt_connection {
     std::string settings = {}; // of the client, as text
     int fd = -1;
     uint64_t number = 0;
-    std::deque<mqtt_packet> to_broker;
-    std::deque<mqtt_packet> to_client;
+    std::vector<mqtt_packet> to_broker;
+    std::vector<mqtt_packet> to_client;
     std::deque<mqtt_packet> arrived; // at the client, unread
-    std::vector<std::string> filters;
+    std::vector<topic_id> filters;
     uint32_t filter_changes = 1;
     bool is_closed = false; // by the broker
 };
@@ -115,6 +115,20 @@ private:
         bool matches = false;
         bool is_in_doubt = false;
     };
+    // In pages, as the numbers of topics that a broker holds lie close together.
+    class retained
+    {
+    public:
+        static constexpr size_t PAGE = 64;
+
+        stored &operator[](topic_id topic);
+        const stored *find(topic_id topic) const;
+        size_t limit() const { return pages_.size() * PAGE; } // of the topics
+        void clear() { pages_.clear(); }
+
+    private:
+        std::vector<std::unique_ptr<std::array<stored, PAGE>>> pages_;
+    };
     bool deliver(topic_id topic, stored &place, const shared_bytes &payload, bool is_from_daemon,
                  bool retain);
     bool is_wanted(topic_id topic, stored &place);
@@ -134,7 +148,7 @@ private:
     nanoseconds doubtful_until_{};
     uint64_t connections_ = 0;
     std::unique_ptr<mqtt_connection> connection_;
-    std::unordered_map<topic_id, stored> store_;
+    retained store_;
 };
 
 } // namespace sim

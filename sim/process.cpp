@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <unistd.h>
 
 int daemon_main(int argc, char **argv);
@@ -29,6 +30,7 @@ size_t count_words()
     return static_cast<size_t>(state_end - state_start);
 }
 
+#ifdef __SANITIZE_ADDRESS__
 // Word by word: memcpy, which an optimiser would make of it, would meet the sanitizer's guards between the variables.
 __attribute__((no_sanitize("address"))) void copy_words(const uintptr_t *from, volatile uintptr_t *to)
 {
@@ -37,6 +39,12 @@ __attribute__((no_sanitize("address"))) void copy_words(const uintptr_t *from, v
         to[i] = from[i];
     }
 }
+#else
+void copy_words(const uintptr_t *from, uintptr_t *to)
+{
+    memcpy(to, from, count_words() * sizeof(uintptr_t));
+}
+#endif
 
 // The variables as they are when the program starts.
 const std::vector<uintptr_t> &fresh_variables()

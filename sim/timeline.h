@@ -57,7 +57,7 @@ private:
     {
         (static_cast<Object *>(object)->*Method)(argument);
     }
-    static bool is_later(const event &a, const event &b);
+    struct is_later;
     void push(const event &added);
 
     std::vector<event> heap_; // the next event first

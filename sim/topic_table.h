@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 namespace sim
 {
@@ -23,13 +24,21 @@ public:
         }
         const auto added = static_cast<topic_id>(names_.size());
         numbers_.emplace(names_.emplace_back(name), added);
+        has_wildcard_.push_back(name.find_first_of("+#") != std::string_view::npos);
         return added;
     }
     const std::string &name(topic_id topic) const { return names_[topic]; }
+    // Filters are numbered like topics.
+    bool has_wildcard(topic_id filter) const { return has_wildcard_[filter]; }
+    bool matches(topic_id filter, topic_id topic);
 
 private:
+    enum class match : uint8_t { UNKNOWN, NO, YES };
     std::deque<std::string> names_; // whose addresses never change
+    std::vector<bool> has_wildcard_;
     std::unordered_map<std::string_view, topic_id> numbers_;
+    std::unordered_map<topic_id, std::vector<match>>
+        matches_; // of filters with wildcards, which all brokers share
 };
 
 } // namespace sim
