@@ -50,7 +50,12 @@ _describe 'diagctl' found || _files
 )script";
 
 constexpr const char *FISH_START =
-    R"script(complete -c diagctl -f -n __fish_use_subcommand -l help -d 'Print the help'
+    R"script(function __diagctl_names
+    set -l words (commandline -opc)
+    set -l at (contains -i -- --names $words); and set -fx DIAG_NAMES $words[(math $at + 1)]
+    diagctl --list-names 2>/dev/null
+end
+complete -c diagctl -f -n __fish_use_subcommand -l help -d 'Print the help'
 complete -c diagctl -f -n __fish_use_subcommand -l version -d 'Print the version'
 )script";
 
@@ -179,7 +184,7 @@ std::string fish_script(const std::vector<completed_command> &commands)
             script += fmt::format("{} -f -a {}\n", start, quoted(word));
         }
         if (takes_node(command)) {
-            script += start + " -f -a '(diagctl --list-names 2>/dev/null)'\n";
+            script += start + " -f -a '(__diagctl_names)'\n";
         }
     }
     return script;
