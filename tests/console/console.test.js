@@ -1,73 +1,33 @@
 // The console as people meet it: a real ring, the real server, a real browser. Each test is named by the fault that it
-// would catch. They share one lab and follow each other; what one breaks it mends.
+// would catch. They share one lab and follow each other. What takes the ring long is in faults.test.js.
 
 import assert from "node:assert/strict";
-import { readFile } from "node:fs/promises";
-import { createRequire } from "node:module";
 import { after, before, test } from "node:test";
 
-import { Console, diagctl, lab, labDown, labUp, macOf, openBrowser, publish, publishDay } from "./lab.js";
+import { Console, lab, macOf, publish, publishSite, siteMac } from "./lab.js";
+import {
+    HEAL_MS,
+    SECONDS,
+    complaints,
+    end,
+    faults,
+    live,
+    noLonger,
+    open,
+    page,
+    port,
+    reached,
+    saved,
+    see,
+    server,
+    start,
+} from "./page.js";
 
-const SECONDS = 1000;
-const HEAL_MS = 30 * SECONDS; // spanning tree takes 10 s, a lost summary costs another 15 s
-const QUARTER_HOUR_AFTER = 50; // seconds
-const SHOTS = process.env.DIAG_SCREENSHOTS; // a folder for the pictures of the documents
-const AXE = createRequire(import.meta.url).resolve("axe-core/axe.min.js");
 const VIEWS = ["#/", "#/map", `#/node/${macOf(1)}`, `#/pm/${macOf(1)}/A`, "#/events"];
 const HOSTILE = "02-00-00-00-00-66";
 
-const server = new Console();
-const faults = []; // what the browser complains of
-let browser, page;
-
-const port = (node, name, rest = "") =>
-    `[data-node="${macOf(node)}"][data-present] [data-port="${name}"]${rest}`;
-const see = (selector, limit = HEAL_MS, state = "attached") =>
-    page.waitForSelector(selector, { timeout: limit, state });
-const noLonger = (selector, limit = HEAL_MS) => see(selector, limit, "detached");
-const live = (limit) => see('body[data-connection="live"]', limit);
-
-async function open(view) {
-    await page.goto(server.address + view);
-    await page.reload(); // only another view is no new page
-    await live();
-}
-
-async function picture(name, scheme = "light") {
-    if (SHOTS) {
-        await page.emulateMedia({ colorScheme: scheme });
-        await page.screenshot({ path: `${SHOTS}/console-${name}.png` });
-        await page.emulateMedia({ colorScheme: null });
-    }
-}
-
-async function saved(button) {
-    const [download] = await Promise.all([
-        page.waitForEvent("download"),
-        page.getByRole("button", { name: button }).first().click(),
-    ]);
-    return readFile(await download.path(), "utf8");
-}
-
-before(async () => {
-    await labUp(QUARTER_HOUR_AFTER);
-    await server.start();
-    browser = await openBrowser();
-    page = await browser.newPage({ viewport: { width: 1280, height: 800 } });
-    page.on("pageerror", (error) => faults.push(error.stack));
-    page.on("dialog", (dialog) => faults.push(`dialog: ${dialog.message()}`) && dialog.dismiss());
-    // That a server is away, or a port that nobody has, is the test's doing, and the browser says so.
-    page.on(
-        "console",
-        (message) =>
-            message.type() === "error" && !/ERR_|404|503/.test(message.text()) && faults.push(message.text()),
-    );
-});
-
-after(async () => {
-    await browser?.close();
-    labDown();
-});
+before(() => start());
+after(end);
 
 test("nodes and ports that the page does not show", async () => {
     await open("#/");
@@ -78,8 +38,7 @@ test("nodes and ports that the page does not show", async () => {
     await see('[data-network="normal"]');
 });
 
-test("a cut link that the page does not show, or shows after it was mended", async () => {
-    await lab("kill", 5); // for the test after the next: the others wait 35 s for its summaries
+test("faults that the page does not show", async () => {
     await lab("cut", 2, "B");
     for (const [node, name] of [
         [2, "B"],
@@ -96,36 +55,11 @@ test("a cut link that the page does not show, or shows after it was mended", asy
         .locator("[data-node][data-present]")
         .evaluateAll((tiles) => tiles.map((tile) => tile.dataset.node));
     assert.notEqual(first, macOf(1), "a sound node stands before those with faults");
-    await picture("overview");
+    await lab("stop", 5);
+    await see(`[data-node="${macOf(5)}"][data-present="false"]`);
     await page.goto(`${server.address}#/map`);
     await see(port(2, "B", '[data-colour="red"]'));
     await see(".link.down");
-    await picture("map", "dark");
-
-    await open("#/");
-    await lab("mend", 2, "B");
-    await lab("ground", 4, "A", "off");
-    await noLonger("[data-list] [data-node]");
-    await see('[data-network="normal"]');
-    await see(port(2, "B", '[data-fault=""]'));
-});
-
-test("miswiring that the page does not show", async () => {
-    await lab("miswire", 2, "B", 5, "B");
-    await see(port(2, "B", '[data-fault~="miswired"]'));
-    await see(`[data-list="miswired"] [data-node="${macOf(2)}"][data-port="B"]`);
-    await lab("miswire", 2, "B", "off");
-    await noLonger('[data-list="miswired"] [data-node]');
-});
-
-test("a node that has left or died and seems to be there", async () => {
-    await see(`[data-node="${macOf(5)}"][data-present="false"]`, 60 * SECONDS);
-    await lab("start", 5);
-    await see(`[data-node="${macOf(5)}"][data-present="true"]`);
-    await lab("stop", 5);
-    await see(`[data-node="${macOf(5)}"][data-present="false"]`);
-    await lab("start", 5);
-    await see(`[data-node="${macOf(5)}"][data-present="true"]`);
 });
 
 test("a value that becomes markup", async () => {
@@ -232,45 +166,35 @@ test("an arrangement that is forgotten, or can't be carried to another browser",
     await page.waitForURL(/#\/node\//);
 });
 
-test("a quarter hour that the page does not show, or in the wrong place", async () => {
-    await open(`#/pm/${macOf(1)}/A`);
-    const pm = (mac) => page.locator(`[data-pm="${mac}/A"]`);
-    const closed = pm(macOf(1)).locator("tbody tr:not(.missing)").first();
-    await closed.waitFor({ timeout: QUARTER_HOUR_AFTER * SECONDS });
-
-    await publishDay(macOf(6), "A", (slot) => slot < 20 || slot === 50);
-    await open(`#/pm/${macOf(6)}/A`);
-    const rows = pm(macOf(6)).locator("table").first().locator("tbody tr");
-    await rows.first().waitFor();
-    assert.equal(await rows.count(), 96);
-    const newestFirst = await rows.evaluateAll((all) => all.map((row) => row.classList.contains("missing")));
-    const missing = newestFirst.reverse().flatMap((isMissing, slot) => (isMissing ? [slot] : []));
-    assert.deepEqual(missing, [...Array(20).keys(), 50]);
-    const bars = page.getByRole("slider").first();
-    await bars.focus();
-    assert.match(await bars.getAttribute("aria-valuetext"), /: 0/);
-    await page.keyboard.press("PageDown");
-    await page.keyboard.press("PageDown");
-    await page.keyboard.press("ArrowRight"); // slot 88
-    assert.match(await bars.getAttribute("aria-valuetext"), /: 88/);
-    assert.equal((await saved("Save as CSV")).split("\r\n").length, 1 + 96 + 1);
-    await picture("performance");
+test("a site whose networks, differing views and missing cards are not shown", async () => {
+    await publishSite();
+    const site = new Console("--site", "--listen", "127.0.0.1:0");
+    await site.start();
+    await open("#/", site.address);
+    await see(`[data-node="${siteMac(2)}"][data-present="true"] [data-port="B"][data-fault="link-down"]`);
+    await see(`[data-list="link_down"] [data-node="${siteMac(2)}"][data-port="B"]`);
+    await see(`.network:has([data-node="${siteMac(1)}"]) [data-network="degraded"]`);
+    await see(`.network:has([data-node="${siteMac(4)}"]) [data-network="normal"]`);
+    await see(`[data-differs="${siteMac(2)}"]`);
+    await see(`[data-list="gone"] [data-node="${siteMac(3)}"]`);
+    await see(`[data-node="${siteMac(3)}"][data-reachable="false"]`);
+    await page.goto(`${site.address}#/map?network=${siteMac(4)}`);
+    await see(`.map [data-node="${siteMac(4)}"]`);
+    assert.equal(await page.locator(`.map [data-node="${siteMac(1)}"]`).count(), 0);
+    const views = ["#/", `#/map?network=${siteMac(1)}`, `#/node/${siteMac(2)}`, "#/events"];
+    assert.deepEqual(await complaints(site.address, views, [["dark", 360]]), []);
+    assert.equal(await site.stop(), 0);
 });
 
 test("what the keyboard does not reach", async () => {
     await open("#/");
-    const reached = new Set();
-    for (let i = 0; i < 60; i++) {
-        await page.keyboard.press("Tab");
-        reached.add(
-            await page.evaluate(
-                () =>
-                    document.activeElement.getAttribute("href") ??
-                    document.activeElement.getAttribute("aria-label") ??
-                    document.activeElement.id,
-            ),
-        );
-    }
+    const places = await reached(
+        60,
+        () =>
+            document.activeElement.getAttribute("href") ??
+            document.activeElement.getAttribute("aria-label") ??
+            document.activeElement.id,
+    );
     for (const place of [
         "#/map",
         "#/events",
@@ -280,74 +204,27 @@ test("what the keyboard does not reach", async () => {
         "theme",
         ...[1, 2, 3, 4].map((node) => `#/node/${macOf(node)}`),
     ]) {
-        assert.ok(reached.has(place), `${place} is not among ${[...reached].join(" ")}`);
+        assert.ok(places.has(place), `${place} is not among ${[...places].join(" ")}`);
     }
     await open(`#/pm/${macOf(1)}/A`);
     await page.locator("table").first().waitFor();
-    const regions = [];
-    for (let i = 0; i < 30; i++) {
-        await page.keyboard.press("Tab");
-        regions.push(
-            await page.evaluate(
-                () =>
-                    document.activeElement.querySelector("table") !== null &&
-                    document.activeElement.getAttribute("role") === "region",
-            ),
-        );
-    }
-    assert.ok(regions.includes(true), "the table can't be scrolled with the keyboard");
+    const isTable = await reached(
+        30,
+        () =>
+            document.activeElement.querySelector("table") !== null &&
+            document.activeElement.getAttribute("role") === "region",
+    );
+    assert.ok(isTable.has(true), "the table can't be scrolled with the keyboard");
 });
 
 test("what a screen reader can't tell, or eyes can't read", async () => {
-    // The page's policy keeps the checker out as well, so it comes around it.
-    const context = await browser.newContext({ bypassCSP: true });
-    const checked = await context.newPage();
-    for (const [colorScheme, width] of [
-        ["light", 1280],
-        ["dark", 1280],
-        ["dark", 360],
-    ]) {
-        await checked.setViewportSize({ width, height: 800 });
-        await checked.emulateMedia({ colorScheme, reducedMotion: "reduce" });
-        await checked.goto(server.address);
-        await checked.addScriptTag({ path: AXE });
-        for (const view of VIEWS) {
-            await checked.goto(server.address + view);
-            await checked.waitForSelector('body[data-connection="live"]');
-            const { violations } = await checked.evaluate(() => globalThis.axe.run());
-            assert.deepEqual(
-                violations.map(({ id, nodes }) => `${id}: ${nodes[0].html}`),
-                [],
-                `${view} ${colorScheme} ${width}`,
-            );
-            const overflow = await checked.evaluate(() => document.documentElement.scrollWidth - innerWidth);
-            assert.ok(overflow <= 0, `${view} is ${overflow} pixels wider than ${width}`);
-        }
-    }
-    await context.close();
-});
-
-test("a moment of a recording that the slider does not find", async () => {
-    const file = "/tmp/recording.jsonl";
-    const recording = diagctl("record", "--duration", "6", file);
-    // A second later: its beginning shows what was so before.
-    await lab("exec", 1, "sh", "-c", `until grep -q '"time":[1-9]' ${file}; do sleep 0.1; done`);
-    await lab("ground", 1, "A", "on");
-    await recording;
-    await lab("ground", 1, "A", "off");
-
-    const player = new Console("--replay", file, "--listen", "127.0.0.1:0");
-    await player.start();
-    await page.goto(player.address);
-    await live();
-    await page.getByRole("button", { name: "Pause" }).click();
-    const slider = page.getByLabel("Place in the recording");
-    await slider.press("End");
-    await see(port(1, "A", '[data-fault~="ground"]'));
-    await slider.press("Home");
-    await see(port(1, "A", '[data-fault=""]'));
-    assert.match(await page.locator("#recording").innerText(), /00:00:00 of 00:00:0/);
-    assert.equal(await player.stop(), 0);
+    assert.deepEqual(
+        await complaints(server.address, VIEWS, [
+            ["light", 1280],
+            ["dark", 360],
+        ]),
+        [],
+    );
 });
 
 test("a server that is gone or silent, or a broker that is gone, behind values that seem live", async () => {
@@ -355,7 +232,7 @@ test("a server that is gone or silent, or a broker that is gone, behind values t
     const lost = () => see('body[data-connection="lost"] [data-network="unknown"]', 8 * SECONDS);
     const back = async () => {
         await live(HEAL_MS);
-        await see('[data-network="normal"]');
+        await see('[data-network]:not([data-network="unknown"])');
     };
     await lab("broker", "stop", 1);
     await lost();

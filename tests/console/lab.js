@@ -43,18 +43,11 @@ export async function lab(...words) {
 // On node 1.
 export const diagctl = (...words) => lab("exec", 1, `${BUILD}/diagctl`, ...words);
 
+// quarterHourAfter: seconds, none for the machine's own.
 export async function labUp(quarterHourAfter) {
     const left = 900 - ((Math.floor(Date.now() / 1000) + quarterHourAfter) % 900);
-    ring = start(
-        `${SOURCE}/lab/lab`,
-        "up",
-        "5",
-        "--foreground",
-        "--build",
-        BUILD,
-        "--daemon",
-        `env ${CLOCK} FAKETIME=+${left}s "$DIAG" -n "$NODE"`,
-    );
+    const clock = quarterHourAfter ? ["--daemon", `env ${CLOCK} FAKETIME=+${left}s "$DIAG" -n "$NODE"`] : [];
+    ring = start(`${SOURCE}/lab/lab`, "up", "5", "--foreground", "--build", BUILD, ...clock);
     await line(ring, /is up/);
 }
 
@@ -143,5 +136,43 @@ export async function publishDay(mac, port, isMissing) {
         }
     }
     lines.push(`mosquitto_pub -p 1885 -r -m period95 -t pub/diag/${mac}/${port}/pm/last_period`);
+    await lab("exec", 1, "sh", "-c", lines.join("\n"));
+}
+
+// Cards of a site, on node 1's broker: 1, 2 and 3 are a network, 4 and 5 another. The link at 2's port B is down, which 1 has
+// not heard; 3 is unreachable.
+export const siteMac = (card) => `02-00-00-00-02-0${card}`;
+
+export async function publishSite() {
+    const put = (topic, text) => `printf '${text}' | mosquitto_pub -p 1885 -r -s -t '${topic}'`;
+    const green = '{"A":"green","B":"green"}';
+    const lines = [];
+    for (const network of [
+        [1, 2, 3],
+        [4, 5],
+    ]) {
+        for (const card of network) {
+            const view = `cards/${siteMac(card)}`;
+            lines.push(put(`${view}/bridge`, card === 3 ? "0" : "1"));
+            lines.push(
+                put(
+                    `pub/diag/${siteMac(card)}/port_summary`,
+                    card === 2 ? green.replace(/green"}/, 'red"}') : green,
+                ),
+            );
+            lines.push(put(`pub/diag/${siteMac(card)}/job_name`, "SITE"));
+            for (const other of network.filter((each) => each !== card)) {
+                lines.push(put(`${view}/pub/diag/${siteMac(other)}/port_summary`, green));
+            }
+            const isTold = card === 2 || card === 3;
+            lines.push(
+                put(`${view}/pub/diag/net/fire/link_down`, isTold ? "\\2\\0\\0\\0\\2\\2\\7\\2" : "\\0"),
+            );
+            lines.push(
+                put(`${view}/pub/diag/net/fire/grnd_list`, "\\0"),
+                put(`${view}/pub/diag/net/fire/miswired`, "\\0"),
+            );
+        }
+    }
     await lab("exec", 1, "sh", "-c", lines.join("\n"));
 }

@@ -29,7 +29,9 @@ const HELP =
     "keys; the arrow keys alone go from node to node, Enter opens one.";
 
 // From the bottom up.
-const FREE_PLACES = [0.5, -0.5, 1.5, -1.5, 2.5, -2.5, 3.5, -3.5].map((step) => Math.PI / 2 + (step * Math.PI) / 4);
+const FREE_PLACES = [0.5, -0.5, 1.5, -1.5, 2.5, -2.5, 3.5, -3.5].map(
+    (step) => Math.PI / 2 + (step * Math.PI) / 4,
+);
 const APART = 0.6; // between ports: less would hide one
 
 let shownKey = ""; // of the network; outlasts a look at another view
@@ -76,8 +78,7 @@ class Item {
         element.setAttribute("data-node", node.mac);
         element.setAttribute("data-present", String(node.present !== false));
         element.setAttribute("data-reachable", String(node.reachable !== false));
-        const where =
-            goneWords(node) ?? "present";
+        const where = goneWords(node) ?? "present";
         setText(
             this.title,
             [
@@ -112,7 +113,9 @@ class Item {
         let free = 0;
         for (const element of lamps) {
             const angle =
-                this.angles.get(element.dataset.port) ?? places[free++] ?? FREE_PLACES[free % FREE_PLACES.length];
+                this.angles.get(element.dataset.port) ??
+                places[free++] ??
+                FREE_PLACES[free % FREE_PLACES.length];
             element.setAttribute("transform", translate(pointAt({ x: 0, y: 0 }, angle, RADIUS)));
         }
     }

@@ -105,9 +105,7 @@ export function goneWords(node) {
     if (node.present !== false) {
         return null;
     }
-    return when || store.info.kind !== "site"
-        ? `has left the network${when}`
-        : "tells nothing of itself";
+    return when || store.info.kind !== "site" ? `has left the network${when}` : "tells nothing of itself";
 }
 
 export const isGone = (node) => node.present === false || node.reachable === false;

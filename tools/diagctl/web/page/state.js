@@ -58,7 +58,11 @@ export function totalsText(networks) {
         networks.length > 1 &&
             total(sum.degraded, `${countText(sum.degraded, "network")} degraded`, "degraded"),
         sum.differing > 0 &&
-            total(sum.differing, `${countText(sum.differing, "network")} with views that differ`, "differing"),
+            total(
+                sum.differing,
+                `${countText(sum.differing, "network")} with views that differ`,
+                "differing",
+            ),
         LISTS.map(({ name, noun }) => total(sum[name], countText(sum[name], ...noun), name)),
         sum.gone > 0 && total(sum.gone, `${countText(sum.gone, "node")} left or unreachable`, "gone"),
         sum.other > 0 && total(sum.other, `${countText(sum.other, "node")} with another fault`, "faults"),
