@@ -9,7 +9,7 @@ from pathlib import Path
 
 import pytest
 from panel import BUILD, Stream, wait_until
-from test_diagctl import PM
+from test_diagctl import PM, Terminal
 
 EXAMPLES = Path(__file__).resolve().parent.parent.parent / "packaging" / "mosquitto"
 CARDS, BROKERS = (1, 2, 3, 4), (5, 6)
@@ -142,19 +142,18 @@ class Site:
         topic = f"cards/{mac}/pub/diag/command/request"
         self.lab[BROKERS[0]].exec("mosquitto_pub", *words, "-q", "1", "-t", topic, "-m", text)
 
-    def diagctl(self, command, *words, user="viewer", brokers=BROKERS):
-        """What the tool says of both brokers, and its exit status."""
+    def tool(self, command, *words, user="viewer", brokers=BROKERS):
+        """How the tool is run for both brokers."""
         node = self.lab[max(BROKERS)]
         put(node, "/run/password", password(user))
         login = ["--site", "--user", user, "--password-file", "/run/password", "--cafile", CA, "--port", TOOL_PORT]
         hosts = [word for number in brokers for word in ("--host", self.lab[number].address)]
-        done = subprocess.run(
-            node.command(str(BUILD / "diagctl"), command, *login, *hosts, *words),
-            capture_output=True,
-            text=True,
-            timeout=30,
-            check=False,
-        )
+        return node.command(str(BUILD / "diagctl"), command, *login, *hosts, *words)
+
+    def diagctl(self, *words, **options):
+        """What it says, and its exit status."""
+        command = self.tool(*words, **options)
+        done = subprocess.run(command, capture_output=True, text=True, timeout=30, check=False)
         return done.returncode, done.stdout, done.stderr
 
     def shown(self):
@@ -284,6 +283,55 @@ def test_performance_record_is_lost_or_written_twice(site):
     node.shell(f"echo damage >>{file}.state")
     assert "is damaged" in export(file, status=1)
     site.publish(card, {f"B/pm/{slot}": b"" for slot in ("period0", "period1", "period2", "day0")})
+
+
+def test_verdict_picture_or_recording_that_is_not_of_the_site(site):
+    node, (card, victim, *_) = site.lab[max(BROKERS)], site.cards.values()
+    file, port = "/run/site.jsonl", "21885"
+
+    def verdict(*words):
+        status, text, error = site.diagctl("check", *words)
+        assert not error
+        return status, text
+
+    wait_until(lambda: verdict("--expect", "4")[0] == 0, 20, verdict)
+    assert "4 nodes |" in verdict()[1] and "cards=4;;;0 unreachable=0;;0;0" in verdict()[1]
+    assert verdict("--expect", "5")[0] == 2
+    recorder = Stream(site.tool("record", file), stderr=subprocess.STDOUT)
+    with Terminal(site.tool("top"), 130, 40) as top, recorder as kept:
+        top.wait("Cards 4   Networks 1   Unreachable 0", f"network of {card.mac}: 4 cards")
+        kept.wait(lambda line: line.startswith("recording"))
+        site.publish(card, {"job_name": "RECORDED"})
+        top.wait("RECORDED")
+        victim.inside.stop("broker", "KILL")
+        top.wait(f"card {victim.mac} UNREACHABLE", "Unreachable 1")
+        status, text = verdict("--timeout", "1")
+        assert status == 2 and f"1 of 4 cards unreachable ({victim.mac})" in text
+        assert verdict("--unreachable", "1", "--timeout", "1", "--views-differ", "ok")[0] == 0
+        top.keys("Down", "Enter")
+        top.wait(victim.mac, "card: UNREACHABLE since", "Statistics since reset")
+        site.lab.run("broker", "start", victim.number)
+        site.lab.run("start", victim.number)
+        top.wait("card: connected")
+        kept.signal(signal.SIGINT)
+        assert kept.end() == 0
+    messages = [json.loads(line) for line in node.exec("cat", file).splitlines()[1:]]
+    assert len([item for item in messages if item.get("text") == "RECORDED"]) == 1
+    assert [item["text"] for item in messages if item["topic"] == presence(victim)] == ["1", "0", "1"]
+
+    put(node, "/run/plain.conf", f"user root\nlistener {port} 127.0.0.1\nallow_anonymous true\n")
+    with Stream(node.command("mosquitto", "-c", "/run/plain.conf"), stderr=subprocess.STDOUT) as broker:
+        broker.wait(lambda line: line.endswith("running"))
+        words = str(BUILD / "diagctl"), "--port", port
+        node.exec(words[0], "replay", file, "--speed", "0", *words[1:])
+        replayed = json.loads(node.exec(words[0], "nodes", "--site", "--json", *words[1:]))
+        broker.signal(signal.SIGTERM)
+    told = json.loads(site.diagctl("nodes", "--json")[1])
+    for network in (*replayed["networks"], *told["networks"]):
+        for item in network["cards"]:
+            del item["since"]
+    assert replayed["networks"][0]["cards"] == told["networks"][0]["cards"]
+    assert replayed["networks"][0]["lists"] == told["networks"][0]["lists"]
 
 
 def test_card_puts_another_out_by_its_client_id(site):

@@ -42,7 +42,6 @@ site_brokers::site_brokers(const std::vector<broker_address> &addresses, const s
     : filters(std::move(wanted)), handlers(std::move(given)), event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
     mosquitto_lib_init();
-    filters.emplace_back(BARRIER_FILTER);
     for (const broker_address &address : addresses) {
         links.push_back({.owner = this, .index = links.size(), .where = address});
     }
@@ -76,7 +75,7 @@ void site_brokers::open(link &opened, const site_login &login)
         throw failure(STATUS_FAILURE, fmt::format("couldn't read the certificate in {}", login.ca_file));
     }
     mosquitto_reconnect_delay_set(opened.client, RETRY_SECONDS, RETRY_MAX_SECONDS, true);
-    mosquitto_connect_callback_set(opened.client, [](mosquitto *client, void *user, int refused) {
+    mosquitto_connect_callback_set(opened.client, [](mosquitto *, void *user, int refused) {
         link &self = *static_cast<link *>(user);
         const auto guard = self.owner->lock();
         if (refused != 0) {
@@ -84,10 +83,8 @@ void site_brokers::open(link &opened, const site_login &login)
             return;
         }
         self.owner->set_state(self, state::LOADING);
-        self.grants_awaited = self.owner->filters.size();
-        for (const std::string &filter : self.owner->filters) {
-            mosquitto_subscribe(client, nullptr, filter.c_str(), QOS);
-        }
+        self.grants_awaited = 0;
+        self.owner->ask(self, self.owner->filters);
     });
     mosquitto_disconnect_callback_set(opened.client, [](mosquitto *, void *user, int result) {
         link &self = *static_cast<link *>(user);
@@ -108,9 +105,13 @@ void site_brokers::open(link &opened, const site_login &login)
             const auto guard = self.owner->lock();
             if (std::any_of(granted, granted + count,
                             [](int answer) { return answer >= REFUSED_SUBSCRIPTION; })) {
+                self.grants_awaited = 0;
                 self.owner->set_state(self, state::AWAY, "it refuses the subscription");
-            } else if (self.now == state::LOADING && --self.grants_awaited == 0) {
-                self.owner->set_state(self, state::THERE);
+            } else if (self.grants_awaited > 0 && --self.grants_awaited == 0) {
+                self.owner->wake();
+                if (self.now != state::THERE) { // it may have been given up for its silence
+                    self.owner->set_state(self, state::THERE);
+                }
             }
         });
     mosquitto_message_callback_set(
@@ -134,6 +135,16 @@ void site_brokers::open(link &opened, const site_login &login)
                   result == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(result));
     }
     mosquitto_loop_start(opened.client);
+}
+
+void site_brokers::ask(link &asked, std::span<const std::string> wanted)
+{
+    asked.grants_awaited += wanted.size() + 1;
+    asked.heard = steady_clock::now();
+    for (const std::string &filter : wanted) {
+        mosquitto_subscribe(asked.client, nullptr, filter.c_str(), QOS);
+    }
+    mosquitto_subscribe(asked.client, nullptr, BARRIER_FILTER, QOS);
 }
 
 void site_brokers::set_state(link &changed, state now, const std::string &reason)
@@ -164,17 +175,19 @@ void site_brokers::wake() const
 bool site_brokers::is_settled()
 {
     const auto guard = lock();
+    const auto is_loading = [](const link &one) {
+        return one.now == state::LOADING || (one.now == state::THERE && one.grants_awaited > 0);
+    };
     for (link &one : links) {
         const auto silence = steady_clock::now() - one.heard;
         if (one.now == state::CONNECTING && silence > CONNECT_MAX) {
             set_state(one, state::AWAY, fmt::format("no connection within {} s", CONNECT_MAX.count()));
-        } else if (one.now == state::LOADING && silence > SILENCE_MAX) {
+        } else if (is_loading(one) && silence > SILENCE_MAX) {
             set_state(one, state::AWAY, "it does not answer");
         }
     }
-    return std::none_of(links.begin(), links.end(), [](const link &one) {
-        return one.now == state::CONNECTING || one.now == state::LOADING;
-    });
+    return std::none_of(links.begin(), links.end(),
+                        [&](const link &one) { return one.now == state::CONNECTING || is_loading(one); });
 }
 
 void site_brokers::look_after()
@@ -204,7 +217,21 @@ void site_brokers::look_after()
     }
 }
 
-void site_brokers::load(const signal_input &signals)
+void site_brokers::subscribe(const std::vector<std::string> &more, const signal_input &signals)
+{
+    {
+        const auto guard = lock();
+        filters.insert(filters.end(), more.begin(), more.end());
+        for (link &one : links) {
+            if (one.now == state::LOADING || one.now == state::THERE) {
+                ask(one, more);
+            }
+        }
+    }
+    settle(signals);
+}
+
+std::string site_brokers::settle(const signal_input &signals)
 {
     while (!is_settled()) {
         if (wait(signals, LOOK) == wait_end::INTERRUPTED) {
@@ -222,6 +249,12 @@ void site_brokers::load(const signal_input &signals)
     if (std::none_of(links.begin(), links.end(), [](const link &one) { return one.now == state::THERE; })) {
         throw failure(STATUS_NO_BROKER, reasons);
     }
+    return reasons;
+}
+
+void site_brokers::load(const signal_input &signals)
+{
+    const std::string reasons = settle(signals);
     if (!reasons.empty()) {
         fmt::print(stderr, "diagctl: {}\n", reasons);
     }
@@ -237,8 +270,26 @@ wait_end site_brokers::wait(const signal_input &signals, milliseconds limit, int
             return wait_end::INTERRUPTED;
         }
     }
-    eventfd_t ignored = 0;
-    static_cast<void>(eventfd_read(event, &ignored));
+    look_after();
+    return count == 0 ? wait_end::TIMEOUT : wait_end::DONE;
+}
+
+wait_end site_brokers::wait(const signal_input &signals, milliseconds limit, const wait_input &input,
+                            const std::function<bool(int)> &take_signal)
+{
+    pollfd fds[] = {{event, POLLIN, 0}, {signals.descriptor(), POLLIN, 0}, {input.descriptor, POLLIN, 0}};
+    const int count = poll(fds, std::size(fds), static_cast<int>(limit.count()));
+    if (fds[1].revents != 0) {
+        for (int number = signals.take(); number != 0; number = signals.take()) {
+            if (take_signal(number)) {
+                return wait_end::INTERRUPTED;
+            }
+        }
+    }
+    if (fds[2].revents != 0) {
+        input.take();
+    }
+    look_after();
     return count == 0 ? wait_end::TIMEOUT : wait_end::DONE;
 }
 

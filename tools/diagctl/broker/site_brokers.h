@@ -44,6 +44,11 @@ public:
     // Waits until something has come, or can be read from another descriptor instead; until a signal asks to end, or the time is
     // over.
     wait_end wait(const signal_input &signals, std::chrono::milliseconds limit, int other = -1);
+    // Waits for all of it; take_signal says which signals end the wait.
+    wait_end wait(const signal_input &signals, std::chrono::milliseconds limit, const wait_input &input,
+                  const std::function<bool(int)> &take_signal);
+    // Takes more filters in: what their topics have retained has come when this returns.
+    void subscribe(const std::vector<std::string> &more, const signal_input &signals);
 
     // The same for a loop of the caller's: look_after() is due when the descriptor can be read, and each second. Brokers that say
     // nothing, not even when they are asked, are taken to be away.
@@ -80,6 +85,8 @@ private:
     void wake() const;
     void hear(link &from);
     bool is_settled();
+    std::string settle(const signal_input &signals); // why some are away
+    void ask(link &asked, std::span<const std::string> wanted);
 
     std::deque<link> links;
     std::vector<std::string> filters;

@@ -1,8 +1,10 @@
 // diagctl check: a verdict for monitoring, by the conventions of monitoring plugins: one line with performance data, and the
 // exit status.
 #include "broker/requests.h"
-#include "commands/context.h"
+#include "commands/site_session.h"
+#include "screen/site_reports.h"
 #include "screen/text.h"
+#include "topics.h"
 
 #include <fmt/core.h>
 
@@ -44,6 +46,9 @@ struct check_options {
     unsigned ring_severity = VERDICT_WARNING;
     std::string expected; // a count, "names", or empty
     unsigned seconds = 5;
+    // Of a site.
+    std::string unreachable_limits = ",0";
+    unsigned views_severity = VERDICT_WARNING;
 };
 
 std::optional<unsigned> parse_count(std::string_view text)
@@ -135,6 +140,13 @@ std::string limit_text(const std::optional<unsigned> &limit)
     return limit ? std::to_string(*limit) : "";
 }
 
+verdict severity_of(size_t count, const limits &allowed)
+{
+    return allowed.critical && count > *allowed.critical ? VERDICT_CRITICAL
+           : allowed.warning && count > *allowed.warning ? VERDICT_WARNING
+                                                         : VERDICT_OK;
+}
+
 void check_list(const network &net, const watched_list &watched, const limits &allowed, findings &out)
 {
     const fact<port_list_value> &list = net.lists[watched.list];
@@ -155,11 +167,8 @@ void check_list(const network &net, const watched_list &watched, const limits &a
     out.measure(fmt::format("{}={};{};{};0", watched.measure, count, limit_text(allowed.warning),
                             limit_text(allowed.critical)));
     if (count > 0) {
-        const verdict severity = allowed.critical && count > *allowed.critical ? VERDICT_CRITICAL
-                                 : allowed.warning && count > *allowed.warning ? VERDICT_WARNING
-                                                                               : VERDICT_OK;
-        out.add(severity, fmt::format("{} port{} {} ({})", count, count == 1 ? "" : "s", watched.counted,
-                                      shortened(ports)));
+        out.add(severity_of(count, allowed), fmt::format("{} port{} {} ({})", count, count == 1 ? "" : "s",
+                                                         watched.counted, shortened(ports)));
     }
 }
 
@@ -184,6 +193,10 @@ void check_nodes(const network &net, const std::string &expected, findings &out)
     std::vector<std::string> missing;
     size_t wanted = 0;
     if (expected == "names") {
+        if (net.names.all().empty()) {
+            throw failure(STATUS_USAGE,
+                          "no names are known that could be expected: name their file with --names");
+        }
         wanted = net.names.all().size();
         for (const auto &[mac, name] : net.names.all()) {
             const auto found = net.nodes.find(mac);
@@ -206,6 +219,14 @@ void check_nodes(const network &net, const std::string &expected, findings &out)
     }
 }
 
+void check_present(const network &net, const check_options &options, findings &out)
+{
+    check_nodes(net, options.expected, out);
+    for (const watched_list &watched : WATCHED) {
+        check_list(net, watched, parse_limits(options.port_limits[watched.list]).value(), out);
+    }
+}
+
 // How long the daemon takes to answer: what it has published stays on the broker when it is gone.
 void check_daemon(requests &asked, unsigned seconds, findings &out)
 {
@@ -218,10 +239,6 @@ void check_daemon(requests &asked, unsigned seconds, findings &out)
 void check_network(const context &common, const check_options &options, findings &out)
 {
     network net = named_network(common);
-    if (options.expected == "names" && net.names.all().empty()) {
-        throw failure(STATUS_USAGE,
-                      "no names are known that could be expected: name their file with --names");
-    }
     session broker(common.address());
     requests asked(broker);
     feed(broker, net);
@@ -229,12 +246,85 @@ void check_network(const context &common, const check_options &options, findings
     if (!net.local.is_published) {
         report_no_daemon(common.address());
     }
-    check_nodes(net, options.expected, out);
-    for (const watched_list &watched : WATCHED) {
-        check_list(net, watched, parse_limits(options.port_limits[watched.list]).value(), out);
-    }
+    check_present(net, options, out);
     check_ring(net, static_cast<verdict>(options.ring_severity), out);
     check_daemon(asked, options.seconds, out);
+}
+
+// Cards whose state is known; what the others have left on the brokers is old.
+void check_cards(const site &all, const check_options &options, network &net, findings &out)
+{
+    std::vector<std::string> unreachable;
+    size_t unknown = 0;
+    const std::vector<mac_address> cards = all.cards();
+    for (const mac_address &mac : cards) {
+        const std::optional<bool> is_connected = all.is_connected(mac);
+        unknown += is_connected ? 0U : 1U;
+        if (is_connected == false) {
+            const std::string *const name = net.names.of(mac);
+            unreachable.push_back(name == nullptr ? mac_text(mac) : *name);
+            net.nodes.erase(mac);
+        }
+    }
+    const limits allowed = parse_limits(options.unreachable_limits).value();
+    out.measure(fmt::format("cards={};;;0 unreachable={};{};{};0", cards.size(), unreachable.size(),
+                            limit_text(allowed.warning), limit_text(allowed.critical)));
+    if (!unreachable.empty()) {
+        out.add(severity_of(unreachable.size(), allowed),
+                fmt::format("{} of {} cards unreachable ({})", unreachable.size(), cards.size(),
+                            shortened(unreachable)));
+    }
+    if (unknown > 0) {
+        out.add(VERDICT_UNKNOWN, fmt::format("{} card{} without a bridge that says whether it is connected",
+                                             unknown, unknown == 1 ? "" : "s"));
+    }
+}
+
+std::vector<std::string> differences_of(site_session &looked)
+{
+    const auto guard = looked.lock();
+    std::vector<std::string> texts;
+    for (const site_network &shown : looked.cards().networks()) {
+        for (const view_difference &item : shown.differences) {
+            texts.push_back(difference_text(looked.cards(), item));
+        }
+    }
+    return texts;
+}
+
+// A change comes to all cards within seconds: only differences that last count.
+void check_views(site_session &looked, const check_options &options, findings &out)
+{
+    constexpr std::chrono::milliseconds LOOK(200);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(options.seconds);
+    std::vector<std::string> found = differences_of(looked);
+    while (!found.empty() && std::chrono::steady_clock::now() < end && looked.go_on(LOOK)) {
+        found = differences_of(looked);
+    }
+    const auto severity = static_cast<verdict>(options.views_severity);
+    out.measure(fmt::format("views_differ={};{};{};0", found.size(), severity == VERDICT_WARNING ? "0" : "",
+                            severity == VERDICT_CRITICAL ? "0" : ""));
+    if (!found.empty()) {
+        out.add(severity,
+                fmt::format("views differ: {}{}", found[0],
+                            found.size() == 1 ? "" : fmt::format(" and {} more", found.size() - 1)));
+    }
+}
+
+void check_site(const context &common, const check_options &options, findings &out)
+{
+    site_session looked(common, {NODE_TOPICS_FILTER});
+    check_views(looked, options, out);
+    const auto guard = looked.lock();
+    const site_brokers &brokers = looked.brokers();
+    for (size_t broker = 0; broker < brokers.count(); broker++) {
+        if (brokers.state_of(broker) != site_brokers::state::THERE) {
+            out.add(VERDICT_WARNING, fmt::format("no broker at {}", brokers.address(broker).text()));
+        }
+    }
+    network net = site_network_model(looked.cards(), looked.cards().cards());
+    check_cards(looked.cards(), options, net, out);
+    check_present(net, options, out);
 }
 
 // What to do stands in the second one.
@@ -247,7 +337,7 @@ exit_status run_check(const context &common, const check_options &options)
 {
     findings out;
     try {
-        check_network(common, options, out);
+        common.is_site ? check_site(common, options, out) : check_network(common, options, out);
     } catch (const failure &error) {
         const bool is_card_at_fault = error.status == STATUS_NO_BROKER;
         out.add(is_card_at_fault ? VERDICT_CRITICAL : VERDICT_UNKNOWN, first_line(error.what()));
@@ -284,11 +374,27 @@ void add_check_command(command_line &line, context &common)
             {.name = watched.option, .help = watched.help, .value = "MAX[,MAX]", .check = check_limits},
             options->port_limits[watched.list]);
     }
+    add_site_options(added, common);
     added.choice({.name = "--ring-degraded",
                   .help = "What a degraded ring is: ok, warning (as without) or critical",
-                  .value = "VERDICT"},
+                  .value = "VERDICT",
+                  .excluded = "--site"},
                  SEVERITIES, options->ring_severity);
-    added.number({.name = "--timeout", .help = "How long the daemon may take to answer", .value = "SECONDS"},
+    added.text({.name = "--unreachable",
+                .help = "Of a site: more cards that aren't connected; as without, one is CRITICAL",
+                .value = "MAX[,MAX]",
+                .needed = "--site",
+                .check = check_limits},
+               options->unreachable_limits);
+    added.choice({.name = "--views-differ",
+                  .help = "Of a site, what it is when cards differ in what they say of their network: ok, "
+                          "warning (as without) or critical",
+                  .value = "VERDICT",
+                  .needed = "--site"},
+                 SEVERITIES, options->views_severity);
+    added.number({.name = "--timeout",
+                  .help = "How long the daemon may take to answer; of a site, how long views may differ",
+                  .value = "SECONDS"},
                  options->seconds, 1, 60);
     added.exit_status_help("Exit status: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN; 3 also for wrong usage.");
     add_broker_options(added, common);

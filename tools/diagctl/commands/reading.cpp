@@ -68,7 +68,7 @@ void reading::wait(const std::function<bool()> &is_done, std::chrono::millisecon
     broker.wait(is_done, limit);
 }
 
-void reading::print(const report &shown, int indent) const
+void print_report(const report &shown, const reading_options &options, int indent)
 {
     if (options.is_json) {
         puts(json_text(shown.object(), indent).c_str());
@@ -79,11 +79,9 @@ void reading::print(const report &shown, int indent) const
     }
 }
 
-exit_status reading::watch(const report &shown)
+void prepare_watch(live_view &view, const report &shown, const reading_options &options)
 {
-    live_view view;
-    std::string printed;
-    view.print = [&] {
+    view.print = [&, printed = std::string()]() mutable {
         // What hasn't changed isn't shown again.
         std::string object = json_text(shown.object());
         if (object == printed) {
@@ -92,7 +90,7 @@ exit_status reading::watch(const report &shown)
         if (!options.is_json && !printed.empty()) {
             puts("");
         }
-        print(shown, -1);
+        print_report(shown, options, -1);
         printed = std::move(object);
     };
     if (!options.is_json) {
@@ -106,6 +104,12 @@ exit_status reading::watch(const report &shown)
             return lines;
         };
     }
+}
+
+exit_status reading::watch(const report &shown)
+{
+    live_view view;
+    prepare_watch(view, shown, options);
     changed = [&view] { view.changed(); };
     const signal_input signals;
     const exit_status status = view.run(broker, signals);
@@ -118,6 +122,6 @@ exit_status reading::show(const report &shown)
     if (options.is_watch) {
         return watch(shown);
     }
-    print(shown, 2);
+    print_report(shown, options, 2);
     return fflush(stdout) == 0 ? STATUS_SUCCESS : STATUS_FAILURE;
 }

@@ -26,6 +26,11 @@ struct report {
     std::function<nlohmann::ordered_json()> object;
 };
 
+void print_report(const report &shown, const reading_options &options, int indent);
+// Shows it again with every change; what is given lives as long as the view.
+class live_view;
+void prepare_watch(live_view &view, const report &shown, const reading_options &options);
+
 // A command that looks while it runs.
 class reading
 {
@@ -44,7 +49,6 @@ public:
 
 private:
     exit_status watch(const report &shown);
-    void print(const report &shown, int indent) const;
 
     const reading_options &options;
     network model;

@@ -19,7 +19,7 @@ using std::chrono::steady_clock;
 // Answers at once where there is a daemon; nothing else tells whether there is one.
 constexpr milliseconds DAEMON_ANSWER_TIME(1000);
 constexpr size_t MAX_PENDING = 100; // messages on their way
-// Whoever listens to these acts on them.
+// Whoever listens to these acts on them; at a site they stand behind cards/<MAC>/.
 constexpr std::string_view NEVER_REPLAYED[] = {REQUEST_TOPIC, ACTIVATE_TOPIC, REMOTE_DOWNLOAD_TOPIC};
 
 struct replay_options {
@@ -82,8 +82,10 @@ exit_status run_replay(const context &common, const replay_options &options)
 {
     recording recorded = read_recording(options.path);
     std::erase_if(recorded.messages, [](const recorded_message &message) {
-        return std::find(std::begin(NEVER_REPLAYED), std::end(NEVER_REPLAYED), message.topic) !=
-               std::end(NEVER_REPLAYED);
+        return std::any_of(std::begin(NEVER_REPLAYED), std::end(NEVER_REPLAYED),
+                           [topic = std::string_view(message.topic)](std::string_view never) {
+                               return topic.ends_with(never);
+                           });
     });
     const signal_input signals;
     session broker(common.address(), &signals);

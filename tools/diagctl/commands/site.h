@@ -16,6 +16,7 @@ exit_status site_pm(const context &common, const reading_options &options, const
                     pm_kind kind, bool is_csv);
 exit_status site_export(const context &common, const std::string &listen);
 exit_status site_watch(const context &common, bool is_json);
+exit_status site_top(const context &common);
 // node: empty for all that are connected.
 exit_status site_ping(const context &common, const std::string &node, bool is_json);
 exit_status site_reset(const context &common, const std::string &node, int port, bool is_yes);

@@ -17,24 +17,24 @@ using std::chrono::steady_clock;
 
 constexpr milliseconds LOOK(100);
 
-std::string own_topics(const char *rest)
+// A session of what one card says of itself alone.
+class card_session
 {
-    return std::string(DIAG_PREFIX) + "+/" + rest;
-}
+public:
+    card_session(const context &common, const std::string &node, const std::string &topics)
+        : looked(common, {}), mac(looked.resolve(node))
+    {
+        looked.subscribe({fmt::format("{}{}/{}", DIAG_PREFIX, mac_text(mac), topics)});
+    }
+
+    site_session looked;
+    const mac_address mac;
+};
 
 nlohmann::ordered_json with_connection(nlohmann::ordered_json object, const site &all, const mac_address &mac)
 {
     object.update(connection_json(all.card(mac)));
     return object;
-}
-
-screen_lines below_connection(site_session &looked, const mac_address &mac, const screen_lines &lines)
-{
-    screen_line first = {{text_style::BOLD, "card: "}};
-    append(first, connection_line(looked.cards(), mac, looked.since()));
-    screen_lines all = {first};
-    append_lines(all, lines);
-    return all;
 }
 
 // One card of the site.
@@ -46,9 +46,10 @@ exit_status show_card(site_session &looked, const mac_address &mac, const readin
         const network net = site_card_model(looked.cards(), mac);
         return shown(net, net.nodes.at(mac));
     };
-    return looked.show({.lines = [&] { return below_connection(looked, mac, with_model(lines)); },
-                        .object = [&] { return with_connection(with_model(object), looked.cards(), mac); }},
-                       options);
+    return looked.show(
+        {.lines = [&] { return below_connection(looked.cards(), mac, looked.since(), with_model(lines)); },
+         .object = [&] { return with_connection(with_model(object), looked.cards(), mac); }},
+        options);
 }
 
 [[noreturn]] void report_no_site_records(const std::string &what, const mac_address &mac)
@@ -77,15 +78,16 @@ exit_status site_lists(const context &common, const reading_options &options)
 
 exit_status site_show(const context &common, const reading_options &options, const std::string &node)
 {
-    site_session looked(common, {NODE_TOPICS_FILTER});
-    return show_card(looked, looked.resolve(node), options, node_lines, node_json);
+    card_session card(common, node, "+");
+    return show_card(card.looked, card.mac, options, node_lines, node_json);
 }
 
 exit_status site_ports(const context &common, const reading_options &options, const std::string &text,
                        unsigned measure_seconds)
 {
-    site_session looked(common, {own_topics("+/stats")});
-    const mac_address mac = looked.resolve(text);
+    card_session card(common, text, fmt::format("+/{}", PORT_STATS));
+    site_session &looked = card.looked;
+    const mac_address mac = card.mac;
     const auto has = [&](const auto &is) {
         const auto guard = looked.lock();
         const node *const found = looked.cards().find(mac);
@@ -109,8 +111,9 @@ exit_status site_ports(const context &common, const reading_options &options, co
 exit_status site_pm(const context &common, const reading_options &options, const std::string &text, int port,
                     pm_kind kind, bool is_csv)
 {
-    site_session looked(common, {own_topics((port_text(port) + "/" + std::string(PM_PREFIX) + "+").c_str())});
-    const mac_address mac = looked.resolve(text);
+    card_session card(common, text, fmt::format("{}/{}+", port_text(port), PM_PREFIX));
+    site_session &looked = card.looked;
+    const mac_address mac = card.mac;
     {
         const auto guard = looked.lock();
         const node *const found = looked.cards().find(mac);

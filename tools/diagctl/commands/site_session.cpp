@@ -2,10 +2,10 @@
 
 #include "clock.h"
 #include "screen/site_reports.h"
-#include "screen/terminal.h"
 
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <fstream>
@@ -16,7 +16,7 @@ namespace
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds REFRESH(200);
+constexpr milliseconds REFRESH(500); // of a view: thousands of cards are many lines
 
 } // namespace
 
@@ -83,7 +83,9 @@ site_session::site_session(const context &common, std::vector<std::string> filte
     for (size_t broker = 0; broker < common.hosts.size(); broker++) {
         all.account(broker).net.names = names;
     }
-    filters.insert(filters.begin(), VIEWS_FILTER);
+    if (std::find(filters.begin(), filters.end(), VIEWS_FILTER) == filters.end()) {
+        filters.insert(filters.begin(), VIEWS_FILTER);
+    }
     connections.emplace(
         site_addresses(common), site_login_of(common), std::move(filters),
         site_brokers::listener{
@@ -149,31 +151,40 @@ mac_address site_session::resolve(const std::string &text)
     throw failure(STATUS_FAILURE, reason);
 }
 
+exit_status site_session::run(live_view &view)
+{
+    view.min_refresh = REFRESH;
+    const auto guarded = [this](auto &function) {
+        if (function) {
+            function = [this, inner = std::move(function)](auto &&...given) {
+                const auto guard = lock();
+                return inner(given...);
+            };
+        }
+    };
+    guarded(view.render);
+    guarded(view.print);
+    guarded(view.take_key);
+    return view.run(
+        live_view::waiting([&](milliseconds limit, wait_input &keyboard, const auto &take_signal) {
+            const wait_end end = connections->wait(signals, limit, keyboard, take_signal);
+            if (end == wait_end::DONE) {
+                view.changed();
+            }
+            return end != wait_end::INTERRUPTED;
+        }));
+}
+
 exit_status site_session::show(const report &shown, const reading_options &options)
 {
-    std::string printed;
-    do {
-        const auto guard = lock();
-        std::string object = json_text(shown.object(), options.is_watch ? -1 : 2);
-        if (object == printed) {
-            continue;
-        }
-        if (options.is_json) {
-            puts(object.c_str());
-        } else {
-            if (!printed.empty()) {
-                puts("");
-            }
-            for (const screen_line &line : shown.lines()) {
-                terminal_print(line);
-            }
-        }
-        printed = std::move(object);
-        if (fflush(stdout) != 0) {
-            return STATUS_FAILURE;
-        }
-    } while (options.is_watch && wait(REFRESH * 5) && go_on(REFRESH));
-    return STATUS_SUCCESS;
+    if (options.is_watch) {
+        live_view view;
+        prepare_watch(view, shown, options);
+        return run(view);
+    }
+    const auto guard = lock();
+    print_report(shown, options, 2);
+    return fflush(stdout) == 0 ? STATUS_SUCCESS : STATUS_FAILURE;
 }
 
 bool site_session::wait(milliseconds limit)

@@ -6,6 +6,7 @@
 #include "commands/reading.h"
 #include "commands/site.h"
 #include "network/site.h"
+#include "screen/live.h"
 
 // What the brokers' sessions need of the command line.
 std::vector<broker_address> site_addresses(const context &common);
@@ -29,10 +30,14 @@ public:
     std::unique_lock<std::mutex> lock() { return connections->lock(); }
     const moment &since() const { return start; }
 
+    // Takes in more topics: what they have has come when this returns.
+    void subscribe(const std::vector<std::string> &filters) { connections->subscribe(filters, signals); }
     // The one card that is meant.
     mac_address resolve(const std::string &text);
     // Shows a report once, or again with every change; its functions are called under the lock.
     exit_status show(const report &shown, const reading_options &options);
+    // Shows a view until it ends; what it calls is called under the lock.
+    exit_status run(live_view &view);
     // Waits until something comes, or the time is over; false when a signal asks to end.
     bool wait(std::chrono::milliseconds limit);
     // The same for something to read from the descriptor, whatever comes from the brokers.

@@ -2,7 +2,7 @@
 #include "screen/top.h"
 
 #include "clock.h"
-#include "commands/context.h"
+#include "commands/site.h"
 #include "screen/changes.h"
 #include "screen/live.h"
 
@@ -46,9 +46,9 @@ public:
             return true;
         });
         broker.subscribe(all_filters());
-        select(0);
+        cursor.move(0, rows());
         view.render = [this](terminal_size size) { return render(size); };
-        view.take_key = [this](key pressed) { take_key(pressed); };
+        view.take_key = [this](key pressed) { cursor.take_key(pressed, rows()); };
     }
 
     exit_status run()
@@ -75,43 +75,13 @@ private:
         view.changed();
     }
 
-    // Moves the selection by so many nodes, to the first or last one at most.
-    void select(std::ptrdiff_t distance)
+    std::vector<mac_address> rows() const
     {
-        const std::vector<const node *> nodes = sorted_nodes(net, order);
-        if (!nodes.empty()) {
-            const auto last = static_cast<std::ptrdiff_t>(nodes.size()) - 1;
-            const auto from = static_cast<std::ptrdiff_t>(index_of(nodes, selected));
-            selected = nodes[static_cast<size_t>(std::clamp<std::ptrdiff_t>(from + distance, 0, last))]->mac;
+        std::vector<mac_address> macs;
+        for (const node *shown : sorted_nodes(net, cursor.order)) {
+            macs.push_back(shown->mac);
         }
-    }
-
-    void take_key(key pressed)
-    {
-        constexpr std::ptrdiff_t PAGE = 10;
-        constexpr struct {
-            key pressed;
-            std::ptrdiff_t distance;
-        } MOVES[] = {{key::UP, -1}, {key::DOWN, 1}, {key::PAGE_UP, -PAGE}, {key::PAGE_DOWN, PAGE}};
-        constexpr struct {
-            key pressed;
-            node_order order;
-        } SORTS[] = {{key::SORT_MAC, node_order::MAC},
-                     {key::SORT_NUMBER, node_order::NUMBER},
-                     {key::SORT_FAULTS, node_order::FAULTS},
-                     {key::SORT_CHANGE, node_order::CHANGE}};
-        for (const auto &move : MOVES) {
-            if (pressed == move.pressed) {
-                select(move.distance);
-            }
-        }
-        for (const auto &sort : SORTS) {
-            order = pressed == sort.pressed ? sort.order : order;
-        }
-        if (pressed == key::ENTER) {
-            select(0);
-        }
-        is_detail = pressed == key::ENTER ? !is_detail : is_detail && pressed != key::BACK;
+        return macs;
     }
 
     screen_lines render(terminal_size size)
@@ -121,9 +91,9 @@ private:
                             .events = events,
                             .recent = recent,
                             .target = target ? &*target : nullptr,
-                            .order = order,
-                            .selected = selected,
-                            .is_detail = is_detail,
+                            .order = cursor.order,
+                            .selected = cursor.selected,
+                            .is_detail = cursor.is_detail,
                             .width = size.width,
                             .height = size.height},
                            current_moment());
@@ -133,9 +103,7 @@ private:
     std::deque<event> events;
     trends recent;
     std::optional<stats_target> target;
-    node_order order = node_order::MAC;
-    mac_address selected{};
-    bool is_detail = false; // of the selected node
+    table_cursor cursor;
     const bool is_screen = terminal_is_screen();
     live_view view;
     session broker;
@@ -149,10 +117,14 @@ void add_top_command(command_line &line, context &common)
         line, common, "top",
         "Show the network live: nodes, ports, lists and events. On a terminal full-screen, q quits; "
         "elsewhere one line for each change.",
-        [](const context &known, const top_options &given) { return top(known, given).run(); });
+        [](const context &known, const top_options &given) {
+            return known.is_site ? site_top(known) : top(known, given).run();
+        });
+    add_site_options(added, common);
     added.text({.name = "--stats",
                 .help = "Also show the statistics of this port",
                 .value = "NODE/PORT",
+                .excluded = "--site",
                 .check = check_stats_target},
                options->stats);
     add_broker_options(added, common);

@@ -123,13 +123,11 @@ bool apply(site_account &account, std::string_view topic, bytes payload, bool is
            change_detail detail, site_changes &out)
 {
     const bool is_view = topic.starts_with(CARDS_PREFIX);
-    std::string_view rest = topic;
-    rest.remove_prefix(std::min(rest.size(), is_view ? CARDS_PREFIX.size() : DIAG_PREFIX.size()));
-    const std::optional<mac_address> mac = parse_topic_mac(rest.substr(0, MAC_TEXT_SIZE));
-    if (!mac || payload.size() > SITE_PAYLOAD_MAX || rest.size() < MAC_TEXT_SIZE + 2 ||
-        rest[MAC_TEXT_SIZE] != '/') {
+    const std::optional<mac_address> mac = site_topic_card(topic);
+    if (!mac || payload.size() > SITE_PAYLOAD_MAX) {
         return false;
     }
+    const std::string_view rest = topic.substr(is_view ? CARDS_PREFIX.size() : DIAG_PREFIX.size());
     site_card *const card = card_of(account, *mac);
     if (card == nullptr) {
         return false;
@@ -308,10 +306,27 @@ private:
 
 } // namespace
 
+std::string site_bridge_topic(const mac_address &mac)
+{
+    return std::string(CARDS_PREFIX) + mac_text(mac) + "/" + std::string(BRIDGE_STATE);
+}
+
+std::optional<mac_address> site_topic_card(std::string_view topic)
+{
+    const std::string_view prefix = topic.starts_with(CARDS_PREFIX) ? CARDS_PREFIX : DIAG_PREFIX;
+    if (!topic.starts_with(prefix)) {
+        return {};
+    }
+    const std::string_view rest = topic.substr(prefix.size());
+    const bool has_more = rest.size() > MAC_TEXT_SIZE + 1 && rest[MAC_TEXT_SIZE] == '/';
+    return has_more ? parse_topic_mac(rest.substr(0, MAC_TEXT_SIZE)) : std::nullopt;
+}
+
 site_changes site_apply(site_account &account, std::string_view topic, bytes payload, bool is_retained,
                         const moment &now, change_detail detail)
 {
     site_changes out;
+    out.is_retained = is_retained;
     if (!apply(account, topic, payload, is_retained, now, detail, out) && account.foreign++ == 0) {
         account.first_foreign = topic;
     }

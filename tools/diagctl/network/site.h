@@ -54,6 +54,7 @@ struct site_changes {
     bool is_view = false;                 // what the card says of others, of its lists or its connection
     changes nodes;                        // of the cards' own topics
     std::vector<site_change> cards;
+    bool is_retained = false; // so that there are none
 };
 
 // One broker's account.
@@ -63,6 +64,10 @@ struct site_account {
     size_t foreign = 0;        // messages that no card of a site sends
     std::string first_foreign; // their first topic
 };
+
+std::string site_bridge_topic(const mac_address &mac); // cards/<MAC>/bridge
+// Which card a topic at the site is of.
+std::optional<mac_address> site_topic_card(std::string_view topic);
 
 site_changes site_apply(site_account &account, std::string_view topic, bytes payload, bool is_retained,
                         const moment &now, change_detail detail = change_detail::NETWORK);

@@ -21,18 +21,42 @@ public:
     // Something has changed.
     void changed() { is_changed = true; }
 
+    // How often a busy network is drawn.
+    std::chrono::milliseconds min_refresh{100};
+
     // Shows the view; throws when the session is lost. STATUS_FAILURE when the output can't be written.
     exit_status run(session &broker, const signal_input &signals);
+    // The same where something else waits: until something comes, can be read from the keyboard, a signal comes, for
+    // which it asks, or the time is over. False at the end.
+    using waiting = std::function<bool(std::chrono::milliseconds limit, wait_input &keyboard,
+                                       const std::function<bool(int)> &take_signal)>;
+    exit_status run(const waiting &wait);
 
 private:
     bool take_signal(int signal);
     bool take_keys(); // false at the end of the input
     void show();
-    void refresh(session &broker);
+    // Shows the view when it is time to; the time left otherwise.
+    std::optional<std::chrono::milliseconds> refresh();
+    void begin();
+    void end();
 
     std::optional<full_screen> screen;
+    wait_input keyboard{-1, {}};
     std::chrono::steady_clock::time_point shown{};
     bool is_changed = true;
     bool is_quit = false;
     bool is_failed = false;
+};
+
+// Which row of a table is selected, how it is sorted, and whether that row is shown alone.
+struct table_cursor {
+    node_order order = node_order::MAC;
+    mac_address selected{};
+    bool is_detail = false;
+
+    // rows: as they stand now.
+    void take_key(key pressed, const std::vector<mac_address> &rows);
+    // By so many rows, to the first or last one at most.
+    void move(std::ptrdiff_t distance, const std::vector<mac_address> &rows);
 };

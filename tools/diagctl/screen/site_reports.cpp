@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <set>
 
 namespace
 {
@@ -132,6 +133,7 @@ network site_card_model(const site &all, const mac_address &mac)
         shown = *found;
     }
     shown.mac = mac;
+    net.local = {}; // at a site nothing is
     for (const auto &list : net.lists) {
         for (const listed_ports &record : list.value.value_or(port_list_value{})) {
             if (record.mac == mac) {
@@ -210,24 +212,32 @@ std::string site_change_text(const site &all, const site_change &item)
                        PORT_LIST_INFOS[item.list].label);
 }
 
-screen_lines site_nodes_lines(const site &all, node_order order, const moment &start, const moment &now)
+screen_lines below_connection(const site &all, const mac_address &mac, const moment &start,
+                              const screen_lines &lines)
 {
-    screen_lines lines;
+    screen_line first = {{text_style::BOLD, "card: "}};
+    append(first, connection_line(all, mac, start));
+    screen_lines both = {first};
+    append_lines(both, lines);
+    return both;
+}
+
+std::vector<site_row> site_node_rows(const site &all, node_order order, const moment &start,
+                                     const moment &now)
+{
+    std::vector<site_row> lines;
     for (const site_network &shown : all.networks()) {
         if (!lines.empty()) {
-            lines.push_back(plain(""));
+            lines.push_back({plain(""), {}});
         }
-        lines.push_back(network_title(all, shown));
+        lines.push_back({network_title(all, shown), {}});
         const network net = site_network_model(all, shown.cards);
-        std::vector<const node *> nodes;
-        for (const auto &[mac, item] : net.nodes) {
-            nodes.push_back(&item);
-        }
         std::vector<const node *> sorted = sorted_nodes(net, order);
         // What has told nothing of itself stands behind.
-        for (const node *item : nodes) {
-            if (std::find(sorted.begin(), sorted.end(), item) == sorted.end()) {
-                sorted.push_back(item);
+        const std::set<const node *> present(sorted.begin(), sorted.end());
+        for (const auto &[mac, item] : net.nodes) {
+            if (!present.contains(&item)) {
+                sorted.push_back(&item);
             }
         }
         std::vector<std::vector<screen_line>> rows = {heading({"CARD"})};
@@ -236,13 +246,27 @@ screen_lines site_nodes_lines(const site &all, node_order order, const moment &s
         }
         screen_lines table = columns(rows);
         const screen_lines shown_nodes = node_table(net, sorted, now);
-        const size_t width = widest(table) + 2;
+        size_t width = 0;
+        for (const screen_line &line : table) {
+            width = std::max(width, length_of(line) + 2);
+        }
         for (size_t i = 0; i < table.size(); i++) {
             pad(table[i], width);
             append(table[i], shown_nodes[i]);
+            lines.push_back({table[i], i == 0 ? std::nullopt : std::optional(sorted[i - 1]->mac)});
         }
-        append_lines(lines, table);
-        append_lines(lines, difference_lines(all, shown));
+        for (screen_line &line : difference_lines(all, shown)) {
+            lines.push_back({std::move(line), {}});
+        }
+    }
+    return lines;
+}
+
+screen_lines site_nodes_lines(const site &all, node_order order, const moment &start, const moment &now)
+{
+    screen_lines lines;
+    for (site_row &row : site_node_rows(all, order, start, now)) {
+        lines.push_back(std::move(row.line));
     }
     return lines;
 }

@@ -291,26 +291,6 @@ screen_lines stats_lines(const screen &screen)
     return lines;
 }
 
-// The newest events, in so many lines. What is wider than the screen goes on in the next line.
-screen_lines event_lines(const screen &screen, size_t count)
-{
-    screen_lines lines;
-    const size_t room = count > 0 ? count - 1 : 0;
-    for (auto item = screen.events.rbegin(); item != screen.events.rend() && lines.size() < room; ++item) {
-        const screen_lines wrapped = wrap(
-            {{text_style::DIM, clock_text(item->when) + " "}, {text_style::PLAIN, item->text}}, screen.width);
-        lines.insert(lines.begin(), wrapped.begin(), wrapped.end());
-    }
-    if (lines.size() > room) {
-        lines.erase(lines.begin(), lines.end() - static_cast<std::ptrdiff_t>(room));
-    }
-    if (screen.events.empty()) {
-        lines.push_back({{text_style::DIM, "none since the start"}});
-    }
-    lines.insert(lines.begin(), title_line("Events", screen.width));
-    return lines;
-}
-
 } // namespace
 
 size_t index_of(const std::vector<const node *> &nodes, const mac_address &mac)
@@ -318,6 +298,26 @@ size_t index_of(const std::vector<const node *> &nodes, const mac_address &mac)
     const auto found =
         std::find_if(nodes.begin(), nodes.end(), [&](const node *item) { return item->mac == mac; });
     return found == nodes.end() ? 0 : static_cast<size_t>(found - nodes.begin());
+}
+
+// What is wider than the screen goes on in the next line.
+screen_lines event_lines(const std::deque<event> &events, size_t width, size_t count)
+{
+    screen_lines lines;
+    const size_t room = count > 0 ? count - 1 : 0;
+    for (auto item = events.rbegin(); item != events.rend() && lines.size() < room; ++item) {
+        const screen_lines wrapped =
+            wrap({{text_style::DIM, clock_text(item->when) + " "}, {text_style::PLAIN, item->text}}, width);
+        lines.insert(lines.begin(), wrapped.begin(), wrapped.end());
+    }
+    if (lines.size() > room) {
+        lines.erase(lines.begin(), lines.end() - static_cast<std::ptrdiff_t>(room));
+    }
+    if (events.empty()) {
+        lines.push_back({{text_style::DIM, "none since the start"}});
+    }
+    lines.insert(lines.begin(), title_line("Events", width));
+    return lines;
 }
 
 screen_lines view_render(const screen &screen, const moment &now)
@@ -346,7 +346,8 @@ screen_lines view_render(const screen &screen, const moment &now)
         append_lines(lines, lists);
         append_lines(lines, stats);
     }
-    append_lines(lines, event_lines(screen, screen.height > lines.size() ? screen.height - lines.size() : 0));
+    append_lines(lines, event_lines(screen.events, screen.width,
+                                    screen.height > lines.size() ? screen.height - lines.size() : 0));
 
     lines.resize(screen.height);
     for (screen_line &line : lines) {

@@ -33,5 +33,8 @@ struct screen {
 // Where the node stands, 0 when it isn't there.
 size_t index_of(const std::vector<const node *> &nodes, const mac_address &mac);
 
+// The newest ones under a title, in so many lines.
+screen_lines event_lines(const std::deque<event> &events, size_t width, size_t count);
+
 // screen.height lines, none wider than screen.width.
 screen_lines view_render(const screen &screen, const moment &now);
