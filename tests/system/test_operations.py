@@ -6,6 +6,7 @@ from contextlib import contextmanager
 from pathlib import Path
 
 import pytest
+from client import DIAGCTL, NO_BROKER, run_in
 from panel import Stream, wait_until
 
 EXAMPLES = Path(__file__).resolve().parent.parent.parent / "packaging" / "mosquitto"
@@ -146,6 +147,12 @@ def test_bridge_or_access_list_loses_topics_or_repeats_commands(panel):
         words = " ".join(service(card))
         seen = site.shell(f"mosquitto_sub {words} -t '#' -W 2 -F %t || [ $? = 27 ]").split()
         assert stats in seen and not [topic for topic in seen if not topic.startswith("pub/diag/")]
+        put(site, "/run/password", "secret\n")
+        login = ["--host", card.address, "--port", "8883", "--cafile", "/run/ca.crt", "--user", "service"]
+        for words in (["show", "local"], ["ports", "local"], ["ping"], ["check"]):
+            assert site.exec(DIAGCTL, *words, *login, "--password-file", "/run/password")
+        refused = run_in(site, "ping", *login)
+        assert refused.returncode == NO_BROKER and "not authori" in refused.stderr, refused
         assert card.daemon.stop() == 0
         assert not [line for line in card.broker.items if "Denied PUBLISH" in line]
 

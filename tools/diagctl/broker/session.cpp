@@ -87,6 +87,17 @@ mosquitto *new_client(session *owner)
 
 } // namespace
 
+void set_login(mosquitto *client, const broker_login &login)
+{
+    if (!login.user.empty()) {
+        mosquitto_username_pw_set(client, login.user.c_str(), login.password.c_str());
+    }
+    if (!login.ca_file.empty() && mosquitto_tls_set(client, login.ca_file.c_str(), nullptr, nullptr, nullptr,
+                                                    nullptr) != MOSQ_ERR_SUCCESS) {
+        throw failure(STATUS_FAILURE, fmt::format("couldn't read the certificate in {}", login.ca_file));
+    }
+}
+
 std::string sign_of_life::words()
 {
     return fmt::format("no word from it for {:.0f} s",
@@ -104,6 +115,7 @@ session::session(broker_address broker, const signal_input *watched, retain_flag
     if (flags == retain_flags::AS_PUBLISHED) {
         mosquitto_int_option(client.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     }
+    set_login(client.get(), where.login);
     install_callbacks();
     connect();
 }

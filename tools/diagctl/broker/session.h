@@ -18,9 +18,18 @@ class signal_input;
 struct mosquitto;
 struct mosquitto_message;
 
+struct broker_login {
+    std::string user;     // empty: none
+    std::string password; // ignored without a user
+    std::string ca_file;  // empty: no TLS
+};
+// For a client that isn't connected yet.
+void set_login(mosquitto *client, const broker_login &login);
+
 struct broker_address {
     std::string host;
     int port;
+    broker_login login = {};
 
     std::string text() const { return host + ":" + std::to_string(port); }
 };

@@ -37,7 +37,7 @@ constexpr int REFUSED_SUBSCRIPTION = 0x80;
 
 } // namespace
 
-site_brokers::site_brokers(const std::vector<broker_address> &addresses, const site_login &login,
+site_brokers::site_brokers(const std::vector<broker_address> &addresses, const broker_login &login,
                            std::vector<std::string> wanted, listener given)
     : filters(std::move(wanted)), handlers(std::move(given)), event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
@@ -61,19 +61,13 @@ site_brokers::~site_brokers()
     mosquitto_lib_cleanup();
 }
 
-void site_brokers::open(link &opened, const site_login &login)
+void site_brokers::open(link &opened, const broker_login &login)
 {
     opened.client = mosquitto_new(nullptr, true, &opened);
     if (opened.client == nullptr) {
         throw failure(STATUS_FAILURE, strerror(errno));
     }
-    if (!login.user.empty()) {
-        mosquitto_username_pw_set(opened.client, login.user.c_str(), login.password.c_str());
-    }
-    if (!login.ca_file.empty() && mosquitto_tls_set(opened.client, login.ca_file.c_str(), nullptr, nullptr,
-                                                    nullptr, nullptr) != MOSQ_ERR_SUCCESS) {
-        throw failure(STATUS_FAILURE, fmt::format("couldn't read the certificate in {}", login.ca_file));
-    }
+    set_login(opened.client, login);
     mosquitto_reconnect_delay_set(opened.client, RETRY_SECONDS, RETRY_MAX_SECONDS, true);
     mosquitto_connect_callback_set(opened.client, [](mosquitto *, void *user, int refused) {
         link &self = *static_cast<link *>(user);

@@ -10,12 +10,6 @@
 
 class signal_input;
 
-struct site_login {
-    std::string user;     // empty: none
-    std::string password; // ignored without a user
-    std::string ca_file;  // empty: no TLS
-};
-
 class site_brokers
 {
 public:
@@ -33,7 +27,7 @@ public:
         std::function<void(size_t broker, state now)> change;
     };
 
-    site_brokers(const std::vector<broker_address> &addresses, const site_login &login,
+    site_brokers(const std::vector<broker_address> &addresses, const broker_login &login,
                  std::vector<std::string> filters, listener handlers);
     ~site_brokers();
     site_brokers(const site_brokers &) = delete;
@@ -80,7 +74,7 @@ private:
         bool is_silent = false; // away for its silence; the connection is still there
     };
 
-    void open(link &opened, const site_login &login);
+    void open(link &opened, const broker_login &login);
     void set_state(link &changed, state now, const std::string &reason = "");
     void wake() const;
     void hear(link &from);

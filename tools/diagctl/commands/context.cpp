@@ -65,6 +65,19 @@ void add_broker_options(command &added, context &common)
     added.number(
         {.name = "--port", .help = "TCP port of the broker", .value = "PORT", .environment = "DIAG_PORT"},
         common.port, 1, 65535);
+    added.text(
+        {.name = "--user", .help = "User name at the broker", .value = "NAME", .environment = "DIAG_USER"},
+        common.user);
+    added.text({.name = "--password-file",
+                .help = "The password is the first line of this file",
+                .value = "FILE",
+                .environment = "DIAG_PASSWORD_FILE"},
+               common.password_file);
+    added.text({.name = "--cafile",
+                .help = "TLS, with a broker whose certificate is signed by one of these",
+                .value = "FILE",
+                .environment = "DIAG_CAFILE"},
+               common.ca_file);
     add_names_option(added, common);
 }
 
@@ -73,7 +86,19 @@ broker_address context::address() const
     if (hosts.size() != 1) {
         throw failure(STATUS_USAGE, "several hosts are for --site only");
     }
-    return {hosts[0], port};
+    return {hosts[0], port, login()};
+}
+
+broker_login context::login() const
+{
+    broker_login login = {.user = user, .password = "", .ca_file = ca_file};
+    if (!password_file.empty()) {
+        std::ifstream file(password_file);
+        if (!std::getline(file, login.password)) {
+            throw failure(STATUS_FAILURE, fmt::format("couldn't read the password in {}", password_file));
+        }
+    }
+    return login;
 }
 
 void add_names_option(command &added, context &common)

@@ -14,13 +14,15 @@ struct context {
     std::vector<std::string> hosts = {"127.0.0.1"}; // one, but for a site with two brokers
     int port = 1885;
     bool is_site = false; // the brokers are a site's, not a card's
-    std::string user;     // at a site's brokers; empty: none
+    std::string user;     // empty: none
     std::string password_file;
     std::string ca_file;    // empty: no TLS
     std::string names_file; // empty: the usual ones
 
     // Of a card's broker.
     broker_address address() const;
+    // Reads the password.
+    broker_login login() const;
 };
 
 void add_activate_command(command_line &line, context &common);

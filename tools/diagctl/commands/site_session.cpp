@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
-#include <fstream>
 
 namespace
 {
@@ -38,19 +37,6 @@ std::vector<broker_address> site_addresses(const context &common)
     return addresses;
 }
 
-site_login site_login_of(const context &common)
-{
-    site_login login = {.user = common.user, .password = "", .ca_file = common.ca_file};
-    if (!common.password_file.empty()) {
-        std::ifstream file(common.password_file);
-        if (!std::getline(file, login.password)) {
-            throw failure(STATUS_FAILURE,
-                          fmt::format("couldn't read the password in {}", common.password_file));
-        }
-    }
-    return login;
-}
-
 void add_site_options(command &added, context &common)
 {
     added.flag({.name = "--site",
@@ -58,21 +44,6 @@ void add_site_options(command &added, context &common)
                     "The broker is a site's, to which cards' brokers connect; --host may be given again, as "
                     "HOST or HOST:PORT, for a second one"},
                common.is_site);
-    added.text({.name = "--user",
-                .help = "User name at the site's brokers",
-                .value = "NAME",
-                .environment = "DIAG_USER"},
-               common.user);
-    added.text({.name = "--password-file",
-                .help = "The password is the first line of this file",
-                .value = "FILE",
-                .environment = "DIAG_PASSWORD_FILE"},
-               common.password_file);
-    added.text({.name = "--cafile",
-                .help = "TLS, with a broker whose certificate is signed by one of these",
-                .value = "FILE",
-                .environment = "DIAG_CAFILE"},
-               common.ca_file);
 }
 
 site_session::site_session(const context &common, std::vector<std::string> filters, message_listener given,
@@ -87,7 +58,7 @@ site_session::site_session(const context &common, std::vector<std::string> filte
         filters.insert(filters.begin(), VIEWS_FILTER);
     }
     connections.emplace(
-        site_addresses(common), site_login_of(common), std::move(filters),
+        site_addresses(common), common.login(), std::move(filters),
         site_brokers::listener{
             .message = [this](size_t broker, std::string_view topic, bytes payload,
                               bool is_retained) { take(broker, topic, payload, is_retained); },

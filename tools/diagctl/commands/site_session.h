@@ -10,7 +10,6 @@
 
 // What the brokers' sessions need of the command line.
 std::vector<broker_address> site_addresses(const context &common);
-site_login site_login_of(const context &common);
 constexpr const char *VIEWS_FILTER = "cards/#";
 
 class site_session

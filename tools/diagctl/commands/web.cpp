@@ -278,7 +278,7 @@ private:
     void open_site(const context &common)
     {
         brokers.emplace(
-            site_addresses(common), site_login_of(common),
+            site_addresses(common), common.login(),
             std::vector<std::string>{VIEWS_FILTER, DIAG_FILTER},
             site_brokers::listener{
                 .message =
