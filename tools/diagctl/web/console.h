@@ -23,7 +23,7 @@ class console : public console_model
 public:
     console(page_state &told, network named) : page(told), net(std::move(named)) {}
 
-    // A message of the broker. Its changes are sent at once, what it makes of the state with the next flush().
+    // A message of the broker. It is told with the next flush().
     void take(std::string_view topic, bytes payload, bool is_retained, const moment &now);
     // Another state takes the place of this one; the page looks anew.
     void replace(network other);

@@ -23,6 +23,11 @@ void append(std::string &list, const std::string &item)
     list += item;
 }
 
+std::string event_text(uint64_t id, const char *event, const std::string &data)
+{
+    return fmt::format("id: {}\nevent: {}\ndata: {}\n\n", id, event, data);
+}
+
 std::string members(const json_parts &parts)
 {
     std::string text;
@@ -42,8 +47,16 @@ page_state::page_state(console_info about, wall_time now, event_sender to)
 
 void page_state::send(const char *event, const std::string &data)
 {
+    send_changes();
     if (!is_quiet) {
-        sender(fmt::format("id: {}\nevent: {}\ndata: {}\n\n", last_id, event, data));
+        sender(event_text(last_id, event, data));
+    }
+}
+
+void page_state::send_changes()
+{
+    if (!unsent.empty()) {
+        sender(std::exchange(unsent, {}));
     }
 }
 
@@ -90,7 +103,10 @@ void page_state::add_change(wall_time when, const std::string &object)
     if (changes_kept.size() > MAX_CHANGES) {
         changes_kept.pop_front();
     }
-    send("change", changes_kept.back().text);
+    if (!is_quiet) {
+        unsent += event_text(last_id, "change", changes_kept.back().text);
+        mark();
+    }
 }
 
 std::string page_state::log(uint64_t after) const
@@ -122,6 +138,7 @@ void page_state::begin_telling()
     dirty_since.reset();
     told_at = steady_clock::now();
     told_id = last_id;
+    send_changes();
 }
 
 void page_state::tell(size_t network, node_texts nodes, json_parts parts)
@@ -177,6 +194,7 @@ void page_state::end_anew()
 void page_state::forget_changes(uint64_t last)
 {
     changes_kept.clear();
+    unsent.clear();
     last_id = last;
 }
 

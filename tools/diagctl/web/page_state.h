@@ -31,7 +31,7 @@ public:
     // Each broker of a site, as a JSON array. Said at once.
     void set_brokers(std::string array);
 
-    // A change: see page_change_json(). Remembered and sent at once.
+    // A change: see page_change_json(). Remembered, and sent before what it makes of the state.
     void add_change(wall_time when, const std::string &object);
     // The changes after this one.
     std::string log(uint64_t after) const;
@@ -67,6 +67,7 @@ private:
     };
 
     void send(const char *event, const std::string &data);
+    void send_changes();
     std::string connection_json() const;
 
     console_info info;
@@ -77,6 +78,7 @@ private:
     bool live = false;
     std::string live_reason;
     bool is_quiet = false;
+    std::string unsent; // changes, as events
     std::string live_since;
     uint64_t last_id = 0;
     uint64_t told_id = 0; // of the last change before what was told last

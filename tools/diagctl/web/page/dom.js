@@ -92,6 +92,15 @@ export function arrange(parent, elements) {
     }
 }
 
+// Setting an attribute to what it is costs as much as changing it.
+export function put(element, attributes) {
+    for (const [name, value] of Object.entries(attributes)) {
+        if (element.getAttribute(name) !== value) {
+            element.setAttribute(name, value);
+        }
+    }
+}
+
 export function setText(element, text) {
     if (element.textContent !== text) {
         element.textContent = text;

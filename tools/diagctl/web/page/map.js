@@ -1,6 +1,6 @@
 // The network drawn: nodes in their ring, ports and links. Nodes can be put elsewhere, and stay there.
 
-import { h, morph, setText, svg } from "./dom.js";
+import { h, morph, put, setText, svg } from "./dom.js";
 import { choose as chooseFile, save } from "./file.js";
 import { layout, layoutText, parseLayout, ringPlaces } from "./layout.js";
 import { colourOf, faultsOf, goneWords, isGone, portWords, portsOf, ringOrder, titleOf } from "./nodes.js";
@@ -16,12 +16,13 @@ const DRAG_FROM = 4; // pixels; less is a click
 const FRONT = "B"; // the port that leads to the next node of the ring
 const BACK = "A"; // and to the one before
 
+// All of them are drawn and one is seen: a colour that changes is painted anew, but nothing is laid out again, which takes
+// a browser long in a drawing with many texts.
 const LAMP_SHAPES = {
-    green: `M${-LAMP} 0a${LAMP} ${LAMP} 0 1 0 ${2 * LAMP} 0a${LAMP} ${LAMP} 0 1 0 ${-2 * LAMP} 0`,
-    yellow: `M0 ${-LAMP - 3}L${LAMP + 3} 0L0 ${LAMP + 3}L${-LAMP - 3} 0z`,
-    red: `M${1 - LAMP} ${1 - LAMP}h${2 * LAMP - 2}v${2 * LAMP - 2}h${2 - 2 * LAMP}z`,
+    disc: `M${-LAMP} 0a${LAMP} ${LAMP} 0 1 0 ${2 * LAMP} 0a${LAMP} ${LAMP} 0 1 0 ${-2 * LAMP} 0`,
+    diamond: `M0 ${-LAMP - 3}L${LAMP + 3} 0L0 ${LAMP + 3}L${-LAMP - 3} 0z`,
+    square: `M${1 - LAMP} ${1 - LAMP}h${2 * LAMP - 2}v${2 * LAMP - 2}h${2 - 2 * LAMP}z`,
 };
-LAMP_SHAPES.none = LAMP_SHAPES.green;
 
 const HELP =
     "Nodes stand in the order of their numbers, where faults have told them, else of their names or addresses; links " +
@@ -53,9 +54,9 @@ function lamp(port) {
             "data-colour": colourOf(port),
             "data-fault": faultsOf(port).join(" "),
         },
-        svg("path", { d: LAMP_SHAPES[colourOf(port)] }),
+        Object.entries(LAMP_SHAPES).map(([name, d]) => svg("path", { class: name, d })),
         svg("text", { dy: "0.36em" }, port.port === "CPU" ? "c" : port.port),
-        faultsOf(port).length > 0 && svg("circle", { class: "badge", cx: LAMP, cy: -LAMP, r: 4 }),
+        svg("circle", { class: "badge", cx: LAMP, cy: -LAMP, r: 4 }),
     );
 }
 
@@ -74,10 +75,12 @@ class Item {
     show(node) {
         this.node = node;
         const { element } = this;
-        element.setAttribute("href", `#/node/${encodeURIComponent(node.mac)}`);
-        element.setAttribute("data-node", node.mac);
-        element.setAttribute("data-present", String(node.present !== false));
-        element.setAttribute("data-reachable", String(node.reachable !== false));
+        put(element, {
+            href: `#/node/${encodeURIComponent(node.mac)}`,
+            "data-node": node.mac,
+            "data-present": String(node.present !== false),
+            "data-reachable": String(node.reachable !== false),
+        });
         const where = goneWords(node) ?? "present";
         setText(
             this.title,
@@ -116,13 +119,13 @@ class Item {
                 this.angles.get(element.dataset.port) ??
                 places[free++] ??
                 FREE_PLACES[free % FREE_PLACES.length];
-            element.setAttribute("transform", translate(pointAt({ x: 0, y: 0 }, angle, RADIUS)));
+            put(element, { transform: translate(pointAt({ x: 0, y: 0 }, angle, RADIUS)) });
         }
     }
 
     move(place) {
         this.place = place;
-        this.element.setAttribute("transform", translate(place));
+        put(this.element, { transform: translate(place) });
     }
 
     port(name) {
@@ -152,8 +155,8 @@ class Link {
         const isDown = ends.some(([item, name]) => faultsOf(item.port(name) ?? {}).includes("link-down"));
         const isGoneEnd = ends.some(([item]) => isGone(item.node));
         const state = this.kind || (isDown ? "down" : isGoneEnd ? "gone" : "up");
-        this.element.setAttribute("class", `link ${state}`);
-        this.cross.setAttribute("visibility", state === "down" ? "visible" : "hidden");
+        put(this.element, { class: `link ${state}` });
+        put(this.cross, { visibility: state === "down" ? "visible" : "hidden" });
         const words = { down: "link down", gone: "a node is gone", up: "no fault", miswired: "miswired" }[
             state
         ];
@@ -188,12 +191,14 @@ class Link {
         ];
         stops.forEach(([from, to], index) => {
             const line = this.lines[index];
-            line.setAttribute("x1", from.x.toFixed(1));
-            line.setAttribute("y1", from.y.toFixed(1));
-            line.setAttribute("x2", to.x.toFixed(1));
-            line.setAttribute("y2", to.y.toFixed(1));
+            put(line, {
+                x1: from.x.toFixed(1),
+                y1: from.y.toFixed(1),
+                x2: to.x.toFixed(1),
+                y2: to.y.toFixed(1),
+            });
         });
-        this.cross.setAttribute("transform", translate(half));
+        put(this.cross, { transform: translate(half) });
     }
 }
 

@@ -22,6 +22,7 @@ class Store {
     #pending = null; // what the listeners have not been told
     #frame = null;
     #timer = null;
+    #loggedAt = -Infinity;
 
     start() {
         follow({
@@ -65,8 +66,8 @@ class Store {
         }
     }
 
-    // What says how the network is appears with the next frame; lines of the log, of which a storm brings hundreds,
-    // wait for each other.
+    // What says how the network is appears with the next frame. Lines of the log, of which a storm brings hundreds, wait
+    // for each other and for a frame that is drawn anyway.
     #mark(change) {
         this.#pending ??= { networks: new Map(), log: false, connection: false, all: false };
         change(this.#pending);
@@ -85,6 +86,15 @@ class Store {
         this.#frame = null;
         const changes = this.#pending;
         this.#pending = null;
+        if (changes.log && !changes.all) {
+            const now = performance.now();
+            changes.log = now - this.#loggedAt >= LOG_INTERVAL_MS;
+            if (changes.log) {
+                this.#loggedAt = now;
+            } else {
+                this.#mark((pending) => Object.assign(pending, { log: true, older: changes.older }));
+            }
+        }
         this.#listeners.forEach((listener) => listener(changes));
     }
 
