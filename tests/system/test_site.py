@@ -8,14 +8,16 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
-from panel import BUILD, Stream, wait_until
-from test_diagctl import PM, Terminal
+from panel import BUILD, Stream, run, wait_until
+from test_diagctl import PM, Terminal, validator
 
-EXAMPLES = Path(__file__).resolve().parent.parent.parent / "packaging" / "mosquitto"
+PACKAGING = Path(__file__).resolve().parent.parent.parent / "packaging"
+EXAMPLES, RULES = PACKAGING / "mosquitto", PACKAGING / "prometheus"
 CARDS, BROKERS = (1, 2, 3, 4), (5, 6)
 CARD_PORT, TOOL_PORT = "8883", "8884"
 CA = "/etc/mosquitto/certs/ca.crt"
 PEOPLE = ("viewer", "operator")
+CARD = "02-00-00-00-00-01"
 INTRUDER = "02-00-00-00-00-99"  # a card with a password of its own, played by the tests
 MAIN = "user root\nlog_dest stderr\nlog_type all\ninclude_dir /etc/mosquitto/conf.d\n"
 
@@ -28,6 +30,14 @@ openssl req -newkey ed25519 -nodes -subj '/CN=site' -keyout site.key -out site.c
 openssl x509 -req -in site.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 30 \
     -extfile <(echo "subjectAltName=IP:ADDRESS") -out site.crt 2>/dev/null
 """
+
+# By their schemas.
+SITE_JSON = {
+    "site": ["lists"],
+    "show": ["show", CARD],
+    "ports": ["ports", CARD],
+    "pm": ["pm", CARD, "B"],
+}
 
 
 def put(node, path, text):
@@ -62,6 +72,7 @@ class Site:
         self.lab = lab
         self.cards = {number: lab[number] for number in CARDS}
         self.logs = {}
+        self.users = set()  # with a password beside the tool
         self.view = {}
         for number in (*CARDS, *BROKERS):
             lab[number].shell("mount -t tmpfs none /etc/mosquitto; mkdir /etc/mosquitto/conf.d /etc/mosquitto/certs")
@@ -145,8 +156,10 @@ class Site:
     def tool(self, command, *words, user="viewer", brokers=BROKERS):
         """How the tool is run for both brokers."""
         node = self.lab[max(BROKERS)]
-        put(node, "/run/password", password(user))
-        login = ["--site", "--user", user, "--password-file", "/run/password", "--cafile", CA, "--port", TOOL_PORT]
+        if user not in self.users:
+            put(node, f"/run/{user}", password(user))
+            self.users.add(user)
+        login = ["--site", "--user", user, "--password-file", f"/run/{user}", "--cafile", CA, "--port", TOOL_PORT]
         hosts = [word for number in brokers for word in ("--host", self.lab[number].address)]
         return node.command(str(BUILD / "diagctl"), command, *login, *hosts, *words)
 
@@ -289,6 +302,10 @@ def test_verdict_picture_or_recording_that_is_not_of_the_site(site):
     node, (card, victim, *_) = site.lab[max(BROKERS)], site.cards.values()
     file, port = "/run/site.jsonl", "21885"
 
+    def scrape():
+        fetch = "import urllib.request as r; print(r.urlopen('http://127.0.0.1:9885/metrics').read().decode())"
+        return node.exec("/usr/bin/python3", "-c", fetch)
+
     def verdict(*words):
         status, text, error = site.diagctl("check", *words)
         assert not error
@@ -298,13 +315,23 @@ def test_verdict_picture_or_recording_that_is_not_of_the_site(site):
     assert "4 nodes |" in verdict()[1] and "cards=4;;;0 unreachable=0;;0;0" in verdict()[1]
     assert verdict("--expect", "5")[0] == 2
     recorder = Stream(site.tool("record", file), stderr=subprocess.STDOUT)
-    with Terminal(site.tool("top"), 130, 40) as top, recorder as kept:
+    exporter = Stream(site.tool("export"), stderr=subprocess.STDOUT)
+    watcher = Stream(site.tool("watch", "--json"))
+    with Terminal(site.tool("top"), 130, 40) as top, recorder as kept, exporter as metrics, watcher as changes:
         top.wait("Cards 4   Networks 1   Unreachable 0", f"network of {card.mac}: 4 cards")
         kept.wait(lambda line: line.startswith("recording"))
         site.publish(card, {"job_name": "RECORDED"})
         top.wait("RECORDED")
         victim.inside.stop("broker", "KILL")
         top.wait(f"card {victim.mac} UNREACHABLE", "Unreachable 1")
+        metrics.wait(lambda line: "/metrics" in line)
+        wait_until(lambda: f'diag_card_connected{{mac="{victim.mac}",network="{card.mac}",name=""}} 0' in scrape())
+        assert scrape().count(victim.mac) == 1
+        assert run("promtool", "check", "metrics", stdin=scrape()) == ""
+        known = set(re.findall("^# TYPE (diag_[a-z0-9_]+)", scrape(), re.MULTILINE))
+        rules = (RULES / "diag-site-rules.yml").read_text(encoding="ascii")
+        assert set(re.findall(r"\bdiag_[a-z0-9_]+", rules)) <= known
+        run("promtool", "check", "rules", RULES / "diag-site-rules.yml")
         status, text = verdict("--timeout", "1")
         assert status == 2 and f"1 of 4 cards unreachable ({victim.mac})" in text
         assert verdict("--unreachable", "1", "--timeout", "1", "--views-differ", "ok")[0] == 0
@@ -313,6 +340,9 @@ def test_verdict_picture_or_recording_that_is_not_of_the_site(site):
         site.lab.run("broker", "start", victim.number)
         site.lab.run("start", victim.number)
         top.wait("card: connected")
+        changes.wait(lambda line: f"card {victim.mac} connected" in line)
+        for line in changes.items:
+            validator("site_change").validate(json.loads(line))
         kept.signal(signal.SIGINT)
         assert kept.end() == 0
     messages = [json.loads(line) for line in node.exec("cat", file).splitlines()[1:]]
@@ -327,6 +357,16 @@ def test_verdict_picture_or_recording_that_is_not_of_the_site(site):
         replayed = json.loads(node.exec(words[0], "nodes", "--site", "--json", *words[1:]))
         broker.signal(signal.SIGTERM)
     told = json.loads(site.diagctl("nodes", "--json")[1])
+    site.publish(card, {"B/pm/period0": PM.pack(1700000000, *range(9))})
+    wait_until(lambda: site.diagctl("pm", CARD, "B")[0] == 0)
+    for name, words in SITE_JSON.items():
+        item = json.loads(site.diagctl(*words, "--json")[1])
+        validator(name).validate(item)
+        assert name == "site" or item["connected"] and item.get("location") is None
+    site.publish(card, {"B/pm/period0": b""})
+    validator("site").validate(told)
+    for line in site.diagctl("ping", "--json", user="operator")[1].splitlines():
+        validator("site_ping").validate(json.loads(line))
     for network in (*replayed["networks"], *told["networks"]):
         for item in network["cards"]:
             del item["since"]
