@@ -70,7 +70,7 @@ public:
         const auto time =
             std::chrono::nanoseconds(std::max(from_now, milliseconds(0))) + std::chrono::nanoseconds(1);
         const auto whole = std::chrono::floor<seconds>(time);
-        const itimerspec wanted = {{0, 0}, {whole.count(), (time - whole).count()}};
+        const itimerspec wanted = {{0, 0}, {whole.count(), static_cast<long>((time - whole).count())}};
         timerfd_settime(fd, 0, &wanted, nullptr);
     }
 
@@ -278,8 +278,7 @@ private:
     void open_site(const context &common)
     {
         brokers.emplace(
-            site_addresses(common), common.login(),
-            std::vector<std::string>{VIEWS_FILTER, DIAG_FILTER},
+            site_addresses(common), common.login(), std::vector<std::string>{VIEWS_FILTER, DIAG_FILTER},
             site_brokers::listener{
                 .message =
                     [this](size_t broker, std::string_view topic, bytes payload, bool is_retained) {

@@ -29,7 +29,7 @@ size_t event_stream::read(place &reader, char *buffer, size_t size) const
             if (reader.next < first) {
                 reader = {end, std::make_shared<const std::string>(RESET)};
             } else if (reader.next < end) {
-                reader = {reader.next + 1, events[reader.next - first]};
+                reader = {reader.next + 1, events[static_cast<size_t>(reader.next - first)]};
             } else {
                 break;
             }
