@@ -9,13 +9,11 @@ is in a tmpfs that only its own processes see; what runs outside finds it by the
     node         what runs in a node: broker, card, daemon
     lab          a lab that is up, as the commands and the tests use it
     supervisor   brings a lab up, and is what it hangs on
-    topics       the daemon's topics by name
+    topics       the daemon's topics by name; not of the lab itself, which runs without its source
     commands     the command line of lab/lab
 """
 from .failure import Failure
 from .lab import DEFAULT_BUILD, Config, Lab, attach, find, kill, launch
 from .node import DEFAULT_DAEMON, Node
-from .topics import TOPICS
 
-__all__ = ["DEFAULT_BUILD", "DEFAULT_DAEMON", "TOPICS", "Config", "Failure", "Lab", "Node"]
-__all__ += ["attach", "find", "kill", "launch"]
+__all__ = ["DEFAULT_BUILD", "DEFAULT_DAEMON", "Config", "Failure", "Lab", "Node", "attach", "find", "kill", "launch"]
