@@ -121,6 +121,11 @@ class Web:
         return psutil.Process(self.stream.process.pid).memory_info().rss
 
 
+def confined():
+    """What starts a program under the system calls of the console's unit."""
+    return [PYTHON, "-c", CONFINE, *allowed_calls(CONSOLE_UNIT), "--"]
+
+
 class Events:
     """The stream's events as (name, data), and when the last byte came."""
 
@@ -418,7 +423,8 @@ def test_a_site_that_is_not_as_its_brokers_tell(tmp_path):
     end = int(time.time()) // 900 * 900
     put(f"pub/diag/{mac_of(3)}/A/pm/period7", PM.pack(end, *[0] * 9))
     words = [word for broker in brokers for word in ("--host", f"127.0.0.1:{broker.port}")]
-    with Web("--site", *words) as web:
+    # Its threads, too, get along with the system calls of the unit.
+    with Web("--site", *words, wrap=confined()) as web:
 
         def networks():
             return web.json("/api/network")["networks"]
@@ -522,6 +528,5 @@ def test_a_start_or_an_end_that_says_nothing(broker):
             done = subprocess.run(words, capture_output=True, text=True, timeout=BUSY, check=False)
             assert (done.returncode, reason in done.stderr) == (status, True), done
     # Under the system calls of its unit, without a broker yet.
-    confine = [PYTHON, "-c", CONFINE, *allowed_calls(CONSOLE_UNIT), "--"]
-    with Web("--host", "localhost", "--port", free_port(), wrap=confine) as web:
+    with Web("--host", "localhost", "--port", free_port(), wrap=confined()) as web:
         assert web.get("/healthz")[0] == 503 and web.get("/")[0] == 200
