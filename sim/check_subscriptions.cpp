@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <deque>
 #include <map>
+#include <set>
+#include <tuple>
 #include <unordered_map>
 
 namespace sim
@@ -25,6 +27,10 @@ constexpr size_t LARGEST_TOPIC_DATA = 1013;
 // The event loop, the broker's session and its timer, the socket, and the timers of sending, purging, periods and
 // keepalives.
 constexpr size_t DESCRIPTORS_AT_REST = 8;
+constexpr size_t BLOCKS_OF_TOPIC = 2; // its last message and its name, which a daemon keeps
+constexpr seconds PURGE_AGE = seconds(35);
+constexpr seconds PURGED_AFTER = seconds(71);
+constexpr nanoseconds NEVER_HEARD = seconds(-1000);
 
 bool matches(const std::string &filter, const std::string &topic)
 {
@@ -76,6 +82,8 @@ struct side {
     std::map<uint32_t, holder> clients;
     std::map<std::pair<uint32_t, uint32_t>, client_request::kind> requests;
     std::deque<relayed> to_relay;
+    std::map<size_t, nanoseconds> heard; // the last summary of each node
+    std::set<topic_id> topics;           // its own that had a value
 
     void forget_daemon()
     {
@@ -83,6 +91,8 @@ struct side {
         clients.clear();
         requests.clear();
         to_relay.clear();
+        heard.clear();
+        topics.clear();
     }
 };
 
@@ -94,7 +104,15 @@ public:
     {
     }
 
-    void starts(node &which) override { of(which).forget_daemon(); }
+    void starts(node &which) override
+    {
+        of(which).forget_daemon();
+        for (const auto &[topic, value] : of(which).own_values) {
+            if (!value.empty()) {
+                of(which).topics.insert(topic);
+            }
+        }
+    }
     void ended(node &which, int) override { of(which).forget_daemon(); }
     void killed(node &which) override { of(which).forget_daemon(); }
     void excuse(node &which, const char *why) override
@@ -112,7 +130,7 @@ public:
     void published(node &which, const mqtt_message &message) override
     {
         if (message.is_retained) {
-            if (owner_of(message.topic) == static_cast<int64_t>(which.index())) {
+            if (owner_of(message.topic) == which.index()) {
                 note_value(which, message);
             }
         } else if (message.is_from_daemon) {
@@ -133,6 +151,9 @@ public:
         const size_t requester = world_.find_node(packet->mac);
         std::vector<subscription> &served = of(which).served;
         switch (packet->kind) {
+        case wire::SUMMARY:
+            of(which).heard[requester] = world_.clock().now();
+            break;
         case wire::SUBSCRIBE:
             add(which, sender, *packet, requester);
             break;
@@ -148,6 +169,7 @@ public:
             });
             break;
         case wire::GOODBYE:
+            of(which).heard.erase(requester);
             std::erase_if(served, [&](const subscription &each) { return each.requester == requester; });
             break;
         case wire::CLIENT_KEEPALIVE:
@@ -206,6 +228,9 @@ public:
                             "%zu descriptors with %zu subscriptions served",
                             each.daemon().count_descriptors(), served.size());
             }
+            if (each.daemon().is_alive() && is_certain) {
+                check_memory(each);
+            }
         }
     }
 
@@ -216,19 +241,11 @@ private:
         return sides_[which.index()];
     }
 
-    // The node whose own topic this is, -1 for none.
-    int64_t owner_of(topic_id topic)
+    // The node whose own topic this is, world_.size() for none.
+    size_t owner_of(topic_id topic)
     {
         while (owners_.size() <= topic) {
-            const std::string &name = world_.topics().name(static_cast<topic_id>(owners_.size()));
-            int64_t owner = -1;
-            unsigned mac[6];
-            if (name.starts_with(DIAG_PREFIX) &&
-                sscanf(name.c_str() + DIAG_PREFIX.size(), "%2X-%2X-%2X-%2X-%2X-%2X/", &mac[0], &mac[1],
-                       &mac[2], &mac[3], &mac[4], &mac[5]) == 6) {
-                owner = (int64_t{mac[4]} << 8 | mac[5]) - 1;
-            }
-            owners_.push_back(owner);
+            owners_.push_back(world_.find_owner(world_.topics().name(static_cast<topic_id>(owners_.size()))));
         }
         return owners_[topic];
     }
@@ -286,6 +303,9 @@ private:
             return;
         }
         value = message.payload;
+        if (!value.empty()) {
+            of(which).topics.insert(message.topic);
+        }
         const std::string &topic = world_.topics().name(message.topic);
         for (subscription &each : of(which).served) {
             if (!matches(each.filter, topic)) {
@@ -346,6 +366,40 @@ private:
                                 static_cast<long long>(each.period.count()));
                 }
             }
+        }
+    }
+
+    // The blocks in use besides those of topics are as many whenever, and wherever, a daemon has the same to remember.
+    void check_memory(const node &which)
+    {
+        const side &card = of(which);
+        const nanoseconds now = world_.clock().now();
+        const mqtt_connection *const session = which.broker().connection();
+        const bool is_idle = session != nullptr && session->to_broker.empty() && session->to_client.empty() &&
+                             session->arrived.empty();
+        if (!is_idle || now < std::max(which.started(), which.disturbed_until()) + PURGED_AFTER) {
+            return;
+        }
+        size_t known = 0;
+        for (const auto &[other, heard] : card.heard) {
+            if (now >= heard + PURGE_AGE && now <= heard + PURGED_AFTER) {
+                return;
+            }
+            known += now < heard + PURGE_AGE ? 1U : 0U;
+        }
+        const auto clients = static_cast<size_t>(
+            std::ranges::count_if(card.clients, [](const auto &each) { return each.second.count > 0; }));
+        const auto ports =
+            static_cast<size_t>(std::ranges::count_if(which.told().ports, &port_facts::is_tracked));
+        const size_t blocks = which.daemon().count_allocations() - BLOCKS_OF_TOPIC * card.topics.size();
+        const auto found =
+            blocks_.emplace(situation{card.served.size(), known, ports, clients}, blocks).first;
+        if (found->second != blocks) {
+            world_.fail("memory-returns-to-where-it-was", which.index(),
+                        "%zu blocks, and before, or elsewhere, %zu with as many subscriptions (%zu), nodes "
+                        "(%zu), ports "
+                        "(%zu) and clients (%zu)",
+                        blocks, found->second, card.served.size(), known, ports, clients);
         }
     }
 
@@ -440,7 +494,10 @@ private:
 
     topic_id response_topic_;
     std::vector<side> sides_;
-    std::vector<int64_t> owners_;
+    // The subscriptions served, nodes known, ports tracked and own clients: all that a daemon has records of.
+    using situation = std::tuple<size_t, size_t, size_t, size_t>;
+    std::map<situation, size_t> blocks_;
+    std::vector<size_t> owners_;
 };
 
 } // namespace

@@ -96,6 +96,7 @@ private:
 std::unique_ptr<checker> make_topics_checker(world &where);
 std::unique_ptr<checker> make_requests_checker(world &where);
 std::unique_ptr<checker> make_statistics_checker(world &where);
+std::unique_ptr<checker> make_performance_checker(world &where);
 std::unique_ptr<checker> make_subscriptions_checker(world &where);
 std::unique_ptr<checker> make_ends_checker(world &where);
 std::unique_ptr<checker> make_resources_checker(world &where);

@@ -31,6 +31,7 @@ public:
     mqtt_broker &broker() override { return broker_; }
     const mqtt_broker &broker() const { return broker_; }
     facts &told() { return told_; }
+    const facts &told() const { return told_; }
     topic_id topic(item which) const { return item_topics_[static_cast<size_t>(which)]; }
 
     // Power, and what the supervision is told.

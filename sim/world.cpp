@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cctype>
+#include <charconv>
 #include <cstdarg>
 
 namespace sim
@@ -46,6 +47,7 @@ world::world(const settings &chosen, FILE *trace, const reporter &out)
     monitor_.add(make_subscriptions_checker(*this));
     monitor_.add(make_topics_checker(*this));
     monitor_.add(make_statistics_checker(*this));
+    monitor_.add(make_performance_checker(*this));
     monitor_.add(make_resources_checker(*this));
 }
 
@@ -67,6 +69,19 @@ size_t world::find_node(std::span<const uint8_t> mac) const
     const size_t index = (size_t{mac[4]} << 8 | mac[5]) - 1;
     return index < nodes_.size() && std::ranges::equal(nodes_[index]->mac(), mac.first(6)) ? index
                                                                                            : nodes_.size();
+}
+
+size_t world::find_owner(std::string_view topic) const
+{
+    if (!topic.starts_with(DIAG_PREFIX) || topic.size() < OWN_TOPIC_PREFIX) {
+        return size();
+    }
+    mac_address mac{};
+    for (size_t i = 0; i < mac.size(); i++) {
+        const char *const digits = topic.data() + DIAG_PREFIX.size() + 3 * i;
+        std::from_chars(digits, digits + 2, mac[i], 16);
+    }
+    return find_node(mac);
 }
 
 //

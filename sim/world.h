@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -88,6 +89,9 @@ public:
     const std::vector<size_t> &peers_of(size_t index) const { return peers_[index]; }
     // The node with the address; size() when there is none.
     size_t find_node(std::span<const uint8_t> mac) const;
+    // The node whose own topic this is; size() for none.
+    static constexpr size_t OWN_TOPIC_PREFIX = std::string_view("pub/diag/02-00-00-00-00-01/").size();
+    size_t find_owner(std::string_view topic) const;
 
     void connectivity_changed() { monitor_.connectivity_changed(); }
 
