@@ -30,7 +30,6 @@ constexpr size_t DESCRIPTORS_AT_REST = 8;
 constexpr size_t BLOCKS_OF_TOPIC = 2; // its last message and its name, which a daemon keeps
 constexpr seconds PURGE_AGE = seconds(35);
 constexpr seconds PURGED_AFTER = seconds(71);
-constexpr nanoseconds NEVER_HEARD = seconds(-1000);
 
 bool matches(const std::string &filter, const std::string &topic)
 {

@@ -39,9 +39,9 @@ constexpr bool USES_CHUNKS = true;
 constexpr int FRESH =
     0xA5; // what memory holds at first: no pointer that the search for leaks would take for one
 
-constexpr size_t CHUNK = 32 * 1024;
+constexpr size_t CHUNK = size_t{32} * 1024;
 constexpr size_t REGION =
-    2 * 1024 * 1024; // one entry of the processor's page tables, where the system can have it so
+    size_t{2} * 1024 * 1024; // one entry of the processor's page tables, where the system can have it so
 
 std::vector<void *> unused_chunks;
 

@@ -254,6 +254,15 @@ TEST_F(subscriptions, to_filters_that_are_none_end_the_daemon)
     EXPECT_EQ(take_packets().back(), to_all(PACKET_GOODBYE));
 }
 
+TEST_F(subscriptions, that_cannot_be_acknowledged_again_end_the_daemon)
+{
+    receive_datagram(subscribe_packet(10));
+    fail(system_call::SENDTO, ENETUNREACH);
+    receive_datagram(subscribe_packet(10));
+    EXPECT_EQ(exit_status(), 1);
+    EXPECT_EQ(take_log().front(), "remote: couldn't send packet (errno " + std::to_string(ENETUNREACH) + ")");
+}
+
 //
 // Topic data received
 //
