@@ -88,24 +88,6 @@ TEST_F(main_program, sigterm_ends_each_wait_of_the_start)
             lines{"broker: couldn't request mosquitto disconnect (The client is not currently connected.)"});
 }
 
-TEST_F(main_program, takes_no_fact_while_a_start_that_failed_ends)
-{
-    publish("local/diag/ring/0/status", be(0, 4));
-    publish(OWN_TOPIC + "/M301", "1");
-    unsigned failures = 0;
-    for (;; failures++) {
-        fail(system_call::TIMERFD_CREATE, EMFILE, failures);
-        start();
-        advance(2s);
-        if (is_running()) {
-            break;
-        }
-        EXPECT_EQ(exit_status(), 1) << failures;
-    }
-    EXPECT_EQ(failures, 5U);
-    take_log();
-}
-
 TEST_F(main_program, gives_up_a_silent_broker_after_5_s_and_one_that_refuses_at_once)
 {
     broker().conduct().answers_connect = false;
