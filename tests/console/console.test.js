@@ -19,6 +19,7 @@ import {
     reached,
     saved,
     see,
+    seeFault,
     server,
     start,
 } from "./page.js";
@@ -40,17 +41,12 @@ test("nodes and ports that the page does not show", async () => {
 
 test("faults that the page does not show", async () => {
     await lab("cut", 2, "B");
-    for (const [node, name] of [
-        [2, "B"],
-        [3, "A"],
-    ]) {
-        await see(port(node, name, '[data-colour="red"][data-fault~="link-down"]'));
-        await see(`[data-list="link_down"] [data-node="${macOf(node)}"][data-port="${name}"]`);
-    }
+    await seeFault("link_down", 2, "B");
+    await seeFault("link_down", 3, "A");
+    await see(port(2, "B", '[data-colour="red"]'));
     await see('[data-network="degraded"]');
     await lab("ground", 4, "A", "on");
-    await see(port(4, "A", '[data-fault~="ground"]'));
-    await see(`[data-list="ground"] [data-node="${macOf(4)}"][data-port="A"]`);
+    await seeFault("ground", 4, "A");
     const [first] = await page
         .locator("[data-node][data-present]")
         .evaluateAll((tiles) => tiles.map((tile) => tile.dataset.node));

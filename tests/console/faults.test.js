@@ -5,6 +5,7 @@ import { after, before, test } from "node:test";
 
 import { Console, diagctl, lab, macOf, publishDay, publishSite, siteMac } from "./lab.js";
 import {
+    HEAL_MS,
     SECONDS,
     complaints,
     end,
@@ -17,6 +18,7 @@ import {
     port,
     saved,
     see,
+    seeFault,
     server,
     start,
 } from "./page.js";
@@ -31,17 +33,14 @@ test("a link that is shown as cut after it was mended", async () => {
     await see(`[data-node="${macOf(5)}"][data-present="true"]`);
     await lab("kill", 5); // for the test after the next: the others wait 35 s for its summaries
     await lab("cut", 2, "B");
-    for (const [node, name] of [
-        [2, "B"],
-        [3, "A"],
-    ]) {
-        await see(port(node, name, '[data-colour="red"][data-fault~="link-down"]'));
-        await see(`[data-list="link_down"] [data-node="${macOf(node)}"][data-port="${name}"]`);
-    }
+    await seeFault("link_down", 2, "B");
+    await seeFault("link_down", 3, "A");
     await see('[data-network="degraded"]');
     await lab("ground", 4, "A", "on");
-    await see(port(4, "A", '[data-fault~="ground"]'));
-    await see(`[data-list="ground"] [data-node="${macOf(4)}"][data-port="A"]`);
+    await seeFault("ground", 4, "A");
+    const isOrdered = () =>
+        [...document.querySelectorAll(".tile")].slice(0, 3).every((tile) => tile.classList.contains("rank1"));
+    await page.waitForFunction(isOrdered, null, { timeout: HEAL_MS });
     await picture("overview");
     await page.goto(`${server.address}#/map`);
     await see(port(2, "B", '[data-colour="red"]'));
@@ -58,8 +57,7 @@ test("a link that is shown as cut after it was mended", async () => {
 
 test("miswiring that the page does not show", async () => {
     await lab("miswire", 2, "B", 5, "B");
-    await see(port(2, "B", '[data-fault~="miswired"]'));
-    await see(`[data-list="miswired"] [data-node="${macOf(2)}"][data-port="B"]`);
+    await seeFault("miswired", 2, "B");
     await lab("miswire", 2, "B", "off");
     await noLonger('[data-list="miswired"] [data-node]');
 });

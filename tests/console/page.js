@@ -19,6 +19,11 @@ export const port = (node, name, rest = "") =>
 export const see = (selector, limit = HEAL_MS, state = "attached") =>
     page.waitForSelector(selector, { timeout: limit, state });
 export const noLonger = (selector, limit = HEAL_MS) => see(selector, limit, "detached");
+// By its node's tile and by the network's list.
+export async function seeFault(list, node, name) {
+    await see(port(node, name, `[data-fault~="${list.replace("_", "-")}"]`));
+    await see(`[data-list="${list}"] [data-node="${macOf(node)}"][data-port="${name}"]`);
+}
 export const live = (limit) => see('body[data-connection="live"]', limit);
 
 export async function open(view, address = server.address) {
