@@ -5,7 +5,7 @@
 //     bench_site read PORT            subscribes to everything; says when all that was retained has come, and for
 //                                     each line of the input the delays of statistics since the last
 //
-// Statistics carry the time at which they were sent, in count64_0.
+// Statistics carry the time at which they were sent, in count64_0; free spaces are such a time.
 #include "records.h"
 #include "topics.h"
 
@@ -37,8 +37,10 @@ using seconds = std::chrono::duration<double>;
 constexpr int KEEPALIVE_SECONDS = 10; // as in bridge.conf
 constexpr size_t NETWORK_SIZE = 10;   // cards
 constexpr size_t LOADING_AT_ONCE = 20;
-constexpr double STATS_SECONDS = 10; // how often a port's statistics come at rest
-constexpr double STORM_SECONDS = 1;  // how often everything of a card changes in a storm
+constexpr double STATS_SECONDS = 10;   // how often a port's statistics come at rest
+constexpr double STORM_SECONDS = 1;    // how often everything of a card changes in a storm
+constexpr double PROBE_SECONDS = 0.05; // how often a card changes its free space to the time
+constexpr uint64_t PROBE_MODULO = 1'000'000'000;
 constexpr size_t PORTS_OF_CARDS[] = {2, 2, 2, 2, 2, 4, 2, 2, 9, 2}; // repeated
 constexpr const char *PORT_NAMES[] = {"A", "B", "C", "D", "E", "F", "G", "H", "CPU"};
 constexpr int64_t QUARTER_HOUR = 900;
@@ -220,6 +222,9 @@ public:
         publish_stats(0);
     }
 
+    // A change that says when it was made, in microseconds.
+    void probe() { publish(own + NODE_CF_FREE_SPACE, std::to_string(now_ns() / 1000 % PROBE_MODULO)); }
+
     // Asks each broker for an acknowledgement, which comes behind everything published before.
     void mark()
     {
@@ -288,14 +293,20 @@ private:
     bool is_down = false;
 };
 
-// Calls step for each of count things, spread evenly over every period, until the time is over.
-void spread(loop &events, size_t count, double period, double limit, const std::function<void(size_t)> &step)
+// Calls step for each of count things, spread evenly over every period, until the time is over, and meanwhile probe.
+void spread(loop &events, size_t count, double period, double limit, const std::function<void(size_t)> &step,
+            const std::function<void()> &probe)
 {
     const auto start = steady::now();
+    double next_probe = 0;
     for (uint64_t done = 0;;) {
         const double elapsed = seconds(steady::now() - start).count();
         if (elapsed > limit) {
             return;
+        }
+        if (elapsed > next_probe) {
+            next_probe += PROBE_SECONDS;
+            probe();
         }
         for (; static_cast<double>(done) < elapsed / period * static_cast<double>(count); done++) {
             step(done % count);
@@ -337,12 +348,15 @@ void play(size_t count, const std::vector<int> &brokers)
             std::erase_if(loading, [](const card *one) { return one->is_taken(); });
         }
     };
+    const auto probe = [&, next = size_t{0}]() mutable { cards[next++ % cards.size()].probe(); };
     const auto rest = [&](double limit) {
-        spread(events, ports.size(), STATS_SECONDS, limit,
-               [&](size_t i) { ports[i].first->publish_stats(ports[i].second); });
+        spread(
+            events, ports.size(), STATS_SECONDS, limit,
+            [&](size_t i) { ports[i].first->publish_stats(ports[i].second); }, probe);
     };
     const auto storm = [&](double limit) {
-        spread(events, cards.size(), STORM_SECONDS, limit, [&](size_t i) { cards[i].change(); });
+        spread(
+            events, cards.size(), STORM_SECONDS, limit, [&](size_t i) { cards[i].change(); }, probe);
     };
     while (connections < count * brokers.size()) {
         events.turn([] {});

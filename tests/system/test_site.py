@@ -18,6 +18,7 @@ CARD_PORT, TOOL_PORT = "8883", "8884"
 CA = "/etc/mosquitto/certs/ca.crt"
 PEOPLE = ("viewer", "operator")
 CARD = "02-00-00-00-00-01"
+ODD = "02-00-00-00-00-9a"  # one that writes its address in its own way
 INTRUDER = "02-00-00-00-00-99"  # a card with a password of its own, played by the tests
 MAIN = "user root\nlog_dest stderr\nlog_type all\ninclude_dir /etc/mosquitto/conf.d\n"
 
@@ -97,7 +98,7 @@ class Site:
         for name in ("site-cards.acl", "site-tools.acl"):
             put(node, f"/etc/mosquitto/{name}", example(name))
         put(node, "/etc/mosquitto/mosquitto.conf", MAIN)
-        for name, users in (("cards", [INTRUDER, *(card.mac for card in self.cards.values())]), ("tools", PEOPLE)):
+        for name, users in (("cards", [INTRUDER, ODD, *(card.mac for card in self.cards.values())]), ("tools", PEOPLE)):
             put(node, f"/etc/mosquitto/site-{name}.passwd", "".join(f"{user}:{password(user)}\n" for user in users))
             node.exec("mosquitto_passwd", "-U", f"/etc/mosquitto/site-{name}.passwd")
 
@@ -389,6 +390,32 @@ def test_card_puts_another_out_by_its_client_id(site):
     assert not is_put_out_by(INTRUDER)
     assert is_put_out_by(victim.mac)
     site.await_everywhere(presence(victim), b"1", 15)
+
+
+def test_garbage_of_one_card_hides_what_others_say(site):
+    red = '{"A":"red"}'
+    garbage = {
+        (INTRUDER, f"cards/{INTRUDER}/bridge"): "1",
+        (INTRUDER, f"cards/{INTRUDER}/pub/diag/net/fire/link_down"): "short",
+        (INTRUDER, f"pub/diag/{INTRUDER}/port_summary"): red[:-1],
+        (ODD, f"pub/diag/{ODD}/port_summary"): red,
+    }
+
+    def write(user, topic, payload):
+        for number in BROKERS:
+            words = [*site.client(number, user, CARD_PORT), "-q", "1", "-r", "-t", topic]
+            site.lab[number].exec("mosquitto_pub", *words, *(["-m", payload] if payload else ["-n"]))
+
+    for (user, topic), payload in garbage.items():
+        write(user, topic, payload)
+    site.await_everywhere(f"pub/diag/{ODD}/port_summary", red.encode(), 10)
+    status, text, error = site.diagctl("check", "--timeout", "1")
+    assert status == 3 and f"link-down list of {INTRUDER} malformed (5 bytes)" in text
+    assert "cards=5;" in text and "ports_down=0;" in text
+    assert f"nothing is shown of card {ODD}" in error
+    assert "malformed (10 bytes)" in site.diagctl("show", INTRUDER)[1]
+    for user, topic in garbage:
+        write(user, topic, "")
 
 
 @pytest.mark.timeout(90)

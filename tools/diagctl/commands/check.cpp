@@ -324,6 +324,10 @@ void check_site(const context &common, const check_options &options, findings &o
     }
     network net = site_network_model(looked.cards(), looked.cards().cards());
     check_cards(looked.cards(), options, net, out);
+    if (const std::vector<std::string> texts = malformed_lists(looked.cards(), looked.cards().cards());
+        !texts.empty()) {
+        out.add(VERDICT_UNKNOWN, shortened(texts));
+    }
     check_present(net, options, out);
 }
 

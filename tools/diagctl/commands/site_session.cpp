@@ -83,6 +83,16 @@ void site_session::report_foreign() const
                        account.foreign == 1 ? "" : "s", connections->address(broker).text(),
                        printable(account.first_foreign.substr(0, 100)));
         }
+        if (!account.odd_address.empty()) {
+            fmt::print(
+                stderr,
+                "diagctl: nothing is shown of card {} at {}: topics have upper-case letters and dashes\n",
+                printable(account.odd_address), connections->address(broker).text());
+        }
+        if (account.cards.size() >= SITE_CARDS_MAX) {
+            fmt::print(stderr, "diagctl: of more than {} cards at {} the others are left out\n",
+                       SITE_CARDS_MAX, connections->address(broker).text());
+        }
     }
 }
 

@@ -119,11 +119,23 @@ bool apply_view(site_card &card, std::string_view what, bytes payload, bool is_r
     return true;
 }
 
+// A MAC address where topics have one, but in another form.
+std::string_view odd_address_in(std::string_view topic)
+{
+    const std::string_view prefix = topic.starts_with(CARDS_PREFIX) ? CARDS_PREFIX : DIAG_PREFIX;
+    const std::string_view rest = topic.substr(std::min(topic.size(), prefix.size()));
+    const std::string_view address = rest.substr(0, rest.find('/'));
+    return parse_mac(address) && !parse_topic_mac(address) ? address : "";
+}
+
 bool apply(site_account &account, std::string_view topic, bytes payload, bool is_retained, const moment &now,
            change_detail detail, site_changes &out)
 {
     const bool is_view = topic.starts_with(CARDS_PREFIX);
     const std::optional<mac_address> mac = site_topic_card(topic);
+    if (!mac && account.odd_address.empty()) {
+        account.odd_address = odd_address_in(topic);
+    }
     if (!mac || payload.size() > SITE_PAYLOAD_MAX) {
         return false;
     }

@@ -63,6 +63,7 @@ struct site_account {
     std::map<mac_address, site_card> cards;
     size_t foreign = 0;        // messages that no card of a site sends
     std::string first_foreign; // their first topic
+    std::string odd_address;   // of a card that doesn't write it as topics have it, the first
 };
 
 std::string site_bridge_topic(const mac_address &mac); // cards/<MAC>/bridge

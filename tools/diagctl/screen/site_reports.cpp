@@ -271,6 +271,21 @@ screen_lines site_nodes_lines(const site &all, node_order order, const moment &s
     return lines;
 }
 
+std::vector<std::string> malformed_lists(const site &all, const std::vector<mac_address> &cards)
+{
+    std::vector<std::string> texts;
+    for (const mac_address &mac : cards) {
+        for (size_t list = 0; list < PORT_LISTS; list++) {
+            const fact<port_list_value> &said = all.card(mac)->view.lists[list];
+            if (said.is_malformed() && all.is_connected(mac).value_or(true)) {
+                texts.push_back(fmt::format("{} of {} {}", PORT_LIST_INFOS[list].label, label_of(all, mac),
+                                            malformed_text(said.size)));
+            }
+        }
+    }
+    return texts;
+}
+
 screen_lines site_lists_lines(const site &all, const moment &start)
 {
     screen_lines lines;
@@ -285,6 +300,9 @@ screen_lines site_lists_lines(const site &all, const moment &start)
                 lines.push_back({{text_style::RED, fmt::format("{}: {}", label_of(all, mac),
                                                                connection_text(all.card(mac), start))}});
             }
+        }
+        for (const std::string &text : malformed_lists(all, shown.cards)) {
+            lines.push_back({{text_style::RED, text}});
         }
         append_lines(lines, difference_lines(all, shown));
     }

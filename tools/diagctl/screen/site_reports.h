@@ -20,6 +20,9 @@ screen_lines below_connection(const site &all, const mac_address &mac, const mom
 std::string difference_text(const site &all, const view_difference &item);
 std::string site_change_text(const site &all, const site_change &item);
 
+// Lists of connected cards that can't be decoded, such as "link-down list of Lobby malformed (5 bytes)".
+std::vector<std::string> malformed_lists(const site &all, const std::vector<mac_address> &cards);
+
 // One table for each network, with where its views differ. A card's row has its address.
 struct site_row {
     screen_line line;
