@@ -62,11 +62,10 @@ void site_events::take(size_t broker, const site_changes &items)
             add(broker, site_change_text(all, item), item.card);
         } else if (const std::optional<bool> is = all.is_connected(item.card);
                    std::exchange(connected[item.card], is) != is) {
-            events.push_back({current_moment(),
-                              site_change_text(all, {.event = is.value_or(false) ? site_event::CONNECTED
-                                                                                 : site_event::DISCONNECTED,
-                                                     .card = item.card}),
-                              item.card});
+            const site_change change = {.event = is.value_or(false) ? site_event::CONNECTED
+                                                                    : site_event::DISCONNECTED,
+                                        .card = item.card};
+            events.push_back({{current_moment(), site_change_text(all, change)}, item.card});
         }
     }
 }
@@ -90,7 +89,7 @@ std::vector<site_event_text> site_events::collect()
     std::vector<site_event_text> out;
     out.swap(events);
     if (left_out > 0) {
-        out.push_back({now, fmt::format("{} more changes, too many to show", left_out), {}});
+        out.push_back({{now, fmt::format("{} more changes, too many to show", left_out)}, {}});
         left_out = 0;
     }
     compare_brokers(now, out);
@@ -112,9 +111,10 @@ void site_events::compare_brokers(const moment &now, std::vector<site_event_text
         }
         states[broker] = is;
         if (is == site_brokers::state::AWAY) {
-            out.push_back({now, fmt::format("broker {} UNREACHABLE: {}", where, brokers.reason(broker)), {}});
+            out.push_back(
+                {{now, fmt::format("broker {} UNREACHABLE: {}", where, brokers.reason(broker))}, {}});
         } else if (is == site_brokers::state::THERE) {
-            out.push_back({now, fmt::format("broker {} connected", where), {}});
+            out.push_back({{now, fmt::format("broker {} connected", where)}, {}});
         }
     }
 }
@@ -132,7 +132,7 @@ void site_events::compare_views(const moment &now, std::vector<site_event_text> 
     const auto report = [&](const auto &from, const auto &missing, const char *what) {
         for (const std::string &text : from) {
             if (!missing.contains(text)) {
-                out.push_back({now, what + text, {}});
+                out.push_back({{now, what + text}, {}});
             }
         }
     };
