@@ -86,7 +86,10 @@ function start(program, ...words) {
 
 async function broker(port, settings = "") {
     const config = `${folder}/${port}.conf`;
-    writeFileSync(config, `listener ${port} 127.0.0.1\nallow_anonymous true\nlog_dest none\n${settings}`);
+    writeFileSync(
+        config,
+        `listener ${port} 127.0.0.1\nallow_anonymous true\nuser root\nlog_dest none\n${settings}`,
+    );
     start("mosquitto", "-c", config);
     for (;;) {
         const isThere = await new Promise((resolve) => {
