@@ -208,13 +208,14 @@ int __wrap_timerfd_create(int, int)
     return self().fails(system_call::TIMERFD_CREATE) ? -1 : self().open({.kind = file_kind::TIMER});
 }
 
-int __wrap_timerfd_settime(int fd, int, const itimerspec *time, itimerspec *)
+int __wrap_timerfd_settime(int fd, int flags, const itimerspec *time, itimerspec *)
 {
     if (self().fails(system_call::TIMERFD_SETTIME) || self().find(fd) == nullptr) {
         return -1;
     }
     const nanoseconds first = to_duration(time->it_value);
-    self().arm(fd, first == nanoseconds(0) ? NEVER : now() + first, to_duration(time->it_interval));
+    const nanoseconds start = (flags & TFD_TIMER_ABSTIME) != 0 ? nanoseconds(0) : now();
+    self().arm(fd, first == nanoseconds(0) ? NEVER : start + first, to_duration(time->it_interval));
     return 0;
 }
 

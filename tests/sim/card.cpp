@@ -61,9 +61,11 @@ public:
         if (!failure_ || failure_->call != call || failure_->skipped-- > 0) {
             return 0;
         }
-        const int error = failure_->error;
-        failure_.reset();
-        return error;
+        const failure met = *std::exchange(failure_, {});
+        if (met.then) {
+            met.then();
+        }
+        return met.error;
     }
     void send(uint32_t address, uint16_t port, const sim::shared_bytes &bytes) override
     {
@@ -97,6 +99,7 @@ public:
         system_call call;
         int error;
         unsigned skipped;
+        std::function<void()> then;
     };
     std::optional<failure> failure_;
     time_t wall_start_ = 1'700'000'000;
@@ -190,9 +193,9 @@ void run_as_daemon(const std::function<void()> &call)
     present->settle();
 }
 
-void fail(system_call call, int error, unsigned skipped)
+void fail(system_call call, int error, unsigned skipped, const std::function<void()> &then)
 {
-    present->failure_ = {call, error, skipped};
+    present->failure_ = {call, error, skipped, then};
 }
 
 //

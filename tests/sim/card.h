@@ -53,8 +53,8 @@ auto as_daemon(Call call)
     return *result;
 }
 
-// The call-th of these calls from now on fails, from 0.
-void fail(system_call call, int error, unsigned skipped = 0);
+// The next of these calls but for those skipped fails, and at once something else may happen.
+void fail(system_call call, int error, unsigned skipped = 0, const std::function<void()> &then = {});
 
 //
 // Time

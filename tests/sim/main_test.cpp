@@ -88,6 +88,20 @@ TEST_F(main_program, sigterm_ends_each_wait_of_the_start)
             lines{"broker: couldn't request mosquitto disconnect (The client is not currently connected.)"});
 }
 
+TEST_F(main_program, takes_no_fact_while_a_start_that_failed_ends)
+{
+    publish("local/diag/ring/0/status", be(0, 4));
+    fail(system_call::TIMERFD_CREATE, EMFILE, 2, [] { broker().conduct().reads = false; });
+    start();
+    EXPECT_EQ(take_log(), lines({"summary.c: couldn't create send timer (errno 24)",
+                                 "summary.c: couldn't add timer-based summary events",
+                                 "main: couldn't initialize node summary module"}));
+    broker().conduct().reads = true;
+    advance(1s);
+    EXPECT_EQ(exit_status(), 1);
+    EXPECT_EQ(retained("local/diag/network_style7"), "");
+}
+
 TEST_F(main_program, gives_up_a_silent_broker_after_5_s_and_one_that_refuses_at_once)
 {
     broker().conduct().answers_connect = false;
