@@ -21,7 +21,7 @@ namespace
 #ifdef __SANITIZE_ADDRESS__
 constexpr size_t STACK_SIZE = 256 * 1024;
 #else
-constexpr size_t STACK_SIZE = 128 * 1024;
+constexpr size_t STACK_SIZE = size_t{128} * 1024;
 #endif
 constexpr size_t GUARD_SIZE = 4096;
 

@@ -118,8 +118,8 @@ private:
     void change_link(size_t node, int port, bool is_down);
     void sample(uint64_t);
     void calm(uint64_t);
-    [[noreturn]] void report(const char *invariant, int64_t node, int64_t other, const char *format,
-                             va_list arguments);
+    [[noreturn, gnu::format(printf, 5, 0)]] void report(const char *invariant, int64_t node, int64_t other,
+                                                        const char *format, va_list arguments);
 
     settings settings_;
     timeline clock_;
