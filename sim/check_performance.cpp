@@ -333,8 +333,12 @@ private:
     // Red is what is; only a port of the ring is told its statistics, with which the daemon looks at it.
     void check_colours(const node &which)
     {
-        const shared_bytes *const shown = which.broker().find(which.topic(item::PORT_SUMMARY));
-        for (size_t port = 0; shown != nullptr && port < RING_PORTS; port++) {
+        const topic_id topic = which.topic(item::PORT_SUMMARY);
+        const shared_bytes *const shown = which.broker().find(topic);
+        if (shown == nullptr || which.broker().is_in_doubt(topic)) {
+            return;
+        }
+        for (size_t port = 0; port < RING_PORTS; port++) {
             const port_book &book = cards_[which.index()].ports[port];
             const port_facts &fact = which.told().ports[port];
             if (!book.has_stats || !book.is_exact || book.is_doubtful ||
