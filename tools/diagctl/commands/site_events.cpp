@@ -41,6 +41,9 @@ site_events::site_events(const context &common, std::vector<std::string> filters
           detail)
 {
     const auto guard = session.lock();
+    for (const mac_address &mac : session.cards().cards()) {
+        connected[mac] = session.cards().is_connected(mac);
+    }
     is_loaded = true;
 }
 
