@@ -39,7 +39,7 @@ In another terminal, for example:
     interrupted: list[int] = []
     signal.signal(signal.SIGINT, lambda number, _: interrupted.append(number))
     terminal = termios.tcgetattr(0) if os.isatty(0) else None
-    status = subprocess.call(lab.nodes[1].command(f"{lab.config.build}/diagctl", "top", "--stats", "local/A"))
+    status = subprocess.call(lab.nodes[1].command("diagctl", "top", "--stats", "local/A"))
     if terminal and status < 0:
         # Ctrl-C, or the lab was taken away under the viewer: put the terminal right in its stead.
         termios.tcsetattr(0, termios.TCSADRAIN, terminal)
@@ -59,9 +59,7 @@ def show_web(lab: diaglab.Lab) -> int:
     start_daemons(lab)
     node = lab.nodes[1]
     with listen_near(CONSOLE_PORT) as listening:
-        console = subprocess.Popen(
-            node.command(f"{lab.config.build}/diagctl", "web"), stdout=subprocess.PIPE, text=True
-        )
+        console = subprocess.Popen(node.command("diagctl", "web"), stdout=subprocess.PIPE, text=True)
         assert console.stdout
         console.stdout.readline()
         inherited = listening.fileno()

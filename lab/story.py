@@ -69,7 +69,7 @@ class Broker:
         self.node, self.changed = node, changed
         self.told: dict[str, dict[str, Any]] = {}
         for command in ("nodes", "lists"):
-            words = node.command(f"{node.lab.config.build}/diagctl", command, "--watch", "--json")
+            words = node.command("diagctl", command, "--watch", "--json")
             process = subprocess.Popen(words, stdout=subprocess.PIPE, text=True)
             threading.Thread(target=self._read, args=(command, process), daemon=True).start()
 
@@ -175,7 +175,7 @@ class Story:
         self.step(f"The quarter hour closes, in {left:.0f} s by the daemons' clock")
         self.see("the two ports yellow, not green", left + 40, expect(yellow="2B 3A"))
 
-        reset = ["exec", "1", f"{self.lab.config.build}/diagctl", "reset", "--all", "--yes"]
+        reset = ["exec", "1", "diagctl", "reset", "--all", "--yes"]
         self.step("Node 1 resets all statistics of the network", *reset)
         self.see("the two ports green", 20, expect())
 

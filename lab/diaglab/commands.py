@@ -259,7 +259,8 @@ def execute(options: Options) -> None:
     """run a command in a node
 
     Runs in the namespaces and the root directory of the node, as its root user; input, output and
-    exit status are those of COMMAND. The build directory is visible at its own path.
+    exit status are those of COMMAND. The build directory is visible at its own path and the first in
+    PATH: exec 1 diagctl nodes.
     """
     enter(options, *options.words)
 

@@ -46,7 +46,8 @@ class Node:
             f"--net={self.lab.path(NAMESPACES)}/{self.number}",
             f"--uts={self.lab.path(STATE)}/uts/{self.number}",
             *(f"--root={self.root}", f"--wd={self.root}"),
-            *("env", f"PATH={search_path()}", f"NODE={self.number}", f"DIAG={self.lab.config.build}/diag"),
+            *("env", f"PATH={self.lab.config.build}:{search_path()}"),
+            *(f"NODE={self.number}", f"DIAG={self.lab.config.build}/diag"),
             *(f"VEXA_CARD_ADDR_FILE=/{NODE_DIR}/card_addr", "LUMLOG_RC=/run/lumlog.rc"),
             *words,
         ]

@@ -82,6 +82,7 @@ def test_lab_fails_for_a_user_or_leaves_traces(user):
     try:
         namespace = namespace_of(diaglab.find(name, owner))
         assert lab("exec", 2, "id", "-u") == "0\n"
+        assert lab("exec", 2, "sh", "-c", "command -v diag") == f"{build}/diag\n"
         wait_until(lambda: lab("status").count(":up,forwarding") == 5, what=lambda: lab("status"))
         lab("cut", 1, "B")
         wait_until(lambda: lab("status").count(":down,") == 2, what=lambda: lab("status"))
