@@ -286,7 +286,7 @@ def test_node_that_can_not_be_called_by_its_name(played):
     both = f"# who is who\n{LOCAL} Lobby\n02:0:0:0:0:2\tCellar # below\n"
     assert json.loads(named(both, "show", "cellar", "--json"))["name"] == "Cellar"
     assert f"Cellar  {PEER}" in named(both, "nodes")
-    assert "Lobby, Cellar" in named(both, "show", "Attic", status=USAGE)
+    assert "Cellar, Lobby" in named(both, "show", "Attic", status=USAGE)
     assert PEER in named(f"{LOCAL} Twin\n{PEER} Twin\n", "show", "Twin", status=FAILURE)
     for line, complaint in (
         ("Lobby", "no MAC address"),

@@ -140,7 +140,7 @@ TEST(names, line_of_the_wrong_form_taken_or_named_wrongly)
     for (const char *line :
          {"Lobby", "02:00:00:00:00:02", "02:00:00:00:00 Lobby", "02:00:00:00:00:02 North stair",
           "02:00:00:00:00:02 local", "02:00:00:00:00:02 12", "02:00:00:00:00:02 a/b",
-          "02:00:00:00:00:02 \x1b[2J", "02:00:00:00:00:02 \xff"}) {
+          "02:00:00:00:00:02 $(reboot)", "02:00:00:00:00:02 \x1b[2J", "02:00:00:00:00:02 \xff"}) {
         try {
             names.add(std::string("\n") + line, "file");
             ADD_FAILURE() << line;

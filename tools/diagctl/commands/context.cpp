@@ -9,8 +9,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 
 namespace
 {
@@ -31,27 +33,39 @@ std::string user_names()
 void add_names_of(node_names &names, const std::string &path, bool is_needed)
 {
     std::ifstream file(path);
-    if (!file) {
-        if (is_needed || errno != ENOENT) {
-            throw failure(STATUS_FAILURE,
-                          fmt::format("couldn't read the names in {}: {}", path, strerror(errno)));
-        }
+    const int error = !file ? errno : std::filesystem::is_directory(path) ? EISDIR : 0;
+    if (error == ENOENT && !is_needed) {
         return;
+    }
+    if (error != 0) {
+        throw failure(STATUS_FAILURE,
+                      fmt::format("couldn't read the names in {}: {}", path, strerror(error)));
     }
     names.add(std::string(std::istreambuf_iterator<char>(file), {}), path);
 }
 
-// "; known are Lobby, Cellar", as far as they fit a line or two.
+// Each once, though several nodes may have it.
+std::set<std::string_view> different_names(const node_names &names)
+{
+    std::set<std::string_view> different;
+    for (const auto &[mac, name] : names.all()) {
+        different.insert(name);
+    }
+    return different;
+}
+
+// "Cellar, Lobby", as far as they fit a line or two.
 std::string known_names(const node_names &names)
 {
     constexpr size_t MAX_NAMES = 20;
+    const std::set<std::string_view> different = different_names(names);
     std::string text;
     size_t count = 0;
-    for (const auto &[mac, name] : names.all()) {
+    for (const std::string_view name : different) {
         if (++count > MAX_NAMES) {
-            return text + fmt::format(" and {} more", names.all().size() - MAX_NAMES);
+            return text + fmt::format(" and {} more", different.size() - MAX_NAMES);
         }
-        text += (text.empty() ? "" : ", ") + name;
+        text.append(text.empty() ? "" : ", ").append(name);
     }
     return text;
 }
@@ -156,8 +170,8 @@ std::string listed_names(const context &common)
     asked.names_file = file == nullptr ? "" : file;
     const node_names names = read_names(asked);
     std::string text;
-    for (const auto &[mac, name] : names.all()) {
-        text += name + "\n";
+    for (const std::string_view name : different_names(names)) {
+        text.append(name).append("\n");
     }
     return text;
 }

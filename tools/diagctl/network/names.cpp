@@ -97,9 +97,11 @@ std::string name_complaint(std::string_view word)
     if (word == "local" || parse_mac(word) || parse_u32(word, number)) {
         return fmt::format("'{}' can't be a name: it is a node already", printable(word));
     }
-    constexpr std::string_view TAKEN = "/+#,;'\"\\"; // by topics, lists of nodes and shells
-    const bool is_plain = is_printable(word) && word.find_first_of(TAKEN) == std::string_view::npos;
-    return is_plain && !word.starts_with('-')
+    // Topics and lists of nodes take some of the others, and a shell that completes a name may run what is in it.
+    const auto is_plain = [](unsigned char c) {
+        return c > '~' || std::isalnum(c) || c == '-' || c == '_' || c == '.';
+    };
+    return is_printable(word) && std::all_of(word.begin(), word.end(), is_plain) && !word.starts_with('-')
                ? ""
                : fmt::format("'{}' can't be a name: use letters, digits, '-', '_' and '.'", printable(word));
 }
