@@ -67,6 +67,7 @@ public:
                                .is_answer_needed_anyway = true});
         exit_status status = STATUS_SUCCESS;
         if (!was_interrupted) {
+            fflush(stdout); // in one file with it, no line is torn
             fmt::print(stderr, "diagctl: node {} {}; Ctrl-C ends\n", mac,
                        options.period == 0
                            ? fmt::format("has sent {}, once", filter)
