@@ -344,7 +344,9 @@ def test_verdict_picture_or_recording_that_is_not_of_the_site(site):
         changes.wait(lambda line: f"card {victim.mac} connected" in line)
         for line in changes.items:
             validator("site_change").validate(json.loads(line))
-        states = [text for item in changes.items if (text := json.loads(item)["text"]).startswith(f"card {victim.mac} ")]
+        states = [
+            text for item in changes.items if (text := json.loads(item)["text"]).startswith(f"card {victim.mac} ")
+        ]
         assert [text.split()[-1] for text in states if "hears" not in text] == ["UNREACHABLE", "connected"]
         kept.signal(signal.SIGINT)
         assert kept.end() == 0
