@@ -3,9 +3,11 @@ import json
 import re
 import shlex
 import signal
+import socket
 import struct
 import subprocess
 import tempfile
+import threading
 
 import jsonschema
 import pytest
@@ -184,6 +186,70 @@ def test_lost_broker_goes_unnoticed(played):
         played.stop_broker()
         assert nodes.end(BUSY) == NO_BROKER
         played.start_broker()
+
+
+class Dam:
+    """A way to the broker that lets what the broker says pass only up to its first answer, until it is opened."""
+
+    def __init__(self, port):
+        self._tools = socket.create_server(("127.0.0.1", 0))
+        self.port = self._tools.getsockname()[1]
+        self._broker = socket.socket()
+        self._broker.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        self._broker.connect(("127.0.0.1", port))
+        self.opened = threading.Event()
+        threading.Thread(target=self._pass_on, daemon=True).start()
+
+    def _pass_on(self):
+        tool, _ = self._tools.accept()
+        threading.Thread(target=self._pump, args=(tool, self._broker), daemon=True).start()
+        tool.sendall(self._broker.recv(4))
+        self.opened.wait()
+        self._pump(self._broker, tool)
+
+    def _pump(self, source, target):
+        try:
+            while data := source.recv(65536):
+                target.sendall(data)
+        except ConnectionError:
+            pass  # the tool has all it wants
+
+
+@pytest.mark.parametrize("is_site", [False, True])
+def test_values_that_the_broker_sends_late_taken_for_missing(tmp_path, is_site):
+    # More in the first filter than sockets hold, and something in the last.
+    bulk = f"cards/{LOCAL}/bulk/" if is_site else "pub/diag/02-00-00-00-00-"
+    values = [(f"cards/{LOCAL}/bridge", b"1"), (f"pub/diag/{LOCAL}/job_name", b"LAB")] if is_site else []
+    values = values or [("pub/diag/local_node", LOCAL.encode()), ("local/diag/ring/0/status", b"\0")]
+    values += [(f"{bulk}{number}" + "/job_name" * (not is_site), bytes(10**6)) for number in range(16, 28)]
+    with socket.create_server(("127.0.0.1", 0)) as free:
+        port = free.getsockname()[1]
+    settings = ["allow_anonymous true", "max_inflight_messages 0", "max_queued_messages 0", "log_type subscribe"]
+    config = tmp_path / "broker.conf"
+    config.write_text("\n".join([f"listener {port} 127.0.0.1", *settings, "log_dest stderr", ""]), encoding="ascii")
+    broker = Stream(["mosquitto", "-c", config], stderr=subprocess.STDOUT)
+    try:
+        wait_until(lambda: socket.socket().connect_ex(("127.0.0.1", port)) == 0, BUSY)
+        for topic, payload in values:
+            publish = ["mosquitto_pub", "-p", str(port), "-q", "1", "-r", "-s", "-t", topic]
+            subprocess.run(publish, input=payload, check=True, timeout=BUSY)
+        dam = Dam(port)
+        where = (
+            ["--site", "--host", f"127.0.0.1:{dam.port}"] if is_site else ["--host", "127.0.0.1", "--port", dam.port]
+        )
+        last_filter = "pub/diag/+/+" if is_site else "local/diag/ring/+/status"
+        tool = Stream(list(map(str, [DIAGCTL, "nodes", "--json", *where])), stderr=subprocess.DEVNULL)
+        broker.wait(lambda line: line.endswith(" 0 " + last_filter), BUSY)
+        dam.opened.set()
+        assert tool.end(BUSY) == SUCCESS
+    finally:
+        broker.process.kill()
+        broker.end()
+    found = json.loads("".join(tool.items))
+    if is_site:
+        assert [node["job_name"] for node in found["networks"][0]["nodes"]] == ["LAB"]
+    else:
+        assert [ring["ring"] for node in found["nodes"] for ring in node["rings"] or []] == [0]
 
 
 def test_half_decoded_or_hidden_malformed_payload(played):

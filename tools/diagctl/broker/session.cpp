@@ -24,12 +24,11 @@ using std::chrono::steady_clock;
 constexpr int KEEPALIVE_SECONDS = 10;
 constexpr std::chrono::seconds ANSWER_TIME(5);
 constexpr milliseconds MAX_IDLE(1000); // the keepalive has to be looked after
-// What a broker has retained comes in one burst. At QoS 1 a broker queues only so much of it for one client
-// (1000 messages by default) and drops the rest; at QoS 0 it is bound by the socket alone.
+// What a broker has retained comes in one burst. At QoS 1 a broker waits for acknowledgements of it; at QoS 0 it is bound
+// by the socket alone, unless max_queued_messages has a limit: beyond it what the socket doesn't take is dropped.
 constexpr int SUBSCRIPTION_QOS = 0;
 constexpr int PUBLISH_QOS = 1;
-// A topic that never has a retained value. The broker answers in the order in which it was asked, so that the answer
-// to a subscription of this one comes behind everything that was retained for the one before.
+// A topic that never has a retained value; see barrier::REQUESTS.
 constexpr const char *BARRIER_FILTER = RESPONSE_TOPIC;
 
 // A subscription that nobody has: its end is acknowledged all the same, whatever one may read.
@@ -185,7 +184,7 @@ void session::listen(message_handler handler)
 void session::subscribe(const std::vector<std::string> &filters)
 {
     grant(filters);
-    grant({BARRIER_FILTER});
+    grant(std::vector<std::string>(barrier::REQUESTS, BARRIER_FILTER));
     is_open = true;
 }
 

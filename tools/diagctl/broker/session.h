@@ -58,6 +58,16 @@ struct sign_of_life {
     static std::string words(); // no answer came
 };
 
+// What tells that everything retained has come: the answers to these subscriptions of a topic without a value, asked for once
+// all others are answered. mosquitto answers a subscription before it sends what is retained for it, and while the client
+// hasn't taken what was sent before it leaves that lying until it next has something for the client: the answers of several
+// subscriptions at once overtake it. When all are answered, either it is on its way or the client has taken everything
+// else, so that the first request here sends it, behind its own answer; the answer to the second comes behind it.
+namespace barrier
+{
+constexpr size_t REQUESTS = 2;
+}
+
 class session
 {
 public:

@@ -29,7 +29,7 @@ constexpr int QOS = 0; // see session.cpp
 constexpr int PUBLISH_QOS = 1;
 constexpr unsigned RETRY_SECONDS = 1;
 constexpr unsigned RETRY_MAX_SECONDS = 10;
-// A topic on which nobody publishes: the answer to its subscription comes behind everything that was retained.
+// A topic on which nobody publishes; see barrier::REQUESTS.
 constexpr const char *BARRIER_FILTER = "cards/barrier";
 // A subscription that nobody has: its end is acknowledged all the same, whatever one may read.
 constexpr const char *SIGN_OF_LIFE_FILTER = "cards/nothing";
@@ -77,7 +77,6 @@ void site_brokers::open(link &opened, const broker_login &login)
             return;
         }
         self.owner->set_state(self, state::LOADING);
-        self.grants_awaited = 0;
         self.owner->ask(self, self.owner->filters);
     });
     mosquitto_disconnect_callback_set(opened.client, [](mosquitto *, void *user, int result) {
@@ -94,14 +93,21 @@ void site_brokers::open(link &opened, const broker_login &login)
         self.owner->hear(self);
     });
     mosquitto_subscribe_callback_set(
-        opened.client, [](mosquitto *, void *user, int, int count, const int *granted) {
+        opened.client, [](mosquitto *, void *user, int request, int count, const int *granted) {
             link &self = *static_cast<link *>(user);
             const auto guard = self.owner->lock();
             if (std::any_of(granted, granted + count,
                             [](int answer) { return answer >= REFUSED_SUBSCRIPTION; })) {
-                self.grants_awaited = 0;
+                self.awaited = 0;
                 self.owner->set_state(self, state::AWAY, "it refuses the subscription");
-            } else if (self.grants_awaited > 0 && --self.grants_awaited == 0) {
+            } else if (request == self.awaited && !self.is_behind_barrier) {
+                self.is_behind_barrier = true;
+                self.heard = steady_clock::now();
+                for (size_t i = 0; i < barrier::REQUESTS; i++) {
+                    mosquitto_subscribe(self.client, &self.awaited, BARRIER_FILTER, QOS);
+                }
+            } else if (request == self.awaited) {
+                self.awaited = 0;
                 self.owner->wake();
                 if (self.now != state::THERE) { // it may have been given up for its silence
                     self.owner->set_state(self, state::THERE);
@@ -133,12 +139,11 @@ void site_brokers::open(link &opened, const broker_login &login)
 
 void site_brokers::ask(link &asked, std::span<const std::string> wanted)
 {
-    asked.grants_awaited += wanted.size() + 1;
+    asked.is_behind_barrier = false;
     asked.heard = steady_clock::now();
     for (const std::string &filter : wanted) {
-        mosquitto_subscribe(asked.client, nullptr, filter.c_str(), QOS);
+        mosquitto_subscribe(asked.client, &asked.awaited, filter.c_str(), QOS);
     }
-    mosquitto_subscribe(asked.client, nullptr, BARRIER_FILTER, QOS);
 }
 
 void site_brokers::set_state(link &changed, state now, const std::string &reason)
@@ -170,7 +175,7 @@ bool site_brokers::is_settled()
 {
     const auto guard = lock();
     const auto is_loading = [](const link &one) {
-        return one.now == state::LOADING || (one.now == state::THERE && one.grants_awaited > 0);
+        return one.now == state::LOADING || (one.now == state::THERE && one.awaited != 0);
     };
     for (link &one : links) {
         const auto silence = steady_clock::now() - one.heard;

@@ -68,8 +68,9 @@ private:
         mosquitto *client = nullptr;
         state now = state::CONNECTING;
         std::string reason = {};
-        size_t grants_awaited = 0;
-        std::chrono::steady_clock::time_point heard{};                   // when anything last came
+        int awaited = 0;                               // the request whose answer comes last; 0: none
+        bool is_behind_barrier = false;                // it is the barrier's, not that of the last filter
+        std::chrono::steady_clock::time_point heard{}; // when anything last came
         std::optional<std::chrono::steady_clock::time_point> asked = {}; // since, for a sign of life
         bool is_silent = false; // away for its silence; the connection is still there
     };
