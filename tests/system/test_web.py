@@ -513,9 +513,13 @@ def test_a_recording_that_plays_wrong(tmp_path):
         assert change["time"] == "2024-05-01T08:00:21.000Z"
         assert web.json("/api/network")["time"] >= "2024-05-01T08:00:21"
         assert web.get("/api/recording/seek?to=x")[0] == 400
+    of_site = tmp_path / "site"
+    site_line = {"time": 0, "retained": True, "topic": "cards/A/pub/diag/net/fire/link_down", "text": ""}
+    of_site.write_text(f"{json.dumps(lines[0])}\n{json.dumps(site_line)}\n")
     recording.write_text("nonsense\n")
     for words, reason in (
         (("--replay", recording), "isn't a recording"),
+        (("--replay", of_site), "not a site's"),
         (("--layout", recording), "layout"),
     ):
         words = [DIAGCTL, "web", "--listen", "127.0.0.1:0", *words]

@@ -46,6 +46,14 @@ struct web_options {
     double speed = 1;
 };
 
+// Only a site has cards' views; a card's own broker has no more below cards/ than the state of its bridge.
+bool is_of_site(const recording &played)
+{
+    return std::any_of(played.messages.begin(), played.messages.end(), [](const recorded_message &message) {
+        return message.topic.starts_with("cards/") && message.topic.find("/pub/diag/") != std::string::npos;
+    });
+}
+
 // A signal ends the command, whatever it waits for.
 struct interruption {
 };
@@ -140,10 +148,12 @@ public:
             load_layout(options.layout);
         }
         if (!options.replay.empty()) {
-            if (common.is_site) {
-                throw failure(STATUS_USAGE, "--replay plays a card's recording, not a site's");
+            recording played = read_recording(options.replay);
+            if (common.is_site || is_of_site(played)) {
+                throw failure(STATUS_USAGE, "--replay plays a card's recording, not a site's: "
+                                            "diagctl replay brings that to a broker, for web --site");
             }
-            film.emplace(read_recording(options.replay), names, options.speed);
+            film.emplace(std::move(played), names, options.speed);
         }
         page.emplace(console_info{.version = DIAG_VERSION,
                                   .broker = film             ? options.replay
