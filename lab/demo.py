@@ -84,7 +84,7 @@ def leave(number: int, _: object) -> NoReturn:
 
 def main() -> int:
     is_story = sys.argv[1:] == ["--story"]
-    name = os.environ["LAB_NAME"] = "demo-story" if is_story else "demo"
+    name = os.environ.setdefault("LAB_NAME", "demo-story" if is_story else "demo")
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, leave)
     process = None
