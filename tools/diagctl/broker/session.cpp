@@ -37,14 +37,6 @@ constexpr const char *SIGN_OF_LIFE_FILTER = "pub/diag/nothing";
 constexpr int NO_ANSWER = -1;
 constexpr int REFUSED_SUBSCRIPTION = 0x80;
 
-std::string reason_of(int result)
-{
-    if (result == MOSQ_ERR_KEEPALIVE) { // the library has no words for it
-        return "it does not answer";
-    }
-    return result == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(result);
-}
-
 // The library's connection attempt has no limit of its own, and a host that isn't there would keep it for minutes: an
 // alarm interrupts it, once for each of the host's addresses.
 int connect_in_time(mosquitto *client, const broker_address &address)
@@ -95,6 +87,14 @@ void set_login(mosquitto *client, const broker_login &login)
                                                     nullptr) != MOSQ_ERR_SUCCESS) {
         throw failure(STATUS_FAILURE, fmt::format("couldn't read the certificate in {}", login.ca_file));
     }
+}
+
+std::string reason_of(int result)
+{
+    if (result == MOSQ_ERR_KEEPALIVE) { // the library has no words for it
+        return "it does not answer";
+    }
+    return result == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(result);
 }
 
 std::string sign_of_life::words()

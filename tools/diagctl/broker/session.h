@@ -25,6 +25,8 @@ struct broker_login {
 };
 // For a client that isn't connected yet.
 void set_login(mosquitto *client, const broker_login &login);
+// What a result of the library means, for people; errno still is its call's.
+std::string reason_of(int result);
 
 struct broker_address {
     std::string host;

@@ -31,7 +31,9 @@ constexpr unsigned RETRY_SECONDS = 1;
 constexpr unsigned RETRY_MAX_SECONDS = 10;
 // A topic on which nobody publishes; see barrier::REQUESTS.
 constexpr const char *BARRIER_FILTER = "cards/barrier";
-// A subscription that nobody has: its end is acknowledged all the same, whatever one may read.
+// A subscription that nobody has: its end is acknowledged all the same, whatever one may read. While a broker sends what it
+// has, this also keeps the library from asking with its keepalive: the answer to that would come behind everything, and
+// after twenty seconds without it the library ends the connection, so that a slow line never got to the end.
 constexpr const char *SIGN_OF_LIFE_FILTER = "cards/nothing";
 constexpr int REFUSED_SUBSCRIPTION = 0x80;
 
@@ -84,7 +86,7 @@ void site_brokers::open(link &opened, const broker_login &login)
         const auto guard = self.owner->lock();
         self.is_silent = false;
         if (self.now != state::AWAY) {
-            self.owner->set_state(self, state::AWAY, mosquitto_strerror(result));
+            self.owner->set_state(self, state::AWAY, reason_of(result));
         }
     });
     mosquitto_unsubscribe_callback_set(opened.client, [](mosquitto *, void *user, int) {
@@ -131,8 +133,7 @@ void site_brokers::open(link &opened, const broker_login &login)
     const int result = mosquitto_connect_async(opened.client, opened.where.host.c_str(), opened.where.port,
                                                KEEPALIVE_SECONDS);
     if (result != MOSQ_ERR_SUCCESS) {
-        set_state(opened, state::AWAY,
-                  result == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(result));
+        set_state(opened, state::AWAY, reason_of(result));
     }
     mosquitto_loop_start(opened.client);
 }
@@ -140,7 +141,7 @@ void site_brokers::open(link &opened, const broker_login &login)
 void site_brokers::ask(link &asked, std::span<const std::string> wanted)
 {
     asked.is_behind_barrier = false;
-    asked.heard = steady_clock::now();
+    asked.heard = asked.told = steady_clock::now();
     for (const std::string &filter : wanted) {
         mosquitto_subscribe(asked.client, &asked.awaited, filter.c_str(), QOS);
     }
@@ -170,13 +171,15 @@ void site_brokers::wake() const
     static_cast<void>(eventfd_write(event, 1));
 }
 
+bool site_brokers::is_loading(const link &one)
+{
+    return one.now == state::LOADING || (one.now == state::THERE && one.awaited != 0);
+}
+
 // A broker that accepts and then says nothing is given up.
 bool site_brokers::is_settled()
 {
     const auto guard = lock();
-    const auto is_loading = [](const link &one) {
-        return one.now == state::LOADING || (one.now == state::THERE && one.awaited != 0);
-    };
     for (link &one : links) {
         const auto silence = steady_clock::now() - one.heard;
         if (one.now == state::CONNECTING && silence > CONNECT_MAX) {
@@ -186,7 +189,7 @@ bool site_brokers::is_settled()
         }
     }
     return std::none_of(links.begin(), links.end(),
-                        [&](const link &one) { return one.now == state::CONNECTING || is_loading(one); });
+                        [](const link &one) { return one.now == state::CONNECTING || is_loading(one); });
 }
 
 void site_brokers::look_after()
@@ -199,14 +202,15 @@ void site_brokers::look_after()
         const auto guard = lock();
         const auto now = steady_clock::now();
         for (link &one : links) {
-            if (one.now != state::THERE) {
-                continue;
-            }
-            if (one.asked && now - *one.asked > sign_of_life::ANSWER_TIME) {
+            const bool is_there = one.now == state::THERE;
+            if (is_there && one.asked && now - *one.asked > sign_of_life::ANSWER_TIME) {
                 set_state(one, state::AWAY, sign_of_life::words());
                 one.is_silent = true;
-            } else if (!one.asked && now - one.heard > sign_of_life::SILENCE) {
+            } else if (is_there && !one.asked && now - one.heard > sign_of_life::SILENCE) {
                 one.asked = now;
+                silent.push_back(one.client);
+            } else if (is_loading(one) && now - one.told > sign_of_life::SILENCE) {
+                one.told = now;
                 silent.push_back(one.client);
             }
         }
@@ -299,6 +303,6 @@ void site_brokers::publish(size_t broker, const std::string &topic, const std::s
                           payload.data(), PUBLISH_QOS, false);
     if (result != MOSQ_ERR_SUCCESS) {
         throw failure(STATUS_NO_BROKER, fmt::format("lost the broker at {}: {}", links[broker].where.text(),
-                                                    mosquitto_strerror(result)));
+                                                    reason_of(result)));
     }
 }

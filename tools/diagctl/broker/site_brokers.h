@@ -68,9 +68,10 @@ private:
         mosquitto *client = nullptr;
         state now = state::CONNECTING;
         std::string reason = {};
-        int awaited = 0;                               // the request whose answer comes last; 0: none
-        bool is_behind_barrier = false;                // it is the barrier's, not that of the last filter
-        std::chrono::steady_clock::time_point heard{}; // when anything last came
+        int awaited = 0;                                  // the request whose answer comes last; 0: none
+        bool is_behind_barrier = false;                   // it is the barrier's, not that of the last filter
+        std::chrono::steady_clock::time_point heard = {}; // when anything last came
+        std::chrono::steady_clock::time_point told = {};  // the broker, something while it loads
         std::optional<std::chrono::steady_clock::time_point> asked = {}; // since, for a sign of life
         bool is_silent = false; // away for its silence; the connection is still there
     };
@@ -79,6 +80,7 @@ private:
     void set_state(link &changed, state now, const std::string &reason = "");
     void wake() const;
     void hear(link &from);
+    static bool is_loading(const link &one);
     bool is_settled();
     std::string settle(const signal_input &signals); // why some are away
     void ask(link &asked, std::span<const std::string> wanted);
