@@ -222,6 +222,7 @@ void world::storm(node &target, random_stream &random)
         }
     }
     target.disturb_until(clock_.now() + seconds(10));
+    watch().excuse(target, "a storm"); // of which its broker may not take all values in time
 }
 
 // Datagrams that every receiver has to drop.
