@@ -468,10 +468,12 @@ def test_values_are_missing_when_one_of_two_brokers_dies(site):
     def has_all(retained):
         return {f"pub/diag/{card.mac}/{name}": value for name, value in values.items()}.items() <= retained.items()
 
+    watcher = Stream(site.tool("watch"))
     change(1, 300)
     wait_until(lambda: has_all(site.retained(first)) and has_all(site.retained(second)))
     change(2, 150)
     site.kill(first)
+    watcher.wait(lambda line: f"broker {site.lab[first].address}:{TOOL_PORT} UNREACHABLE" in line)
     change(3, 100)
     site.publish(card, {"job_name": "ALONE"})
     wait_until(lambda: has_all(site.merged()))
@@ -490,6 +492,9 @@ def test_values_are_missing_when_one_of_two_brokers_dies(site):
     topics = {topic for topic in site.retained(second) if "/command/" not in topic}
     wait_until(lambda: topics <= site.retained(first).keys(), 10, lambda: topics - site.retained(first).keys())
     assert has_all(site.retained(first)) and has_all(site.retained(second))
+    with watcher:
+        back = f"broker {site.lab[first].address}:{TOOL_PORT} connected"
+        wait_until(lambda: sum(line.endswith(back) for line in watcher.items) == 2)
     site.kill(second)
     change(4, 200)
     site.publish(card, {"job_name": "FIRST"})

@@ -27,8 +27,8 @@ constexpr seconds SILENCE_MAX(10); // of a broker that is asked for what it has 
 constexpr milliseconds LOOK(100);
 constexpr int QOS = 0; // see session.cpp
 constexpr int PUBLISH_QOS = 1;
-constexpr unsigned RETRY_SECONDS = 1;
-constexpr unsigned RETRY_MAX_SECONDS = 10;
+constexpr seconds RETRY(2);
+constexpr int LOOP_MS = 1000;
 // A topic on which nobody publishes; see barrier::REQUESTS.
 constexpr const char *BARRIER_FILTER = "cards/barrier";
 // A subscription that nobody has: its end is acknowledged all the same, whatever one may read. While a broker sends what it
@@ -36,6 +36,12 @@ constexpr const char *BARRIER_FILTER = "cards/barrier";
 // after twenty seconds without it the library ends the connection, so that a slow line never got to the end.
 constexpr const char *SIGN_OF_LIFE_FILTER = "cards/nothing";
 constexpr int REFUSED_SUBSCRIPTION = 0x80;
+
+bool has_failed(int socket)
+{
+    pollfd looked = {socket, 0, 0};
+    return poll(&looked, 1, 0) == 1 && (looked.revents & (POLLERR | POLLHUP)) != 0;
+}
 
 } // namespace
 
@@ -54,9 +60,16 @@ site_brokers::site_brokers(const std::vector<broker_address> &addresses, const b
 
 site_brokers::~site_brokers()
 {
+    {
+        const auto guard = lock();
+        is_ending = true;
+    }
+    ending.notify_all();
     for (link &closed : links) {
         mosquitto_disconnect(closed.client);
-        mosquitto_loop_stop(closed.client, closed.now == state::AWAY);
+        if (closed.server.joinable()) {
+            closed.server.join();
+        }
         mosquitto_destroy(closed.client);
     }
     close(event);
@@ -70,7 +83,7 @@ void site_brokers::open(link &opened, const broker_login &login)
         throw failure(STATUS_FAILURE, strerror(errno));
     }
     set_login(opened.client, login);
-    mosquitto_reconnect_delay_set(opened.client, RETRY_SECONDS, RETRY_MAX_SECONDS, true);
+    mosquitto_threaded_set(opened.client, true);
     mosquitto_connect_callback_set(opened.client, [](mosquitto *, void *user, int refused) {
         link &self = *static_cast<link *>(user);
         const auto guard = self.owner->lock();
@@ -135,7 +148,34 @@ void site_brokers::open(link &opened, const broker_login &login)
     if (result != MOSQ_ERR_SUCCESS) {
         set_state(opened, state::AWAY, reason_of(result));
     }
-    mosquitto_loop_start(opened.client);
+    opened.server = std::thread([this, &opened] { serve(opened); });
+}
+
+// The library's own thread is no use: with TLS it ends for good when a connection breaks, and keeps a core busy with one that
+// was refused, of which it says nothing.
+void site_brokers::serve(link &served)
+{
+    for (;;) {
+        const int result = mosquitto_loop(served.client, LOOP_MS, 1);
+        const std::string reason = result == MOSQ_ERR_SUCCESS ? "no connection" : reason_of(result);
+        auto guard = lock();
+        if (is_ending) {
+            return;
+        }
+        const bool is_connected =
+            served.now == state::LOADING || served.now == state::THERE || served.is_silent;
+        if (result == MOSQ_ERR_SUCCESS && (is_connected || !has_failed(mosquitto_socket(served.client)))) {
+            continue;
+        }
+        if (served.now == state::CONNECTING) {
+            set_state(served, state::AWAY, reason);
+        }
+        if (ending.wait_for(guard, RETRY, [this] { return is_ending; })) {
+            return;
+        }
+        guard.unlock();
+        mosquitto_reconnect_async(served.client);
+    }
 }
 
 void site_brokers::ask(link &asked, std::span<const std::string> wanted)

@@ -1,12 +1,13 @@
-// Sessions with the brokers of a site, each served by a thread of the client library, which connects again whenever one is
-// lost.
+// Sessions with the brokers of a site, each served by a thread of its own, which connects again whenever one is lost.
 #pragma once
 
 #include "broker/session.h"
 
+#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 class signal_input;
 
@@ -74,9 +75,11 @@ private:
         std::chrono::steady_clock::time_point told = {};  // the broker, something while it loads
         std::optional<std::chrono::steady_clock::time_point> asked = {}; // since, for a sign of life
         bool is_silent = false; // away for its silence; the connection is still there
+        std::thread server = {};
     };
 
     void open(link &opened, const broker_login &login);
+    void serve(link &served);
     void set_state(link &changed, state now, const std::string &reason = "");
     void wake() const;
     void hear(link &from);
@@ -89,5 +92,7 @@ private:
     std::vector<std::string> filters;
     listener handlers;
     std::mutex mutex;
+    std::condition_variable ending;
+    bool is_ending = false;
     int event;
 };
