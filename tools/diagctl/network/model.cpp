@@ -263,9 +263,11 @@ void apply_pm_record(port_records &records, std::string_view slot, const port_me
                      changes &out)
 {
     fact<pm_record> &record = records.pm[std::string(slot)];
+    const std::optional<pm_record> before = record.value;
     set_fact(record, message.payload, decode_pm(message.payload));
     item.what = slot;
-    if (!report_malformed(record, item, out) && record.value && message.detail == change_detail::RECORDS) {
+    if (!report_malformed(record, item, out) && record.value && record.value != before &&
+        message.detail == change_detail::RECORDS) {
         named_numbers values;
         for (const pm_field &field : PM_FIELDS) {
             const uint64_t value = field_value(*record.value, field);
