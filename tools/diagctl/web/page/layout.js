@@ -113,10 +113,20 @@ class Layout {
         this.#saveSoon();
     }
 
+    // A drag puts its node somewhere a hundred times a second.
     #saveSoon() {
-        clearTimeout(this.#timer);
-        this.#timer = setTimeout(() => remember(KEY, { nodes: Object.fromEntries(this.#own) }), SAVE_MS);
+        this.#timer ??= setTimeout(() => this.save(), SAVE_MS);
+    }
+
+    // Only what was put here: another page's arrangement may be newer.
+    save() {
+        if (this.#timer !== null) {
+            clearTimeout(this.#timer);
+            this.#timer = null;
+            remember(KEY, { nodes: Object.fromEntries(this.#own) });
+        }
     }
 }
 
 export const layout = new Layout();
+window.addEventListener("pagehide", () => layout.save());
