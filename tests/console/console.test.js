@@ -39,6 +39,13 @@ test("nodes and ports that the page does not show", async () => {
     await see('[data-network="normal"]');
 });
 
+test("a tab that says all is well while a port is red that no list names", async () => {
+    const says = (words) => page.waitForFunction((start) => document.title.startsWith(start), words);
+    await says("all well");
+    await publish(`pub/diag/${HOSTILE}/port_summary`, '{"A":"green","B":"red"}');
+    await says("1 wrong");
+});
+
 test("faults that the page does not show", async () => {
     await lab("cut", 2, "B");
     await seeFault("link_down", 2, "B");
@@ -61,7 +68,6 @@ test("faults that the page does not show", async () => {
 test("a value that becomes markup", async () => {
     const script = "<script>document.title='run'</script>";
     const version = (name, text) => `${name.padEnd(10)}:${text.padEnd(40)};`;
-    await publish(`pub/diag/${HOSTILE}/port_summary`, '{"A":"green","B":"red"}');
     await publish(`pub/diag/${HOSTILE}/job_name`, "<b>x</b>");
     await publish(
         `pub/diag/${HOSTILE}/software_versions`,

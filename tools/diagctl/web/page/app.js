@@ -104,6 +104,15 @@ function lostBrokers() {
         );
 }
 
+function titleWords({ wrong, unknown }) {
+    if (!store.isLive) {
+        return "no connection";
+    }
+    const isKnown = store.networks.length > 0 && unknown === 0;
+    const words = wrong > 0 ? `${wrong} wrong` : isKnown ? "all well" : "state unknown";
+    return store.info.replay ? `recording: ${words}` : words;
+}
+
 function showState() {
     const { networks } = store;
     const sum = totals(networks);
@@ -124,9 +133,7 @@ function showState() {
     } else {
         arrange(state, [wanted]);
     }
-    const wrong = sum.faults + sum.gone + sum.degraded + sum.differing;
-    const words = !store.isLive ? "no connection" : wrong > 0 ? `${wrong} wrong` : "all well";
-    setText(document.querySelector("title"), store.isLoaded ? `${words} – diag` : "diag");
+    setText(document.querySelector("title"), store.isLoaded ? `${titleWords(sum)} – diag` : "diag");
 }
 
 store.subscribe((changes) => {

@@ -109,8 +109,8 @@ export function goneWords(node) {
 }
 
 export const isGone = (node) => node.present === false || node.reachable === false;
-export const hasFault = (node) =>
-    portsOf(node).some((port) => faultsOf(port).length > 0 || port.colour === "red");
+export const isListed = (node) => portsOf(node).some((port) => faultsOf(port).length > 0);
+const hasFault = (node) => isListed(node) || portsOf(node).some((port) => port.colour === "red");
 
 // 0 is worst.
 export function rankOf(node) {

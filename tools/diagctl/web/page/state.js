@@ -1,7 +1,7 @@
 // A network's state in words, and how much is wrong.
 
 import { h } from "./dom.js";
-import { LISTS, isGone, rankOf } from "./nodes.js";
+import { LISTS, isGone, isListed, rankOf } from "./nodes.js";
 import { store } from "./store.js";
 import { countText, cut, isMalformed, listOf, malformedText, timeText } from "./text.js";
 
@@ -11,27 +11,31 @@ const RING_WORDS = {
     site: { normal: "Network normal", degraded: "Network DEGRADED", unknown: "State unknown" },
 };
 
+// wrong: all of what is told in red; unknown: networks that don't say enough to be called sound.
 export function totals(networks) {
-    const sum = { nodes: 0, gone: 0, faults: 0, other: 0, degraded: 0, differing: 0 };
+    const sum = { nodes: 0, gone: 0, other: 0, degraded: 0, differing: 0, wrong: 0, unknown: 0 };
     LISTS.forEach(({ name }) => (sum[name] = 0));
     for (const network of networks) {
         sum.degraded += network.ring === "degraded" ? 1 : 0;
         sum.differing += listOf(network.differs).length > 0 ? 1 : 0;
+        const isTold = ["normal", "degraded"].includes(network.ring);
+        sum.unknown += isTold && LISTS.every(({ name }) => Array.isArray(network[name])) ? 0 : 1;
         for (const node of network.nodes.values()) {
             if (isGone(node)) {
                 sum.gone++;
             } else {
                 sum.nodes++;
-                sum.other += rankOf(node) === 2 ? 1 : 0;
+                sum.other += rankOf(node) < 3 && !isListed(node) ? 1 : 0;
             }
         }
         for (const { name } of LISTS) {
             for (const { ports } of listOf(network[name])) {
                 sum[name] += listOf(ports).length;
-                sum.faults += listOf(ports).length;
             }
         }
     }
+    sum.wrong = sum.gone + sum.other + sum.degraded + sum.differing;
+    LISTS.forEach(({ name }) => (sum.wrong += sum[name]));
     return sum;
 }
 
