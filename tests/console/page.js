@@ -96,12 +96,34 @@ export async function complaints(address, views, looks) {
     return found;
 }
 
-// What the keyboard reaches from the top of the view, as `what` tells it in the page of the focused element.
-export async function reached(steps, what) {
-    const found = new Set();
-    for (let i = 0; i < steps; i++) {
+// Tab from the top of a view to its end and on: what it leaves out, where the focus is hidden, and what keys can't operate.
+export async function keyboardFaults(view, address) {
+    await open(view, address);
+    await see("main :is(a, button, input, p)"); // not only what stands around every view
+    const count = await page.evaluate(() => {
+        const isReachable = (element) => element.tabIndex >= 0 && element.checkVisibility();
+        const all = document.querySelectorAll("a, button, input, select, summary, [tabindex]");
+        globalThis.unreached = new Set([...all].filter(isReachable));
+        return globalThis.unreached.size;
+    });
+    const found = [];
+    for (let step = 0; step <= count + 3; step++) {
         await page.keyboard.press("Tab");
-        found.add(await page.evaluate(what));
+        found.push(
+            await page.evaluate(() => {
+                const { activeElement: element } = document;
+                const isFirst = globalThis.unreached.delete(element);
+                const [{ left, top, width, height }] = element.getClientRects(); // the first line of a text
+                const there = document.elementFromPoint(left + width / 2, top + height / 2);
+                const { outlineStyle, strokeWidth } = getComputedStyle(element.querySelector(".body") ?? element);
+                const isSeen = element.contains(there) && (outlineStyle !== "none" || strokeWidth === "7px");
+                const isOperable = element.matches("a[href], button, input, select, summary, [role]");
+                return isFirst && !(isSeen && isOperable) && `focus on ${element.outerHTML.slice(0, 200)}`;
+            }),
+        );
     }
-    return found;
+    const unreached = await page.evaluate(() =>
+        [...globalThis.unreached].filter((element) => element.isConnected).map(({ outerHTML }) => outerHTML),
+    );
+    return [...found, ...unreached].filter(Boolean).map((text) => `${view}: ${text}`);
 }
