@@ -67,7 +67,8 @@ const reasonText = () => (store.info.reason ? ` (${cut(String(store.info.reason)
 const lostTexts = {
     connecting: () => "Connecting …",
     server: (since) =>
-        `No connection to the console's server since ${since}. What is shown is from then. Trying again …`,
+        `No connection to the console's server since ${since}. ` +
+        `${store.info.replay ? "" : "What is shown is from then. "}Trying again …`,
     broker: (since) =>
         `The server has no connection to the broker since ${since}${reasonText()}. What is shown is from then.`,
 };

@@ -1,6 +1,6 @@
 // Every change that the server remembers, newest first.
 
-import { arrange, h, setText } from "./dom.js";
+import { arrange, h, morph, setText } from "./dom.js";
 import { save } from "./file.js";
 import { wordsOf } from "./nodes.js";
 import { networkTitle } from "./state.js";
@@ -31,17 +31,22 @@ export function changeRow(change) {
     );
 }
 
+// Networks come and go, so a number tells one only until they do.
+function networkText({ node, network: number }) {
+    const index = store.find(node)?.index ?? number;
+    return store.networks[index] ? networkTitle(store.networks[index], index) : "";
+}
+
 function fullRow(change) {
     const row = changeRow(change);
-    const network = store.networks[change.network];
-    if (store.networks.length > 1 && network) {
-        row.append(h("span", { class: "faint" }, networkTitle(network, change.network)));
+    if (store.networks.length > 1) {
+        row.append(h("span", { class: "faint" }, networkText(change)));
     }
     return row;
 }
 
-// A change never changes, so a row that stands is right. A heading where the day does.
-function drawRows(list, changes) {
+// A change never changes, so a row that stands is right unless the networks are others. A heading where the day does.
+function drawRows(list, changes, areNetworksNew) {
     const standing = new Map([...list.children].map((row) => [row.dataset.event, row]));
     const rows = [];
     let day = dayText(store.now());
@@ -51,7 +56,8 @@ function drawRows(list, changes) {
             day = own;
             rows.push(h("li", { class: "day" }, own));
         }
-        rows.push(standing.get(String(change.id)) ?? fullRow(change));
+        const row = standing.get(String(change.id));
+        rows.push(row && !areNetworksNew ? row : row ? morph(row, fullRow(change)) : fullRow(change));
     }
     arrange(list, rows);
 }
@@ -79,9 +85,7 @@ function table(changes) {
         ...changes.map((change) => [
             change.id,
             change.time,
-            store.networks[change.network]
-                ? networkTitle(store.networks[change.network], change.network)
-                : change.network,
+            networkText(change),
             change.node,
             change.port,
             change.kind,
@@ -131,12 +135,12 @@ export function eventsView() {
         }
     }
 
-    function draw() {
+    function draw(areNetworksNew = false) {
         const log = frozen ?? store.log;
         showKinds(log);
         const chosen = selectChanges(log);
         const wanted = chosen.slice(-shownRows).reverse();
-        drawRows(list, wanted);
+        drawRows(list, wanted, areNetworksNew);
         older.hidden = chosen.length <= shownRows;
         const news = frozen ? store.log.filter(({ id }) => id > (frozen.at(-1)?.id ?? 0)).length : 0;
         setText(
@@ -179,7 +183,7 @@ export function eventsView() {
         element,
         update(changes) {
             if (changes.all || changes.log) {
-                draw();
+                draw(changes.all || changes.older);
             }
         },
     };

@@ -35,6 +35,7 @@ const FREE_PLACES = [0.5, -0.5, 1.5, -1.5, 2.5, -2.5, 3.5, -3.5].map(
 );
 const APART = 0.6; // between ports: less would hide one
 
+const NOTHING = { nodes: new Map() }; // until a site's first card is known
 let shownKey = ""; // of the network; outlasts a look at another view
 
 const translate = ({ x, y }) => `translate(${x.toFixed(1)} ${y.toFixed(1)})`;
@@ -485,10 +486,14 @@ export function mapView(_, query) {
     );
 
     function begin() {
-        shownNetwork = Math.max(
-            0,
-            store.networks.findIndex(({ nodes }) => nodes.has(shownKey)),
-        );
+        const chosen = store.networks.findIndex(({ nodes }) => nodes.has(shownKey));
+        shownNetwork = Math.max(0, chosen);
+        let isMissing = false;
+        if (store.info.kind === "site" && store.networks.length > 0) {
+            isMissing = shownKey !== "" && chosen < 0;
+            shownKey ||= networkKey(store.networks[0]); // whose place among the others may change
+        }
+        setText(message, isMissing ? "The network that was chosen is not there; this is another one." : "");
         select.hidden = store.networks.length < 2;
         select.replaceChildren(
             ...store.networks.map((network, index) =>
@@ -499,19 +504,17 @@ export function mapView(_, query) {
     }
 
     function draw(changes) {
-        const network = store.networks[shownNetwork];
-        if (!network) {
-            return;
-        }
+        const network = store.networks[shownNetwork] ?? NOTHING;
         const dirty = changes.all ? null : (changes.networks.get(shownNetwork) ?? new Set());
         const count = drawing.order.length;
-        drawing.update(network, dirty);
-        if (drawing.order.length !== count) {
-            fit();
+        if (drawing.update(network, dirty)) {
             chooseItem(
                 drawing.order.find((item) => item.element.getAttribute("tabindex") === "0") ??
                     drawing.order[0],
             );
+        }
+        if (drawing.order.length !== count) {
+            fit();
         }
         status.replaceChildren(
             ...[store.networks.length > 1 && networkState(network), differences(network)].filter(Boolean),

@@ -165,16 +165,17 @@ function changesOf(mac) {
 function content(mac, measured) {
     const found = store.find(mac);
     if (!found) {
+        const nobody = `No such node is known ${store.info.replay ? "at this time of the recording" : "here"}.`;
         return h(
             "div",
             { class: "node" },
             h("h1", {}, mac),
-            h("p", {}, store.isLoaded ? "No such node is known here." : ""),
+            h("p", {}, store.isLoaded ? nobody : ""),
         );
     }
     const { network } = found;
     const node = measured ? { ...found.node, ports: measured.ports } : found.node;
-    const problems = listOf(node.problems);
+    const problems = [goneWords(node), ...listOf(node.problems).map(valueText)].filter(Boolean);
     const changes = changesOf(mac);
     return h(
         "article",
@@ -195,18 +196,14 @@ function content(mac, measured) {
                 ? h(
                       "ul",
                       { class: "problems" },
-                      problems.map((text) => h("li", {}, valueText(text))),
+                      problems.map((text) => h("li", {}, text)),
                   )
                 : h(
                       "p",
                       {},
-                      node.present === false
-                          ? ""
-                          : portsOf(node).some(
-                                  (port) => colourOf(port) === "yellow" || faultsOf(port).length > 0,
-                              )
-                            ? "Trouble within the last 24 hours."
-                            : "Nothing is wrong.",
+                      portsOf(node).some((port) => colourOf(port) === "yellow" || faultsOf(port).length > 0)
+                          ? "Trouble within the last 24 hours."
+                          : "Nothing is wrong.",
                   ),
         ),
         h(

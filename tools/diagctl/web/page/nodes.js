@@ -99,8 +99,9 @@ export function versionsText(node) {
 export function goneWords(node) {
     const when = node.since ? ` since ${timeText(node.since, store.now())}` : "";
     if (node.reachable === false) {
-        const before = ` since before ${timeText(store.info.started, store.now())}`;
-        return `unreachable${when || before}: the values are old`;
+        const { replay, started } = store.info;
+        const before = replay ? "the recording" : timeText(started, store.now());
+        return `unreachable${when || ` since before ${before}`}: the values are old`;
     }
     if (node.present !== false) {
         return null;

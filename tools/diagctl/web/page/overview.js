@@ -153,12 +153,13 @@ function lists() {
 
 function latest() {
     const changes = store.log.slice(-LATEST).reverse();
+    const none = store.info.replay ? "none until here" : "none since the server's start";
     return h(
         "section",
         { class: "latest", "aria-label": "Newest changes" },
         h("h3", {}, h("a", { href: "#/events" }, "Newest changes")),
         h("ol", { "data-events": "", class: "events" }, changes.map(changeRow)),
-        changes.length === 0 && h("p", { class: "faint" }, "none since the server's start"),
+        changes.length === 0 && h("p", { class: "faint" }, none),
     );
 }
 

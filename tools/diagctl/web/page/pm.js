@@ -234,6 +234,7 @@ export function pmView([mac, port]) {
                         ? "No records are published for this port."
                         : "No records are published for this port on this broker: they are on the node's own card's.";
                 body.replaceChildren();
+                shown = "";
                 return;
             }
             const data = await response.json();

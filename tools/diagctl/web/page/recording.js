@@ -34,6 +34,7 @@ export function startRecording(bar) {
     let latest = null;
     function showRecording(recording) {
         latest = recording;
+        store.setTime(Date.parse(recording.start) + recording.position * 1000);
         isPaused = recording.paused;
         setText(play, isPaused ? "Play" : "Pause");
         if (!SPEEDS.includes(recording.speed)) {

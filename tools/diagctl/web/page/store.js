@@ -15,6 +15,7 @@ class Store {
     log = []; // changes, oldest first
     connection = { state: "lost", cause: CONNECTING, since: Date.now() };
     isLoaded = false;
+    #skew = 0;
     #wantsWholeLog = false;
     #hasWholeLog = false;
     #waiting = null; // events that came before the snapshot that they follow
@@ -54,9 +55,13 @@ class Store {
         return this.connection.state === "live";
     }
 
-    // By the server's clock.
+    // By the server's clock, or that of the recording, which goes at a speed of its own.
     now() {
-        return Date.now() + (this.skew ?? 0);
+        return Date.now() + this.#skew;
+    }
+
+    setTime(time) {
+        this.#skew = time - Date.now() || 0;
     }
 
     wantWholeLog() {
@@ -103,7 +108,8 @@ class Store {
             return;
         }
         // Trying again is not a new loss.
-        const since = this.connection.state === "lost" ? this.connection.since : this.now();
+        const now = this.info.replay ? Date.now() : this.now();
+        const since = this.connection.state === "lost" ? this.connection.since : now;
         this.connection = { state: "lost", cause, since: when ? Date.parse(when) : since };
         // At once: a page in the background has no frames, and what it shows must not pass for live.
         document.body.dataset.connection = "lost";
@@ -135,13 +141,15 @@ class Store {
 
     #replace(snapshot) {
         const { networks, ...info } = snapshot;
-        const isRestarted = this.isLoaded && (info.started !== this.info.started || info.id < this.info.id);
+        // Of a recording that was moved, what is known may not have happened yet.
+        const isRestarted =
+            info.replay || (this.isLoaded && (info.started !== this.info.started || info.id < this.info.id));
         this.networks = networks.map(({ nodes, ...network }) => ({
             ...network,
             nodes: new Map(nodes.map((node) => [node.mac, node])),
         }));
         this.info = info;
-        this.skew = Date.parse(info.time) - Date.now() || 0;
+        this.setTime(Date.parse(info.time));
         this.isLoaded = true;
         if (isRestarted) {
             this.log = [];
@@ -154,9 +162,13 @@ class Store {
     }
 
     async #loadLog(after) {
+        const { networks } = this;
         try {
             const response = await fetch(`/api/log?after=${after}`, { cache: "no-store" });
             const { changes } = await response.json();
+            if (networks !== this.networks) {
+                return; // overtaken by a newer one
+            }
             const known = new Map(this.log.map((change) => [change.id, change]));
             changes.forEach((change) => known.set(change.id, change));
             this.log = [...known.values()].sort((a, b) => a.id - b.id).slice(-MAX_LOG);
