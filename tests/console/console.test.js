@@ -4,7 +4,7 @@
 import assert from "node:assert/strict";
 import { after, before, test } from "node:test";
 
-import { Console, lab, macOf, publish, publishSite, siteMac } from "./lab.js";
+import { lab, macOf, publish, siteMac, startSite } from "./lab.js";
 import {
     HEAL_MS,
     SECONDS,
@@ -168,9 +168,7 @@ test("an arrangement that is forgotten, or can't be carried to another browser",
 });
 
 test("a site whose networks, differing views and missing cards are not shown", async () => {
-    await publishSite();
-    const site = new Console("--site", "--listen", "127.0.0.1:0");
-    await site.start();
+    const site = await startSite();
     await open("#/", site.address);
     await see(`[data-node="${siteMac(2)}"][data-present="true"] [data-port="B"][data-fault="link-down"]`);
     await see(`[data-list="link_down"] [data-node="${siteMac(2)}"][data-port="B"]`);

@@ -3,7 +3,7 @@
 import assert from "node:assert/strict";
 import { after, before, test } from "node:test";
 
-import { Console, diagctl, lab, macOf, publishDay, publishSite, siteMac } from "./lab.js";
+import { Console, diagctl, lab, macOf, publishDay, siteMac, startSite } from "./lab.js";
 import {
     HEAL_MS,
     SECONDS,
@@ -133,9 +133,7 @@ test("a view that some screen or choice of colours spoils", async () => {
         "#/events",
     ];
     assert.deepEqual(await complaints(server.address, views, everywhere), []);
-    await publishSite();
-    const site = new Console("--site", "--listen", "127.0.0.1:0");
-    await site.start();
+    const site = await startSite();
     const ofSite = [
         "#/",
         `#/map?network=${siteMac(1)}`,
@@ -144,6 +142,9 @@ test("a view that some screen or choice of colours spoils", async () => {
         "#/events",
     ];
     assert.deepEqual(await complaints(site.address, ofSite, everywhere), []);
+    await open("#/", site.address);
+    await see(`[data-differs="${siteMac(2)}"]`);
+    await picture("site");
     assert.equal(await site.stop(), 0);
 });
 

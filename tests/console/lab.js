@@ -139,14 +139,23 @@ export async function publishDay(mac, port, isMissing) {
     await lab("exec", 1, "sh", "-c", lines.join("\n"));
 }
 
-// Cards of a site, on node 1's broker: 1, 2 and 3 are a network, 4 and 5 another. The link at 2's port B is down, which 1 has
-// not heard; 3 is unreachable.
+// A site with a broker of its own beside node 1's: its cards 1, 2 and 3 are a network, 4 and 5 another. The link at 2's port B
+// is down, which 1 has not heard; 3 is unreachable.
+const SITE_PORT = "1886";
+const SITE_NAMES = "/tmp/site-names";
 export const siteMac = (card) => `02-00-00-00-02-0${card}`;
 
-export async function publishSite() {
-    const put = (topic, text) => `printf '${text}' | mosquitto_pub -p 1885 -r -s -t '${topic}'`;
+export async function startSite() {
+    // Nobody else is known in the lab, so it stays who it is.
+    const settings = `listener ${SITE_PORT} 127.0.0.1\\nallow_anonymous true\\nuser root\\nlog_type error\\n`;
+    const serve = `printf '${settings}' >/tmp/site.conf; exec mosquitto -c /tmp/site.conf`;
+    start(`${SOURCE}/lab/lab`, "exec", "1", "sh", "-c", serve).stdout.resume();
+    const put = (topic, text) => `printf '${text}' | mosquitto_pub -p ${SITE_PORT} -r -s -t '${topic}'`;
     const green = '{"A":"green","B":"green"}';
-    const lines = [];
+    const lines = [`until ${put("started", "1")} 2>/dev/null; do sleep 0.1; done`];
+    ["Foyer", "Hall", "Roof", "Garage", "Gate"].forEach((name, index) =>
+        lines.push(`echo ${siteMac(index + 1).replaceAll("-", ":")} ${name} >>${SITE_NAMES}`),
+    );
     for (const network of [
         [1, 2, 3],
         [4, 5],
@@ -175,4 +184,7 @@ export async function publishSite() {
         }
     }
     await lab("exec", 1, "sh", "-c", lines.join("\n"));
+    const site = new Console("--site", "--port", SITE_PORT, "--names", SITE_NAMES, "--listen", "127.0.0.1:0");
+    await site.start();
+    return site;
 }

@@ -126,12 +126,14 @@ function lists() {
         LISTS.map((list) => {
             const entries = store.networks.flatMap((network, index) => listEntries(network, index, list));
             const words = store.networks.map((network) => listWords(network, list)).filter(Boolean);
+            const where =
+                store.networks.length > 1 ? ` in ${words.length} of ${store.networks.length} networks` : "";
             return h(
                 "section",
                 { "aria-label": list.title },
                 h("h3", {}, list.title),
                 h("ul", { "data-list": list.name, class: "chips" }, entries),
-                entries.length === 0 && h("p", { class: "faint" }, words[0] ?? "none"),
+                entries.length === 0 && h("p", { class: "faint" }, words.length > 0 ? words[0] + where : "none"),
             );
         }),
         gone.length > 0 && goneList(gone),
