@@ -479,20 +479,22 @@ def test_a_site_that_is_not_as_its_brokers_tell(tmp_path):
     brokers[0].stop()
 
 
-def test_a_recording_that_plays_wrong(tmp_path):
-    recording = tmp_path / "recording"
+def write_recording(path, messages):
+    """messages: of a time, a topic and a text or bytes."""
     lines = [{"diagctl_recording": 1, "started": "2024-05-01T08:00:00Z"}]
-    for second in range(100):
-        colour = "red" if second % 2 else "green"
-        lines.append(
-            {
-                "time": second,
-                "retained": True,
-                "topic": f"pub/diag/{mac_of(2)}/port_summary",
-                "text": f'{{"A":"{colour}"}}',
-            }
-        )
-    recording.write_text("".join(json.dumps(line) + "\n" for line in lines))
+    for second, topic, payload in messages:
+        value = {"text": payload} if isinstance(payload, str) else {"hex": payload.hex()}
+        lines.append({"time": second, "retained": True, "topic": topic, **value})
+    path.write_text("".join(json.dumps(line) + "\n" for line in lines))
+    return path
+
+
+def test_a_recording_that_plays_wrong(tmp_path):
+    colours = [(second, "red" if second % 2 else "green") for second in range(100)]
+    recording = write_recording(
+        tmp_path / "recording",
+        [(second, f"pub/diag/{mac_of(2)}/port_summary", f'{{"A":"{colour}"}}') for second, colour in colours],
+    )
     layout = tmp_path / "layout"
     layout.write_text('{"nodes":{}}')
     with Web("--replay", recording, "--layout", layout) as web:
@@ -513,18 +515,75 @@ def test_a_recording_that_plays_wrong(tmp_path):
         assert change["time"] == "2024-05-01T08:00:21.000Z"
         assert web.json("/api/network")["time"] >= "2024-05-01T08:00:21"
         assert web.get("/api/recording/seek?to=x")[0] == 400
-    of_site = tmp_path / "site"
-    site_line = {"time": 0, "retained": True, "topic": "cards/A/pub/diag/net/fire/link_down", "text": ""}
-    of_site.write_text(f"{json.dumps(lines[0])}\n{json.dumps(site_line)}\n")
     recording.write_text("nonsense\n")
     for words, reason in (
         (("--replay", recording), "isn't a recording"),
-        (("--replay", of_site), "not a site's"),
         (("--layout", recording), "layout"),
     ):
         words = [DIAGCTL, "web", "--listen", "127.0.0.1:0", *words]
         done = subprocess.run(words, capture_output=True, text=True, timeout=BUSY, check=False)
         assert done.returncode in (1, 2) and reason in done.stderr, done
+
+
+def test_a_recording_of_a_site_that_plays_wrong(tmp_path):
+    """Card 3 comes, and card 2's bridge goes. Of a link that is down at card 1, card 2 hears five seconds late."""
+    green = '{"A":"green","B":"green"}'
+    messages = []
+    for number, other in ((1, 2), (2, 1)):
+        view = f"cards/{mac_of(number)}"
+        messages += [
+            (0, f"{view}/bridge", "1"),
+            (0, f"pub/diag/{mac_of(number)}/port_summary", green),
+            (0, f"{view}/pub/diag/{mac_of(other)}/port_summary", green),
+            (0, f"{view}/pub/diag/net/fire/link_down", bytes(1)),
+        ]
+    down = bytes([2, 0, 0, 0, 0, 1, 7, 2])
+    messages += [
+        (10, f"cards/{mac_of(1)}/pub/diag/net/fire/link_down", down),
+        (15, f"cards/{mac_of(2)}/pub/diag/net/fire/link_down", down),
+        (20.5, f"pub/diag/{mac_of(3)}/port_summary", green),
+        (30, f"cards/{mac_of(2)}/bridge", "0"),
+    ]
+    # Statistics, so that there is more than one place to play from.
+    messages += [(40 + i / 1000, f"pub/diag/{mac_of(3)}/A/stats", STATS.pack(*range(i, i + 15))) for i in range(20000)]
+    with Web("--replay", write_recording(tmp_path / "recording", messages), "--speed", 20) as web:
+        web.get("/api/recording/pause?to=1")
+
+        def seek(position):
+            web.get(f"/api/recording/seek?to={position}")
+            state = web.json("/api/network")
+            assert (state["kind"], state["replay"], state["connection"]) == ("site", True, "live")
+            return state["networks"], web.json("/api/log")["changes"]
+
+        looks = {}
+        for position in (5, 12, 18, 25, 59, 12, 35, 5):
+            networks, log = seek(position)
+            looks[position] = networks
+            first, cards = networks[0], {node["mac"]: node for one in networks for node in one["nodes"]}
+            is_down = position > 10
+            assert (first["ring"], first["since"]) == (
+                ("degraded", "2024-05-01T08:00:10.000Z") if is_down else ("normal", None)
+            )
+            assert cards[mac_of(1)]["ports"][1]["faults"] == (["link-down"] if is_down else [])
+            assert [item["not_by"] for item in first["differs"]] == ([[mac_of(2)]] if 10 < position < 15 else [])
+            assert (mac_of(3) in cards) == (position > 20)
+            away = cards[mac_of(2)]
+            assert (away["reachable"], away["since"]) == (
+                (False, "2024-05-01T08:00:30Z") if position > 30 else (True, None)
+            )
+            told = [(item["kind"], item["time"][17:19]) for item in log if item["kind"] != "colours"]
+            expected = [("views", "10"), ("link_down", "10"), ("views", "15"), ("appeared", "20"), ("card", "30")]
+            if position < 40:
+                assert told == [item for item in expected if int(item[1]) <= position], (position, told)
+            if position == 59:
+                assert web.json(f"/api/node/{mac_of(3)}")["ports"][0]["stats"]
+        # Played, it comes to where one can also jump.
+        web.get("/api/recording/pause?to=0")
+        events = Events(web)
+        assert events.wait("change", lambda data: data["kind"] == "views")["time"][17:19] == "10"
+        wait_until(lambda: web.json("/api/recording")["position"] > 59, BUSY)
+        web.get("/api/recording/pause?to=1")
+        assert web.json("/api/network")["networks"] == looks[59]
 
 
 def test_a_start_or_an_end_that_says_nothing(broker):

@@ -147,26 +147,25 @@ public:
         if (!options.layout.empty()) {
             load_layout(options.layout);
         }
+        std::optional<recording> played;
         if (!options.replay.empty()) {
-            recording played = read_recording(options.replay);
-            if (common.is_site || is_of_site(played)) {
-                throw failure(STATUS_USAGE, "--replay plays a card's recording, not a site's: "
-                                            "diagctl replay brings that to a broker, for web --site");
-            }
-            film.emplace(std::move(played), names, options.speed);
+            played = read_recording(options.replay);
         }
+        const bool is_site = common.is_site || (played && is_of_site(*played));
         page.emplace(console_info{.version = DIAG_VERSION,
-                                  .broker = film             ? options.replay
-                                            : common.is_site ? site_text(common)
-                                                             : broker_where.text(),
-                                  .is_site = common.is_site,
-                                  .is_replay = film.has_value(),
+                                  .broker = played    ? options.replay
+                                            : is_site ? site_text(common)
+                                                      : broker_where.text(),
+                                  .is_site = is_site,
+                                  .is_replay = played.has_value(),
                                   .has_layout = files.contains(LAYOUT)},
                      current_moment().wall, [this](std::string event) {
                          has_sent = true;
                          server.send(std::move(event));
                      });
-        if (common.is_site) {
+        if (played) {
+            open_recording(std::move(*played), is_site, options);
+        } else if (is_site) {
             cards.emplace(*page, common.hosts.size(), names.names);
             open_site(common);
         } else {
@@ -213,8 +212,6 @@ private:
 
     [[noreturn]] void play()
     {
-        page->set_connection(true, "", now().wall);
-        seek(0);
         report_ready();
         for (;;) {
             serve_inputs(inputs, session::FOREVER);
@@ -376,7 +373,10 @@ private:
     // What the brokers of a site say comes from threads of the library.
     std::unique_lock<std::mutex> lock() { return brokers ? brokers->lock() : std::unique_lock<std::mutex>(); }
 
-    console_model &model() { return cards ? static_cast<console_model &>(*cards) : *state; }
+    console_model &model()
+    {
+        return film ? film->shown() : cards ? static_cast<console_model &>(*cards) : *state;
+    }
 
     // Does what is due, and sets the time for what is due next.
     void look()
@@ -387,7 +387,7 @@ private:
         const auto guard = lock();
         milliseconds wait = session::FOREVER;
         if (film) {
-            wait = film->play(taker()).value_or(wait);
+            wait = film->play();
         } else if (brokers) {
             wait = look_at_site();
         }
@@ -408,19 +408,20 @@ private:
 
     // --- a recording
 
-    player::take_message taker()
+    void open_recording(recording played, bool is_site, const web_options &options)
     {
-        return [this](const recorded_message &message, const moment &when) {
-            state->take(message.topic, message.payload, message.time == 0, when);
-        };
-    }
-
-    void seek(double position)
-    {
-        film->seek(
-            position, [this](network net, uint64_t changes) { state->rewind(std::move(net), changes); },
-            taker());
-        state->show_anew();
+        page->set_connection(true, "", played.start);
+        std::unique_ptr<console_model> empty;
+        if (is_site) {
+            // All its brokers were recorded as one.
+            page->set_brokers(
+                fmt::format(R"([{{"address":{},"connection":"live","since":{},"reason":null}}])",
+                            quoted_json(options.replay), time_json(played.start)));
+            empty = std::make_unique<site_console>(*page, 1, names.names);
+        } else {
+            empty = std::make_unique<console>(*page, names);
+        }
+        film.emplace(std::move(played), std::move(empty), *page, options.speed);
     }
 
     moment now() const { return film ? film->time_of(film->position()) : current_moment(); }
@@ -481,7 +482,7 @@ private:
             return text_answer(400, "to=NUMBER is missing");
         }
         if (command == "/seek") {
-            seek(*to);
+            film->seek(*to);
         } else if (command == "/speed") {
             film->set_speed(std::min(*to, MAX_SPEED));
         } else if (command == "/pause") {
@@ -532,10 +533,11 @@ private:
     const signal_input signals;
     alarm_clock timer;
     std::map<std::string, http_answer> files;
-    std::optional<player> film;
     std::optional<page_state> page;
-    std::optional<console> state;      // of a card's broker or a recording
-    std::optional<site_console> cards; // else
+    // One of them.
+    std::optional<player> film;
+    std::optional<console> state;
+    std::optional<site_console> cards;
     std::vector<site_brokers::state> site_states;
     std::vector<wall_time> site_since;
     steady_clock::time_point sign_of_life_due{};

@@ -17,6 +17,9 @@ struct recorded_message {
     bool is_retained;
     std::string topic;
     std::vector<uint8_t> payload;
+
+    // Before the recording began.
+    bool was_retained() const { return time == 0; }
 };
 
 // The payload as it is where it is printable, else in hexadecimal after "0x".

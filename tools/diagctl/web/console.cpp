@@ -58,13 +58,9 @@ void console::replace(network other)
     show_anew();
 }
 
-void console::rewind(network other, uint64_t last)
+void console::play(const recorded_message &message, const moment &when)
 {
-    page.begin_anew(1);
-    page.forget_changes(last);
-    net = std::move(other);
-    ring_since.reset();
-    left.clear();
+    take(message.topic, message.payload, message.was_retained(), when);
 }
 
 void console::show_anew()

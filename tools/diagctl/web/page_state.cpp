@@ -191,11 +191,12 @@ void page_state::end_anew()
     send("reset", "{}");
 }
 
-void page_state::forget_changes(uint64_t last)
+void page_state::rewind(uint64_t changes)
 {
+    begin_anew(0);
     changes_kept.clear();
     unsent.clear();
-    last_id = last;
+    last_id = changes;
 }
 
 std::shared_ptr<const std::string> page_state::snapshot(wall_time now)

@@ -50,8 +50,11 @@ public:
     // So many networks take the place of those that were told. Nothing is sent until pages are told to look anew.
     void begin_anew(size_t count);
     void end_anew();
-    // No change is known, though there were so many: a recording is played from elsewhere.
-    void forget_changes(uint64_t last);
+    bool is_telling() const { return !is_quiet; }
+    uint64_t changes() const { return last_id; } // so far
+    // Nothing is sent until pages are told to look anew: a recording is wound to where there were so many changes, of which
+    // none is known.
+    void rewind(uint64_t changes);
 
     // The state as last told, so that what the stream says afterwards follows it.
     std::shared_ptr<const std::string> snapshot(wall_time now);

@@ -9,29 +9,47 @@ namespace
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr size_t MAX_CHECKPOINTS = 20; // each is a network
+constexpr size_t MAX_CHECKPOINTS = 20; // each is a model
 constexpr size_t MIN_CHECKPOINT_DISTANCE = 5000;
+constexpr milliseconds MAX_WAIT(1000);
 
 } // namespace
 
-player::player(recording played, const network &named, double wanted_speed)
-    : file(std::move(played)), factor(wanted_speed), held_time(steady_clock::now())
+player::player(recording played, std::unique_ptr<console_model> empty, page_state &told, double wanted_speed)
+    : file(std::move(played)), page(told), model(std::move(empty)), factor(wanted_speed),
+      held_time(steady_clock::now())
 {
-    const size_t distance = std::max(MIN_CHECKPOINT_DISTANCE, file.messages.size() / MAX_CHECKPOINTS);
-    network net = named;
-    uint64_t changed = 0;
-    for (size_t i = 0; i < file.messages.size(); i++) {
-        if (i % distance == 0) {
-            checkpoints.push_back({i, changed, net});
+    page.rewind(0);
+    // What there was before counts for each time. Checkpoints hold no more values together than the file has.
+    const size_t first = messages_until(0);
+    const size_t distance =
+        std::max({MIN_CHECKPOINT_DISTANCE, file.messages.size() / MAX_CHECKPOINTS, first});
+    for (size_t i = 0; i <= file.messages.size(); i++) {
+        if (i == first) {
+            model->pass(time_of(0));
         }
-        const recorded_message &message = file.messages[i];
-        changed +=
-            network_apply(net, message.topic, message.payload, message.time == 0, time_of(message.time))
-                .size();
+        if (i >= first && (i - first) % distance == 0) {
+            checkpoints.push_back({i, page.changes(), model->clone()});
+        }
+        if (i < file.messages.size()) {
+            play_message(i);
+        }
     }
-    if (checkpoints.empty()) {
-        checkpoints.push_back({0, 0, named});
-    }
+    seek(0);
+}
+
+size_t player::messages_until(double position) const
+{
+    const auto later =
+        std::upper_bound(file.messages.begin(), file.messages.end(), position,
+                         [](double time, const recorded_message &message) { return time < message.time; });
+    return static_cast<size_t>(std::distance(file.messages.begin(), later));
+}
+
+void player::play_message(size_t index)
+{
+    const recorded_message &message = file.messages[index];
+    model->play(message, time_of(message.time));
 }
 
 moment player::time_of(double position) const
@@ -66,7 +84,7 @@ void player::pause(bool is_wanted)
     paused = is_wanted;
 }
 
-std::optional<milliseconds> player::play(const take_message &take)
+milliseconds player::play()
 {
     constexpr size_t MAX_MESSAGES = 2000; // then others have their turn
     const double now = position();
@@ -74,32 +92,33 @@ std::optional<milliseconds> player::play(const take_message &take)
         if (taken == MAX_MESSAGES) {
             return milliseconds(0);
         }
-        take(file.messages[next], time_of(file.messages[next].time));
+        play_message(next);
         next++;
     }
+    model->pass(time_of(now));
     if (paused || next == file.messages.size() || factor <= 0) {
-        return {};
+        return MAX_WAIT;
     }
     const std::chrono::duration<double> left((file.messages[next].time - now) / factor);
-    return std::chrono::ceil<milliseconds>(std::min(left, std::chrono::duration<double>(3600)));
+    return std::chrono::ceil<milliseconds>(std::min<std::chrono::duration<double>>(left, MAX_WAIT));
 }
 
-void player::seek(double position, const start_from &start, const take_message &take)
+void player::seek(double position)
 {
     held_position = std::clamp(position, 0.0, file.duration());
     held_time = steady_clock::now();
-    const auto later =
-        std::upper_bound(file.messages.begin(), file.messages.end(), held_position,
-                         [](double time, const recorded_message &message) { return time < message.time; });
-    next = static_cast<size_t>(std::distance(file.messages.begin(), later));
-    // The one before the last, so that the changes that led there are known.
+    next = messages_until(held_position);
+    // From the one before the last, so that the changes that led there are known.
     const auto after =
         std::upper_bound(checkpoints.begin(), checkpoints.end(), next,
                          [](size_t count, const checkpoint &item) { return count < item.messages; });
     const auto from =
         std::prev(after, std::min<std::ptrdiff_t>(2, std::distance(checkpoints.begin(), after)));
-    start(from->net, from->changes);
+    page.rewind(from->changes);
+    model = from->model->clone();
     for (size_t i = from->messages; i < next; i++) {
-        take(file.messages[i], time_of(file.messages[i].time));
+        play_message(i);
     }
+    model->pass(time_of(held_position));
+    model->show_anew();
 }

@@ -1,24 +1,20 @@
-// A recording, played: which messages come next, and the network as it was at any time of it.
+// A recording, played into a model: what comes next, and what there was at any time of it.
 #pragma once
 
 #include "commands/recording_file.h"
-#include "network/model.h"
-
-#include <functional>
+#include "web/console.h"
 
 class player
 {
 public:
-    // after: changes so far.
-    using take_message = std::function<void(const recorded_message &message, const moment &when)>;
-    using start_from = std::function<void(network state, uint64_t changes)>;
+    // The model knows nothing yet. From its start on the recording is told to the page, which has to stay.
+    player(recording played, std::unique_ptr<console_model> empty, page_state &told, double wanted_speed);
 
-    player(recording played, const network &named, double wanted_speed);
-
-    // Hands over what has come due; the time to the next message, or none while nothing comes.
-    std::optional<std::chrono::milliseconds> play(const take_message &take);
-    // Hands over a state from before that time and what came since.
-    void seek(double position, const start_from &start, const take_message &take);
+    console_model &shown() { return *model; }
+    // Plays what has come due; the time until it is to be called again.
+    std::chrono::milliseconds play();
+    // Goes on from there. The page looks anew.
+    void seek(double position);
     void set_speed(double factor);
     void pause(bool is_wanted);
 
@@ -30,15 +26,19 @@ public:
     moment time_of(double position) const;
 
 private:
-    // The network as the first messages left it.
+    // The model as the first messages left it.
     struct checkpoint {
         size_t messages;
         uint64_t changes;
-        network net;
+        std::unique_ptr<const console_model> model;
     };
     void hold(); // goes on from here
+    void play_message(size_t index);
+    size_t messages_until(double position) const;
 
     recording file;
+    page_state &page;
+    std::unique_ptr<console_model> model;
     std::vector<checkpoint> checkpoints;
     double factor;
     bool paused = false;

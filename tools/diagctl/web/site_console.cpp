@@ -134,6 +134,7 @@ std::optional<size_t> site_console::network_of(const mac_address &mac) const
 
 milliseconds site_console::look(const moment &now)
 {
+    looked = now;
     const auto age = now.steady - compared;
     if (is_compare_due && (is_compared_anew || age >= COMPARE_INTERVAL)) {
         compared = now.steady;
@@ -144,6 +145,36 @@ milliseconds site_console::look(const moment &now)
     }
     return is_compare_due ? std::chrono::ceil<milliseconds>(std::max(COMPARE_INTERVAL - age, {}))
                           : COMPARE_INTERVAL;
+}
+
+void site_console::play(const recorded_message &message, const moment &when)
+{
+    if (!message.was_retained()) {
+        pass(when);
+    }
+    take(0, message.topic, message.payload, message.was_retained(), when);
+    if (!message.was_retained()) {
+        look(when);
+    }
+}
+
+// The networks are compared when that was due and not when somebody looks.
+void site_console::pass(const moment &until)
+{
+    const auto due = compared + COMPARE_INTERVAL;
+    if (is_compared_anew) {
+        look(until);
+    } else if (is_compare_due && due <= until.steady) {
+        const auto ago = std::chrono::duration_cast<std::chrono::system_clock::duration>(until.steady - due);
+        look({due, until.wall - ago});
+    }
+    looked = until;
+}
+
+void site_console::show_anew()
+{
+    build(all.networks());
+    tell_anew();
 }
 
 void site_console::note_change(const pending_change &item)
@@ -208,19 +239,30 @@ void site_console::compare_networks(const moment &now)
                                         return have_same_cards(one, shown.cards);
                                     });
     compare_differences(found, now);
-    if (!is_same || std::exchange(is_compared_anew, false)) {
-        is_compared_anew = false;
+    const bool is_new = std::exchange(is_compared_anew, false) || !is_same;
+    if (is_new) {
         build(std::move(found));
-        return;
+        for (const auto &[mac, place] : places) {
+            connected.try_emplace(mac, all.is_connected(mac));
+        }
+    } else {
+        for (size_t i = 0; i < found.size(); i++) {
+            networks[i].differences = std::move(found[i].differences);
+            networks[i].is_view_dirty = true;
+        }
     }
-    for (size_t i = 0; i < found.size(); i++) {
-        networks[i].differences = std::move(found[i].differences);
-        networks[i].is_view_dirty = true;
+    // Now, so that it is known since when, though of a recording that is wound on nothing is told.
+    for (shown_network &shown : networks) {
+        refresh_view(shown);
     }
-    page.mark();
+    if (is_new && page.is_telling()) {
+        tell_anew();
+    } else {
+        page.mark();
+    }
 }
 
-// Everything anew. A network that has the cards that it had stays what it was.
+// A network that has the cards that it had stays what it was.
 void site_console::build(std::vector<site_network> found)
 {
     std::vector<shown_network> before = std::exchange(networks, {});
@@ -241,10 +283,13 @@ void site_console::build(std::vector<site_network> found)
         for (const mac_address &mac : shown.cards) {
             shown.dirty.insert(mac);
             places[mac] = networks.size();
-            connected.try_emplace(mac, all.is_connected(mac));
         }
         networks.push_back(std::move(shown));
     }
+}
+
+void site_console::tell_anew()
+{
     page.begin_anew(networks.size());
     flush();
     page.end_anew();
@@ -272,7 +317,7 @@ void site_console::compare_differences(const std::vector<site_network> &found, c
 }
 
 // What the network's cards list together; nodes whose ports it newly names, or no longer, have changed.
-void site_console::refresh_view(shown_network &shown, const moment &now)
+void site_console::refresh_view(shown_network &shown)
 {
     card_view view = site_network_view(all, shown.cards);
     const std::optional<bool> degraded = is_degraded(view, shown.differences);
@@ -295,7 +340,7 @@ void site_console::refresh_view(shown_network &shown, const moment &now)
         }
     }
     if (degraded && shown.view.ring_degraded.value && *degraded != *shown.view.ring_degraded.value) {
-        shown.ring_since = now.wall;
+        shown.ring_since = looked.wall;
     }
     static_cast<card_view &>(shown.view) = std::move(view);
 }
@@ -303,12 +348,11 @@ void site_console::refresh_view(shown_network &shown, const moment &now)
 void site_console::flush()
 {
     page.begin_telling();
-    const moment now = {steady_clock::now(), std::chrono::system_clock::now()};
     for (size_t place = 0; place < networks.size(); place++) {
         shown_network &shown = networks[place];
         const bool is_view_new = std::exchange(shown.is_view_dirty, false);
         if (is_view_new) {
-            refresh_view(shown, now);
+            refresh_view(shown);
         } else if (shown.dirty.empty()) {
             continue;
         }

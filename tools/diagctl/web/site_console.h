@@ -25,7 +25,10 @@ public:
     std::optional<std::string> node_of(const mac_address &mac) const override;
     std::optional<std::string> performance(const mac_address &mac, int port, wall_time now) const override;
 
-    const site &cards() const { return all; }
+    std::unique_ptr<console_model> clone() const override { return std::make_unique<site_console>(*this); }
+    void play(const recorded_message &message, const moment &when) override;
+    void pass(const moment &until) override;
+    void show_anew() override;
 
 private:
     struct shown_network {
@@ -48,8 +51,9 @@ private:
     void mark(const mac_address &card, bool is_view);
     void compare_networks(const moment &now);
     void build(std::vector<site_network> found);
+    void tell_anew();
     void compare_differences(const std::vector<site_network> &found, const moment &now);
-    void refresh_view(shown_network &shown, const moment &now);
+    void refresh_view(shown_network &shown);
     std::string node_text(const shown_network &shown, const mac_address &mac, bool with_statistics) const;
     json_parts parts_of(const shown_network &shown) const;
     std::optional<size_t> network_of(const mac_address &mac) const;
@@ -66,4 +70,5 @@ private:
     bool is_compared_anew = true; // all of it is to be told
     bool is_compare_due = true;   // something of it may be different
     std::chrono::steady_clock::time_point compared{};
+    moment looked{};
 };
