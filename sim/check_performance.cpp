@@ -22,6 +22,7 @@ constexpr int64_t NEAR_BOUNDARY = 30;
 constexpr seconds FIRST_TICK = seconds(30);
 constexpr seconds STATS_ARRIVE = seconds(25); // once more what a disturbance may have left behind
 constexpr seconds SLACK = seconds(3);
+constexpr std::string_view KEPT_RECORDS = "couldn't unpublish PM topics for port ";
 
 // What makes a port red or yellow, and what tells whether periods add up.
 struct counters {
@@ -94,7 +95,13 @@ struct card_book {
 class performance_checker final : public checker
 {
 public:
-    explicit performance_checker(world &where) : checker(where), cards_(where.size()) {}
+    explicit performance_checker(world &where) : checker(where), cards_(where.size())
+    {
+        for (size_t port = 0; port < PORTS; port++) {
+            counters_[port] =
+                where.topics().number(topic_text(PORT_FACT_FORMAT, PORT_NAMES[port], FACT_STATS).text);
+        }
+    }
 
     void starts(node &which) override
     {
@@ -103,6 +110,16 @@ public:
             book = {};
             book.is_tracked = which.told().ports[port].is_tracked;
             book.tracked = world_.clock().now();
+        }
+    }
+
+    // A reset whose records stay is one.
+    void logs(node &which, const char *line) override
+    {
+        const std::string_view text = line;
+        const size_t place = text.find(KEPT_RECORDS);
+        if (place != std::string_view::npos) {
+            cards_[which.index()].ports[static_cast<size_t>(text[place + KEPT_RECORDS.size()] - 'A')].begin();
         }
     }
 
@@ -130,7 +147,8 @@ public:
         } else if (message.is_from_daemon && meant.what == meaning::STATS) {
             if (payload.size() == STATS_BLOCK_SIZE) {
                 book.now = read_stats(payload.data());
-                if (!book.has_stats) {
+                // A reset also publishes statistics of a port whose counters the card has not told yet.
+                if (!book.has_stats && which.broker().find(counters_[meant.port]) != nullptr) {
                     book.has_stats = true;
                     book.before = book.now;
                     book.is_exact = book.now.link_count == 0 && book.now.ring_count == 0;
@@ -364,7 +382,8 @@ private:
     }
 
     std::vector<card_book> cards_;
-    std::vector<meaning> meanings_; // of all topics
+    std::array<topic_id, PORTS> counters_{}; // the cards' own
+    std::vector<meaning> meanings_;          // of all topics
 };
 
 } // namespace

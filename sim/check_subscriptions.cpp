@@ -273,11 +273,18 @@ private:
                               .renewed = now};
         if (found != served.end()) {
             added.is_vague = found->may_be_alive(now);
-            added.period = std::max(added.period, added.is_vague ? found->period : seconds(0));
+            // The longer life: one without a period has no end.
+            if (added.is_vague && added.period > seconds(0)) {
+                added.period =
+                    found->period == seconds(0) ? seconds(0) : std::max(added.period, found->period);
+            }
             served.erase(found);
         }
+        // What its broker has not told the daemon yet can't be sent at once, and without a period it is not sent later.
+        const bool is_early = now < std::max(which.started(), which.disturbed_until()) + SLACK;
         for (const auto &[topic, value] : of(which).own_values) {
-            if (!value.empty() && matches(filter, world_.topics().name(topic))) {
+            if (!value.empty() && matches(filter, world_.topics().name(topic)) &&
+                !(is_early && added.period == seconds(0))) {
                 added.owed[topic] = now;
             }
         }
