@@ -269,7 +269,10 @@ private:
             return; // for want of an acknowledgement
         }
         const nanoseconds now = world_.clock().now();
-        if (is_disturbed(which)) {
+        // The daemon hears a little later that a port is tracked, or no longer.
+        if (now < book.tracked + SLACK) {
+            book.is_doubtful = true;
+        } else if (is_disturbed(which)) {
             book.is_doubtful = book.is_doubtful || meant.slot != book.next_slot;
         } else if (!book.is_doubtful) {
             const int64_t beyond = (time + NEAR_BOUNDARY) % QUARTER_HOUR;
