@@ -76,6 +76,7 @@ def main(program):
     runs = 0
     played = number = error = "none"
     seen = set()
+    logged = set()
     problems = collections.defaultdict(list)
     command = [program, str(HERE / "corpus")]
     with subprocess.Popen(command, stdout=subprocess.PIPE, text=True, errors="replace") as process:
@@ -88,6 +89,10 @@ def main(program):
             if problem:
                 problems[call, error, effect, problem, *lines[-1:]].append((played, number, lines))
             seen |= {document.find(line) for line in lines}
+            logged.update(lines)
+    if "DIAG_SEEN_MESSAGES" in os.environ:
+        with open(os.environ["DIAG_SEEN_MESSAGES"], "a", encoding="utf-8") as gathered:
+            gathered.writelines(f"{line}\n" for line in logged)
     for (call, error, effect, problem, *_), places in problems.items():
         played, number, lines = places[0]
         print(
