@@ -202,7 +202,7 @@ void measure_send_passes()
     measured.run_for(seconds(300 - 110));
     measured.take_sent();
     measure("send passes of 1,000 topics: all have changed", 1, pass);
-    if (measured.take_sent().size() < 100 * TOPICS) {
+    if (measured.take_sent().size() < size_t{100} * TOPICS) {
         fprintf(stderr, "not all subscriptions were served\n");
         exit(EXIT_FAILURE);
     }
