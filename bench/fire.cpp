@@ -397,8 +397,9 @@ void activate(int pid, int count)
     for (int i = 0; i < count; i++) {
         const std::string numbers = std::string("1;") + std::to_string(i) + ";";
         const auto start = bench_clock::now();
-        std::string request = numbers + "activate;" + targets + ";";
-        request += challenge_response(challenge, words).value();
+        std::string request = numbers;
+        request.append("activate;").append(targets).append(";");
+        request.append(challenge_response(challenge, words).value());
         publish(client, REQUEST_TOPIC, request);
         times.push_back(await_value(client, numbers + "ACK", start));
         settle(client);
