@@ -399,7 +399,13 @@ def test_verdict_that_a_monitoring_service_takes_wrong(lab, played):
     assert status == 2 and text.startswith("DIAG CRITICAL - no daemon has answered")
     assert f"2 ports down ({LOCAL}/A, {PEER}/B)" in text and "ring degraded" in text
     assert check(played, "--port", "1")[0] == 2
-    for words in (["--ports-down", "x"], ["--nothing"], ["--names", "/none"], ["--names", "/run"]):
+    for words in (
+        ["--ports-down", "x"],
+        ["--miswired", "3,1"],
+        ["--nothing"],
+        ["--names", "/none"],
+        ["--names", "/run"],
+    ):
         assert check(played, *words)[0] == 3, words
 
 

@@ -59,7 +59,7 @@ std::optional<unsigned> parse_count(std::string_view text)
                                                                                : std::nullopt;
 }
 
-// "0", "0,4" or ",4".
+// "0", "0,4" or ",4"; what is CRITICAL is a WARNING before.
 std::optional<limits> parse_limits(std::string_view text)
 {
     const size_t comma = std::min(text.find(','), text.size());
@@ -68,7 +68,8 @@ std::optional<limits> parse_limits(std::string_view text)
     const limits parsed = {parse_count(warning), parse_count(critical)};
     const bool is_right =
         (warning.empty() || parsed.warning) && (critical.empty() || parsed.critical) && !text.empty();
-    return is_right ? std::optional(parsed) : std::nullopt;
+    const bool is_ordered = !parsed.warning || !parsed.critical || *parsed.warning <= *parsed.critical;
+    return is_right && is_ordered ? std::optional(parsed) : std::nullopt;
 }
 
 std::string check_limits(const std::string &text)
@@ -76,7 +77,7 @@ std::string check_limits(const std::string &text)
     return parse_limits(text) ? ""
                               : "'" + text +
                                     "' is not MAX or MAX,MAX: more than the first is a warning, more than "
-                                    "the second is critical; either may be left out";
+                                    "the second, which isn't less, is critical; either may be left out";
 }
 
 std::string check_expected(const std::string &text)
