@@ -117,6 +117,15 @@ test("a moment of a recording that the slider does not find", async () => {
     await slider.press("Home");
     await see(port(1, "A", '[data-fault=""]'));
     assert.match(await page.locator("#recording").innerText(), /00:00:00 of 00:00:0/);
+    // Brought back to where it was, it plays on from there.
+    const { x, y, width } = await slider.boundingBox();
+    await page.mouse.move(x + 1, y + 5);
+    await page.mouse.down();
+    await page.mouse.move(x + width - 1, y + 5);
+    await page.mouse.move(x + 1, y + 5);
+    await page.mouse.up();
+    await page.getByRole("button", { name: "Play" }).click();
+    await page.waitForFunction(() => document.querySelector("[type=range]").value > 0);
     assert.equal(await player.stop(), 0);
 });
 

@@ -75,10 +75,16 @@ export function startRecording(bar) {
             ask(`/seek?to=${slider.value}`);
         }
     });
-    slider.addEventListener("change", () => {
-        isHeld = false;
-        ask(`/seek?to=${slider.value}`);
-    });
+    function release() {
+        if (isHeld) {
+            isHeld = false;
+            ask(`/seek?to=${slider.value}`);
+        }
+    }
+    slider.addEventListener("change", release);
+    // One that was dragged and brought back to where it was does not count as changed.
+    window.addEventListener("pointerup", release);
+    window.addEventListener("pointercancel", release);
     store.subscribe((changes) => {
         if (changes.all) {
             bar.hidden = !store.info.replay;
