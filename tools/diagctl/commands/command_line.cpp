@@ -4,6 +4,7 @@
 #include "screen/terminal.h"
 
 #include <CLI/CLI.hpp>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -172,7 +173,13 @@ void command::ranged(const parameter &wanted, T &value, T min, T max)
 {
     CLI::Option &option = *app.add_option(wanted.name, value, wanted.help);
     describe(option, wanted);
-    option.check(CLI::Range(min, max).description(""))->capture_default_str();
+    // CLI::Range would take nan.
+    const auto check = [min, max](const std::string &word) {
+        T number{};
+        const bool is_within = CLI::detail::lexical_cast(word, number) && min <= number && number <= max;
+        return is_within ? "" : fmt::format("Value {} not in range {} to {}", word, min, max);
+    };
+    option.check(check)->capture_default_str();
 }
 
 void command::number(const parameter &wanted, unsigned &value, unsigned min, unsigned max)
