@@ -515,10 +515,14 @@ def test_a_recording_that_plays_wrong(tmp_path):
         assert change["time"] == "2024-05-01T08:00:21.000Z"
         assert web.json("/api/network")["time"] >= "2024-05-01T08:00:21"
         assert web.get("/api/recording/seek?to=x")[0] == 400
-    recording.write_text("nonsense\n")
+    backwards = write_recording(tmp_path / "backwards", [(2, "pub/diag/x", "1"), (1, "pub/diag/x", "2")])
+    nonsense = tmp_path / "nonsense"
+    nonsense.write_text("nonsense\n")
     for words, reason in (
-        (("--replay", recording), "isn't a recording"),
-        (("--layout", recording), "layout"),
+        (("--replay", nonsense), "isn't a recording"),
+        (("--replay", backwards), "line 3 is earlier"),
+        (("--replay", recording, "--speed", "nan"), "not in range"),
+        (("--layout", nonsense), "layout"),
     ):
         words = [DIAGCTL, "web", "--listen", "127.0.0.1:0", *words]
         done = subprocess.run(words, capture_output=True, text=True, timeout=BUSY, check=False)

@@ -115,6 +115,7 @@ TEST(recording, changes_a_payload_or_takes_a_damaged_line)
              R"({"time":1,"retained":true,"topic":"a"})",
              R"({"time":1,"retained":true,"topic":"a","text":"b","hex":"00"})",
              R"({"time":-1,"retained":true,"topic":"a","text":"b"})",
+             R"({"time":1e300,"retained":true,"topic":"a","text":"b"})",
              R"({"time":1,"retained":1,"topic":"a","text":"b"})",
              R"({"time":1,"retained":true,"topic":"","text":"b"})",
              R"({"time":1,"retained":true,"topic":"a/#","text":"b"})",

@@ -45,6 +45,9 @@ recording read_recording(const std::string &path)
     recording result = {*start, *head, {}};
     for (size_t number = 2; std::getline(stream, line); number++) {
         std::optional<recorded_message> message = parse_recording_line(line);
+        if (message && message->time < result.duration()) {
+            report_file(path, fmt::format("line {} is earlier than the one before it", number));
+        }
         if (message) {
             result.messages.push_back(std::move(*message));
         } else if (stream.eof()) {

@@ -17,6 +17,7 @@ constexpr int VERSION = 1;
 constexpr const char *VERSION_FIELD = "diagctl_recording";
 constexpr size_t MAX_TOPIC_LENGTH = 65535;
 constexpr double MILLISECONDS = 1000;
+constexpr double MAX_TIME = 1e9; // 31 years; a clock has no room for every number
 
 std::string hex_of(bytes payload)
 {
@@ -84,8 +85,8 @@ std::optional<recorded_message> parse_recording_line(const std::string &line)
         return {};
     }
     recorded_message message = {object["time"], object["retained"], object["topic"], {}};
-    if (message.time < 0 || message.topic.empty() || message.topic.size() > MAX_TOPIC_LENGTH ||
-        message.topic.find_first_of("+#") != std::string::npos) {
+    if (message.time < 0 || message.time > MAX_TIME || message.topic.empty() ||
+        message.topic.size() > MAX_TOPIC_LENGTH || message.topic.find_first_of("+#") != std::string::npos) {
         return {};
     }
     if (object.contains("text")) {

@@ -5,9 +5,9 @@
 //     {"time":2.503,"retained":true,"topic":"pub/diag/net/fire/miswired","hex":"00"}
 //     {"time":9.117,"retained":true,"topic":"pub/diag/net/fire/miswired_links","text":""}
 //
-// time is in seconds since the start; what the broker had retained then stands first, with time 0. A payload
-// of printable text is text, any other hexadecimal. An empty one that is retained has removed the topic's
-// value.
+// time is in seconds since the start and never goes back; what the broker had retained then stands first, with
+// time 0. A payload of printable text is text, any other hexadecimal. An empty one that is retained has removed
+// the topic's value.
 #pragma once
 
 #include "network/payloads.h"
