@@ -83,6 +83,7 @@ struct side {
     std::deque<relayed> to_relay;
     std::map<size_t, nanoseconds> heard; // the last summary of each node
     std::set<topic_id> topics;           // its own that had a value
+    bool are_topics_vague = false;       // one lost its value before the daemon may have heard of it
 
     void forget_daemon()
     {
@@ -92,6 +93,7 @@ struct side {
         to_relay.clear();
         heard.clear();
         topics.clear();
+        are_topics_vague = false;
     }
 };
 
@@ -249,6 +251,12 @@ private:
         return owners_[topic];
     }
 
+    // Its broker may have to tell the daemon something yet.
+    bool is_early(const node &which) const
+    {
+        return world_.clock().now() < std::max(which.started(), which.disturbed_until()) + SLACK;
+    }
+
     //
     // The node that serves
     //
@@ -281,10 +289,9 @@ private:
             served.erase(found);
         }
         // What its broker has not told the daemon yet can't be sent at once, and without a period it is not sent later.
-        const bool is_early = now < std::max(which.started(), which.disturbed_until()) + SLACK;
+        const bool comes_too_early = added.period == seconds(0) && is_early(which);
         for (const auto &[topic, value] : of(which).own_values) {
-            if (!value.empty() && matches(filter, world_.topics().name(topic)) &&
-                !(is_early && added.period == seconds(0))) {
+            if (!value.empty() && matches(filter, world_.topics().name(topic)) && !comes_too_early) {
                 added.owed[topic] = now;
             }
         }
@@ -311,6 +318,8 @@ private:
         value = message.payload;
         if (!value.empty()) {
             of(which).topics.insert(message.topic);
+        } else if (is_early(which)) {
+            of(which).are_topics_vague = true;
         }
         const std::string &topic = world_.topics().name(message.topic);
         for (subscription &each : of(which).served) {
@@ -383,7 +392,8 @@ private:
         const mqtt_connection *const session = which.broker().connection();
         const bool is_idle = session != nullptr && session->to_broker.empty() && session->to_client.empty() &&
                              session->arrived.empty();
-        if (!is_idle || now < std::max(which.started(), which.disturbed_until()) + PURGED_AFTER) {
+        if (!is_idle || card.are_topics_vague ||
+            now < std::max(which.started(), which.disturbed_until()) + PURGED_AFTER) {
             return;
         }
         size_t known = 0;
