@@ -311,7 +311,7 @@ private:
         const int64_t ended = which.wall_clock() / QUARTER_HOUR * QUARTER_HOUR;
         const nanoseconds boundary = now - seconds(which.wall_clock() - ended);
         if (now < boundary + SLACK || boundary < card.stepped + seconds(QUARTER_HOUR) + FIRST_TICK ||
-            boundary < std::max(which.started(), which.disturbed_until()) + FIRST_TICK + SLACK) {
+            boundary < which.unsettled_until() + FIRST_TICK + SLACK) {
             return;
         }
         for (size_t port = 0; port < PORTS; port++) {

@@ -201,8 +201,7 @@ private:
     bool is_reachable(const node &which, const waiting &open)
     {
         const auto is_sound = [&](const node &each) {
-            return each.daemon().is_alive() &&
-                   std::max(each.started(), each.disturbed_until()) + seconds(2) < open.since;
+            return each.daemon().is_alive() && each.unsettled_until() + seconds(2) < open.since;
         };
         return is_sound(which) && std::max(world_.fair_since(), joined_) < open.since &&
                std::ranges::all_of(open.request.targets, [&](size_t target) {

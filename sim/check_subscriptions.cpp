@@ -222,7 +222,7 @@ public:
             const std::vector<subscription> &served = of(each).served;
             const bool is_certain = std::ranges::all_of(
                 served, [&](const subscription &one) { return one.is_surely_alive(now); });
-            const bool is_settled = now > std::max(each.started(), each.disturbed_until()) + seconds(30);
+            const bool is_settled = now > each.unsettled_until() + seconds(30);
             if (each.daemon().is_alive() && is_certain && is_settled &&
                 each.daemon().count_descriptors() != DESCRIPTORS_AT_REST + served.size()) {
                 world_.fail("descriptors-go-with-their-subscriptions", i,
@@ -252,10 +252,7 @@ private:
     }
 
     // Its broker may have to tell the daemon something yet.
-    bool is_early(const node &which) const
-    {
-        return world_.clock().now() < std::max(which.started(), which.disturbed_until()) + SLACK;
-    }
+    bool is_early(const node &which) const { return world_.clock().now() < which.unsettled_until() + SLACK; }
 
     //
     // The node that serves
@@ -392,8 +389,7 @@ private:
         const mqtt_connection *const session = which.broker().connection();
         const bool is_idle = session != nullptr && session->to_broker.empty() && session->to_client.empty() &&
                              session->arrived.empty();
-        if (!is_idle || card.are_topics_vague ||
-            now < std::max(which.started(), which.disturbed_until()) + PURGED_AFTER) {
+        if (!is_idle || card.are_topics_vague || now < which.unsettled_until() + PURGED_AFTER) {
             return;
         }
         size_t known = 0;

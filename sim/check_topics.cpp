@@ -148,7 +148,7 @@ private:
 
     bool is_settled(const node &one, nanoseconds time) const
     {
-        return world_.clock().now() > std::max(one.started(), one.disturbed_until()) + time;
+        return world_.clock().now() > one.unsettled_until() + time;
     }
 
     // Whether b has had to hear of this item of a.

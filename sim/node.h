@@ -8,6 +8,7 @@
 #include "process.h"
 #include "random.h"
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
@@ -52,6 +53,8 @@ public:
     nanoseconds started() const { return started_; }
     // Until when its broker, its processor or its clients made it slower than it would be.
     nanoseconds disturbed_until() const { return disturbed_until_; }
+    // That, or until its daemon started.
+    nanoseconds unsettled_until() const { return std::max(started_, disturbed_until_); }
     void disturb_until(nanoseconds end);
     // When others have to know an item by, once they can hear it.
     nanoseconds due(item which) const { return due_[static_cast<size_t>(which)]; }
